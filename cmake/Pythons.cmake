@@ -1,0 +1,64 @@
+# Finds the interpreters to build for and their headers. One build tree serves them all: what includes Python.h is compiled
+# once for each, and everything else once. Sets SKIFFPORT_PYTHON_TAGS (such as "cpython-311-x86_64-linux-gnu") and, for
+# each tag, SKIFFPORT_PYTHON_<tag>_EXECUTABLE and _INCLUDE.
+if(NOT SKIFFPORT_PYTHONS)
+  # A python3.8 on the PATH may be a version manager's stand-in that does not run; then the manager's own folder is tried.
+  find_program(_python38 python3.8)
+  file(GLOB _managed $ENV{PYENV_ROOT}/versions/3.8.*/bin/python3.8 $ENV{HOME}/.pyenv/versions/3.8.*/bin/python3.8)
+  set(SKIFFPORT_PYTHONS /usr/bin/python3 ${_python38} ${_managed})
+  list(FILTER SKIFFPORT_PYTHONS EXCLUDE REGEX NOTFOUND)
+endif()
+
+set(SKIFFPORT_PYTHON_TAGS "")
+foreach(_python IN LISTS SKIFFPORT_PYTHONS)
+  execute_process(
+    COMMAND ${_python} -c "import sys, sysconfig; print(sys.executable, sysconfig.get_config_var('SOABI'), \
+sysconfig.get_path('include'), sys.version_info >= (3, 8), sep=';')"
+    OUTPUT_VARIABLE _found OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE _failed ERROR_QUIET)
+  if(_failed)
+    message(STATUS "Python: ${_python} does not run, left out")
+    continue()
+  endif()
+  list(GET _found 0 _executable)
+  list(GET _found 1 _tag)
+  list(GET _found 2 _include)
+  list(GET _found 3 _new_enough)
+  if(NOT _new_enough STREQUAL "True")
+    message(FATAL_ERROR "Python: ${_python} is older than 3.8")
+  endif()
+  if(NOT EXISTS ${_include}/Python.h)
+    message(STATUS "Python: ${_python} has no headers, left out")
+    continue()
+  endif()
+  if(NOT _tag IN_LIST SKIFFPORT_PYTHON_TAGS)
+    list(APPEND SKIFFPORT_PYTHON_TAGS ${_tag})
+    set(SKIFFPORT_PYTHON_${_tag}_EXECUTABLE ${_executable})
+    set(SKIFFPORT_PYTHON_${_tag}_INCLUDE ${_include})
+    message(STATUS "Python: ${_executable} (${_tag})")
+  endif()
+endforeach()
+set(_list "")
+foreach(_tag IN LISTS SKIFFPORT_PYTHON_TAGS)
+  string(APPEND _list "${SKIFFPORT_PYTHON_${_tag}_EXECUTABLE}\n")
+endforeach()
+file(WRITE ${PROJECT_BINARY_DIR}/pythons.txt "${_list}") # for the scripts, one a line
+if(NOT SKIFFPORT_PYTHON_TAGS)
+  message(FATAL_ERROR "Python: no interpreter with headers was found")
+endif()
+
+# add_python_library(<name> <tag> <sources>...): a static library of code that includes Python.h, named <name>_<tag>.
+function(add_python_library name tag)
+  add_library(${name}_${tag} STATIC ${ARGN})
+  target_include_directories(${name}_${tag} SYSTEM PUBLIC ${SKIFFPORT_PYTHON_${tag}_INCLUDE})
+  target_link_libraries(${name}_${tag} PUBLIC skiffport_options)
+endfunction()
+
+# add_python_module(<name> <tag> <folder> <sources>...): an extension module in that folder of the importable tree.
+function(add_python_module name tag folder)
+  set(_target ${name}_${tag})
+  add_library(${_target} MODULE ${ARGN})
+  target_include_directories(${_target} SYSTEM PRIVATE ${SKIFFPORT_PYTHON_${tag}_INCLUDE})
+  target_link_libraries(${_target} PRIVATE skiffport_options)
+  set_target_properties(${_target} PROPERTIES PREFIX "" OUTPUT_NAME ${name} SUFFIX ".${tag}.so"
+    LIBRARY_OUTPUT_DIRECTORY ${folder})
+endfunction()

@@ -1,0 +1,15 @@
+// What a fork does to the platform's own state. A forked child has the memory of the parent's threads but not the threads:
+// locks of the tables are held across the fork so that they come out usable, and objects remember the process that made
+// them.
+#pragma once
+
+#include <mutex>
+
+#include <sys/types.h>
+
+/// Locks the mutex before each later fork and unlocks it behind it, on both sides. The mutex must live as long as the
+/// process. Mutexes are locked in the order of their registration: a mutex that is taken inside another comes later.
+void HoldAcrossFork(std::mutex &mutex);
+
+/// The calling process, cheap enough for every call.
+pid_t CurrentProcess();

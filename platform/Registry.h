@@ -1,0 +1,18 @@
+// Reading the registry: a text file in the form that the native registry editor exports, at $SKIFFPORT_REGISTRY, else
+// /etc/skiffport/registry.reg; UTF-8, or UTF-16 with its mark. No file means no key. Read anew by each RegOpenKeyExW.
+#pragma once
+
+#include "platform/Types.h"
+
+using HKEY = void *;
+inline const HKEY HKEY_LOCAL_MACHINE = reinterpret_cast<HKEY>(static_cast<std::intptr_t>(0x80000002));
+constexpr DWORD KEY_QUERY_VALUE = 1;
+
+/// Opens a key by its path below a root; names compare without case. Returns: 0, or the error number (2: no such key).
+SKIFFPORT_PLATFORM_API LONG RegOpenKeyExW(HKEY hRoot, WCHAR const *wszPath, DWORD dwOptions, DWORD dwAccess,
+                                          HKEY *phKey);
+
+/// Reads a value of the key. Returns: 0, 2 (no such value), 234 (larger than `*pcbData`). Differs: dword values only.
+SKIFFPORT_PLATFORM_API LONG RegQueryValueExW(HKEY hKey, WCHAR const *wszName, DWORD *pReserved, DWORD *pdwType,
+                                             BYTE *pbData, DWORD *pcbData);
+SKIFFPORT_PLATFORM_API LONG RegCloseKey(HKEY hKey);

@@ -1,0 +1,12 @@
+// Opening a page in the user's browser.
+#pragma once
+
+#include "platform/Types.h"
+
+constexpr int SW_SHOWNORMAL = 1;
+
+/// Opens an absolute http or https address with xdg-open, by argument vector, never a shell. Does not wait for the
+/// browser. Returns: a value over 32 on success. Errors: 2 (no opener), 5 (an address that is not opened).
+/// Differs: "open" on a web address only; an address with a control character is refused.
+SKIFFPORT_PLATFORM_API void *ShellExecuteW(void *hWindow, WCHAR const *wszVerb, WCHAR const *wszFile,
+                                           WCHAR const *wszParameters, WCHAR const *wszDirectory, int nShow);

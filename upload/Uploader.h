@@ -1,0 +1,53 @@
+// One whole upload: connects, streams the body of a job, collects status and reply. Runs from start to end on the
+// calling thread, which in this system is the upload thread; reports through BackgroundUploadProgress and nowhere else.
+#pragma once
+
+#include "platform/WinInet.h"
+#include "upload/UploadJob.h"
+#include "upload/UploadProgress.h"
+
+class ProgressMeter;
+
+/// The outcome of an upload, written by the transfer.
+struct UploadResult {
+  HRESULT m_hr = 0;       ///< 0: sent whole and answered, whatever the HTTP status.
+  int m_nHttpStatus = -1; ///< Stays as it was unless a status was read.
+};
+
+/// The transfer stopped because IsCancelled said so.
+constexpr HRESULT UPLOAD_E_CANCELLED = static_cast<HRESULT>(0x80040301U);
+
+/// The calling thread's last error as an HRESULT: 0x8007xxxx, or unchanged if it is 0 or negative.
+HRESULT HResultFromLastError();
+
+class Uploader {
+public:
+  /// The three objects are borrowed and outlive the uploader.
+  Uploader(BackgroundUploadProgress *pProgress, UploadJob *pJob, UploadResult *pResult)
+      : m_pProgress(pProgress), m_pJob(pJob), m_pResult(pResult) {}
+  Uploader(Uploader const &) = delete;
+  Uploader &operator=(Uploader const &) = delete;
+  virtual ~Uploader() = default;
+
+  /// Runs the upload once. Returns: 0, UPLOAD_E_CANCELLED, or 0x8007xxxx for the platform call that failed; also stored
+  /// in the result. Nothing escapes; short memory is E_OUTOFMEMORY. No time limit of its own: those of the HTTP layer
+  /// hold.
+  virtual HRESULT Post();
+
+  std::string m_strReply; ///< The reply body as it came, each block up to its first zero byte.
+
+private:
+  HRESULT Transfer();
+  HRESULT SendBody(HINTERNET hRequest, std::string const &boundary, DWORD dwFilesTotal);
+  HRESULT SendFile(HINTERNET hRequest, std::string const &boundary, UploadFile const &file, DWORD &dwAllSent,
+                   DWORD dwFilesTotal);
+  HRESULT SendChunks(HINTERNET hRequest, UploadFile const &file, HANDLE hFile, DWORD &dwAllSent, DWORD dwFilesTotal);
+  void Report(UploadFile const &file, struct ProgressReport const &report);
+  void ReadReply(HINTERNET hRequest);
+  static void StatusCallback(HINTERNET hInternet, DWORD_PTR dwContext, DWORD dwStatus, void *pInformation,
+                             DWORD dwLength);
+
+  BackgroundUploadProgress *m_pProgress;
+  UploadJob *m_pJob;
+  UploadResult *m_pResult;
+};

@@ -1,0 +1,81 @@
+// Address discovery: asks the detection host for the address document, and falls back to the staging host. Runs on the
+// caller's thread and touches no Python object but in InitKHServerURL.
+#include "service/KHLoginData.h"
+
+#include "service/ReachabilityProbe.h"
+#include "service/ServiceExchange.h"
+#include "service/ServiceHosts.h"
+#include "shell/ScopedGILRelease.h"
+#include "shell/Trace.h"
+
+#include <new>
+
+/// An element of the address document and what becomes of it; a null text is no trace.
+struct DiscoveryElement {
+  WCHAR const *wszPath;
+  CString KHLoginData::*pMember;
+  WCHAR const *wszStored;
+  WCHAR const *wszQueryFailed;
+
+  static DiscoveryElement const kElements[6];
+};
+
+DiscoveryElement const DiscoveryElement::kElements[6] = {
+    {L"INFO/APIUrl", &KHLoginData::m_strKHServerUrl, nullptr, nullptr},
+    {L"INFO/AdjustmentPreset", &KHLoginData::m_strPresetDownloadURL, nullptr, nullptr},
+    {L"INFO/SignUp", &KHLoginData::m_strSignUpURL, L"TWR SignUp = %s",
+     L"Update KHInfo fail: Can not parse SignUp from xml."},
+    {L"INFO/ForgetPassword", &KHLoginData::m_strForgetPasswordURL, L"TWR ForgetPassword = %s",
+     L"Update KHInfo fail: Can not parse ForgetPassword from xml."},
+    {L"INFO/VideoGallery", &KHLoginData::m_strVideoGalleryURLLogout, L"TWR VideoGalleryURL_logout = %s",
+     L"Update KHInfo fail: Can not parse VideoGallery from xml."},
+    {L"INFO/Tutorial", &KHLoginData::m_strTutorialURL, L"TWR Tutorial = %s",
+     L"Update KHInfo fail: Can not parse Tutorial from xml."},
+};
+
+void KHLoginData::InitKHServerURL() {
+  ScopedGILRelease const release;
+  try {
+    EnsureKHServerURL();
+  } catch (std::bad_alloc const &) {
+    // the host stays empty; the next operation tries again
+  }
+}
+
+void KHLoginData::EnsureKHServerURL() {
+  if (!m_strKHServerUrl.IsEmpty())
+    return;
+  UpdateKHURLFromServer();
+  TraceMsgW(L"Get KH server URL from server. URL = %s", m_strKHServerUrl.GetString());
+  if (m_strKHServerUrl.IsEmpty()) {
+    m_strKHServerUrl = CString(StagingServiceHost);
+    TraceMsgW(L"Use static URL as KH server URL.");
+  }
+}
+
+void KHLoginData::UpdateKHURLFromServer() {
+  if (!CheckServerReachable(DetectionProbeUrl))
+    return;
+  CString strObject(L"khserver.jsp?ap=tintwright&version=");
+  strObject += m_strProdVersion;
+  if (!m_strVersionType.IsEmpty()) {
+    strObject += L"&versionType=";
+    strObject += m_strVersionType;
+  }
+  ExchangeResult const result = RunExchange(RequestKind::AddressDetection, DetectionHost, strObject);
+  if (result.outcome != ExchangeResult::Replied)
+    return;
+  CComPtr<IXMLDOMDocument> const pDocument = LoadReply(result.strReply);
+  for (DiscoveryElement const &element : DiscoveryElement::kElements) {
+    ElementState const state = ReadElement(pDocument, element.wszPath, this->*element.pMember);
+    if (state == ElementState::QueryFailed && element.wszQueryFailed)
+      TraceMsgW(element.wszQueryFailed);
+    if (state == ElementState::Found && element.wszStored)
+      TraceMsgW(element.wszStored, (this->*element.pMember).GetString());
+  }
+}
+
+BOOL KHLoginData::CheckServerReachable(char const *szUrl) {
+  ReachabilityProbe probe = {m_hInternet, m_hConnect, m_bServerReachable, m_szChkServerUrl};
+  return probe.CheckServerReachable(szUrl);
+}

@@ -1,0 +1,46 @@
+// The address of a shared effect by its GUID. The interpreter lock is held throughout.
+#include "service/KHLoginData.h"
+
+#include "service/ServiceExchange.h"
+#include "service/UrlText.h"
+
+#include <new>
+
+namespace {
+
+// Keeps the text of the last pipURL below a PIP element.
+void ParseEffectPIP(IXMLDOMNode *pNode, CString &strPipURL) {
+  ForEachChild(pNode, L"pipURL", [&strPipURL](IXMLDOMNode *pChild) {
+    CComBSTR bstrText;
+    if (SUCCEEDED(pChild->get_text(&bstrText)))
+      strPipURL = CString(static_cast<WCHAR const *>(bstrText));
+  });
+}
+
+} // namespace
+
+PyObject *KHLoginData::GetEffectByGUID(WCHAR const *wszPresetGUID) {
+  if (!wszPresetGUID)
+    return NewText(L" ");
+  try {
+    return NewText(DecodeURLText(FindEffect(wszPresetGUID)));
+  } catch (std::bad_alloc const &) {
+    return NewText(CString()); // as after a failed exchange
+  }
+}
+
+CString KHLoginData::FindEffect(WCHAR const *wszPresetGUID) {
+  CString const strToken = CopyLoginTokenID();
+  EnsureKHServerURL();
+  CString strObject(L"/servlet/GetEffectByGUIDForTWR?token=");
+  strObject += strToken;
+  strObject += L"&guid=";
+  strObject += wszPresetGUID;
+  CString strPipURL;
+  ExchangeResult const result = RunExchange(RequestKind::EffectByGuid, m_strKHServerUrl, strObject);
+  if (result.outcome != ExchangeResult::Replied)
+    return strPipURL;
+  CComPtr<IXMLDOMDocument> const pDocument = LoadReply(result.strReply);
+  ForEachChild(pDocument, L"PIP", [&strPipURL](IXMLDOMNode *pNode) { ParseEffectPIP(pNode, strPipURL); });
+  return strPipURL;
+}

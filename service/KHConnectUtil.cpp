@@ -1,0 +1,85 @@
+// See KHConnectUtil.h.
+#include "service/KHConnectUtil.h"
+
+#include "platform/LastError.h"
+#include "service/ServiceExchange.h"
+#include "shell/ScopedGILRelease.h"
+#include "shell/Trace.h"
+
+#include <cstring>
+#include <new>
+
+namespace {
+
+constexpr DWORD kTimeout = 5000; // ms to connect, and without progress while sending
+constexpr UINT kErrorSize = 80;  // wide characters, terminator included
+
+// Sets a key to a value whose reference it takes over; null, when Python has no memory, leaves the key out.
+void SetKey(PyObject *pDict, char const *szKey, PyObject *pValue) {
+  if (!pValue || PyDict_SetItemString(pDict, szKey, pValue) != 0)
+    PyErr_Clear();
+  Py_XDECREF(pValue);
+}
+
+// Connects and sends without the interpreter lock.
+BOOL SendReleased(ServiceExchange &exchange, WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm) {
+  ScopedGILRelease const release;
+  return exchange.Send(wszHost, wszObject, szForm);
+}
+
+// The exchange behind the argument tests. `szForm` null: no headers and no body. `bSucc` is what SendRequest returned.
+void Request(PyObject *pDict, BOOL &bSucc, WCHAR const *wszHost, int nPort, WCHAR const *wszObject,
+             char const *szForm) {
+  RequestKind const kind =
+      nPort == INTERNET_DEFAULT_HTTPS_PORT ? RequestKind::BlockingRequestSecure : RequestKind::BlockingRequestPlain;
+  ServiceExchange exchange(VariantOf(kind));
+  exchange.SetTimeouts(kTimeout, kTimeout);
+  if (nPort != INTERNET_DEFAULT_HTTPS_PORT && nPort != INTERNET_DEFAULT_HTTP_PORT)
+    return;
+  bSucc = SendReleased(exchange, wszHost, wszObject, szForm);
+  if (!bSucc)
+    TraceMsgW(L"Send request fail: Get <false response> when send request to %s", wszHost);
+  std::string const strReply = exchange.ReadReply();
+  SetKey(pDict, "data",
+         PyUnicode_DecodeUTF8(strReply.c_str(), static_cast<Py_ssize_t>(std::strlen(strReply.c_str())), "replace"));
+}
+
+PyObject *GuardedRequest(WCHAR const *wszHost, int nPort, WCHAR const *wszPath, WCHAR const *wszQuery,
+                         WCHAR const *wszForm) {
+  PyObject *const pDict = PyDict_New(); // new
+  if (!pDict || !wszHost || !wszPath || (!wszQuery && !wszForm))
+    return pDict;
+  BOOL bSucc = FALSE;
+  try {
+    CString strObject(wszPath);
+    if (wszQuery && *wszQuery) {
+      strObject += L"?";
+      strObject += wszQuery;
+    }
+    CW2A const form(wszForm);
+    Request(pDict, bSucc, wszHost, nPort, strObject, wszForm ? form.m_psz : nullptr);
+  } catch (CInternetException *pException) {
+    WCHAR wszError[kErrorSize] = {};
+    pException->GetErrorMessage(wszError, kErrorSize);
+    pException->Delete();
+    SetKey(pDict, "errMsg", Py_BuildValue("u", wszError));
+  } catch (std::bad_alloc const &) {
+    // as a request that could not be sent, or a reply that was not read
+  }
+  SetKey(pDict, "bSucc", Py_BuildValue("b", bSucc));
+  return pDict;
+}
+
+} // namespace
+
+KHConnectUtil::KHConnectUtil() { TraceInit("KHConnectUtil"); }
+
+PyObject *KHConnectUtil::SyncSendHttpRequest(WCHAR const *wszHost, int nPort, WCHAR const *wszPath,
+                                             WCHAR const *wszParam, WCHAR const *) {
+  return GuardedRequest(wszHost, nPort, wszPath, wszParam, nullptr);
+}
+
+PyObject *KHConnectUtil::SyncSendHttpRequestParam(WCHAR const *wszHost, int nPort, WCHAR const *wszPath,
+                                                  WCHAR const *wszParam) {
+  return GuardedRequest(wszHost, nPort, wszPath, nullptr, wszParam);
+}

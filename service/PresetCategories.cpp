@@ -1,0 +1,88 @@
+// The list of preset categories: fetched by location, merged into the session's cache, handed out whole. The
+// interpreter lock is held throughout and keeps the cache's users apart.
+#include "service/KHLoginData.h"
+
+#include "platform/Text.h"
+#include "service/ServiceExchange.h"
+
+#include <new>
+
+namespace {
+
+// Copies one entry. Returns: false, with no Python error, for an empty id or name and when Python has no memory.
+bool AddEntry(PyObject *pDict, std::wstring const &strId, std::wstring const &strName) {
+  if (strId.empty() || strName.empty())
+    return false;
+  PyObject *const pKey = PyUnicode_FromWideChar(strId.c_str(), static_cast<Py_ssize_t>(strId.size()));       // new
+  PyObject *const pValue = PyUnicode_FromWideChar(strName.c_str(), static_cast<Py_ssize_t>(strName.size())); // new
+  bool const bAdded = pKey && pValue && PyDict_SetItem(pDict, pKey, pValue) == 0;
+  Py_XDECREF(pKey);
+  Py_XDECREF(pValue);
+  if (!bAdded)
+    PyErr_Clear();
+  return bAdded;
+}
+
+} // namespace
+
+PyObject *KHLoginData::GetPresetCategory(WCHAR const *wszLocationID) {
+  PyObject *const pDict = PyDict_New(); // new
+  if (!pDict) {
+    PyErr_Clear();
+    Py_RETURN_NONE;
+  }
+  try {
+    FetchCategories(wszLocationID);
+  } catch (std::bad_alloc const &) {
+    // the cache holds what was merged so far
+  }
+  // An entry that can't be copied ends the copy there.
+  for (auto const &[strId, strName] : m_mapCategory)
+    if (!AddEntry(pDict, strId, strName))
+      break;
+  return pDict;
+}
+
+void KHLoginData::FetchCategories(WCHAR const *wszLocationID) {
+  EnsureKHServerURL();
+  CString strObject(L"/servlet/getPresetCategory?ap=TWR&Locid=");
+  strObject += wszLocationID ? wszLocationID : L"(null)"; // as the formatter prints a null string
+  strObject += L"&version=";
+  strObject += m_strProdVersion;
+  ExchangeResult const result = RunExchange(RequestKind::PresetCategories, m_strKHServerUrl, strObject);
+  if (result.outcome != ExchangeResult::Replied)
+    return;
+  CComPtr<IXMLDOMDocument> const pDocument = LoadReply(result.strReply);
+  ForEachChild(pDocument, L"categories", [this](IXMLDOMNode *pNode) { ParseCategories(pNode); });
+}
+
+void KHLoginData::ParseCategories(IXMLDOMNode *pNode) {
+  ForEachChild(pNode, L"category", [this](IXMLDOMNode *pChild) { ParseCategory(pChild); });
+}
+
+void KHLoginData::ParseCategory(IXMLDOMNode *pNode) {
+  CComVariant id;
+  CComPtr<IXMLDOMNamedNodeMap> pAttributes;
+  CComPtr<IXMLDOMNode> pItem;
+  if (SUCCEEDED(pNode->get_attributes(&pAttributes)) && pAttributes &&
+      SUCCEEDED(pAttributes->getNamedItem(CComBSTR(L"categoryid"), &pItem)) && pItem)
+    pItem->get_nodeValue(&id);
+  CComBSTR bstrText;
+  if (FAILED(pNode->get_text(&bstrText)) || !bstrText)
+    return;
+  if (id.vt == VT_BSTR && id.bstrVal && *id.bstrVal)
+    m_mapCategory.SetAt(id.bstrVal, bstrText);
+}
+
+int KHLoginData::GetCategoryCount() { return static_cast<int>(m_mapCategory.GetCount()); }
+
+// The number is the category's id, not its place in the list.
+BOOL KHLoginData::GetCategroyName(int nCategroyIndex, CString &strCategroy) {
+  WCHAR wszKey[16] = {};
+  _snwprintf_s(wszKey, sizeof wszKey / sizeof *wszKey, _TRUNCATE, L"%d", nCategroyIndex);
+  try {
+    return m_mapCategory.Lookup(wszKey, strCategroy);
+  } catch (std::bad_alloc const &) {
+    return FALSE;
+  }
+}

@@ -1,0 +1,79 @@
+// Tells the service of a video under the member's token: one exchange obtains a video id, a second hands over the video
+// and receives an address. The interpreter lock is held throughout.
+#include "service/KHLoginData.h"
+
+#include "service/ServiceExchange.h"
+#include "shell/Trace.h"
+
+#include <new>
+
+namespace {
+
+constexpr WCHAR kServlet[] = L"/servlet/setRelateVideo";
+
+struct Pair {
+  WCHAR const *wszKey;
+  WCHAR const *wszValue;
+};
+
+CString &Append(CString &strObject, std::initializer_list<Pair> pairs) {
+  for (Pair const &pair : pairs) {
+    strObject += pair.wszKey;
+    strObject += pair.wszValue;
+  }
+  return strObject;
+}
+
+} // namespace
+
+PyObject *KHLoginData::SetRelateVideo(WCHAR const *wszVideoURL, WCHAR const *wszWebsite, WCHAR const *wszVideoInfo) {
+  if (!wszVideoURL || !wszWebsite || !wszVideoInfo) {
+    TraceMsgW(L"SetRelateVideo wszVideoURL|wszWebsite|wszVideoInfo fail");
+    return NewText(L" ");
+  }
+  try {
+    CString const strToken = CopyLoginTokenID();
+    if (strToken.IsEmpty()) {
+      TraceMsgW(L"SetRelateVideo GetTokenID fail");
+      return NewText(L" ");
+    }
+    CString strVideoID;
+    GetVideoID(strVideoID);
+    if (strVideoID.IsEmpty()) {
+      TraceMsgW(L"SetRelateVideo GetVideoID fail");
+      return NewText(L" ");
+    }
+    EnsureKHServerURL();
+    CString strObject(kServlet);
+    Append(strObject, {{L"?tokenid=", strToken},
+                       {L"&videoID=", strVideoID},
+                       {L"&videoURL=", wszVideoURL},
+                       {L"&website=", wszWebsite},
+                       {L"&AP=TWR&Version=", m_strProdVersion},
+                       {L"&versionType=", m_strVersionType},
+                       {L"&uuid=", m_strUUID},
+                       {L"&", wszVideoInfo}});
+    ExchangeResult const result = RunExchange(RequestKind::RelatedVideo, m_strKHServerUrl, strObject);
+    if (result.outcome == ExchangeResult::Replied && result.strReply.empty())
+      return nullptr; // no Python error: the interpreter raises its own SystemError
+    CString strAnswer(L" ");
+    if (result.outcome == ExchangeResult::Replied)
+      ReadElement(LoadReply(result.strReply), L"info/videoUrl", strAnswer);
+    return NewText(strAnswer);
+  } catch (std::bad_alloc const &) {
+    return NewText(L" ");
+  }
+}
+
+void KHLoginData::GetVideoID(CString &strVideoID) {
+  CString const strToken = CopyLoginTokenID();
+  EnsureKHServerURL();
+  CString strObject(kServlet);
+  Append(strObject, {{L"?tokenid=", strToken},
+                     {L"&AP=TWR&Version=", m_strProdVersion},
+                     {L"&versionType=", m_strVersionType},
+                     {L"&uuid=", m_strUUID}});
+  ExchangeResult const result = RunExchange(RequestKind::VideoId, m_strKHServerUrl, strObject);
+  if (result.outcome == ExchangeResult::Replied && !result.strReply.empty())
+    ReadElement(LoadReply(result.strReply), L"info/videoId", strVideoID);
+}

@@ -1,0 +1,160 @@
+// See ServiceExchange.h.
+#include "service/ServiceExchange.h"
+
+#include "platform/LastError.h"
+#include "platform/Text.h"
+#include "shell/Trace.h"
+
+#include <algorithm>
+#include <cstring>
+#include <cwchar>
+#include <cwctype>
+#include <new>
+
+namespace {
+
+constexpr DWORD kSecureFlags = INTERNET_FLAG_SECURE | INTERNET_FLAG_IGNORE_CERT_DATE_INVALID |
+                               INTERNET_FLAG_IGNORE_CERT_CN_INVALID | INTERNET_FLAG_RESYNCHRONIZE;
+constexpr DWORD kSecurityOption =
+    SECURITY_FLAG_IGNORE_CERT_DATE_INVALID | SECURITY_FLAG_IGNORE_CERT_CN_INVALID | SECURITY_FLAG_IGNORE_REVOCATION;
+constexpr int POST = CHttpConnection::HTTP_VERB_POST;
+constexpr int GET = CHttpConnection::HTTP_VERB_GET;
+constexpr std::size_t kReadBlock = 0x10000; // bytes; a declared length costs no memory before its bytes are there
+
+// clang-format off
+constexpr ExchangeVariant kVariants[] = {
+    // kind                            operation                agent    verb  port flags                           option form   reply size                 limit
+    {RequestKind::AddressDetection,    L"UpdateKHURLFromServer", nullptr, GET,  443, INTERNET_FLAG_EXISTING_CONNECT, false, false, ReplySize::ContentLength, 0},
+    {RequestKind::Login,               L"LoginKestrelhub",       L"",     POST, 443, kSecureFlags,                   true,  true,  ReplySize::ContentLength, 0},
+    {RequestKind::PresetCategories,    L"GetPresetCategory",     nullptr, POST, 80,  INTERNET_FLAG_EXISTING_CONNECT, false, false, ReplySize::Available,     254},
+    {RequestKind::EffectByGuid,        L"GetEffectByGUID",       nullptr, POST, 80,  INTERNET_FLAG_EXISTING_CONNECT, false, false, ReplySize::Available,     254},
+    {RequestKind::VideoId,             L"GetVideoID",            nullptr, POST, 80,  INTERNET_FLAG_RELOAD,           false, false, ReplySize::AvailableLoop, 254},
+    {RequestKind::RelatedVideo,        L"SetRelateVideo",        nullptr, POST, 80,  INTERNET_FLAG_EXISTING_CONNECT, false, false, ReplySize::AvailableLoop, 2047},
+    {RequestKind::BlockingRequestSecure, L"SyncSendHttpRequest", L"",     POST, 443, kSecureFlags,                   true,  true,  ReplySize::ContentLength, 0},
+    {RequestKind::BlockingRequestPlain,  L"SyncSendHttpRequest", L"",     POST, 80,  INTERNET_FLAG_EXISTING_CONNECT, false, true,  ReplySize::ContentLength, 0},
+};
+// clang-format on
+
+constexpr bool RowsAreInOrder() {
+  std::size_t i = 0;
+  for (ExchangeVariant const &variant : kVariants)
+    if (variant.kind != static_cast<RequestKind>(i++))
+      return false;
+  return true;
+}
+static_assert(RowsAreInOrder(), "a kind is the index of its row");
+
+bool IsTestHost(CString const &strHost) { return strHost.Find(L"demo") >= 0 || strHost.Find(L"stage") >= 0; }
+
+// Traces and frees the exception. Returns: its number.
+DWORD Dispose(CInternetException *pException, WCHAR const *wszOperation) {
+  DWORD const dwError = pException->m_dwError;
+  pException->Delete();
+  TraceMsgW(L"[%s] Internet Exception! Error code: %d", wszOperation, dwError);
+  return dwError;
+}
+
+} // namespace
+
+WCHAR const kFormHeaders[] = L"User-Agent: Tintwright\nContent-Type: application/x-www-form-urlencoded";
+
+ExchangeVariant const &VariantOf(RequestKind kind) { return kVariants[static_cast<std::size_t>(kind)]; }
+
+ServiceExchange::ServiceExchange(ExchangeVariant const &variant)
+    : m_variant(variant), m_session(variant.wszAgent, 1, INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0) {}
+
+void ServiceExchange::SetTimeouts(DWORD dwConnect, DWORD dwSend) {
+  m_session.SetOption(INTERNET_OPTION_CONNECT_TIMEOUT, dwConnect);
+  m_session.SetOption(INTERNET_OPTION_SEND_TIMEOUT, dwSend);
+}
+
+BOOL ServiceExchange::Send(WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm) {
+  if (m_variant.cchMostObject && std::wcslen(wszObject) > m_variant.cchMostObject)
+    throw new CInternetException(ERROR_INTERNET_INVALID_URL);
+  m_pConnection.reset(m_session.GetHttpConnection(wszHost, m_variant.nPort, nullptr, nullptr));
+  m_pFile.reset(
+      m_pConnection->OpenRequest(m_variant.nVerb, wszObject, nullptr, 1, nullptr, nullptr, m_variant.dwFlags));
+  if (m_variant.bSecurityOption && IsTestHost(wszHost)) {
+    DWORD dwFlags = kSecurityOption;
+    m_pFile->SetOption(INTERNET_OPTION_SECURITY_FLAGS, &dwFlags, sizeof dwFlags);
+  }
+  if (!m_variant.bForm || !szForm)
+    return m_pFile->SendRequest();
+  return m_pFile->SendRequest(kFormHeaders, static_cast<DWORD>(std::wcslen(kFormHeaders)), szForm,
+                              static_cast<DWORD>(std::strlen(szForm)));
+}
+
+std::string ServiceExchange::ReadReply() {
+  if (m_variant.replySize == ReplySize::ContentLength) {
+    CString strLength;
+    m_pFile->QueryInfo(HTTP_QUERY_CONTENT_LENGTH, strLength);
+    int const nLength = _wtoi(strLength);
+    return ReadUpTo(nLength > 0 ? static_cast<std::size_t>(nLength) : 0); // a negative length is no body
+  }
+  if (m_variant.replySize == ReplySize::Available)
+    return ReadUpTo(static_cast<DWORD>(m_pFile->GetLength()));
+  std::string strReply;
+  while (DWORD const dwAvailable = static_cast<DWORD>(m_pFile->GetLength()))
+    strReply += ReadUpTo(dwAvailable).c_str();
+  return strReply;
+}
+
+// What one read of `cb` bytes gives, taken in blocks.
+std::string ServiceExchange::ReadUpTo(std::size_t cb) {
+  std::string strRead;
+  while (strRead.size() < cb) {
+    std::size_t const at = strRead.size();
+    std::size_t const block = std::min(cb - at, kReadBlock);
+    strRead.resize(at + block);
+    UINT const uRead = m_pFile->Read(strRead.data() + at, static_cast<UINT>(block));
+    strRead.resize(at + uRead);
+    if (uRead < block)
+      break;
+  }
+  return strRead;
+}
+
+ExchangeResult RunExchange(RequestKind kind, WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm) {
+  try {
+    ServiceExchange exchange(VariantOf(kind));
+    if (!exchange.Send(wszHost, wszObject, szForm))
+      return {ExchangeResult::SendRefused, 0, {}};
+    return {ExchangeResult::Replied, 0, exchange.ReadReply()};
+  } catch (CInternetException *pException) {
+    return {ExchangeResult::Exception, Dispose(pException, VariantOf(kind).wszOperation), {}};
+  } catch (std::bad_alloc const &) {
+    return {ExchangeResult::OutOfMemory, 0, {}};
+  }
+}
+
+CComPtr<IXMLDOMDocument> LoadReply(std::string const &strReply) {
+  CComPtr<IXMLDOMDocument> pDocument;
+  if (SUCCEEDED(CoCreateInstance(CLSID_DOMDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
+                                 reinterpret_cast<void **>(&pDocument))))
+    pDocument->loadXML(CComBSTR(CString(strReply.c_str())), nullptr);
+  return pDocument;
+}
+
+ElementState ReadElement(IXMLDOMDocument *pDocument, WCHAR const *wszPath, CString &strText) {
+  if (!pDocument)
+    return ElementState::Missing;
+  CComPtr<IXMLDOMNode> pNode;
+  if (FAILED(pDocument->selectSingleNode(CComBSTR(wszPath), &pNode)))
+    return ElementState::QueryFailed;
+  CComBSTR bstrText;
+  if (!pNode || FAILED(pNode->get_text(&bstrText)))
+    return ElementState::Missing;
+  strText = CString(static_cast<WCHAR const *>(bstrText));
+  return ElementState::Found;
+}
+
+bool NodeNameIs(IXMLDOMNode *pNode, WCHAR const *wszName) {
+  DOMNodeType type = NODE_COMMENT;
+  CComBSTR bstrName;
+  if (FAILED(pNode->get_nodeType(&type)) || type == NODE_COMMENT || FAILED(pNode->get_nodeName(&bstrName)) || !bstrName)
+    return false;
+  std::size_t const cch = std::wcslen(wszName);
+  return std::wcslen(bstrName) == cch &&
+         std::equal(wszName, wszName + cch, static_cast<WCHAR *>(bstrName),
+                    [](WCHAR a, WCHAR b) { return std::towlower(a) == std::towlower(b); });
+}

@@ -1,0 +1,140 @@
+// The module's face: the flat functions of the three classes, declared in the order of their table. Parameter names and types
+// are the documentation strings and the texts of type errors. CString, HINTERNET and _MAX_PATH stay undeclared here, so
+// that they come out as opaque wrapped types and as the symbolic name.
+%module Skiffport
+%feature("autodoc", "1");
+
+%{
+#include "publish/PyPresetUploader.h"
+#include "service/KHConnectUtil.h"
+#include "service/KHLoginData.h"
+
+#include <map>
+#include <new>
+%}
+
+// Wide arguments: a str becomes a zeroed array of its own for the length of the call. The library's fragment of this name
+// would throw when memory is short; this one reports it.
+%fragment("SWIG_AsWCharPtrAndSize", "header", fragment="<wchar.h>", fragment="SWIG_pwchar_descriptor") {
+SWIGINTERN int SWIG_AsWCharPtrAndSize(PyObject *obj, wchar_t **cptr, size_t *psize, int *alloc) {
+  if (PyUnicode_Check(obj)) {
+    Py_ssize_t len = PyUnicode_GetLength(obj);
+    if (psize)
+      *psize = (size_t)len + 1;
+    if (cptr) {
+      wchar_t *text = new (std::nothrow) wchar_t[len + 1]();
+      if (!text)
+        return SWIG_MemoryError;
+      if (PyUnicode_AsWideChar(obj, text, len) == -1) {
+        delete[] text;
+        PyErr_Clear();
+        return SWIG_TypeError;
+      }
+      *cptr = text;
+      if (alloc)
+        *alloc = SWIG_NEWOBJ;
+    }
+    return SWIG_OK;
+  }
+  swig_type_info *descriptor = SWIG_pwchar_descriptor();
+  void *pointer = 0;
+  if (descriptor && SWIG_ConvertPtr(obj, &pointer, descriptor, 0) == SWIG_OK) {
+    if (cptr)
+      *cptr = (wchar_t *)pointer;
+    if (psize)
+      *psize = pointer ? wcslen((wchar_t *)pointer) + 1 : 0;
+    if (alloc)
+      *alloc = SWIG_OLDOBJ;
+    return SWIG_OK;
+  }
+  return SWIG_TypeError;
+}
+}
+%include <cwstring.i>
+
+// No operation has a test for a null object.
+%typemap(in, noblock=1) SWIGTYPE *self (void *argp = 0, int res = 0) {
+  res = SWIG_ConvertPtr($input, &argp, $descriptor, $disown | 0);
+  if (!SWIG_IsOK(res)) {
+    %argument_fail(res, "$type", $symname, $argnum);
+  }
+  if (!argp) {
+    %argument_nullref("$type", $symname, $argnum);
+  }
+  $1 = %reinterpret_cast(argp, $ltype);
+}
+
+%define MAKES_OR_REPORTS(Class)
+%exception Class::Class {
+  try {
+    $action
+  } catch (std::bad_alloc const &) {
+    SWIG_exception_fail(SWIG_MemoryError, "out of memory");
+  }
+}
+%enddef
+MAKES_OR_REPORTS(KHLoginData)
+MAKES_OR_REPORTS(KHConnectUtil)
+MAKES_OR_REPORTS(PyPresetUploader)
+
+typedef wchar_t WCHAR;
+typedef int BOOL;
+typedef unsigned int UINT;
+
+class KHLoginData {
+public:
+  KHLoginData(WCHAR const *wszProdVersion, WCHAR const *wszVersionType, WCHAR const *wszUUID);
+  ~KHLoginData();
+  UINT LoginKestrelhub(WCHAR const *wszUserName, WCHAR const *wszPassword);
+  void LogoutKestrelhub();
+  void InitKHServerURL();
+  void SetKHURLAsReg(WCHAR *wszKHURL);
+  PyObject *GetRevisionAPI();
+  PyObject *GetUserName();
+  PyObject *GetUserProfileURL();
+  PyObject *GetVideoGalleryURL();
+  PyObject *GetServerUrl();
+  PyObject *GetLoginTokenID();
+  PyObject *GetSignUpURL();
+  PyObject *GetForgetPasswordURL();
+  PyObject *GetTutorialURL();
+  PyObject *GetPresetCategory(WCHAR const *wszLocationID);
+  BOOL GetCategroyName(int nCategroyIndex, CString &strCategroy);
+  int GetCategoryCount();
+  PyObject *SetRelateVideo(WCHAR const *wszVideoURL, WCHAR const *wszWebsite, WCHAR const *wszVideoInfo);
+  PyObject *GetPresetDownloadURL();
+  PyObject *GetEffectByGUID(WCHAR const *wszPresetGUID);
+  HINTERNET m_hInternet;
+  HINTERNET m_hConnect;
+  HINTERNET m_hRequest;
+  BOOL m_bServerReachable;
+  char m_szChkServerUrl[_MAX_PATH];
+};
+
+class KHConnectUtil {
+public:
+  KHConnectUtil();
+  ~KHConnectUtil();
+  PyObject *SyncSendHttpRequest(WCHAR const *wszHost, int nPort, WCHAR const *wszPath, WCHAR const *wszParam,
+                                WCHAR const *wszHeader);
+  PyObject *SyncSendHttpRequestParam(WCHAR const *wszHost, int nPort, WCHAR const *wszPath, WCHAR const *wszParam);
+};
+
+class PyPresetUploader {
+public:
+  PyPresetUploader(wchar_t const *szKHServerUrl, wchar_t const *szKHLoginTokenID, wchar_t const *szProdVersion,
+                   wchar_t const *szVersionType, wchar_t const *szUUID);
+  ~PyPresetUploader();
+  BOOL SetCallback(PyObject *callback);
+  UINT StartUpload(wchar_t const *szEffectFilePath, wchar_t const *szEffectCoverFilePathAfter,
+                   wchar_t const *szEffectCoverFilePathBefore, wchar_t const *szEffectThumbnailAfter,
+                   wchar_t const *szEffectThumbnailBefore, wchar_t const *szEffectCurveRGBImg,
+                   wchar_t const *szEffectCurveRImg, wchar_t const *szEffectCurveGImg,
+                   wchar_t const *szEffectCurveBImg, wchar_t const *szEffectLvRGBImg, wchar_t const *szEffectLvRImg,
+                   wchar_t const *szEffectLvGImg, wchar_t const *szEffectLvBImg, wchar_t const *szTemplateKey,
+                   wchar_t const *szTitle, wchar_t const *szCategory, wchar_t const *szTags,
+                   wchar_t const *szDescription, wchar_t const *szCollections, wchar_t const *szPIPtype, int nKHID);
+  void CancelUpload();
+  PyObject *GetUploadedFileUrl();
+  std::map<unsigned int, int> m_mapTID2KHID;
+};

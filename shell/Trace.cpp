@@ -1,0 +1,144 @@
+// The trace's state and its two roads. Runs on any thread: the switches are atomic, everything else is behind one
+// mutex, and the text is formatted into buffers of the call.
+#include "shell/Trace.h"
+
+#include "platform/CodePages.h"
+#include "platform/Debug.h"
+#include "platform/Registry.h"
+#include "platform/Text.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstring>
+#include <mutex>
+
+namespace {
+
+using EventRegisterFunction = ULONG (*)(GUID const *, void *, void *, REGHANDLE *);
+using EventWriteStringFunction = ULONG (*)(REGHANDLE, BYTE, std::uint64_t, WCHAR const *);
+using EventUnregisterFunction = ULONG (*)(REGHANDLE);
+
+constexpr std::size_t kTextSize = 1024;
+constexpr std::size_t kPrefixSize = 64;
+constexpr std::size_t kLineSize = kPrefixSize + kTextSize + 1;
+constexpr BYTE kEventLevel = 5; // verbose
+constexpr GUID kProvider = {0x9AD3F8FA, 0xB0D3, 0x45A2, {0x8E, 0x95, 0x5D, 0x18, 0x99, 0xE0, 0xAD, 0x05}};
+constexpr WCHAR kRegistryPath[] = L"SoftWare\\Quillon\\Tintwright";
+
+constinit std::atomic<bool> g_bDump = false;
+constinit std::atomic<bool> g_bEtw = false;
+
+// Everything below is behind g_mutex.
+constinit std::mutex g_mutex;
+constinit char g_szPrefix[kPrefixSize] = {};
+constinit WCHAR g_wszPrefix[kPrefixSize] = {};
+constinit REGHANDLE g_hProvider = 0;
+constinit HMODULE g_hLibrary = nullptr;
+constinit EventWriteStringFunction g_pfnWriteString = nullptr;
+constinit EventRegisterFunction g_pfnRegister = nullptr;
+constinit EventUnregisterFunction g_pfnUnregister = nullptr;
+
+// Ends the provider at unload. A thread that still traces afterwards finds the road closed.
+struct ProviderCleanup {
+  ~ProviderCleanup() {
+    std::lock_guard<std::mutex> const lock(g_mutex);
+    if (g_hProvider && g_pfnUnregister)
+      g_pfnUnregister(g_hProvider);
+    g_hProvider = 0;
+    g_pfnWriteString = nullptr;
+    if (g_hLibrary)
+      FreeLibrary(g_hLibrary);
+    g_hLibrary = nullptr;
+  }
+} g_providerCleanup;
+
+bool ReadSwitch(HKEY hKey, WCHAR const *wszName) {
+  DWORD dwValue = 0;
+  DWORD cbValue = sizeof dwValue;
+  RegQueryValueExW(hKey, wszName, nullptr, nullptr, reinterpret_cast<BYTE *>(&dwValue), &cbValue);
+  return dwValue > 0;
+}
+
+// False if there is no key: the switches then keep what they had.
+bool ReadSwitches(bool &bDump, bool &bEtw) {
+  HKEY hKey = nullptr;
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kRegistryPath, 0, KEY_QUERY_VALUE, &hKey) != 0)
+    return false;
+  bDump = ReadSwitch(hKey, L"DumpMsg");
+  bEtw = ReadSwitch(hKey, L"DumpInETW");
+  RegCloseKey(hKey);
+  return true;
+}
+
+// Loads the library once, and registers the provider each time. Returns: whether the library is loaded.
+bool RegisterProvider() {
+  if (!g_hLibrary && (g_hLibrary = LoadLibraryA("advapi32.dll")) != nullptr) {
+    g_pfnWriteString = reinterpret_cast<EventWriteStringFunction>(GetProcAddress(g_hLibrary, "EventWriteString"));
+    g_pfnRegister = reinterpret_cast<EventRegisterFunction>(GetProcAddress(g_hLibrary, "EventRegister"));
+    g_pfnUnregister = reinterpret_cast<EventUnregisterFunction>(GetProcAddress(g_hLibrary, "EventUnregister"));
+  }
+  if (g_hLibrary && g_pfnRegister)
+    g_pfnRegister(&kProvider, nullptr, nullptr, &g_hProvider);
+  return g_hLibrary != nullptr;
+}
+
+} // namespace
+
+void TraceInit(char const *szPrefix) {
+  std::lock_guard<std::mutex> const lock(g_mutex);
+  bool bDump = g_bDump;
+  bool bEtw = g_bEtw;
+  if (ReadSwitches(bDump, bEtw)) {
+    g_bDump = bDump;
+    g_bEtw = bEtw;
+  }
+  if (!bDump && !bEtw)
+    return;
+  if (szPrefix && std::strlen(szPrefix) < kPrefixSize) {
+    _snprintf_s(g_szPrefix, kPrefixSize, _TRUNCATE, "[%s] ", szPrefix);
+    _snwprintf_s(g_wszPrefix, kPrefixSize, _TRUNCATE, L"[%S] ", szPrefix);
+  }
+  if (bEtw)
+    g_bEtw = RegisterProvider();
+}
+
+void TraceMsgA(char const *szFormat, ...) {
+  if (!g_bDump)
+    return;
+  char szText[kTextSize] = {};
+  va_list args;
+  va_start(args, szFormat);
+  _vsnprintf_s(szText, kTextSize, _TRUNCATE, szFormat, args);
+  va_end(args);
+
+  char szLine[kLineSize];
+  std::lock_guard<std::mutex> const lock(g_mutex);
+  _snprintf_s(szLine, kLineSize, _TRUNCATE, "%s%s\n", g_szPrefix, szText);
+  if (!g_bEtw) {
+    OutputDebugStringA(szLine);
+    return;
+  }
+  WCHAR wszLine[kTextSize] = {};
+  szLine[kTextSize - 1] = 0; // a line of 1024 bytes or more is cut to the wide buffer
+  MultiByteToWideChar(CP_THREAD_ACP, 0, szLine, -1, wszLine, static_cast<int>(kTextSize));
+  if (g_pfnWriteString)
+    g_pfnWriteString(g_hProvider, kEventLevel, 0, wszLine);
+}
+
+void TraceMsgW(wchar_t const *wszFormat, ...) {
+  if (!g_bDump)
+    return;
+  WCHAR wszText[kTextSize] = {};
+  va_list args;
+  va_start(args, wszFormat);
+  _vsnwprintf_s(wszText, kTextSize, _TRUNCATE, wszFormat, args);
+  va_end(args);
+
+  WCHAR wszLine[kLineSize];
+  std::lock_guard<std::mutex> const lock(g_mutex);
+  _snwprintf_s(wszLine, kLineSize, _TRUNCATE, L"%s%s\n", g_wszPrefix, wszText);
+  if (!g_bEtw)
+    OutputDebugStringW(wszLine);
+  else if (g_pfnWriteString)
+    g_pfnWriteString(g_hProvider, kEventLevel, 0, wszLine);
+}

@@ -1,0 +1,91 @@
+// One progress call on its way from the upload thread to the owner thread: made and posted on the first, run and freed
+// on the second. Owns copies of its arguments.
+#pragma once
+
+#include "upload/UploadProgress.h"
+
+#include <string>
+
+class Command {
+public:
+  virtual ~Command() = default;
+  virtual void Execute() = 0;
+};
+
+/// A command for one receiver, which it borrows.
+class UploadProgressCommand : public Command {
+public:
+  explicit UploadProgressCommand(BackgroundUploadProgress *pTarget) : m_pTarget(pTarget) {}
+
+protected:
+  BackgroundUploadProgress *m_pTarget;
+};
+
+class VoidCommand : public UploadProgressCommand {
+public:
+  using Slot = void (BackgroundUploadProgress::*)();
+  VoidCommand(BackgroundUploadProgress *pTarget, Slot pfnSlot) : UploadProgressCommand(pTarget), m_pfnSlot(pfnSlot) {}
+  void Execute() override { (m_pTarget->*m_pfnSlot)(); }
+
+private:
+  Slot m_pfnSlot;
+};
+
+class StringCommand : public UploadProgressCommand {
+public:
+  using Slot = void (BackgroundUploadProgress::*)(WCHAR const *);
+  StringCommand(BackgroundUploadProgress *pTarget, Slot pfnSlot, WCHAR const *wszArg)
+      : UploadProgressCommand(pTarget), m_pfnSlot(pfnSlot), m_strArg(wszArg ? wszArg : L"") {}
+  void Execute() override { (m_pTarget->*m_pfnSlot)(m_strArg.c_str()); }
+
+private:
+  Slot m_pfnSlot;
+  std::wstring m_strArg;
+};
+
+class DwordCommand : public UploadProgressCommand {
+public:
+  using Slot = void (BackgroundUploadProgress::*)(DWORD);
+  DwordCommand(BackgroundUploadProgress *pTarget, Slot pfnSlot, DWORD dwArg)
+      : UploadProgressCommand(pTarget), m_pfnSlot(pfnSlot), m_dwArg(dwArg) {}
+  void Execute() override { (m_pTarget->*m_pfnSlot)(m_dwArg); }
+
+private:
+  Slot m_pfnSlot;
+  DWORD m_dwArg;
+};
+
+class OnFileProgressCommand : public UploadProgressCommand {
+public:
+  OnFileProgressCommand(BackgroundUploadProgress *pTarget, WCHAR const *wszFileName, DWORD dwFileSent,
+                        DWORD dwFileTotal, DWORD dwFileTimeRemaining, DWORD dwAllSent, DWORD dwAllTotal,
+                        DWORD dwAllTimeRemaining, DWORD dwRate)
+      : UploadProgressCommand(pTarget), m_strFileName(wszFileName), m_dwFileSent(dwFileSent),
+        m_dwFileTotal(dwFileTotal), m_dwFileTimeRemaining(dwFileTimeRemaining), m_dwAllSent(dwAllSent),
+        m_dwAllTotal(dwAllTotal), m_dwAllTimeRemaining(dwAllTimeRemaining), m_dwRate(dwRate) {}
+  void Execute() override {
+    m_pTarget->OnFileProgress(m_strFileName.c_str(), m_dwFileSent, m_dwFileTotal, m_dwFileTimeRemaining, m_dwAllSent,
+                              m_dwAllTotal, m_dwAllTimeRemaining, m_dwRate);
+  }
+
+private:
+  std::wstring m_strFileName;
+  DWORD m_dwFileSent;
+  DWORD m_dwFileTotal;
+  DWORD m_dwFileTimeRemaining;
+  DWORD m_dwAllSent;
+  DWORD m_dwAllTotal;
+  DWORD m_dwAllTimeRemaining;
+  DWORD m_dwRate;
+};
+
+class OnFileCompleteCommand : public UploadProgressCommand {
+public:
+  OnFileCompleteCommand(BackgroundUploadProgress *pTarget, WCHAR const *wszFileName, HRESULT hr)
+      : UploadProgressCommand(pTarget), m_strFileName(wszFileName), m_dwResult(hr) {}
+  void Execute() override { m_pTarget->OnFileComplete(m_strFileName.c_str(), m_dwResult); }
+
+private:
+  std::wstring m_strFileName;
+  HRESULT m_dwResult;
+};

@@ -1,0 +1,45 @@
+// See PyCallback.h.
+#include "publish/PyCallback.h"
+
+PyCallback::~PyCallback() { SetCallable(nullptr); }
+
+void PyCallback::SetCallable(PyObject *pCallable) {
+  PyObject *const pOld = m_pCallable;
+  m_pCallable = pCallable && pCallable != Py_None ? pCallable : nullptr;
+  Py_XINCREF(m_pCallable);
+  Py_XDECREF(pOld); // last: it may run Python code that comes back here
+}
+
+void PyCallback::Fire(char const *format, ...) {
+  if (!m_pCallable)
+    return;
+  PyGILState_STATE const state = PyGILState_Ensure();
+  // Looked at again and kept for the call: another thread may have set it meanwhile, and so may the callable itself.
+  if (PyObject *const pCallable = m_pCallable) {
+    Py_INCREF(pCallable);
+    va_list args;
+    va_start(args, format);
+    PyObject *const pResult = CallWithFormat(pCallable, format, args);
+    va_end(args);
+    Py_XDECREF(pResult);
+    Py_DECREF(pCallable);
+  }
+  PyGILState_Release(state);
+}
+
+PyObject *PyCallback::CallWithFormat(PyObject *pCallable, char const *format, va_list args) {
+  PyObject *pArguments = nullptr;
+  if (format && format[0]) {
+    char const szSingle[] = {'(', format[0], ')', '\0'}; // one value alone would not come out as a tuple
+    pArguments = Py_VaBuildValue(format[1] ? format : szSingle, args);
+    if (!pArguments) {
+      PyErr_Print();
+      return nullptr;
+    }
+  }
+  PyObject *const pResult = PyObject_CallObject(pCallable, pArguments);
+  Py_XDECREF(pArguments);
+  if (PyErr_Occurred())
+    PyErr_Print();
+  return pResult;
+}

@@ -1,0 +1,27 @@
+// Holds one Python callable and calls it with arguments that a format string describes.
+#pragma once
+
+#include <Python.h>
+
+#include <cstdarg>
+
+class PyCallback {
+public:
+  PyCallback() = default;
+  PyCallback(PyCallback const &) = delete;
+  PyCallback &operator=(PyCallback const &) = delete;
+  virtual ~PyCallback();
+
+  /// Replaces the callable; null and None mean none. Takes a reference of its own. Thread: with the interpreter lock.
+  void SetCallable(PyObject *pCallable);
+  /// Calls the callable with the values that `format` (as of Py_BuildValue) describes, if there is one; a callable that
+  /// raises, or arguments that can't be built, have their traceback printed. Thread: any, with or without the
+  /// interpreter lock. The callable may destroy this object.
+  void Fire(char const *format, ...);
+
+private:
+  /// Returns: a new reference to the result, or null. `callable` is borrowed and alive for the call.
+  static PyObject *CallWithFormat(PyObject *pCallable, char const *format, va_list args);
+
+  PyObject *m_pCallable = nullptr; ///< Owned; never None.
+};

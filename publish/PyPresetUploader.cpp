@@ -1,0 +1,151 @@
+// See PyPresetUploader.h: life, start and cancel. What it does with the transfer's calls stands in UploadEvents.cpp.
+#include "publish/PyPresetUploader.h"
+
+#include "platform/CString.h"
+#include "platform/Text.h"
+#include "publish/ExitHook.h"
+#include "publish/PresetForm.h"
+#include "shell/Trace.h"
+
+namespace {
+
+std::string Narrow(WCHAR const *wszText) { return CW2A(wszText).m_psz; }
+
+} // namespace
+
+PyPresetUploader::PyPresetUploader(WCHAR const *szKHServerUrl, WCHAR const *szKHLoginTokenID,
+                                   WCHAR const *szProdVersion, WCHAR const *szVersionType, WCHAR const *szUUID) {
+  TraceInit("PyPresetUploader");
+  TraceMsgA("PyPresetUploader::PyPresetUploader() enter\n");
+  m_strKHServerUrl = Narrow(szKHServerUrl);
+  m_strLoginTokenID = Narrow(szKHLoginTokenID);
+  m_strProdVersion = Narrow(szProdVersion);
+  m_strVersionType = Narrow(szVersionType);
+  m_strUUID = Narrow(szUUID);
+  m_pProgressProxy = std::make_unique<CUploadProgressProxyWindow>(this);
+  m_pProgressProxy->SetNotifyMask(m_pProgressProxy->GetNotifyMask() & ~(NOTIFY_SENDING_REQUEST | NOTIFY_REQUEST_SENT));
+  m_pProgressProxy->CreateProxyWindow();
+  TraceMsgA("PyPresetUploader::PyPresetUploader() end\n");
+}
+
+PyPresetUploader::~PyPresetUploader() {
+  TraceMsgA("PyPresetUploader::~PyPresetUploader() enter\n");
+  m_bCancel = 1;
+  if (m_pUploadThread) {
+    m_pUploadThread->Wait();
+    m_pUploadThread.reset();
+  }
+  ForgetRunningUpload(this);
+  m_pProgressProxy.reset(); // only now: the thread posts to the window up to its last moment
+  TraceMsgA("PyPresetUploader::~PyPresetUploader() end\n");
+}
+
+bool PyPresetUploader::ThreadCantBeAwaited() const {
+  HANDLE const hThread = UploadThread();
+  if (!hThread)
+    return false;
+  DWORD const dwState = WaitForSingleObject(hThread, 0);
+  return dwState == WAIT_FAILED || (dwState == WAIT_TIMEOUT && ProcessIsExiting());
+}
+
+void PyPresetUploader::operator delete(PyPresetUploader *pUploader, std::destroying_delete_t) {
+  if (pUploader->ThreadCantBeAwaited()) {
+    pUploader->m_bCancel = 1;
+    pUploader->SetCallable(nullptr);
+    ForgetRunningUpload(pUploader);
+    return;
+  }
+  pUploader->~PyPresetUploader();
+  ::operator delete(pUploader);
+}
+
+BOOL PyPresetUploader::SetCallback(PyObject *callback) {
+  SetCallable(callback);
+  return 1;
+}
+
+PyObject *PyPresetUploader::GetUploadedFileUrl() { return Py_BuildValue("u", m_strUploadedFileUrl.c_str()); }
+
+UINT PyPresetUploader::StartUpload(WCHAR const *szEffectFilePath, WCHAR const *szEffectCoverFilePathAfter,
+                                   WCHAR const *szEffectCoverFilePathBefore, WCHAR const *szEffectThumbnailAfter,
+                                   WCHAR const *szEffectThumbnailBefore, WCHAR const *szEffectCurveRGBImg,
+                                   WCHAR const *szEffectCurveRImg, WCHAR const *szEffectCurveGImg,
+                                   WCHAR const *szEffectCurveBImg, WCHAR const *szEffectLvRGBImg,
+                                   WCHAR const *szEffectLvRImg, WCHAR const *szEffectLvGImg,
+                                   WCHAR const *szEffectLvBImg, WCHAR const *szTemplateKey, WCHAR const *szTitle,
+                                   WCHAR const *szCategory, WCHAR const *szTags, WCHAR const *szDescription,
+                                   WCHAR const *szCollections, WCHAR const *szPIPtype, int nKHID) {
+  TraceMsgA("PyPresetUploader::StartUpload() enter\n");
+  PresetArguments const arguments = {szEffectFilePath,
+                                     szEffectCoverFilePathAfter,
+                                     szEffectCoverFilePathBefore,
+                                     szEffectThumbnailAfter,
+                                     szEffectThumbnailBefore,
+                                     szEffectCurveRGBImg,
+                                     szEffectCurveRImg,
+                                     szEffectCurveGImg,
+                                     szEffectCurveBImg,
+                                     szEffectLvRGBImg,
+                                     szEffectLvRImg,
+                                     szEffectLvGImg,
+                                     szEffectLvBImg,
+                                     szTemplateKey,
+                                     szTitle,
+                                     szCategory,
+                                     szTags,
+                                     szDescription,
+                                     szCollections,
+                                     szPIPtype};
+  try {
+    return PrepareAndStart(arguments, nKHID);
+  } catch (std::bad_alloc const &) {
+    m_pUploadThread.reset(); // not started: nothing behind the start throws
+    return 0;
+  }
+}
+
+UINT PyPresetUploader::PrepareAndStart(PresetArguments const &arguments, int nKHID) {
+  if (!PresetFilesExist(arguments))
+    return 0;
+  // One upload at a time, and its completion belongs to it; without a window no completion would ever come.
+  if (UploadThread() || !m_pProgressProxy->m_hWnd)
+    return 0;
+  m_bCancel = 0;
+  m_strUploadedFileUrl.clear();
+  m_result.m_nHttpStatus = -1; // an earlier upload's status names no success of this one
+  m_job.ClearFields();
+  m_job.ClearFiles();
+  // An address that is refused leaves the job without a host: the upload then fails in its first step.
+  SetUploadAddress();
+  PresetIdentity const identity = {m_strLoginTokenID.c_str(), m_strUUID.c_str(), m_strProdVersion.c_str(),
+                                   m_strVersionType.c_str()};
+  FillPresetForm(m_job, identity, arguments);
+
+  m_pUploadThread = std::make_unique<UploadThread2>(&m_job, &m_result, m_pProgressProxy.get());
+  m_pUploadThread->Start();
+  UINT const uThreadId = m_pUploadThread->m_uThreadId;
+  NoteUpload(uThreadId, nKHID);
+  TraceMsgA("PyPresetUploader::StartUpload() end\n");
+  return uThreadId;
+}
+
+// The thread runs by now, so that short memory must not look like a refusal: a pair that is missing reads as 0 at the
+// end.
+void PyPresetUploader::NoteUpload(UINT uThreadId, int nKHID) {
+  try {
+    m_mapTID2KHID[uThreadId] = nKHID;
+  } catch (std::bad_alloc const &) {
+    // as above
+  }
+  if (uThreadId != 0)
+    NoteRunningUpload(this);
+}
+
+void PyPresetUploader::SetUploadAddress() {
+  char szAddress[_MAX_PATH] = {};
+  int const nLength = _snprintf_s(szAddress, sizeof szAddress, _TRUNCATE, "https://%s/servlet/uploadTemplate",
+                                  m_strKHServerUrl.c_str());
+  TraceMsgW(L" upload address %S ", szAddress);
+  if (nLength >= 0)
+    m_job.SetUrl(szAddress);
+}

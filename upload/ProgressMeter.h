@@ -13,6 +13,8 @@ struct ProgressReport {
   DWORD dwAllTotal;
   DWORD dwAllTimeRemaining; ///< Ticks of 500 ms.
   DWORD dwRate;             ///< Bytes per tick.
+
+  bool operator==(ProgressReport const &) const = default;
 };
 
 class ProgressMeter {

@@ -1,0 +1,112 @@
+// The trace's switches, its prefix and its lines, read back from standard error.
+#include "platform/TestSeam.h"
+#include "shell/Trace.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+#include <vector>
+
+namespace {
+
+class TraceTest : public ::testing::Test {
+protected:
+  void SetUp() override { setenv("SKIFFPORT_REGISTRY", m_registry.c_str(), 1); }
+  void TearDown() override {
+    Switches("\"DumpMsg\"=dword:0\n\"DumpInETW\"=dword:0");
+    TraceInit(nullptr); // off again for the next test
+    std::filesystem::remove(m_registry);
+  }
+  void Switches(char const *szValues) const {
+    std::ofstream(m_registry) << "Windows Registry Editor Version 5.00\n\n"
+                                 "[HKEY_LOCAL_MACHINE\\software\\QUILLON\\Tintwright]\n"
+                              << szValues << "\n";
+  }
+  template <class Work> static std::string Lines(Work work) {
+    ::testing::internal::CaptureStderr();
+    work();
+    return ::testing::internal::GetCapturedStderr();
+  }
+
+  std::filesystem::path m_registry =
+      std::filesystem::temp_directory_path() / ("trace_test." + std::to_string(std::rand()) + ".reg");
+};
+
+TEST_F(TraceTest, WritesLinesOnlyWhenSwitchedOn) {
+  struct Case {
+    char const *szValues;
+    char const *szLines;
+  };
+  Case const cases[] = {
+      {"", ""},
+      {"\"DumpMsg\"=dword:00000000\n\"DumpInETW\"=dword:00000001", ""},
+      {"\"dumpmsg\"=dword:00000001", "[Case] n 5\n[Case] w \xC3\xA4 narrow (null)\n"},
+      // No journal runs behind the other road here: it counts as not there, and the lines go to the debug output.
+      {"\"DumpMsg\"=dword:ffffffff\n\"DumpInETW\"=dword:00000001", "[Case] n 5\n[Case] w \xC3\xA4 narrow (null)\n"},
+  };
+  PlatformTestHooks hooks;
+  hooks.fault = [](char const *szCall, DWORD *) { return std::strcmp(szCall, "LoadLibraryA") == 0; };
+  SetPlatformTestHooks(&hooks);
+  for (Case const &c : cases) {
+    Switches(c.szValues);
+    EXPECT_EQ(Lines([] {
+                TraceInit("Case");
+                TraceMsgA("n %d", 5);
+                TraceMsgW(L"w %s %S %s", L"\u00e4", "narrow", static_cast<wchar_t const *>(nullptr));
+              }),
+              c.szLines)
+        << c.szValues;
+  }
+  SetPlatformTestHooks(nullptr);
+}
+
+TEST_F(TraceTest, KeepsItsSwitchesAndPrefixWhereNothingNewIsSaid) {
+  Switches("\"DumpMsg\"=dword:1");
+  TraceInit("First");
+  std::filesystem::remove(m_registry); // no key: the switches stay
+  EXPECT_EQ(Lines([] {
+              TraceInit(nullptr);
+              TraceMsgA("a");
+              TraceInit(std::string(64, 'x').c_str());
+              TraceMsgW(L"b");
+              TraceInit("Second");
+              TraceMsgA("c");
+            }),
+            "[First] a\n[First] b\n[Second] c\n");
+}
+
+TEST_F(TraceTest, CutsALongText) {
+  Switches("\"DumpMsg\"=dword:1");
+  TraceInit("P");
+  std::string const line = "[P] " + std::string(1023, 'y') + "\n";
+  EXPECT_EQ(Lines([] { TraceMsgA("%s", std::string(2000, 'y').c_str()); }), line);
+  EXPECT_EQ(Lines([] { TraceMsgW(L"%s", std::wstring(2000, L'y').c_str()); }), line);
+}
+
+TEST_F(TraceTest, DoesNotMixTheLinesOfThreads) {
+  Switches("\"DumpMsg\"=dword:1");
+  TraceInit("T");
+  std::string const lines = Lines([] {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+      threads.emplace_back([i] {
+        for (int n = 0; n < 100; ++n)
+          TraceMsgW(L"%s", std::wstring(200, static_cast<wchar_t>(L'a' + i)).c_str());
+      });
+    for (std::thread &thread : threads)
+      thread.join();
+  });
+  std::istringstream stream(lines);
+  int nLines = 0;
+  for (std::string line; std::getline(stream, line); ++nLines) {
+    ASSERT_EQ(line.size(), 204U);
+    EXPECT_EQ(line, "[T] " + std::string(200, line[4]));
+  }
+  EXPECT_EQ(nLines, 400);
+}
+
+} // namespace

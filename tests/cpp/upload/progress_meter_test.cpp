@@ -1,0 +1,64 @@
+// The arithmetic of the progress reports.
+#include "upload/ProgressMeter.h"
+
+#include <gtest/gtest.h>
+
+// For the messages of failed comparisons.
+void PrintTo(ProgressReport const &r, std::ostream *out);
+void PrintTo(ProgressReport const &r, std::ostream *out) {
+  *out << r.dwFileSent << '/' << r.dwFileTotal << ' ' << r.dwFileTimeRemaining << ", " << r.dwAllSent << '/'
+       << r.dwAllTotal << ' ' << r.dwAllTimeRemaining << " at " << r.dwRate;
+}
+
+namespace {
+
+TEST(ProgressMeter, ReportsTwoFilesAtTheInitialRate) {
+  DWORD dwAllSent = 0;
+  ProgressMeter first(5600, 10'250, 56'000, 112'000, dwAllSent);
+  EXPECT_EQ(first.First(), (ProgressReport{0, 56'000, 10, 0, 112'000, 20, 5600}));
+  ProgressReport report = {};
+  first.AddSent(28'000);
+  EXPECT_FALSE(first.Periodic(10'499, report)) << "the tick has not changed";
+  ASSERT_TRUE(first.Periodic(11'000, report)); // two ticks: 14,000 a tick
+  EXPECT_EQ(report, (ProgressReport{28'000, 56'000, 2, 28'000, 112'000, 6, 14'000}));
+  EXPECT_FALSE(first.Periodic(11'499, report)) << "one report a tick";
+  first.AddSent(28'000);
+  ASSERT_TRUE(first.Periodic(15'000, report)); // ten ticks: 5,600 a tick
+  EXPECT_EQ(report, (ProgressReport{56'000, 56'000, 0, 56'000, 112'000, 10, 5600}));
+  EXPECT_EQ(first.Last(), report);
+
+  ProgressMeter second(first.Rate(), 15'000, 56'000, 112'000, dwAllSent);
+  EXPECT_EQ(second.First(), (ProgressReport{0, 56'000, 10, 56'000, 112'000, 20, 5600})) << "the whole total at first";
+  second.AddSent(11'200);
+  ASSERT_TRUE(second.Periodic(16'000, report));
+  EXPECT_EQ(report, (ProgressReport{11'200, 56'000, 8, 67'200, 112'000, 8, 5600}));
+}
+
+TEST(ProgressMeter, RepeatsTheTimesInTheLastReportAndTrustsTheSizeAtTheStart) {
+  DWORD dwAllSent = 0;
+  ProgressMeter meter(5600, 0, 11'200, 11'200, dwAllSent);
+  meter.First();
+  meter.AddSent(5'000); // the file has shrunk
+  EXPECT_EQ(meter.Last(), (ProgressReport{11'200, 11'200, 2, 5'000, 11'200, 2, 5600}));
+}
+
+TEST(ProgressMeter, TakesARateOfZeroAsOneInItsDivisions) {
+  DWORD dwAllSent = 0;
+  ProgressMeter meter(0, 0, 100, 100, dwAllSent);
+  EXPECT_EQ(meter.First(), (ProgressReport{0, 100, 100, 0, 100, 100, 0}));
+  meter.AddSent(3);
+  ProgressReport report = {};
+  ASSERT_TRUE(meter.Periodic(5'000, report));
+  EXPECT_EQ(report, (ProgressReport{3, 100, 97, 3, 100, 97, 0}));
+}
+
+TEST(ProgressMeter, SurvivesAClockThatWraps) {
+  DWORD dwAllSent = 0;
+  ProgressMeter meter(5600, 0xFFFFFFFF, 100, 100, dwAllSent);
+  meter.First();
+  ProgressReport report = {};
+  EXPECT_TRUE(meter.Periodic(0, report));
+  EXPECT_TRUE(meter.Periodic(0xFFFFFFFF, report)) << "back at the start tick";
+}
+
+} // namespace

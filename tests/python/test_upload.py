@@ -1,0 +1,278 @@
+"""A preset's whole road from the call to the event, against the stand-in in its own process."""
+
+import contextlib
+import hashlib
+import io
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+from unittest import mock
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
+import service  # noqa: E402
+from publication import TEXTS, Publication  # noqa: E402
+
+import Skiffport  # noqa: E402
+from skiffhost import loop  # noqa: E402
+
+PARTS = ["PIPfile", "PIPimg"] + [f"PIPimg_{n}" for n in range(1, 13)]
+SLOW = {"effect": 40_000_000}  # some twelve chunks: time enough to interfere
+
+
+class Upload(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.standin = service.Standin().__enter__()
+        cls.addClassCleanup(cls.standin.__exit__, None, None, None)
+        patch = mock.patch.dict(os.environ, cls.standin.env, clear=True)
+        patch.start()
+        cls.addClassCleanup(patch.stop)
+        cls.session = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
+        assert cls.session.LoginKestrelhub(service.USER, service.PASSWORD) == 1
+        cls.host, cls.token = cls.session.GetServerUrl(), cls.session.GetLoginTokenID()
+
+    def setUp(self):
+        scratch = tempfile.TemporaryDirectory()
+        self.addCleanup(scratch.cleanup)
+        self.scratch = pathlib.Path(scratch.name)
+
+    def preset(self, name="preset", sizes=None):
+        folder = service.write_preset(self.scratch / name, sizes)
+        return [str(folder / f"{name}.bin") for name in service.FILES]
+
+    def publication(self, **changes):
+        return Publication(**{"host": self.host, "token": self.token, **changes})
+
+    def test_publishes_every_file_and_field_as_given(self):
+        paths = self.preset(sizes={"effect": 3_000_000, "cover_after": 0, "levels_b": 70_001})
+        odd = self.scratch / 'quote" ä \U0001F600 name.bin'
+        os.rename(paths[3], odd)
+        raw = os.fsencode(str(self.scratch)) + b"/raw-\xff\xe4.bin"  # no UTF-8
+        os.rename(paths[4], raw)
+        paths[3], paths[4] = str(odd), os.fsdecode(raw)
+        texts = ("k-1", 'Ti"t\r\nle', "ca\U0001F600", "", "lone \ud800 pair \ud83d\ude00", None, "pi")
+        publication = self.publication()
+        thread_id = publication.start(paths, texts, -5)
+        self.assertNotEqual(thread_id, 0)
+        self.assertEqual(publication.uploader.GetUploadedFileUrl(), "")
+        percent, accepted, address, error, *numbers = publication.completion()
+        self.assertEqual((percent, accepted, error, numbers), (100, 1, "", [thread_id, -5]))
+        self.assertEqual(publication.uploader.GetUploadedFileUrl(), address)
+
+        stored = self.standin.presets()[-1]
+        self.assertTrue(address.startswith("https://") and stored["id"] in address, address)
+        self.assertEqual(stored["fields"], {
+            "token": self.token, "title": 'Ti"t\r\nle', "description": "lone \ufffd pair \U0001F600", "category": "ca\U0001F600",
+            "PIPtype": "pi", "templatetype": "PRESET", "templateKey": "k-1", "productName": "Quillon Tintwright",
+            "versionInfo": "10.5", "AP": "TWR", "Version": "10.5", "AspectRatio": "1:1", "versionType": "retail",
+            "uuid": "uuid-1"})
+        sent = [paths[0], paths[1], *paths[1:]]
+        for part, name, path in zip(stored["files"], PARTS, sent):
+            contents = pathlib.Path(path).read_bytes()
+            self.assertEqual((part["name"], part["size"], part["sha256"]),
+                             (name, len(contents), hashlib.sha256(contents).hexdigest()))
+
+    def test_reports_numbers_that_add_up(self):
+        paths = self.preset(sizes={"effect": 9_000_000})
+        publication = self.publication()
+        publication.start(paths)
+        publication.completion()
+        progress = publication.events[:-1]
+        total = 9_000_000 + 13 * 100  # one file goes out twice
+        self.assertEqual({event[0] for event in progress}, {"ProgressChanged"})
+        self.assertEqual({event[4] for event in progress}, {total})
+        sent = [event[3] for event in progress]
+        self.assertEqual((sent[0], sent[-1], sent), (0, total, sorted(sent)))
+        self.assertEqual([event[1] for event in progress], [int(100 * bytes / total) for bytes in sent])
+        self.assertEqual([event[7] for event in progress if event[3] == 0], [paths[0]])
+        first_reports = [event for event in progress if event[3] in (0, 9_000_000)]
+        self.assertGreaterEqual(len(first_reports), 3)  # of each file the first and the last report at least
+        self.assertEqual(progress[0][6], 5600)
+        self.assertEqual(progress[0][5], total // 5600)
+
+    def test_refuses_what_is_not_there_and_changes_nothing(self):
+        paths = self.preset()
+        publication = self.publication()
+        for number in range(13):
+            for bad in (None, "", paths[number] + ".missing", paths[number] + "\nx"):
+                self.assertEqual(publication.start(paths[:number] + [bad] + paths[number + 1:]), 0)
+        self.assertEqual((loop.pump(), publication.events), (0, []))
+
+    def test_fails_in_order_where_a_file_cannot_be_sent(self):
+        fifo = self.scratch / "fifo"
+        os.mkfifo(fifo)
+        publication = self.publication()
+        for number, bad in enumerate([str(self.scratch), str(fifo), "/dev/null"]):
+            paths = self.preset(f"preset{number}")
+            publication.events.clear()
+            thread_id = publication.start(paths[:5] + [bad] + paths[6:], number=number)
+            self.assertEqual(publication.completion(), (100, 0, "", "", thread_id, number))
+            self.assertEqual({event[7] for event in publication.events[:-1]}, set(paths[:5]))
+
+    def test_notices_a_file_that_changes_meanwhile(self):
+        for name, change in {"vanishes": os.unlink, "shrinks": lambda path: os.truncate(path, 10),
+                             "grows": lambda path: os.truncate(path, 1000)}.items():
+            with self.subTest(name):
+                paths = self.preset(name, SLOW)
+                publication = self.publication()
+                publication.start(paths)
+                publication.pump_until(lambda: publication.events)  # the length has been declared
+                change(paths[-1])
+                self.assertEqual(publication.completion()[1:4], (0, "", ""))
+
+    def test_one_upload_at_a_time_and_the_next_from_the_completion(self):
+        paths = self.preset()
+        publication = self.publication()
+        started = []
+
+        def on_event(*arguments):
+            publication.on_event(*arguments)
+            if arguments[1] == "UploadComplete" and len(started) < 2:
+                self.assertNotEqual(publication.uploader.GetUploadedFileUrl(), "")
+                started.append(publication.start(paths, number=len(started)))
+                self.assertEqual(publication.uploader.GetUploadedFileUrl(), "")
+
+        publication.uploader.SetCallback(on_event)
+        started.append(publication.start(paths, number=0))
+        self.assertEqual(publication.start(paths), 0, "one runs")
+        publication.pump_until(lambda: sum(event[0] == "UploadComplete" for event in publication.events) == 2)
+        completions = [event for event in publication.events if event[0] == "UploadComplete"]
+        self.assertEqual([(event[2], *event[5:]) for event in completions], [(1, started[0], 0), (1, started[1], 1)])
+
+    def test_cancels_only_the_upload_that_runs(self):
+        paths = self.preset(sizes=SLOW)
+        publication = self.publication()
+        publication.start(self.preset("small"))
+        self.assertEqual(publication.completion()[1], 1)
+        publication.uploader.CancelUpload()  # idle: no effect on the next
+        publication.events.clear()
+        publication.start(paths)
+        publication.pump_until(lambda: publication.events)
+        publication.uploader.CancelUpload()
+        self.assertEqual(publication.completion()[:4], (100, 0, "", ""), "an earlier success must not show")
+        publication.events.clear()
+        publication.start(self.preset("again"))
+        self.assertEqual(publication.completion()[1], 1)
+
+    def test_delivers_the_services_refusal(self):
+        publication = self.publication(token="stale")
+        publication.start(self.preset())
+        _, accepted, address, error, *_ = publication.completion()
+        self.assertEqual((accepted, address), (0, ""))
+        self.assertNotEqual(error, "")
+
+    def test_refuses_an_address_that_cannot_be_used(self):
+        for host in ("", None, "h" * 229, f"{self.host}:8443", f"u@{self.host}", "a\r\nb", "no-such-host.invalid"):
+            publication = self.publication(host=host)
+            self.assertNotEqual(publication.start(self.preset(f"p{host!r}"[:9].replace("\\", ""))), 0, host)
+            self.assertEqual(publication.completion()[1:4], (0, "", ""), host)
+
+    def test_a_callable_may_raise_be_replaced_or_go(self):
+        publication = self.publication()
+        calls = []
+
+        def raising(*arguments):
+            calls.append(arguments)
+            raise RuntimeError("from the callable")
+
+        publication.uploader.SetCallback(raising)
+        with contextlib.redirect_stderr(io.StringIO()) as stderr:
+            publication.start(self.preset())
+            publication.pump_until(lambda: len(calls) >= 3)
+            publication.uploader.SetCallback(5)  # can't be called
+            publication.pump_until(lambda: "not callable" in stderr.getvalue())
+            publication.uploader.SetCallback(publication.on_event)
+            self.assertEqual(publication.completion()[1], 1)
+        self.assertEqual(stderr.getvalue().count("RuntimeError: from the callable"), len(calls))
+        publication.uploader.SetCallback(None)
+        self.assertEqual(sys.getrefcount(raising), 2, "the uploader keeps nothing")
+        publication.start(self.preset("unheard"))
+        publication.pump_until(lambda: publication.uploader.GetUploadedFileUrl())  # the work is done all the same
+
+    def test_may_be_deleted_at_any_moment(self):
+        publication = self.publication()
+        publication.start(self.preset(sizes=SLOW))
+        publication.pump_until(lambda: publication.events)
+        events = len(publication.events)
+        del publication.uploader
+        loop.pump()
+        self.assertEqual(len(publication.events), events, "no event follows")
+
+        for last in ("ProgressChanged", "UploadComplete"):
+            publication = self.publication()
+
+            def deleting(*arguments):
+                publication.on_event(*arguments)
+                if arguments[1] == last:
+                    publication.uploader = None
+
+            publication.uploader.SetCallback(deleting)
+            publication.start(self.preset(last))
+            publication.pump_until(lambda: publication.uploader is None)
+            loop.pump()
+            self.assertEqual([event[0] for event in publication.events].count(last), 1)
+
+    def test_a_callable_may_pump(self):
+        publication = self.publication()
+        depth = []
+
+        def pumping(*arguments):
+            publication.on_event(*arguments)
+            depth.append(None)
+            loop.pump(1)
+
+        publication.uploader.SetCallback(pumping)
+        publication.start(self.preset(sizes={"effect": 500_000}))
+        publication.completion()
+        sent = [event[3] for event in publication.events[:-1]]
+        self.assertEqual(sent, sorted(sent))
+
+    def test_threads_publish_side_by_side(self):
+        results = []
+
+        def publish(number):
+            publication = self.publication()
+            publication.start(self.preset(f"thread{number}", {"effect": 400_000}), number=number)
+            results.append((number, publication.completion()[1::4]))
+
+        threads = [threading.Thread(target=publish, args=(number,)) for number in range(4)]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        self.assertEqual(sorted(results), [(number, (1, number)) for number in range(4)])
+
+    def run_script(self, lines):
+        """Runs a script that has a started, slow upload in `p`. Returns: its exit status and output."""
+        paths = self.preset(sizes=SLOW)
+        head = (f"import sys; sys.path[:0] = {sys.path[:2]!r}\n"
+                "from publication import Publication\nimport os\nfrom skiffhost import loop\n"
+                f"p = Publication({self.host!r}, {self.token!r})\n"
+                f"assert p.start({paths!r}) != 0\np.pump_until(lambda: p.events)\n")
+        done = subprocess.run([sys.executable, "-B", "-c", head + lines], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                              timeout=60)
+        return done.returncode, done.stdout.decode()
+
+    def test_a_fork_leaves_the_parents_upload_alone(self):
+        self.assertEqual(self.run_script(
+            "child = os.fork()\n"
+            "if child == 0:\n"
+            "    assert loop.pump() == 0\n"
+            "    p.uploader.CancelUpload()\n"
+            "    del p.uploader\n"
+            "    sys.exit(5)\n"  # with the child's own exit hook
+            "assert os.WEXITSTATUS(os.waitpid(child, 0)[1]) == 5\n"
+            "assert p.completion()[1] == 1\n"), (0, ""))
+
+    def test_the_interpreter_may_exit_during_an_upload(self):
+        self.assertEqual(self.run_script("sys.exit(3)\n"), (3, ""))
+        self.assertEqual(self.run_script("import builtins; builtins.kept = p\n"), (0, ""))
+
+
+if __name__ == "__main__":
+    unittest.main()

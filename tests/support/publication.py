@@ -1,0 +1,43 @@
+"""One uploader under test, with its events written down. Needs the built tree on sys.path."""
+
+import time
+from typing import Any, List, Sequence, Tuple
+
+import Skiffport
+from skiffhost import loop
+
+TEXTS = ("key", "Title", "Category", "tag", "Description", "", "colour")  # template key to PIP type, in their order
+DEADLINE_SECONDS = 60.0
+
+
+class Publication:
+    """An uploader on the calling thread; ``events`` holds each event's arguments behind the first."""
+
+    def __init__(self, host: str = "www.kestrelhub.example", token: str = "", version: str = "10.5",
+                 version_type: str = "retail", uuid: str = "uuid-1") -> None:
+        self.events: List[Tuple[Any, ...]] = []
+        self.uploader: Any = Skiffport.PyPresetUploader(host, token, version, version_type, uuid)
+        self.uploader.SetCallback(self.on_event)
+
+    def on_event(self, *arguments: Any) -> None:
+        """The uploader's callable."""
+        assert arguments[0] == "PROGRESS", arguments
+        self.events.append(arguments[1:])
+
+    def start(self, paths: Sequence[Any], texts: Sequence[Any] = TEXTS, number: int = 7) -> int:
+        """Starts an upload of thirteen paths. Returns: what StartUpload returned."""
+        return self.uploader.StartUpload(*paths, *texts, number)
+
+    def pump_until(self, condition: Any, seconds: float = DEADLINE_SECONDS) -> None:
+        """Pumps events until the condition holds; fails when the time is up."""
+        deadline = time.monotonic() + seconds
+        while not condition():
+            if time.monotonic() > deadline:
+                raise AssertionError(f"not within {seconds:.0f} seconds; events: {self.events[-3:]}")
+            loop.wait(0.05)
+            loop.pump()
+
+    def completion(self) -> Tuple[Any, ...]:
+        """Pumps until the upload is over. Returns: the completion's arguments behind its name."""
+        self.pump_until(lambda: self.events and self.events[-1][0] == "UploadComplete")
+        return self.events[-1][1:]

@@ -14,7 +14,8 @@ inline const HANDLE INVALID_HANDLE_VALUE = reinterpret_cast<HANDLE>(static_cast<
 
 /// Opens an existing regular file for reading. Never waits for a FIFO's writer.
 /// Returns: a handle for ReadFile, GetFileSize and CloseHandle, or INVALID_HANDLE_VALUE.
-/// Errors (last error): 2 or 3 missing, 5 unreadable or no regular file, 123 no possible name.
+/// Errors (last error): 2 or 3 missing, 5 unreadable or no regular file, 123 no possible name (a control character, or
+/// too long), 4 too many open files, 8 memory. Success sets it to 0.
 /// Differs: GENERIC_READ and OPEN_EXISTING only; sharing keeps no writer out.
 SKIFFPORT_PLATFORM_API HANDLE CreateFileW(WCHAR const *wszPath, DWORD dwAccess, DWORD dwShare, void *pSecurity,
                                           DWORD dwDisposition, DWORD dwFlags, HANDLE hTemplate);
@@ -28,4 +29,5 @@ SKIFFPORT_PLATFORM_API DWORD GetFileSize(HANDLE hFile, DWORD *pdwHigh);
 
 /// TRUE if the path names a file, a directory or any other object. FALSE for null, and for a path that holds a control
 /// character: no such name exists on the native platform, and a line end would break a part's head.
+/// Errors (last error): as CreateFileW.
 SKIFFPORT_PLATFORM_API BOOL PathFileExistsW(WCHAR const *wszPath);

@@ -1,6 +1,7 @@
 // See Fork.h.
 #include "platform/Fork.h"
 
+#include <atomic>
 #include <vector>
 
 #include <pthread.h>
@@ -12,6 +13,8 @@ struct ForkGuards {
   std::mutex mutex;
   std::vector<std::mutex *> held;
 };
+
+std::atomic<pid_t> g_process = 0; // 0: not asked yet in this process
 
 ForkGuards &Guards() {
   static ForkGuards &guards = *new ForkGuards; // never destroyed: a thread may still run at exit
@@ -31,13 +34,30 @@ void UnlockAll() {
   Guards().mutex.unlock();
 }
 
+void UnlockAllInChild() {
+  g_process = 0;
+  UnlockAll();
+}
+
+void RegisterHandlers() {
+  static bool const registered = pthread_atfork(LockAll, UnlockAll, UnlockAllInChild) == 0;
+  static_cast<void>(registered);
+}
+
 } // namespace
 
 void HoldAcrossFork(std::mutex &mutex) {
-  static bool const registered = pthread_atfork(LockAll, UnlockAll, UnlockAll) == 0;
-  static_cast<void>(registered);
+  RegisterHandlers();
   std::lock_guard<std::mutex> const lock(Guards().mutex);
   Guards().held.push_back(&mutex);
 }
 
-pid_t CurrentProcess() { return getpid(); }
+pid_t CurrentProcess() {
+  pid_t process = g_process.load(std::memory_order_relaxed);
+  if (process == 0) {
+    RegisterHandlers();
+    process = getpid();
+    g_process.store(process, std::memory_order_relaxed);
+  }
+  return process;
+}

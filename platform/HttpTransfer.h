@@ -1,5 +1,5 @@
-// One HTTP exchange over a connection of its own: the request's head, the streamed body, the reply. libcurl drives it on
-// the thread that calls; only Abort may come from another one, and the caller sees to it that calls do not overlap.
+// One HTTP exchange over a connection of its own: the request's head, the streamed body, the reply. libcurl drives it
+// on the thread that calls; only Abort may come from another one, and the caller sees to it that calls do not overlap.
 // It knows nothing of handles and of the last error: failures are returned as error numbers, 0 for none.
 #pragma once
 

@@ -45,7 +45,8 @@ struct MSG {
   LPARAM lParam;
 };
 
-/// Registers a window class for the process. Returns: non-zero; 0 with 1410 if the name is there already.
+/// Registers a window class for the process. Returns: non-zero; 0 with 1410 if the name is there already, or with 87.
+/// Differs: of the class only its name, which compares exactly, and its procedure count.
 SKIFFPORT_PLATFORM_API ATOM RegisterClassExW(WNDCLASSEXW const *pClass);
 
 /// Creates a window of a registered class; the calling thread owns it. Returns: null with 1407 (no such class) or 8.
@@ -56,9 +57,13 @@ SKIFFPORT_PLATFORM_API HWND CreateWindowExW(DWORD dwExStyle, WCHAR const *wszCla
 
 /// Ends a window: its queued messages are dropped and later posts fail. Differs: works from any thread, sends nothing.
 SKIFFPORT_PLATFORM_API BOOL DestroyWindow(HWND hWnd);
+/// Does nothing; returns 0.
 SKIFFPORT_PLATFORM_API LRESULT DefWindowProcW(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam);
+/// A window's attribute; the setter returns the one before. Errors: 0 with 1400, or with 87 for another index.
+/// Differs: GWL_STYLE and GWLP_USERDATA only.
 SKIFFPORT_PLATFORM_API LONG_PTR GetWindowLongPtrW(HWND hWnd, int nIndex);
 SKIFFPORT_PLATFORM_API LONG_PTR SetWindowLongPtrW(HWND hWnd, int nIndex, LONG_PTR nValue);
+/// A stand-in for the brush that paints nothing. Differs: NULL_BRUSH only, else null.
 SKIFFPORT_PLATFORM_API HGDIOBJ GetStockObject(int nObject);
 
 /// Queues a message for the window's thread and returns at once; posts of one thread keep their order. Thread: any.
@@ -82,7 +87,8 @@ SKIFFPORT_PLATFORM_API int MessageQueueDescriptor();
 SKIFFPORT_PLATFORM_API int PumpMessages(int nLimit);
 
 /// Waits until the calling thread's queue holds a message, at most `nMilliseconds` (-1: without limit).
-/// Returns: 1 if it holds one, 0 if the time is up, -1 if a signal came first.
+/// Returns: 1 if it holds one; 0 if the time is up, and at once where MessageQueueDescriptor gives none; -1 if a signal
+/// came first.
 SKIFFPORT_PLATFORM_API int WaitForMessages(int nMilliseconds);
 
 /// Gives up the calling thread's queue and its descriptor if no window needs it any more. Returns: TRUE if it is gone.

@@ -41,7 +41,8 @@ protected:
 struct IXMLDOMNamedNodeMap;
 
 /// Getters return S_OK with a new reference or string that the caller releases, S_FALSE with null where there is none,
-/// and a negative HRESULT on failure.
+/// and a negative HRESULT on failure. White space between elements is no child unless xml:space keeps it.
+/// Differs: the XML declaration is no child either.
 struct IXMLDOMNode : IUnknown {
   virtual HRESULT get_nodeName(BSTR *pbstrName) = 0;
   virtual HRESULT get_nodeValue(VARIANT *pValue) = 0;
@@ -49,7 +50,8 @@ struct IXMLDOMNode : IUnknown {
   virtual HRESULT get_firstChild(IXMLDOMNode **ppChild) = 0;
   virtual HRESULT get_nextSibling(IXMLDOMNode **ppSibling) = 0;
   virtual HRESULT get_attributes(IXMLDOMNamedNodeMap **ppAttributes) = 0;
-  /// All descendants' text and CDATA in order, outer white space trimmed.
+  /// All descendants' text and CDATA in order, outer white space trimmed. White space between elements counts only
+  /// where the element holds other text too.
   virtual HRESULT get_text(BSTR *pbstrText) = 0;
   /// The first node at a path of element names divided by "/", relative to this node; names compare exactly.
   /// S_OK with the node, S_FALSE with null for no match, negative for a query that failed. Differs: no other XPath.

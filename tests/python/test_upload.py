@@ -249,7 +249,7 @@ class Upload(unittest.TestCase):
 
     def run_script(self, lines):
         """Runs a script that has a started, slow upload in `p`. Returns: its exit status and output."""
-        paths = self.preset(sizes=SLOW)
+        paths = self.preset(lines[:4], SLOW)
         head = (f"import sys; sys.path[:0] = {sys.path[:2]!r}\n"
                 "from publication import Publication\nimport os\nfrom skiffhost import loop\n"
                 f"p = Publication({self.host!r}, {self.token!r})\n"

@@ -1,0 +1,707 @@
+// See HttpTransfer.h. One CURLM and one CURL a transfer: curl_multi_poll can be woken from another thread, which no
+// blocking call of libcurl can.
+#include "platform/HttpTransfer.h"
+
+#include "platform/Fork.h"
+#include "platform/LastError.h"
+#include "platform/Seam.h"
+#include "platform/TrustStore.h"
+#include "platform/Utf8.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include <arpa/inet.h>
+#include <linux/tcp.h>
+#include <openssl/crypto.h>
+#include <openssl/ssl.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::uint64_t kReceiveLimit = 60'000; // ms without a byte
+constexpr std::uint64_t kReplyLimit = 300'000;  // ms for one whole reply
+constexpr std::size_t kHeadSizeLimit = 100 * 1024;
+constexpr std::uint64_t kBodySizeLimit = 64 * 1024 * 1024;
+constexpr std::size_t kJoinSize = 4096;           // bytes; smaller writes wait for more
+constexpr long kUploadBufferSize = 512 * 1024;    // bytes that one look at the socket sends
+constexpr std::uint64_t kConnectingPollTime = 20; // ms; libcurl tries a server's next address only when a poll ends
+constexpr std::uint64_t kPollTime = 1000;
+constexpr std::uint64_t kDrivenPollTime = 5;
+
+struct CodeRow {
+  CURLcode code;
+  DWORD error;
+};
+constexpr CodeRow kErrorNumbers[] = {
+    {CURLE_UNSUPPORTED_PROTOCOL, ERROR_HTTP_INVALID_SERVER_RESPONSE}, // a reply that is no HTTP
+    {CURLE_WEIRD_SERVER_REPLY, ERROR_HTTP_INVALID_SERVER_RESPONSE},
+    {CURLE_GOT_NOTHING, ERROR_HTTP_INVALID_SERVER_RESPONSE},
+    {CURLE_URL_MALFORMAT, ERROR_INTERNET_INVALID_URL},
+    {CURLE_COULDNT_RESOLVE_PROXY, ERROR_INTERNET_NAME_NOT_RESOLVED},
+    {CURLE_COULDNT_RESOLVE_HOST, ERROR_INTERNET_NAME_NOT_RESOLVED},
+    {CURLE_COULDNT_CONNECT, ERROR_INTERNET_CANNOT_CONNECT},
+    {CURLE_PROXY, ERROR_INTERNET_CANNOT_CONNECT},
+    {CURLE_OPERATION_TIMEDOUT, ERROR_INTERNET_TIMEOUT},
+    {CURLE_SSL_CONNECT_ERROR, ERROR_INTERNET_SECURITY_CHANNEL_ERROR},
+    {CURLE_PEER_FAILED_VERIFICATION, ERROR_INTERNET_INVALID_CA},
+    {CURLE_BAD_CONTENT_ENCODING, ERROR_INTERNET_DECODING_FAILED},
+    {CURLE_OUT_OF_MEMORY, ERROR_NOT_ENOUGH_MEMORY},
+};
+
+struct VerifyRow {
+  long result;
+  DWORD error;
+};
+/// Why a certificate was refused; what is not here counts as the issuer's fault.
+constexpr VerifyRow kVerifyErrors[] = {
+    {X509_V_ERR_UNSPECIFIED, ERROR_INTERNET_SEC_CERT_CN_INVALID}, // the chain is good, the name is not
+    {X509_V_ERR_CERT_NOT_YET_VALID, ERROR_INTERNET_SEC_CERT_DATE_INVALID},
+    {X509_V_ERR_CERT_HAS_EXPIRED, ERROR_INTERNET_SEC_CERT_DATE_INVALID},
+    {X509_V_ERR_UNABLE_TO_GET_CRL, ERROR_INTERNET_SEC_CERT_REV_FAILED},
+    {X509_V_ERR_CERT_REVOKED, ERROR_INTERNET_SEC_CERT_REVOKED},
+};
+
+struct MessageRow {
+  char const *text;
+  DWORD error;
+};
+/// Lost connections, by libcurl's message: the system's error number is overwritten by then.
+constexpr MessageRow kLossMessages[] = {
+    {"reset by peer", ERROR_INTERNET_CONNECTION_RESET},
+    {"SSL_ERROR_SYSCALL", ERROR_INTERNET_CONNECTION_ABORTED},
+    {"unexpected eof", ERROR_INTERNET_CONNECTION_ABORTED},
+};
+
+/// Suppresses what libcurl would add by itself.
+constexpr char const *kSuppressed[] = {"Accept:", "Content-Type:", "Expect:"};
+
+void InitializeCurl() {
+  static bool const isReady = [] {
+    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); // a thread may still send at exit
+    return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+  }();
+  if (!isReady)
+    throw std::bad_alloc();
+}
+
+std::string_view HeaderName(std::string_view line) { return line.substr(0, line.find(':')); }
+
+bool IsSameName(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+std::string_view Trimmed(std::string_view text) {
+  constexpr char const *kBlanks = " \t\r\n";
+  std::size_t const first = text.find_first_not_of(kBlanks);
+  if (first == text.npos)
+    return {};
+  return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+/// True if the environment names a proxy for plain HTTP. Whether "no_proxy" excludes the host is left to libcurl.
+bool IsProxyNamed() {
+  char const *const names[] = {"http_proxy", "all_proxy", "ALL_PROXY"};
+  return std::any_of(std::begin(names), std::end(names), [](char const *name) { return std::getenv(name); });
+}
+
+/// The target as a URL can hold it.
+std::string Escaped(std::string const &target) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string text;
+  for (unsigned char const c : target) {
+    if (c > 0x20 && c < 0x7F && c != '#')
+      text += static_cast<char>(c);
+    else
+      text += {'%', kDigits[c >> 4], kDigits[c & 15]};
+  }
+  return text;
+}
+
+std::wstring AddressText(sockaddr const *address) {
+  char text[INET6_ADDRSTRLEN] = "";
+  void const *const bytes = address->sa_family == AF_INET6
+                                ? static_cast<void const *>(&reinterpret_cast<sockaddr_in6 const *>(address)->sin6_addr)
+                                : &reinterpret_cast<sockaddr_in const *>(address)->sin_addr;
+  inet_ntop(address->sa_family, bytes, text, sizeof text);
+  return WideFromUtf8(text);
+}
+
+/// True if the socket is connected to that address. A number that libcurl closed unseen may be another's by now.
+bool IsConnectedTo(int fd, std::wstring const &address) {
+  sockaddr_storage peer{};
+  socklen_t size = sizeof peer;
+  return getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &size) == 0 &&
+         AddressText(reinterpret_cast<sockaddr *>(&peer)) == address;
+}
+
+} // namespace
+
+// --- Telling of the stages
+
+void StatusSink::Tell(DWORD status, void *information, std::size_t length) const noexcept {
+  if (!callback || !context)
+    return;
+  try {
+    callback(handle, context, status, information, static_cast<DWORD>(length));
+  } catch (...) {
+    // nothing may pass through libcurl's frames
+  }
+}
+
+void StatusSink::TellText(DWORD status, std::wstring text) const noexcept {
+  Tell(status, text.data(), (text.size() + 1) * sizeof(WCHAR));
+}
+
+void StatusSink::TellCount(DWORD status, std::size_t count) const noexcept {
+  DWORD dwCount = static_cast<DWORD>(count);
+  Tell(status, &dwCount, sizeof dwCount);
+}
+
+// --- What libcurl calls: plain functions that end at the transfer, and that let nothing escape
+
+struct HttpTransferCallbacks {
+  /// Runs the work; memory failure ends the transfer, which the result `failed` asks libcurl for.
+  template <class Result, class Work> static Result Run(void *transfer, Result failed, Work work) {
+    auto &self = *static_cast<HttpTransfer *>(transfer);
+    try {
+      return work(self);
+    } catch (std::bad_alloc const &) {
+      self.m_error = ERROR_NOT_ENOUGH_MEMORY;
+      return failed;
+    }
+  }
+  static int Resolving(void *, void *, void *transfer) {
+    return Run(transfer, 1, [](HttpTransfer &self) {
+      self.Resolving();
+      return 0;
+    });
+  }
+  static curl_socket_t Open(void *transfer, curlsocktype, curl_sockaddr *address) {
+    return Run(transfer, curl_socket_t{CURL_SOCKET_BAD}, [&](HttpTransfer &self) { return self.Open(*address); });
+  }
+  static int Close(void *transfer, curl_socket_t fd) {
+    static_cast<HttpTransfer *>(transfer)->CloseSocket(fd);
+    return 0;
+  }
+  static CURLcode Tls(CURL *, void *context, void *transfer) {
+    return Run(transfer, CURLE_OUT_OF_MEMORY, [&](HttpTransfer &self) { return self.SetUpTls(context); });
+  }
+  static int Requested(void *transfer, char *, char *, int, int) {
+    return Run(transfer, CURL_PREREQFUNC_ABORT, [](HttpTransfer &self) {
+      self.Requested();
+      return CURL_PREREQFUNC_OK;
+    });
+  }
+  static std::size_t Supply(char *buffer, std::size_t size, std::size_t count, void *transfer) {
+    return static_cast<HttpTransfer *>(transfer)->Supply(buffer, size * count);
+  }
+  static std::size_t TakeHeader(char *data, std::size_t size, std::size_t count, void *transfer) {
+    std::string_view const line(data, size * count);
+    return Run(transfer, std::size_t{0},
+               [&](HttpTransfer &self) { return self.TakeHeader(line) ? line.size() : std::size_t{0}; });
+  }
+  static std::size_t TakeBody(char *data, std::size_t size, std::size_t count, void *transfer) {
+    std::string_view const bytes(data, size * count);
+    return Run(transfer, std::size_t{0},
+               [&](HttpTransfer &self) { return self.TakeBody(bytes) ? bytes.size() : std::size_t{0}; });
+  }
+};
+
+void HttpTransfer::Resolving() {
+  if (m_isResolvingTold)
+    return;
+  m_isResolvingTold = true;
+  m_sink.TellText(INTERNET_STATUS_RESOLVING_NAME, m_host);
+}
+
+curl_socket_t HttpTransfer::Open(curl_sockaddr const &address) {
+  std::wstring const text = AddressText(&address.addr);
+  Resolving(); // libcurl does not report it for an address that it knows already
+  if (m_sockets.empty())
+    m_sink.TellText(INTERNET_STATUS_NAME_RESOLVED, text);
+  m_sink.TellText(INTERNET_STATUS_CONNECTING_TO_SERVER, text);
+  m_sockets.push_back({CURL_SOCKET_BAD, text});
+  m_sockets.back().fd = socket(address.family, address.socktype | SOCK_CLOEXEC, address.protocol);
+  return m_sockets.back().fd;
+}
+
+/// Finds out which of the sockets won.
+void HttpTransfer::Connected() {
+  if (m_connected != CURL_SOCKET_BAD)
+    return;
+  auto const it = std::find_if(m_sockets.rbegin(), m_sockets.rend(),
+                               [](Socket const &socket) { return IsConnectedTo(socket.fd, socket.address); });
+  if (it == m_sockets.rend())
+    return;
+  m_connected = it->fd;
+  m_sink.TellText(INTERNET_STATUS_CONNECTED_TO_SERVER, it->address);
+}
+
+CURLcode HttpTransfer::SetUpTls(void *context) {
+  auto *const tls = static_cast<SSL_CTX *>(context);
+  Connected();
+  if (m_ignoresDate)
+    X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(tls), X509_V_FLAG_NO_CHECK_TIME);
+  return UseTrustStore(tls) ? CURLE_OK : CURLE_OUT_OF_MEMORY;
+}
+
+void HttpTransfer::Requested() {
+  Connected();
+  m_isRequested = true;
+  m_sizeBeforeHead = Get<long>(CURLINFO_REQUEST_SIZE);
+  m_sink.Tell(INTERNET_STATUS_SENDING_REQUEST);
+}
+
+std::size_t HttpTransfer::Supply(char *buffer, std::size_t size) {
+  if (IsRefused())
+    return 0; // ends the body; the reply is still read
+  std::size_t supplied = 0;
+  for (std::string_view &source : m_source) {
+    std::size_t const part = source.copy(buffer + supplied, size - supplied);
+    source.remove_prefix(part);
+    supplied += part;
+  }
+  m_isPaused = supplied == 0;
+  return m_isPaused ? static_cast<std::size_t>(CURL_READFUNC_PAUSE) : supplied;
+}
+
+bool HttpTransfer::TakeHeader(std::string_view line) {
+  m_headSize += line.size();
+  if (m_headSize > kHeadSizeLimit) {
+    m_error = ERROR_HTTP_INVALID_SERVER_RESPONSE;
+    return false;
+  }
+  if (m_isHeadIn) // a trailer
+    return true;
+  if (line.starts_with("HTTP/")) {
+    m_contentLength.clear(); // what came before was an interim reply
+  } else if (IsSameName(HeaderName(line), "Content-Length")) {
+    m_contentLength = Trimmed(line.substr(line.find(':') + 1));
+  } else if (Trimmed(line).empty()) {
+    m_status = Get<long>(CURLINFO_RESPONSE_CODE);
+    m_isHeadIn = m_status >= 200 || m_status == 101;
+  }
+  return true;
+}
+
+bool HttpTransfer::TakeBody(std::string_view data) {
+  m_received += data.size();
+  if (m_received > kBodySizeLimit) {
+    m_error = ERROR_HTTP_INVALID_SERVER_RESPONSE;
+    return false;
+  }
+  m_reply.append(data);
+  return true;
+}
+
+void HttpTransfer::CloseSocket(curl_socket_t fd) {
+  bool const isConnected = fd == m_connected;
+  if (isConnected) {
+    m_connected = CURL_SOCKET_BAD;
+    m_sink.Tell(INTERNET_STATUS_CLOSING_CONNECTION);
+  }
+  close(fd);
+  for (Socket &socket : m_sockets)
+    if (socket.fd == fd)
+      socket.fd = CURL_SOCKET_BAD;
+  if (isConnected)
+    m_sink.Tell(INTERNET_STATUS_CONNECTION_CLOSED);
+}
+
+// --- Setting up
+
+HttpTransfer::HttpTransfer() : m_process(CurrentProcess()) {
+  InitializeCurl();
+  m_multi.reset(curl_multi_init());
+  m_easy.reset(curl_easy_init());
+  if (!m_multi || !m_easy)
+    throw std::bad_alloc();
+}
+
+HttpTransfer::~HttpTransfer() {
+  if (CurrentProcess() != m_process) {
+    static_cast<void>(m_easy.release()); // closing would end the parent's connection, too
+    static_cast<void>(m_multi.release());
+    return;
+  }
+  curl_multi_remove_handle(m_multi.get(), m_easy.get());
+  m_easy.reset();
+  m_multi.reset(); // closes the socket, and tells of it
+}
+
+void HttpTransfer::Append(List &list, std::string const &line) {
+  curl_slist *const longer = curl_slist_append(list.get(), line.c_str());
+  if (!longer)
+    throw std::bad_alloc();
+  static_cast<void>(list.release());
+  list.reset(longer);
+}
+
+template <class Value> void HttpTransfer::Set(CURLoption option, Value value) {
+  if (curl_easy_setopt(m_easy.get(), option, value) != CURLE_OK)
+    throw std::bad_alloc(); // the options are all known to the library
+}
+
+template <class Value> Value HttpTransfer::Get(CURLINFO info) const {
+  Value value{};
+  curl_easy_getinfo(m_easy.get(), info, &value);
+  return value;
+}
+
+void HttpTransfer::SetUp(HttpRequest const &request, std::uint64_t bodyLength) {
+  m_host = WideFromUtf8(request.host);
+  m_ignoresDate = request.ignoresDate;
+  m_connectLimit = request.connectLimit;
+  m_sendLimit = request.sendLimit;
+  m_declared = bodyLength;
+  m_held.reserve(kJoinSize);
+  SetUpTarget(request);
+  SetUpHeaders(request);
+  SetUpCallbacks();
+  Set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  Set(CURLOPT_NOSIGNAL, 1L);
+  Set(CURLOPT_QUICK_EXIT, 1L); // does not wait for a resolver that hangs
+  Set(CURLOPT_TCP_NODELAY, 1L);
+  Set(CURLOPT_FRESH_CONNECT, 1L);
+  Set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  Set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize);
+  Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.connectLimit));
+  Set(CURLOPT_ERRORBUFFER, m_message.data());
+  Set(CURLOPT_SSL_SESSIONID_CACHE, 0L); // a session's resumption would skip the certificate checks
+  Set(CURLOPT_SSL_VERIFYPEER, 1L);
+  Set(CURLOPT_SSL_VERIFYHOST, request.ignoresName ? 0L : 2L);
+  Set(CURLOPT_CAINFO, static_cast<char const *>(nullptr)); // the trust store takes their place
+  Set(CURLOPT_CAPATH, static_cast<char const *>(nullptr));
+  if (!request.isPost)
+    return;
+  Set(CURLOPT_POST, 1L);
+  Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(bodyLength));
+}
+
+void HttpTransfer::SetUpTarget(HttpRequest const &request) {
+  bool const isBare = request.host.find(':') != std::string::npos && !request.host.starts_with('[');
+  std::string url = request.isSecure ? "https://" : "http://";
+  url += isBare ? '[' + request.host + ']' : request.host;
+  url += ':' + std::to_string(request.port);
+  if (!request.isSecure && IsProxyNamed()) {
+    url += Escaped(request.target); // libcurl makes of it what the proxy wants
+  } else {
+    url += '/';
+    Set(CURLOPT_REQUEST_TARGET, request.target.c_str());
+  }
+  Set(CURLOPT_URL, url.c_str());
+  Set(CURLOPT_PATH_AS_IS, 1L);
+  Set(CURLOPT_PROTOCOLS_STR, "http,https");
+
+  char const *const connectTo = std::getenv("SKIFFPORT_CONNECT_TO");
+  std::string_view entries = connectTo ? connectTo : "";
+  while (!entries.empty()) {
+    std::string_view const entry = entries.substr(0, entries.find(','));
+    Append(m_connectTo, std::string(entry));
+    entries.remove_prefix(std::min(entry.size() + 1, entries.size()));
+  }
+  Set(CURLOPT_CONNECT_TO, m_connectTo.get());
+}
+
+void HttpTransfer::SetUpHeaders(HttpRequest const &request) {
+  auto const isGiven = [&](std::string_view line) {
+    return std::any_of(request.headers.begin(), request.headers.end(),
+                       [&](std::string const &header) { return IsSameName(HeaderName(header), HeaderName(line)); });
+  };
+  for (char const *line : kSuppressed)
+    if (!isGiven(line))
+      Append(m_headers, line);
+  for (std::string const &line : request.headers) {
+    bool const isEmpty = Trimmed(line).ends_with(':') && HeaderName(line).size() + 1 == Trimmed(line).size();
+    Append(m_headers, isEmpty ? std::string(HeaderName(line)) + ';' : line); // libcurl's way to write an empty value
+  }
+  for (std::string const &line : request.defaults)
+    if (!isGiven(line))
+      Append(m_headers, line);
+  Set(CURLOPT_HTTPHEADER, m_headers.get());
+}
+
+void HttpTransfer::SetUpCallbacks() {
+  using Callbacks = HttpTransferCallbacks;
+  Set(CURLOPT_RESOLVER_START_FUNCTION, &Callbacks::Resolving);
+  Set(CURLOPT_RESOLVER_START_DATA, this);
+  Set(CURLOPT_OPENSOCKETFUNCTION, &Callbacks::Open);
+  Set(CURLOPT_OPENSOCKETDATA, this);
+  Set(CURLOPT_CLOSESOCKETFUNCTION, &Callbacks::Close);
+  Set(CURLOPT_CLOSESOCKETDATA, this);
+  Set(CURLOPT_SSL_CTX_FUNCTION, &Callbacks::Tls);
+  Set(CURLOPT_SSL_CTX_DATA, this);
+  Set(CURLOPT_PREREQFUNCTION, &Callbacks::Requested);
+  Set(CURLOPT_PREREQDATA, this);
+  Set(CURLOPT_READFUNCTION, &Callbacks::Supply);
+  Set(CURLOPT_READDATA, this);
+  Set(CURLOPT_HEADERFUNCTION, &Callbacks::TakeHeader);
+  Set(CURLOPT_HEADERDATA, this);
+  Set(CURLOPT_WRITEFUNCTION, &Callbacks::TakeBody);
+  Set(CURLOPT_WRITEDATA, this);
+}
+
+// --- Waiting
+
+/// Watches one wait: how long it lasts, and how long nothing has moved.
+class HttpTransfer::Limits {
+public:
+  Limits(HttpTransfer &transfer, Wait wait)
+      : m_transfer(transfer), m_wait(wait), m_begin(SteadyMilliseconds()), m_moved(m_begin),
+        m_progress(transfer.Progress(wait)) {}
+  ~Limits() {
+    if (m_wait == Wait::Receive)
+      m_transfer.m_replyWait += SteadyMilliseconds() - m_begin;
+  }
+  Limits(Limits const &) = delete;
+  Limits &operator=(Limits const &) = delete;
+
+  /// Milliseconds that the wait may still last; 0 when its time is up.
+  std::uint64_t Left() {
+    std::uint64_t const now = SteadyMilliseconds();
+    std::uint64_t const progress = m_transfer.Progress(m_wait);
+    if (progress != m_progress)
+      m_moved = now;
+    m_progress = progress;
+    auto const left = [now](std::uint64_t since, std::uint64_t limit) { return limit - std::min(now - since, limit); };
+    if (!m_transfer.m_isRequested)
+      return left(m_begin, m_transfer.m_connectLimit);
+    if (m_wait == Wait::Send)
+      return left(m_moved, m_transfer.m_sendLimit);
+    std::uint64_t const spent = std::min(m_transfer.m_replyWait, kReplyLimit);
+    return std::min(left(m_moved, kReceiveLimit), left(m_begin, kReplyLimit - spent));
+  }
+
+private:
+  HttpTransfer &m_transfer;
+  Wait const m_wait;
+  std::uint64_t const m_begin;
+  std::uint64_t m_moved;
+  std::uint64_t m_progress;
+};
+
+/// A number that changes when bytes move that way. The socket's own counters are part of it: libcurl counts a sent
+/// block only when all of it is out, which takes minutes on a slow line.
+std::uint64_t HttpTransfer::Progress(Wait wait) const {
+  tcp_info info{};
+  socklen_t size = sizeof info;
+  if (m_connected != CURL_SOCKET_BAD && getsockopt(m_connected, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
+    info = {};
+  if (wait == Wait::Send)
+    return Sent() + info.tcpi_bytes_acked + (m_isRequested ? 1 : 0);
+  return m_headSize + m_received + info.tcpi_bytes_received;
+}
+
+/// Takes the transfer as far as it goes without waiting.
+void HttpTransfer::Perform() {
+  if (m_isAborted)
+    return Fail(ERROR_INTERNET_OPERATION_CANCELLED);
+  if (m_isFinished)
+    return;
+  if (m_isPaused && (IsRefused() || !m_source[0].empty() || !m_source[1].empty())) {
+    m_isPaused = false;
+    curl_easy_pause(m_easy.get(), CURLPAUSE_CONT);
+  }
+  int count = 0;
+  if (curl_multi_perform(m_multi.get(), &count) != CURLM_OK)
+    return Fail(ERROR_NOT_ENOUGH_MEMORY);
+  while (CURLMsg const *const message = curl_multi_info_read(m_multi.get(), &count))
+    if (message->msg == CURLMSG_DONE)
+      Finish(message->data.result);
+  if (m_isAborted)
+    Fail(ERROR_INTERNET_OPERATION_CANCELLED);
+}
+
+/// Drives the transfer until `ready()`. Returns: false if it was ended, or ended by itself, before that.
+template <class Ready> bool HttpTransfer::PumpUntil(Wait wait, Ready ready) {
+  Limits limits(*this, wait);
+  for (;;) {
+    Perform();
+    if (m_error == ERROR_INTERNET_OPERATION_CANCELLED)
+      return false;
+    if (ready())
+      return true;
+    if (m_isFinished)
+      return false;
+    std::uint64_t const left = limits.Left();
+    if (left == 0) {
+      Fail(ERROR_INTERNET_TIMEOUT);
+      return false;
+    }
+    std::uint64_t const slice = ClockIsDriven() ? kDrivenPollTime : m_isRequested ? kPollTime : kConnectingPollTime;
+    curl_multi_poll(m_multi.get(), nullptr, 0, static_cast<int>(std::min(left, slice)), nullptr);
+  }
+}
+
+void HttpTransfer::Finish(CURLcode code) {
+  m_isFinished = true;
+  if (m_error != ERROR_SUCCESS) // a callback has said why
+    return;
+  if (code == CURLE_WEIRD_SERVER_REPLY && !m_isHeadIn && Get<long>(CURLINFO_RESPONSE_CODE) >= 200) {
+    m_status = Get<long>(CURLINFO_RESPONSE_CODE); // an answer whose length is no number: its body counts as empty
+    m_isHeadIn = true;
+    return;
+  }
+  bool const hasEnded = code == CURLE_OK || code == CURLE_PARTIAL_FILE; // by the peer, in order
+  if (!hasEnded || !m_isHeadIn)
+    m_error = ErrorNumber(code);
+}
+
+void HttpTransfer::Fail(DWORD error) {
+  m_error = error;
+  m_isFinished = true;
+  curl_multi_remove_handle(m_multi.get(), m_easy.get()); // closes the connection
+}
+
+DWORD HttpTransfer::Failure() const { return m_error != ERROR_SUCCESS ? m_error : ERROR_INTERNET_CONNECTION_ABORTED; }
+
+DWORD HttpTransfer::ErrorNumber(CURLcode code) const {
+  if (code == CURLE_OUT_OF_MEMORY && m_isRequested && m_headSize == 0)
+    return ERROR_HTTP_INVALID_SERVER_RESPONSE; // libcurl's word for a header line over its own limit
+  if (code == CURLE_PEER_FAILED_VERIFICATION) {
+    for (VerifyRow const &row : kVerifyErrors)
+      if (row.result == Get<long>(CURLINFO_SSL_VERIFYRESULT))
+        return row.error;
+  }
+  if (code == CURLE_SSL_CONNECT_ERROR || code == CURLE_SEND_ERROR || code == CURLE_RECV_ERROR) {
+    for (MessageRow const &row : kLossMessages)
+      if (std::strstr(m_message.data(), row.text))
+        return row.error;
+    if (Get<long>(CURLINFO_OS_ERRNO) == ECONNRESET)
+      return ERROR_INTERNET_CONNECTION_RESET;
+  }
+  for (CodeRow const &row : kErrorNumbers)
+    if (row.code == code)
+      return row.error;
+  return ERROR_INTERNET_CONNECTION_ABORTED;
+}
+
+// --- The stages of an exchange
+
+std::uint64_t HttpTransfer::Sent() const { return static_cast<std::uint64_t>(Get<curl_off_t>(CURLINFO_SIZE_UPLOAD_T)); }
+
+bool HttpTransfer::IsHeadOut() const {
+  bool const isOut = m_isRequested && Get<long>(CURLINFO_REQUEST_SIZE) > m_sizeBeforeHead;
+  return m_isHeadIn || (isOut && (m_declared == 0 || m_isPaused));
+}
+
+/// A refused body may be stuck half-way, so that libcurl does not finish with a reply that is all there.
+bool HttpTransfer::IsReplyWhole() const {
+  if (m_isFinished)
+    return m_error == ERROR_SUCCESS;
+  std::uint64_t length = 0;
+  char const *const end = m_contentLength.data() + m_contentLength.size();
+  bool const isLengthKnown = std::from_chars(m_contentLength.data(), end, length).ec == std::errc();
+  return IsRefused() && isLengthKnown && m_received >= length;
+}
+
+std::size_t HttpTransfer::Take(char *buffer, std::size_t size) {
+  std::size_t const taken = m_reply.copy(buffer, size, m_taken);
+  m_taken += taken;
+  if (Buffered() == 0) {
+    m_reply.clear();
+    m_taken = 0;
+  }
+  return taken;
+}
+
+DWORD HttpTransfer::Begin(HttpRequest const &request, StatusSink const &sink, std::uint64_t bodyLength) {
+  if (m_stage != Stage::Idle)
+    return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  m_stage = Stage::Sending;
+  m_sink = sink;
+  SetUp(request, bodyLength);
+  if (curl_multi_add_handle(m_multi.get(), m_easy.get()) != CURLM_OK)
+    return ERROR_NOT_ENOUGH_MEMORY;
+  if (!PumpUntil(Wait::Send, [this] { return IsHeadOut(); }))
+    return Failure();
+  m_sink.TellCount(INTERNET_STATUS_REQUEST_SENT,
+                   static_cast<std::size_t>(Get<long>(CURLINFO_REQUEST_SIZE) - m_sizeBeforeHead));
+  return ERROR_SUCCESS;
+}
+
+/// Sends all that was accepted. Behind an early refusal, or when all is out, it does nothing.
+bool HttpTransfer::Flush() {
+  m_source[0] = m_held;
+  bool const isSent = PumpUntil(Wait::Send, [this] { return IsRefused() || Sent() >= m_accepted; });
+  m_source[0] = m_source[1] = {};
+  m_held.clear();
+  return isSent;
+}
+
+DWORD HttpTransfer::Write(void const *data, std::size_t size) {
+  if (m_stage != Stage::Sending || size > m_declared - m_accepted)
+    return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  Perform(); // looks for a reply
+  if (m_isFinished && (m_error == ERROR_INTERNET_OPERATION_CANCELLED || !IsRefused()))
+    return Failure();
+  m_sink.Tell(INTERNET_STATUS_SENDING_REQUEST);
+  m_accepted += size;
+  std::string_view const bytes(static_cast<char const *>(data), size);
+  if (m_held.size() + size < kJoinSize) {
+    m_held.append(bytes);
+  } else {
+    m_source[1] = bytes;
+    if (!Flush())
+      return Failure();
+  }
+  m_sink.TellCount(INTERNET_STATUS_REQUEST_SENT, size);
+  return ERROR_SUCCESS;
+}
+
+DWORD HttpTransfer::End() {
+  if (m_stage != Stage::Sending)
+    return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  if (m_accepted < m_declared) {
+    Fail(ERROR_INTERNET_INCORRECT_HANDLE_STATE);
+    return Failure();
+  }
+  if (!Flush())
+    return Failure();
+  m_sink.Tell(INTERNET_STATUS_RECEIVING_RESPONSE);
+  if (!PumpUntil(Wait::Receive, [this] { return m_isHeadIn; }))
+    return Failure();
+  m_sink.TellCount(INTERNET_STATUS_RESPONSE_RECEIVED, m_headSize);
+  m_stage = Stage::Answered;
+  return ERROR_SUCCESS;
+}
+
+DWORD HttpTransfer::Available(std::size_t *size) {
+  if (m_stage != Stage::Answered)
+    return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  if (!PumpUntil(Wait::Receive, [this] { return Buffered() > 0 || IsReplyWhole(); }))
+    return Failure();
+  for (std::size_t before = 0; before != Buffered();) {
+    before = Buffered();
+    Perform();
+  }
+  *size = Buffered();
+  return ERROR_SUCCESS;
+}
+
+DWORD HttpTransfer::Read(void *buffer, std::size_t size, std::size_t *read) {
+  if (m_stage != Stage::Answered)
+    return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  auto *const bytes = static_cast<char *>(buffer);
+  std::size_t taken = Take(bytes, size);
+  bool const isWhole = taken == size || PumpUntil(Wait::Receive, [&] {
+                         taken += Take(bytes + taken, size - taken);
+                         return taken == size || IsReplyWhole();
+                       });
+  if (!isWhole && (taken == 0 || m_error == ERROR_INTERNET_OPERATION_CANCELLED))
+    return Failure();
+  *read = taken;
+  return ERROR_SUCCESS;
+}
+
+void HttpTransfer::Abort() {
+  m_isAborted = true;
+  curl_multi_wakeup(m_multi.get());
+}

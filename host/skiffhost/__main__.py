@@ -1,0 +1,45 @@
+"""The command line: ``python3 -m skiffhost``. Parses, runs one subcommand, prints its result or its failure."""
+
+from __future__ import annotations
+
+import argparse
+import os
+import sys
+from typing import List, Optional
+
+from .commands import GROUPS
+from .commands.options import DEFAULTS, add_common_options
+from .outcome import EXIT_CANCELLED, Failure, print_failure, print_result
+
+EXIT_CODES = ("exit codes: 0 done; 1 the service said no; 2 wrong arguments or files, nothing was sent; "
+              "3 no answer that counts; 130 cancelled")
+
+
+def make_parser() -> argparse.ArgumentParser:
+    parser = argparse.ArgumentParser(prog="skiffhost", description="Kestrelhub from the command line.",
+                                     epilog=EXIT_CODES)
+    parser.set_defaults(**DEFAULTS)
+    add_common_options(parser)
+    subparsers = parser.add_subparsers(metavar="COMMAND", required=True)
+    for group in GROUPS:
+        group.register(subparsers)
+    return parser
+
+
+def main(argv: Optional[List[str]] = None) -> int:
+    for stream in (sys.stdout, sys.stderr):
+        stream.reconfigure(errors="backslashreplace")  # type: ignore[union-attr]
+    arguments = make_parser().parse_args(argv)
+    try:
+        return print_result(arguments.run(arguments), arguments.json)
+    except Failure as failure:
+        return print_failure(failure, arguments.json)
+    except KeyboardInterrupt:
+        return print_failure(Failure(EXIT_CANCELLED, "cancelled"), arguments.json)
+    except BrokenPipeError:  # the reader has gone; nothing more can be said, nor flushed at exit
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

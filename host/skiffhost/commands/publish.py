@@ -1,0 +1,126 @@
+"""Subcommand publish: logs a member in and uploads a preset, with progress and a cancel on Ctrl-C.
+
+The uploader's events arrive through the message loop, which this command pumps on the main thread.
+"""
+
+from __future__ import annotations
+
+import argparse
+import os
+import signal
+import sys
+import uuid
+from typing import Any, List, NamedTuple, Optional
+
+from .. import loop
+from ..outcome import EXIT_CANCELLED, EXIT_NO_ANSWER, EXIT_REFUSED, Failure, Result
+from ..presetfiles import FILES, find_files
+from ..progress import View, choose_view, from_event
+from ..session import Session, log_in, open_session, password_of
+from ..signals import handling
+from .options import add_command, add_login_options
+
+PUMP_SECONDS = 0.2
+UPLOAD_ID = 1
+
+
+def register(subparsers: Any) -> None:
+    parser = add_command(subparsers, "publish", publish, "publish a preset")
+    add_login_options(parser)
+    parser.add_argument("folder", nargs="?", help="folder with the preset's files: " + ", ".join(FILES) +
+                        ", each with any extension")
+    files = parser.add_argument_group("files, in place of those of the folder")
+    for name in FILES:
+        files.add_argument("--" + name.replace("_", "-"), metavar="FILE")
+    fields = parser.add_argument_group("description")
+    fields.add_argument("--title", required=True)
+    fields.add_argument("--category", default="", help="category id")
+    fields.add_argument("--tags", default="")
+    fields.add_argument("--description", default="")
+    fields.add_argument("--collections", default="")
+    fields.add_argument("--pip-type", default="")
+    fields.add_argument("--template-key", default="", help="the preset's key (default: a new GUID)")
+    parser.add_argument("--progress", choices=("auto", "bar", "lines", "none"), default="auto",
+                        help="how progress is shown on standard error (default: a bar on a terminal, else lines; "
+                        "none with --json off a terminal)")
+
+
+def publish(arguments: argparse.Namespace) -> Result:
+    paths = find_files(arguments.folder, vars(arguments))
+    password = password_of(arguments)
+    session = open_session(arguments)
+    log_in(session, arguments.user, password)
+    key = arguments.template_key or str(uuid.uuid4()).upper()
+    fields = [key, arguments.title, arguments.category, arguments.tags, arguments.description, arguments.collections,
+              arguments.pip_type]
+    kind = arguments.progress
+    if kind == "auto" and arguments.json and not sys.stderr.isatty():
+        kind = "none"
+    view = choose_view(kind, sys.stderr, os.environ)
+    try:
+        upload = Upload(session, view)
+        completion = upload.run(paths, fields)
+    finally:
+        view.close()
+    address = _address_of(completion, upload.cancelled)
+    line = f"published {address}" if address else "published, but the service named no address"
+    return Result([line], {"address": address, "template_key": key})
+
+
+class Completion(NamedTuple):
+    """The arguments of an UploadComplete event behind its name."""
+
+    percent: int
+    accepted: int
+    address: str
+    error: str
+    thread: int
+    upload: int
+
+
+def _address_of(completion: Completion, cancelled: bool) -> str:
+    """Returns the published item's address. Raises Failure unless the service accepted the upload."""
+    if completion.accepted and (completion.address or not completion.error):
+        return completion.address
+    if completion.error:
+        raise Failure(EXIT_REFUSED, completion.error)
+    if cancelled:
+        raise Failure(EXIT_CANCELLED, "cancelled")
+    raise Failure(EXIT_NO_ANSWER, "no accepted answer")
+
+
+class Upload:
+    """One upload from its start to its completion event, on the thread that makes it."""
+
+    def __init__(self, session: Session, view: View) -> None:
+        data = session.data
+        self.cancelled = False
+        self._view = view
+        self._completion: Optional[Completion] = None
+        self._uploader = session.module.PyPresetUploader(
+            data.GetServerUrl(), data.GetLoginTokenID(), session.version, session.version_type, session.installation)
+
+    def run(self, paths: List[str], fields: List[str]) -> Completion:
+        """Uploads and pumps until the completion arrives; SIGINT and SIGTERM cancel, however often they come."""
+        with handling((signal.SIGINT, signal.SIGTERM), self._cancel):
+            try:
+                self._uploader.SetCallback(self._on_event)
+                if self._uploader.StartUpload(*paths, *fields, UPLOAD_ID) == 0:
+                    raise Failure(EXIT_NO_ANSWER, "the upload could not be started")
+                while self._completion is None:
+                    loop.wait(PUMP_SECONDS)
+                    if loop.pump() == 0:
+                        self._view.draw()
+                return self._completion
+            finally:
+                self._uploader.SetCallback(None)  # the two hold each other, and no collector sees it
+
+    def _cancel(self, *_signal: Any) -> None:
+        self._uploader.CancelUpload()
+        self.cancelled = self._view.cancelling = True
+
+    def _on_event(self, _source: str, event: str, *values: Any) -> None:
+        if event == "ProgressChanged":
+            self._view.show(from_event(*values))
+        elif event == "UploadComplete":
+            self._completion = Completion(*values)

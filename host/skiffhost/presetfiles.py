@@ -1,0 +1,63 @@
+"""Finds the thirteen files of a preset and checks them before anything is sent. Touches the file system only."""
+
+from __future__ import annotations
+
+import os
+import unicodedata
+from typing import Dict, List, Mapping, Optional
+
+from .outcome import EXIT_USAGE, Failure
+
+# In the order in which an uploader takes them; also the files' names in a preset's folder, without an extension.
+FILES = ("effect", "cover_after", "cover_before", "thumbnail_after", "thumbnail_before", "curve_rgb", "curve_r",
+         "curve_g", "curve_b", "levels_rgb", "levels_r", "levels_g", "levels_b")
+SENT_TWICE = "cover_after"
+
+# A request's length is declared in 32 bits, and the form around the files takes a little of it.
+LARGEST_UPLOAD = 2**32 - 2**20
+
+
+def find_files(folder: Optional[str], given: Mapping[str, Optional[str]]) -> List[str]:
+    """Returns the thirteen paths in order: those that were given, the others from the folder.
+
+    Raises Failure with every fault that was found, one a line.
+    """
+    entries = _by_stem(folder) if folder is not None else {}
+    faults: List[str] = []
+    paths: List[str] = []
+    for name in FILES:
+        path = given.get(name)
+        found = [path] if path is not None else entries.get(name, [])
+        if len(found) == 1:
+            paths.append(found[0])
+            faults += _faults_of(found[0])
+        elif found:
+            faults.append(f"several files could be {name}: " + ", ".join(sorted(map(os.path.basename, found))))
+        else:
+            faults.append(f"no file {name}" + (f" in {folder}" if folder is not None else ""))
+    if not faults and sum(map(os.path.getsize, paths + [paths[FILES.index(SENT_TWICE)]])) > LARGEST_UPLOAD:
+        faults.append("together the files are too large: an upload holds less than 4 GiB")
+    if faults:
+        raise Failure(EXIT_USAGE, "; ".join(faults))
+    return paths
+
+
+def _by_stem(folder: str) -> Dict[str, List[str]]:
+    """The folder's entries by their names without the extension."""
+    entries: Dict[str, List[str]] = {}
+    try:
+        for entry in os.listdir(folder):
+            entries.setdefault(os.path.splitext(entry)[0], []).append(os.path.join(folder, entry))
+    except OSError as error:
+        raise Failure(EXIT_USAGE, f"the folder cannot be read: {error}") from error
+    return entries
+
+
+def _faults_of(path: str) -> List[str]:
+    if any(unicodedata.category(character) == "Cc" for character in path):
+        return [f"a control character in the file name {path!r}"]
+    if not os.path.isfile(path):
+        return [f"not a file: {path}" if os.path.exists(path) else f"no such file: {path}"]
+    if not os.access(path, os.R_OK):
+        return [f"not readable: {path}"]
+    return []

@@ -1,0 +1,198 @@
+"""Shows an upload's progress: a bar on a terminal, plain lines elsewhere.
+
+Knows the numbers of the ProgressChanged event and nothing else of the module. Draws on the thread that calls it.
+"""
+
+from __future__ import annotations
+
+import os
+import time
+from typing import Any, Callable, NamedTuple, Optional, TextIO
+
+try:
+    import rich.console
+    import rich.progress
+except ImportError:
+    rich = None  # type: ignore[assignment]
+
+SECONDS_PER_TICK = 0.5
+LINE_EVERY_PERCENT = 10
+LINE_EVERY_SECONDS = 10.0
+DEFAULT_COLUMNS = 80
+
+
+class Progress(NamedTuple):
+    """One progress event in everyday units."""
+
+    sent: int
+    total: int
+    seconds_left: float
+    bytes_per_second: float
+
+    @property
+    def percent(self) -> int:
+        return self.sent * 100 // self.total if self.total else 100
+
+    @property
+    def finishing(self) -> bool:
+        """Every file byte is out, but the service has not answered yet."""
+        return self.sent >= self.total
+
+
+def from_event(_percent: int, _file_ticks: int, sent: int, total: int, ticks_left: int, bytes_per_tick: int,
+               _path: str) -> Progress:
+    """Takes the arguments of a ProgressChanged event behind its name. Its counts are unsigned numbers of 32 bits that
+    arrive as signed ones; its times are ticks of 500 ms, its rate bytes per tick. The first event of a file tells the
+    time for all files as if none had been sent, so what is left bounds it."""
+    sent, total, ticks_left, bytes_per_tick = (value % 2**32 for value in (sent, total, ticks_left, bytes_per_tick))
+    ticks_left = min(ticks_left, max(total - sent, 0) // max(bytes_per_tick, 1))
+    return Progress(sent, total, ticks_left * SECONDS_PER_TICK, bytes_per_tick / SECONDS_PER_TICK)
+
+
+def format_bytes(count: float) -> str:
+    """1234567 -> "1.2 MB"."""
+    for unit in ("bytes", "KB", "MB"):
+        if count < 1000:
+            break
+        count /= 1000
+    else:
+        unit = "GB"
+    return f"{count:.0f} {unit}" if unit == "bytes" else f"{count:.1f} {unit}"
+
+
+def format_seconds(seconds: float) -> str:
+    """75.5 -> "1:15"."""
+    minutes, rest = divmod(int(seconds), 60)
+    hours, minutes = divmod(minutes, 60)
+    return f"{hours}:{minutes:02}:{rest:02}" if hours else f"{minutes}:{rest:02}"
+
+
+def describe(progress: Progress) -> str:
+    """Amount, rate and time left as one text."""
+    amount = f"{format_bytes(progress.sent)} of {format_bytes(progress.total)}"
+    if progress.finishing:
+        return amount
+    return f"{amount}, {format_bytes(progress.bytes_per_second)}/s, {format_seconds(progress.seconds_left)} left"
+
+
+class View:
+    """Keeps the latest progress and state; what it looks like is up to the derived classes."""
+
+    def __init__(self) -> None:
+        self.progress = Progress(0, 0, 0.0, 0.0)
+        self.started = False
+        self.cancelling = False  # set once the upload was asked to stop; shows at the next drawing
+
+    @property
+    def label(self) -> str:
+        """What the upload is doing now."""
+        if self.cancelling:
+            return "cancelling"
+        return "finishing" if self.started and self.progress.finishing else "uploading"
+
+    def show(self, progress: Progress) -> None:
+        self.progress = progress
+        self.started = True
+        self.draw()
+
+    def draw(self) -> None:
+        """Brings what is seen up to date; to be called a few times a second while no event comes."""
+
+    def close(self) -> None:
+        """Leaves the cursor on a line of its own."""
+
+
+class LineView(View):
+    """A line for each ten percent, or each ten seconds, and one for each change of state."""
+
+    def __init__(self, stream: TextIO, clock: Callable[[], float] = time.monotonic) -> None:
+        super().__init__()
+        self._stream = stream
+        self._clock = clock
+        self._last_label = ""
+        self._last_percent = 0
+        self._last_time = clock()
+
+    def draw(self) -> None:
+        if not self._due():
+            return
+        self._last_label = self.label
+        self._last_percent = self.progress.percent
+        self._last_time = self._clock()
+        print(f"{self.label} {self.progress.percent}% ({describe(self.progress)})", file=self._stream, flush=True)
+
+    def _due(self) -> bool:
+        if not self.started:
+            return False
+        if self.label != self._last_label or self._clock() - self._last_time >= LINE_EVERY_SECONDS:
+            return True
+        return self.progress.percent >= self._last_percent + LINE_EVERY_PERCENT
+
+
+class CarriageView(View):
+    """One terminal line that is written over, for a terminal without the library that draws bars."""
+
+    BAR_CELLS = 20
+
+    def __init__(self, stream: TextIO) -> None:
+        super().__init__()
+        self._stream = stream
+
+    def draw(self) -> None:
+        filled = self.progress.percent * self.BAR_CELLS // 100 if self.started else 0
+        bar = "#" * filled + "." * (self.BAR_CELLS - filled)
+        percent = self.progress.percent if self.started else 0
+        text = f"{self.label:10} [{bar}] {percent:3}% {describe(self.progress)}"
+        columns = self._columns()
+        self._stream.write("\r" + text[:columns - 1].ljust(columns - 1))
+        self._stream.flush()
+
+    def _columns(self) -> int:
+        try:
+            return os.get_terminal_size(self._stream.fileno()).columns or DEFAULT_COLUMNS
+        except OSError:  # a bar was asked for where there is no terminal
+            return DEFAULT_COLUMNS
+
+    def close(self) -> None:
+        self._stream.write("\n")
+        self._stream.flush()
+
+
+class BarView(View):
+    """A bar drawn by rich, without a thread of its own."""
+
+    def __init__(self, stream: TextIO) -> None:
+        super().__init__()
+        self._bar = rich.progress.Progress(
+            rich.progress.TextColumn("{task.description:10}", markup=False),
+            rich.progress.BarColumn(bar_width=None),
+            rich.progress.TextColumn("{task.fields[percent]:3}%", markup=False),
+            rich.progress.TextColumn("{task.fields[details]}", markup=False),
+            console=rich.console.Console(file=stream),
+            auto_refresh=False,
+            expand=True,
+        )
+        self._task = self._bar.add_task(self.label, total=1, percent=0, details="")
+        self._bar.start()
+
+    def draw(self) -> None:
+        if self.started:
+            total = max(self.progress.total, 1)
+            done = self.progress.sent if self.progress.total else total
+            self._bar.update(self._task, total=total, completed=done, percent=self.progress.percent,
+                             details=describe(self.progress))
+        self._bar.update(self._task, description=self.label)
+        self._bar.refresh()
+
+    def close(self) -> None:
+        self._bar.stop()
+
+
+def choose_view(kind: str, stream: TextIO, environment: Any) -> View:
+    """Returns the view of that kind ("auto", "bar", "lines" or "none") on the stream."""
+    able = stream.isatty() and environment.get("TERM", "dumb") != "dumb"
+    if kind == "none":
+        return View()
+    if kind == "lines" or (kind == "auto" and not able):
+        return LineView(stream)
+    return BarView(stream) if rich is not None and able else CarriageView(stream)

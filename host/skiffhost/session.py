@@ -1,0 +1,105 @@
+"""Opens a session with the community service on behalf of a command: product identity, password, login.
+
+The Skiffport module is imported here and nowhere else, after the environment that it reads has been set.
+"""
+
+from __future__ import annotations
+
+import argparse
+import getpass
+import os
+import signal
+import socket
+import sys
+import uuid
+from types import ModuleType
+from typing import Any, ContextManager, NamedTuple
+
+from .outcome import EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, Failure
+from .signals import handling
+
+PASSWORD_VARIABLE = "SKIFFHOST_PASSWORD"
+
+# What the commoner transport errors of a login mean.
+TRANSPORT_ERRORS = {
+    12002: "it took too long",
+    12005: "the address is wrong",
+    12007: "the host is unknown",
+    12029: "no connection came about",
+    12030: "the connection was closed",
+    12031: "the connection was reset",
+    12045: "the certificate's issuer is not trusted",
+    12152: "the answer was no HTTP",
+    12157: "the secure connection failed",
+}
+
+
+class Session(NamedTuple):
+    """The module and its session object, with what both an uploader and a login are given."""
+
+    module: ModuleType
+    data: Any
+    version: str
+    version_type: str
+    installation: str
+
+
+def open_session(arguments: argparse.Namespace) -> Session:
+    """Makes a session object for the command's product identity. Makes no request."""
+    if arguments.connect_to is not None:
+        os.environ["SKIFFPORT_CONNECT_TO"] = arguments.connect_to
+    if arguments.ca_file is not None:
+        os.environ["SSL_CERT_FILE"] = arguments.ca_file
+    try:
+        import Skiffport
+    except ImportError as error:
+        raise Failure(EXIT_USAGE, f"the module cannot be loaded, is the built tree on PYTHONPATH? {error}") from error
+    installation = arguments.uuid or str(uuid.uuid5(uuid.NAMESPACE_DNS, socket.gethostname()))
+    data = Skiffport.KHLoginData(arguments.version_name, arguments.version_type, installation)
+    if arguments.host is not None:
+        data.SetKHURLAsReg(arguments.host)
+    return Session(Skiffport, data, arguments.version_name, arguments.version_type, installation)
+
+
+def find_service(session: Session) -> None:
+    """Finds the service's address, unless it was given. Cannot fail: there is a fallback."""
+    with _native_interrupts():
+        session.data.InitKHServerURL()
+
+
+def log_in(session: Session, user: str, password: str) -> None:
+    """Logs the member in. Raises Failure."""
+    find_service(session)
+    with _native_interrupts():
+        outcome = session.data.LoginKestrelhub(user, password)
+    if outcome == 1:
+        return
+    if outcome != 0:
+        reason = TRANSPORT_ERRORS.get(outcome, "the exchange failed")
+        raise Failure(EXIT_NO_ANSWER, f"no answer to the login: {reason} (error {outcome})")
+    if not session.data.m_bServerReachable:
+        raise Failure(EXIT_NO_ANSWER, "no answer to the login: the service cannot be reached")
+    raise Failure(EXIT_REFUSED, "the service did not accept the login")
+
+
+def password_of(arguments: argparse.Namespace) -> str:
+    """Returns the password from the file, the environment or a prompt, in this order. Raises Failure."""
+    if arguments.password_file is not None:
+        try:
+            with open(arguments.password_file, encoding="utf-8") as file:
+                return file.readline().rstrip("\r\n")
+        except (OSError, ValueError) as error:
+            raise Failure(EXIT_USAGE, f"the password file cannot be read: {error}") from error
+    if PASSWORD_VARIABLE in os.environ:
+        return os.environ[PASSWORD_VARIABLE]
+    if not sys.stdin.isatty():
+        raise Failure(EXIT_USAGE, f"no password: give --password-file, or set {PASSWORD_VARIABLE}")
+    try:
+        return getpass.getpass(f"Password of {arguments.user}: ")
+    except EOFError as error:
+        raise Failure(EXIT_USAGE, "no password") from error
+
+
+def _native_interrupts() -> ContextManager[None]:
+    """A service call blocks the thread that would run Python's handler, so Ctrl-C ends the process meanwhile."""
+    return handling((signal.SIGINT,), signal.SIG_DFL)

@@ -1,0 +1,80 @@
+"""The published presets on disk: a folder a preset, its files under their form names, and preset.json beside them.
+
+A preset that is still coming in lives in a folder with a leading dot, and becomes visible in one rename.
+"""
+
+import contextlib
+import hashlib
+import json
+import secrets
+import shutil
+from pathlib import Path
+from typing import Any, AsyncIterator, Dict, Iterator, List, Optional
+
+Record = Dict[str, Any]
+
+
+class PresetStore:
+    """All published presets of one folder, those of earlier runs included."""
+
+    def __init__(self, folder: Path) -> None:
+        folder.mkdir(parents=True, exist_ok=True)
+        self._folder = folder
+        self._records: Dict[str, Record] = {}
+        for file in sorted(folder.glob("[!.]*/preset.json")):
+            record = json.loads(file.read_text("utf-8"))
+            self._records[record["id"]] = record
+
+    def all(self) -> List[Record]:
+        """Returns the records, oldest first of this run."""
+        return list(self._records.values())
+
+    def get(self, preset_id: str) -> Optional[Record]:
+        return self._records.get(preset_id)
+
+    def find(self, guid: str) -> Optional[Record]:
+        """Returns the latest preset with that id or template key, whatever the case of its letters."""
+        for record in reversed(self.all()):
+            if guid.lower() in (record["id"], record["fields"]["templateKey"].lower()):
+                return record
+        return None
+
+    @contextlib.contextmanager
+    def incoming(self) -> Iterator["IncomingPreset"]:
+        """A preset that is being received; whatever was not published by the end of the block is removed."""
+        preset = IncomingPreset(self._folder)
+        try:
+            yield preset
+            if preset.record is not None:
+                preset.folder.rename(self._folder / preset.id)
+                self._records[preset.id] = preset.record
+        finally:
+            shutil.rmtree(preset.folder, ignore_errors=True)
+
+
+class IncomingPreset:
+    """One preset on its way in: files are written as they arrive, and the record last."""
+
+    def __init__(self, store_folder: Path) -> None:
+        self.id = secrets.token_hex(8)
+        self.folder = store_folder / ("." + self.id)
+        self.folder.mkdir()
+        self.files: List[Record] = []
+        self.record: Optional[Record] = None
+
+    async def add_file(self, name: str, details: Record, chunks: AsyncIterator[bytes]) -> None:
+        """Streams one file to disk and notes its size and SHA-256 beside the details."""
+        size = 0
+        digest = hashlib.sha256()
+        with open(self.folder / name, "xb") as file:
+            async for chunk in chunks:
+                file.write(chunk)
+                digest.update(chunk)
+                size += len(chunk)
+        self.files.append({"name": name, **details, "size": size, "sha256": digest.hexdigest()})
+
+    def publish(self, details: Record) -> Record:
+        """Writes the record; the preset becomes visible when the store's block ends."""
+        self.record = {"id": self.id, **details, "files": self.files}
+        (self.folder / "preset.json").write_text(json.dumps(self.record, indent=2), "utf-8")
+        return self.record

@@ -1,0 +1,43 @@
+"""XML replies: every reply of the service is one small document with a Content-Length.
+
+Documents are written in ASCII with character references, so that they read the same in whatever code page the client
+takes the bytes.
+"""
+
+import re
+import xml.etree.ElementTree as ElementTree
+from typing import Mapping, Optional
+
+from aiohttp import web
+
+_NOT_IN_XML = re.compile("[^\t\n\r\x20-\ud7ff\ue000-\ufffd\U00010000-\U0010ffff]")
+
+
+class Refusal(Exception):
+    """A request that the service turns down: an HTTP status of 400 or more, and a text for the member."""
+
+    def __init__(self, status: int, text: str) -> None:
+        super().__init__(text)
+        self.status = status
+        self.text = text
+
+
+def add_element(parent: ElementTree.Element, name: str, text: str) -> ElementTree.Element:
+    """Adds a child with that text; what XML cannot hold becomes a question mark."""
+    child = ElementTree.SubElement(parent, name)
+    child.text = _NOT_IN_XML.sub("?", text)
+    return child
+
+
+def document(root: ElementTree.Element, status: int = 200) -> web.Response:
+    """Returns the reply that holds the document."""
+    return web.Response(status=status, body=ElementTree.tostring(root), content_type="text/xml", charset="us-ascii")
+
+
+def flat_document(root: str, children: Mapping[str, Optional[str]], status: int = 200) -> web.Response:
+    """Returns the reply of a root with one level of text elements, in order; None leaves an element out."""
+    element = ElementTree.Element(root)
+    for name, text in children.items():
+        if text is not None:
+            add_element(element, name, text)
+    return document(element, status)

@@ -1,0 +1,216 @@
+"""Categories, effect lookup, related video and blocking requests: wire, replies, failures."""
+
+import os
+import pathlib
+import sys
+import time
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
+import service  # noqa: E402
+from scripted import DEFAULT, DETECT, STAGE, Network  # noqa: E402
+
+import Skiffport  # noqa: E402
+
+HOST = "good.test"
+AGENT = "User-Agent: DummyAppNameForMFCClass\r\nContent-Length: 0\r\n\r\n"
+
+
+def post(target, rest=AGENT, host=HOST):
+    return f"POST {target} HTTP/1.1\r\nHost: {host}\r\n{rest}".encode()
+
+
+class RequestTest(unittest.TestCase):
+    def setUp(self):
+        self.network = Network()
+        self.network.__enter__()
+        self.addCleanup(self.network.__exit__)
+        self.data = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
+        self.data.SetKHURLAsReg(HOST)
+
+    def plain(self, body, *options, scenario="reply"):
+        """Lets port 80 of the host go to a peer with that reply."""
+        return self.network.play(HOST, scenario, "--body", body, *options, tls="")
+
+    def log_in(self):
+        self.network.reply(DEFAULT, "")
+        self.network.reply(HOST, "<info><tokenid>tok</tokenid></info>")
+        self.assertEqual(self.data.LoginKestrelhub("u", "p"), 1)
+
+
+class Categories(RequestTest):
+    def test_gathers_the_replies_by_their_ids(self):
+        peer = self.plain("<!-- c --><categories><!-- c --><category categoryid='7'>A &amp; B</category><other/>"
+                          "<CATEGORY categoryid='8'> x </CATEGORY><category CategoryID='9'>no</category>"
+                          "<category>no</category><category categoryid=''>no</category>"
+                          "<category categoryid='7'>later</category></categories>")
+        self.assertEqual(self.data.GetPresetCategory("en us"), {"7": "later", "8": "x"})
+        self.assertEqual(peer.received(), post("/servlet/getPresetCategory?ap=TWR&Locid=en%20us&version=10.5"))
+        peer = self.plain("<Categories><category categoryid='8'>y</category><category categoryid='ä'>z</category></Categories>")
+        self.assertEqual(self.data.GetPresetCategory(None), {"7": "later", "8": "y", "ä": "z"})
+        self.assertIn(b"Locid=(null)&", peer.received())
+        self.data.LogoutKestrelhub()
+        self.assertEqual(self.data.GetCategoryCount(), 3)
+
+    def test_an_empty_name_counts_but_ends_the_copy(self):
+        self.plain("<categories><category categoryid='1'/></categories>")
+        self.assertEqual((self.data.GetPresetCategory("en"), self.data.GetCategoryCount()), ({}, 1))
+
+    def test_failures_leave_the_cache(self):
+        good = "<categories><category categoryid='1'>one</category></categories>"
+        self.plain(good)
+        self.assertEqual(self.data.GetPresetCategory("en"), {"1": "one"})
+        other = good.replace("1", "2").replace("one", "two")
+        for scenario, body, options in (("pieces", other, ()), ("reply", "", ()), ("reply", "<categories><category", ()),
+                                        ("close", "", ()), ("garbage", "", ()), ("reset-send", "", ())):
+            with self.subTest(scenario + body):
+                self.plain(body, *options, scenario=scenario)
+                self.assertEqual(self.data.GetPresetCategory("en"), {"1": "one"})
+        self.plain(other, "--status", "500", "--length", "none")  # neither counts
+        self.assertEqual(self.data.GetPresetCategory("en"), {"1": "one", "2": "two"})
+        peer = self.plain(good)
+        fits = 254 - len("/servlet/getPresetCategory?ap=TWR&Locid=&version=10.5")
+        self.data.GetPresetCategory("x" * (fits + 1))
+        self.assertEqual(peer.received(), b"", "refused without a request")
+        self.data.GetPresetCategory("x" * fits)
+        self.assertIn(b"x" * fits, peer.received())
+
+    def test_a_hostile_length_costs_nothing(self):
+        for length in ("2147483647", "99999999999999999999", "-1", "0x10", "abc"):
+            self.plain("<categories/>", "--length", "none", "--header", f"Content-Length: {length}")
+            self.assertEqual(self.data.GetPresetCategory("en"), {})
+
+
+class Effects(RequestTest):
+    def test_finds_the_last_address_and_decodes_it(self):
+        peer = self.plain("<pip><!-- c --><pipURL>no</pipURL><PIPURL>https%3A//h/a%20b+c</PIPURL><x/></pip>")
+        self.assertEqual(self.data.GetEffectByGUID("{g}"), "https://h/a b+c")
+        self.assertEqual(peer.received(), post("/servlet/GetEffectByGUIDForTWR?token=&guid={g}"))
+        sent = peer.received()
+        self.assertEqual(self.data.GetEffectByGUID(None), " ")
+        self.assertEqual(peer.received(), sent)
+
+    def test_failures_give_an_empty_text(self):
+        good = "<PIP><pipURL>u</pipURL></PIP>"
+        for scenario, body in (("pieces", good), ("reply", ""), ("reply", "<PIP/>"), ("reply", "<info/>"), ("close", "")):
+            self.plain(body, scenario=scenario)
+            self.assertEqual(self.data.GetEffectByGUID("g"), "", scenario + body)
+        peer = self.plain(good)
+        self.assertEqual(self.data.GetEffectByGUID("g" * 254), "")
+        self.assertEqual(peer.received(), b"")
+
+
+class RelatedVideo(RequestTest):
+    ID = "<info><videoId>v1</videoId><videoUrl>https://h/%41</videoUrl></info>"
+
+    def test_tells_the_service_in_two_exchanges(self):
+        self.log_in()
+        for scenario in ("reply", "pieces", "trickle"):  # pieces are put together here
+            peer = self.plain(self.ID, "--pause", "0.01" if scenario == "trickle" else "0.2", scenario=scenario)
+            self.assertEqual(self.data.SetRelateVideo("https://v?a=1&b=2", "w", "x=y"), "https://h/%41", scenario)
+            self.assertEqual(peer.received(), post(
+                "/servlet/setRelateVideo?tokenid=tok&AP=TWR&Version=10.5&versionType=retail&uuid=uuid-1") + post(
+                "/servlet/setRelateVideo?tokenid=tok&videoID=v1&videoURL=https://v?a=1&b=2&website=w&AP=TWR&Version=10.5"
+                "&versionType=retail&uuid=uuid-1&x=y"))
+
+    def test_failures_give_a_blank(self):
+        peer = self.plain(self.ID)
+        self.assertEqual(self.data.SetRelateVideo("", "", ""), " ", "nobody is logged in")
+        self.log_in()
+        for arguments in ((None, "", ""), ("", None, ""), ("", "", None)):
+            self.assertEqual(self.data.SetRelateVideo(*arguments), " ")
+        self.assertEqual(peer.received(), b"")
+        self.assertEqual(self.data.SetRelateVideo("", "", ""), "https://h/%41")
+        self.assertTrue(peer.received().split(b"\r\n")[-5].endswith(b"&uuid=uuid-1& HTTP/1.1"))
+        self.assertEqual(self.data.SetRelateVideo("x" * 2047, "", ""), " ", "too long for the second request")
+        for body, scenario in (("", "reply"), ("<info/>", "reply"), ("<info><videoId/></info>", "reply"), ("", "close")):
+            peer = self.plain(body, scenario=scenario)
+            self.assertEqual(self.data.SetRelateVideo("", "", ""), " ")
+            self.assertEqual(peer.received().count(b"POST"), 1, "no second request")
+        self.plain(self.ID.replace("videoUrl", "other"))
+        self.assertEqual(self.data.SetRelateVideo("", "", ""), " ")
+        self.plain("<info><videoId>v</videoId><videoUrl/></info>")
+        self.assertEqual(self.data.SetRelateVideo("", "", ""), "")
+
+    def test_an_empty_second_reply_is_the_interpreters_own_error(self):
+        self.log_in()
+        self.plain(self.ID, "--then", "")
+        with self.assertRaises(SystemError):
+            self.data.SetRelateVideo("", "", "")
+
+
+class BlockingRequests(RequestTest):
+    def test_sends_parameters_in_query_or_body(self):
+        util = Skiffport.KHConnectUtil()
+        form = "User-Agent: Tintwright\r\nContent-Type: application/x-www-form-urlencoded\r\nContent-Length: "
+        for port, tls in ((80, ""), (443, "good")):
+            peer = self.network.reply(HOST, "Grüße", tls=tls)
+            succeeded = {"bSucc": 1, "data": "Grüße"}
+            self.assertEqual(util.SyncSendHttpRequest(HOST, port, "/a", "b=ü d", None), succeeded)
+            self.assertEqual(util.SyncSendHttpRequest(HOST, port, "/a", "", "X: y"), succeeded)
+            self.assertEqual(util.SyncSendHttpRequestParam(HOST, port, "/a?q", "b=ü d"), succeeded)
+            self.assertEqual(util.SyncSendHttpRequestParam(HOST, port, "", ""), succeeded)
+            nothing = "Content-Length: 0\r\n\r\n"
+            self.assertEqual(peer.received(), post("/a?b=ü%20d", nothing) + post("/a", nothing)
+                             + post("/a?q", form + "6\r\n\r\nb=ü d") + post("/", form + "0\r\n\r\n"))
+
+    def test_tells_what_went_wrong(self):
+        util = Skiffport.KHConnectUtil()
+        for arguments in ((None, 80, "/", ""), (HOST, 80, None, ""), (HOST, 80, "/", None)):
+            self.assertEqual(util.SyncSendHttpRequest(*arguments, ""), {})
+            self.assertEqual(util.SyncSendHttpRequestParam(*arguments), {})
+        for port in (8080, 0, -1, 65536 + 80):
+            self.assertEqual(util.SyncSendHttpRequest(HOST, port, "/", "", ""), {"bSucc": 0})
+        self.network.lead(f"{HOST}:80:127.0.0.1:1")
+        cases = [("no-such-host.invalid", 80, None, None, "found"), (HOST, 80, None, None, "connect"),
+                 (HOST, 443, "reply", "unknown-issuer", "issuer"), ("a\nb", 80, None, None, "address"),
+                 (HOST, 443, "garbage", "good", "HTTP")]
+        for host, port, scenario, certificate, word in cases:
+            if scenario:
+                self.network.play(host, scenario, tls=certificate)
+            result = util.SyncSendHttpRequest(host, port, "/", "", "")
+            with self.subTest(result.get("errMsg")):
+                self.assertEqual((set(result), result["bSucc"]), ({"bSucc", "errMsg"}, 0))
+                self.assertIn(word, result["errMsg"])
+                self.assertLessEqual(len(result["errMsg"]), 79)
+
+    def test_takes_the_body_as_its_length_says(self):
+        util = Skiffport.KHConnectUtil()
+        for options, data in ((("--length", "none"), ""), (("--length", "chunked"), ""), (("--length", "negative"), ""),
+                              (("--length", "short"), "abc"), (("--length", "long"), "abcdef"), (("--status", "404"), "abcdef")):
+            self.plain("abcdef", *options)
+            self.assertEqual(util.SyncSendHttpRequest(HOST, 80, "/", "", ""), {"bSucc": 1, "data": data}, options)
+        self.plain("abcdef", scenario="pieces")
+        self.assertEqual(util.SyncSendHttpRequest(HOST, 80, "/", "", "")["data"], "abcdef", "whole, however it comes")
+        self.plain(b"a\xff\xe4b".decode("utf-8", "surrogateescape"))
+        self.assertEqual(util.SyncSendHttpRequest(HOST, 80, "/", "", "")["data"], "a\ufffd\ufffdb")
+        self.plain("", "--fill", "600")  # has a zero byte every 251
+        self.assertEqual(util.SyncSendHttpRequest(HOST, 80, "/", "", "")["data"], "")
+
+    def test_a_connection_that_does_not_come_about_costs_five_seconds(self):
+        self.network.play(HOST, "silent-connect", tls="")
+        start = time.monotonic()
+        result = Skiffport.KHConnectUtil().SyncSendHttpRequest(HOST, 80, "/", "", "")
+        self.assertEqual(result["bSucc"], 0)
+        self.assertIn("time", result["errMsg"])
+        self.assertTrue(4.9 < time.monotonic() - start < 6, time.monotonic() - start)
+
+    def test_staging_hosts_are_told_by_their_name(self):
+        self.network.reply("stage.kestrelhub.example", "x", tls="expired-wrong-name")
+        self.assertEqual(Skiffport.KHConnectUtil().SyncSendHttpRequest(STAGE, 443, "/", "", "")["bSucc"], 1)
+
+
+class Standin(RequestTest):
+    def test_every_request_runs_against_the_standin(self):
+        self.network.standin()
+        data = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
+        self.assertEqual(data.LoginKestrelhub(service.USER, service.PASSWORD), 1)
+        self.assertEqual(data.GetPresetCategory("de")["5"], "Schwarzweiß")
+        self.assertEqual(data.GetEffectByGUID("unknown"), "")
+        self.assertTrue(data.SetRelateVideo("https://v", "w", "a=b").startswith("https://"))
+        self.assertEqual(Skiffport.KHConnectUtil().SyncSendHttpRequest(DETECT, 443, "/", "", "")["bSucc"], 1)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,71 @@
+"""Sends the service's hosts to peers for the length of a test: the stand-in, or scripted ones that misbehave."""
+
+import contextlib
+import os
+import pathlib
+import tempfile
+from typing import Any, Iterator, List
+from unittest import mock
+
+import peer
+import service
+
+DETECT, DEFAULT, STAGE = "detect.kestrelhub.example", "www.kestrelhub.example", "stage.kestrelhub.example"
+
+
+class Network:
+    """Where hosts lead. All peers share one folder of certificates, and every request trusts its authority."""
+
+    def __init__(self) -> None:
+        self._stack = contextlib.ExitStack()
+        self._rules: List[str] = []
+
+    def __enter__(self) -> "Network":
+        folder = self._stack.enter_context(tempfile.TemporaryDirectory())
+        self.certificates = os.path.join(folder, "certificates")
+        peer.make_certificates(self.certificates)
+        self._trusted = pathlib.Path(folder, "trusted.pem")
+        self._trusted.write_bytes(pathlib.Path(self.certificates, "ca.pem").read_bytes())
+        env = {**service.clean_environment(), "SSL_CERT_FILE": str(self._trusted)}
+        self._stack.enter_context(mock.patch.dict(os.environ, env, clear=True))
+        return self
+
+    def __exit__(self, *_exception: Any) -> None:
+        self._stack.close()
+
+    def play(self, host: str, scenario: str, *options: str, tls: str = "good") -> peer.Peer:
+        """Lets a host's connections on port 443 (80 with tls="") go to a new scripted peer from now on."""
+        running = self._stack.enter_context(peer.Peer(scenario, *options, tls=tls, certs=self.certificates))
+        self.lead(f"{host}:{443 if tls else 80}:127.0.0.1:{running.port}")
+        return running
+
+    def reply(self, host: str, body: str, *options: str, tls: str = "good") -> peer.Peer:
+        """The same with a peer that answers every request with this body."""
+        return self.play(host, "reply", "--body", body, *options, tls=tls)
+
+    def standin(self, *hosts: str, **options: Any) -> service.Standin:
+        """Lets these hosts, all three if none is named, go to a new stand-in."""
+        running = self._stack.enter_context(service.Standin(**options))
+        with self._trusted.open("ab") as trusted:
+            trusted.write(pathlib.Path(running.ready["ca_file"]).read_bytes())
+        for host in hosts or (DETECT, DEFAULT, STAGE):
+            self.lead(f"{host}:443:127.0.0.1:{running.ready['https_port']}")
+            self.lead(f"{host}:80:127.0.0.1:{running.ready['http_port']}")
+        return running
+
+    def lead(self, rule: str) -> None:
+        """Adds a rule, which goes before the earlier ones."""
+        self._rules.insert(0, rule)
+        os.environ["SKIFFPORT_CONNECT_TO"] = ",".join(self._rules)
+
+
+@contextlib.contextmanager
+def browser() -> Iterator[Any]:
+    """A browser opener that writes down what it is asked to open. Gives a function that reads it back."""
+    with tempfile.TemporaryDirectory() as folder:
+        opened = pathlib.Path(folder, "opened")
+        opener = pathlib.Path(folder, "xdg-open")
+        opener.write_text(f'#!/bin/sh\nprintf "%s\\n" "$@" >>{opened}.part && mv {opened}.part {opened}\n')
+        opener.chmod(0o755)
+        with mock.patch.dict(os.environ, {"PATH": f"{folder}:{os.environ['PATH']}"}):
+            yield lambda: opened.read_text() if opened.exists() else ""

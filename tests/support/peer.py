@@ -357,10 +357,13 @@ def serve(options: argparse.Namespace) -> None:
     listener, _fillers = listen(options)
     stop = threading.Event()
 
-    def accept() -> None:
+    def accept(options: argparse.Namespace = options) -> None:
         players = []
-        for _ in range(options.connections):
-            player = threading.Thread(target=play, args=(listener.accept()[0], options, context, stop), daemon=True)
+        for number in range(options.connections):
+            connection = listener.accept()[0]
+            if 0 < number <= len(options.then):
+                options = argparse.Namespace(**{**vars(options), "body": options.then[number - 1]})
+            player = threading.Thread(target=play, args=(connection, options, context, stop), daemon=True)
             player.start()
             players.append(player)
         listener.close()
@@ -396,6 +399,8 @@ def parse(arguments: Optional[list] = None) -> argparse.Namespace:
     parser.add_argument("--status", type=int, default=200, help="status of the reply (default: %(default)s)")
     parser.add_argument("--header", action="append", default=[], metavar="LINE", help="header line of the reply")
     parser.add_argument("--body", type=os.fsencode, default=b"", help="body of the reply")
+    parser.add_argument("--then", type=os.fsencode, action="append", default=[], metavar="BODY",
+                        help="body of the next connection's reply, and of those behind it")  # fmt: skip
     parser.add_argument("--fill", type=int, metavar="BYTES", help="a reply body of that many bytes instead")
     parser.add_argument("--length", default="right", help="the reply's Content-Length (default: %(default)s)",
                         choices=("right", "none", "short", "long", "negative", "garbage", "chunked"))  # fmt: skip

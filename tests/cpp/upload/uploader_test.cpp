@@ -1,0 +1,246 @@
+// A whole transfer against a scripted peer: what goes over the wire, in what chunks, and how it ends when a call fails.
+#include "platform/TestSeam.h"
+#include "platform/Threads.h"
+#include "tests/cpp/platform/http_peer.h"
+#include "upload/UploadThread2.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace {
+
+constexpr HRESULT HResult(DWORD dwError) { return static_cast<HRESULT>(0x80070000U | dwError); }
+
+// Writes down the calls that concern files, and counts the bytes of each write; says stop at the chosen query.
+class Receiver : public BackgroundUploadProgress {
+public:
+  std::string calls;
+  std::vector<DWORD> writes;
+  int nQueriesBeforeStop = 1 << 30;
+
+  void OnResolvingName(WCHAR const *) override {}
+  void OnNameResolved(WCHAR const *) override {}
+  void OnConnectingToServer(WCHAR const *) override {}
+  void OnConnectedToServer(WCHAR const *) override {}
+  void OnSendingRequest() override {}
+  void OnRequestSent(DWORD dwBytes) override { writes.push_back(dwBytes); }
+  void OnReceivingResponse() override {}
+  void OnResponseReceived(DWORD) override {}
+  void OnClosingConnection() override {}
+  void OnConnectionClosed() override {}
+  void OnFileBegin(WCHAR const *) override { calls += "begin "; }
+  void OnFileProgress(WCHAR const *, DWORD dwSent, DWORD dwTotal, DWORD, DWORD, DWORD, DWORD, DWORD) override {
+    calls += std::to_string(dwSent) + "/" + std::to_string(dwTotal) + " ";
+  }
+  void OnFileComplete(WCHAR const *, HRESULT hr) override { calls += hr == 0 ? "done " : "failed "; }
+  bool IsCancelled() override { return nQueriesBeforeStop-- == 0; }
+  void OnBackgroundUploadBegin() override {}
+  void OnBackgroundUploadComplete(long hr) override { calls += "complete " + std::to_string(hr); }
+};
+
+class UploaderTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    m_hooks.sleep = [this](DWORD ms) { m_dwSlept += ms; };
+    job.SetUrl("https://good.test/servlet/uploadTemplate");
+  }
+  void TearDown() override { SetPlatformTestHooks(nullptr); }
+
+  void AddFile(std::string const &name, std::string const &contents) {
+    std::ofstream(Folder() + "/" + name, std::ios::binary) << contents;
+    job.AddFile(L"f", std::filesystem::path(Folder() + "/" + name).wstring().c_str(), L"t");
+  }
+  HRESULT Post() {
+    Uploader uploader(&receiver, &job, &result);
+    SetPlatformTestHooks(&m_hooks);
+    HRESULT const hr = uploader.Post();
+    SetPlatformTestHooks(nullptr);
+    EXPECT_EQ(result.m_hr, hr);
+    reply = uploader.m_strReply;
+    return hr;
+  }
+
+  UploadJob job;
+  UploadResult result;
+  Receiver receiver;
+  std::string reply;
+  PlatformTestHooks m_hooks;
+  DWORD m_dwSlept = 0;
+};
+
+TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheAnswer) {
+  Peer const peer({"reply", "--tls", "good", "--status", "500", "--body", "<a/>"});
+  job.AddField("title", "abc");
+  job.AddField("empty", "");
+  AddFile("one", "abcd");
+  AddFile("none", "");
+  EXPECT_EQ(Post(), S_OK);
+  EXPECT_EQ(result.m_nHttpStatus, 500);
+  EXPECT_EQ(reply, "<a/>");
+  EXPECT_EQ(receiver.calls, "begin 0/4 4/4 done begin 0/0 0/0 done ");
+  EXPECT_EQ(m_dwSlept, 50U) << "one chunk";
+
+  std::string const sent = peer.Received();
+  std::size_t const at = sent.find("boundary=");
+  ASSERT_NE(at, std::string::npos);
+  std::string const boundary = sent.substr(at + 9, 39);
+  std::string const dash = "--" + boundary;
+  std::string const file = "Content-Disposition: form-data; name=\"f\"; filename=\"" + Folder();
+  std::string const body = dash + "\r\nContent-Disposition: form-data; name=\"empty\"\r\n\r\n\r\n" + dash +
+                           "\r\nContent-Disposition: form-data; name=\"title\"\r\n\r\nabc\r\n" + dash + "\r\n" + file +
+                           "/one\"\r\nContent-Type: t\r\n\r\nabcd\r\n" + dash + "\r\n" + file +
+                           "/none\"\r\nContent-Type: t\r\n\r\n\r\n" + dash + "--\r\n";
+  EXPECT_EQ(sent,
+            "POST /servlet/uploadTemplate HTTP/1.1\r\nHost: good.test\r\nContent-Type: multipart/form-data; boundary=" +
+                boundary + "\r\nUser-Agent: WinInetPost/0.0.4\r\nCache-Control: no-cache\r\nContent-Length: " +
+                std::to_string(body.size()) + "\r\n\r\n" + body);
+}
+
+TEST_F(UploaderTest, AdaptsTheChunkToTheTimeOfTheLastWrite) {
+  Peer const peer({"reply", "--tls", "good"});
+  // How long each chunk's write takes, and its size in units of 32 KiB; the first write is the file's head.
+  std::vector<std::pair<DWORD, DWORD>> const chunks = {{0, 1},    {499, 2},  {500, 4},  {1250, 4}, {1251, 4},
+                                                       {1251, 2}, {9000, 1}, {1251, 1}, {0, 1},    {0, 2}};
+  std::size_t nWrite = 0;
+  std::uint64_t now = 1000;
+  m_hooks.now = [&now] { return now; };
+  m_hooks.fault = [&](char const *szCall, DWORD *) {
+    if (std::strcmp(szCall, "InternetWriteFile") == 0 && nWrite++ > 0 && nWrite - 2 < chunks.size())
+      now += chunks[nWrite - 2].first;
+    return false;
+  };
+  DWORD dwTotal = 0;
+  for (auto const &[ms, units] : chunks)
+    dwTotal += units;
+  AddFile("chunks", std::string(dwTotal * 0x8000, 'x'));
+  EXPECT_EQ(Post(), S_OK);
+  std::vector<DWORD> sizes;
+  for (DWORD const dwBytes : receiver.writes)
+    if (dwBytes >= 0x8000 && sizes.size() < chunks.size())
+      sizes.push_back(dwBytes / 0x8000);
+  std::vector<DWORD> expected;
+  for (auto const &[ms, units] : chunks)
+    expected.push_back(units);
+  EXPECT_EQ(sizes, expected);
+  EXPECT_EQ(m_dwSlept, 50 * chunks.size());
+}
+
+TEST_F(UploaderTest, EndsAtTheCallThatFails) {
+  struct Case {
+    char const *szCall;
+    int nth;
+    char const *szCalls; // what the receiver saw of the two files
+  };
+  constexpr char kBoth[] = "begin 0/4 4/4 done begin 0/4 4/4 done ";
+  // Writes: field head, value and line end; then head, contents and line end of each file; the closing line.
+  Case const cases[] = {
+      {"InternetOpenW", 1, ""},
+      {"InternetConnectA", 1, ""},
+      {"HttpOpenRequestA", 1, ""},
+      {"HttpAddRequestHeadersA", 1, ""},
+      {"HttpSendRequestExW", 1, ""},
+      {"InternetWriteFile", 1, ""},
+      {"InternetWriteFile", 2, ""},
+      {"InternetWriteFile", 3, ""},
+      {"InternetWriteFile", 4, ""},
+      {"CreateFileW", 3, ""}, // behind the two of the length pass
+      {"ReadFile", 1, "begin 0/4 failed "},
+      {"InternetWriteFile", 5, "begin 0/4 failed "},
+      {"ReadFile", 2, "begin 0/4 failed "},
+      {"InternetWriteFile", 6, "begin 0/4 4/4 done "},
+      {"CreateFileW", 4, "begin 0/4 4/4 done "},
+      {"InternetWriteFile", 10, kBoth},
+      {"HttpEndRequestW", 1, kBoth},
+  };
+  Peer const peer({"reply", "--tls", "good", "--body", "ok"});
+  job.AddField("a", "b");
+  AddFile("one", "abcd");
+  AddFile("two", "abcd");
+  for (Case const &c : cases) {
+    SCOPED_TRACE(c.szCall + std::to_string(c.nth));
+    receiver.calls.clear();
+    int nCall = 0;
+    m_hooks.fault = [&](char const *szCall, DWORD *pdwError) {
+      *pdwError = 1450;
+      return std::strcmp(szCall, c.szCall) == 0 && ++nCall == c.nth;
+    };
+    EXPECT_EQ(Post(), HResult(1450));
+    EXPECT_EQ(receiver.calls, c.szCalls);
+    EXPECT_EQ(reply + std::to_string(result.m_nHttpStatus), "-1") << "nothing was answered";
+  }
+  for (auto const &[szCall, szReply, nStatus] :
+       {std::tuple{"HttpQueryInfoW", "ok", -1}, std::tuple{"InternetQueryDataAvailable", "", 200},
+        std::tuple{"InternetReadFile", "", 200}}) {
+    m_hooks.fault = [szCall = szCall](char const *szThis, DWORD *) { return std::strcmp(szThis, szCall) == 0; };
+    EXPECT_EQ(Post(), S_OK) << szCall;
+    EXPECT_EQ(reply + std::to_string(result.m_nHttpStatus), szReply + std::to_string(nStatus)) << szCall;
+  }
+}
+
+TEST_F(UploaderTest, StopsAtEachQueryThatSaysSo) {
+  Peer const peer({"reply", "--tls", "good"});
+  AddFile("one", "abcd");
+  AddFile("two", "abcd");
+  char const *const calls[] = {"begin 0/4 failed ", "begin 0/4 failed ", "begin 0/4 4/4 done begin 0/4 failed "};
+  for (int nQuery = 0; nQuery < 3; ++nQuery) {
+    receiver.calls.clear();
+    receiver.nQueriesBeforeStop = nQuery;
+    EXPECT_EQ(Post(), UPLOAD_E_CANCELLED);
+    EXPECT_EQ(receiver.calls, calls[nQuery]) << nQuery;
+  }
+  job.ClearFiles();
+  receiver.nQueriesBeforeStop = 0;
+  EXPECT_EQ(Post(), S_OK) << "a job without files is never asked";
+}
+
+TEST_F(UploaderTest, DeliversAnEarlyRefusal) {
+  for (char const *szScenario : {"early-keep", "early-hold"}) {
+    Peer const peer({szScenario, "--tls", "good", "--status", "413", "--body", "too large"});
+    job.ClearFiles();
+    AddFile("large", std::string(30'000'000, 'x'));
+    EXPECT_EQ(Post(), S_OK);
+    EXPECT_EQ(std::to_string(result.m_nHttpStatus) + reply, "413too large");
+  }
+}
+
+TEST_F(UploaderTest, KeepsTheRateForTheNextFile) {
+  Peer const peer({"reply", "--tls", "good"});
+  std::uint64_t now = 0;
+  m_hooks.now = [&now] { return now; };
+  m_hooks.sleep = [&now](DWORD) { now += 1000; }; // two ticks a chunk
+  AddFile("one", std::string(0x8000, 'x'));
+  EXPECT_EQ(Post(), S_OK);
+  EXPECT_EQ(job.m_dwRate, 0x4000U);
+  job.ClearFields();
+  job.ClearFiles();
+  EXPECT_EQ(job.m_dwRate, 0x4000U);
+}
+
+TEST(UploadThread, EndsWithItsCompletionAndItsOutcome) {
+  Peer const peer({"reply", "--tls", "good", "--body", "r"});
+  UploadJob job;
+  UploadResult result;
+  Receiver receiver;
+  for (auto const &[szUrl, hr, szReply] : {std::tuple{"", HResult(ERROR_INTERNET_INVALID_URL), ""},
+                                           std::tuple{"https://good.test/p", HRESULT{S_OK}, "r"}}) {
+    job.SetUrl(szUrl);
+    receiver.calls.clear();
+    UploadThread2 thread(&job, &result, &receiver);
+    ASSERT_TRUE(thread.Start());
+    EXPECT_NE(thread.m_uThreadId, 0U);
+    EXPECT_EQ(thread.Wait(), static_cast<DWORD>(hr));
+    EXPECT_EQ(receiver.calls, "complete " + std::to_string(hr));
+    EXPECT_EQ(thread.m_strReply, szReply);
+    EXPECT_EQ(thread.Wait(), 0xFFFFFFFF) << "without a handle";
+  }
+  PlatformTestHooks hooks;
+  hooks.fault = [](char const *szCall, DWORD *) { return std::strcmp(szCall, "_beginthreadex") == 0; };
+  SetPlatformTestHooks(&hooks);
+  UploadThread2 thread(&job, &result, &receiver);
+  EXPECT_FALSE(thread.Start());
+  EXPECT_EQ(thread.m_uThreadId, 0U);
+  SetPlatformTestHooks(nullptr);
+}
+
+} // namespace

@@ -1,0 +1,66 @@
+"""One measured run of the module, in a process of its own: `client.py upload PATH...` or `client.py login COUNT`.
+
+Prints one JSON object: seconds of wall time and of CPU of the work alone, and the process's peak memory. The importable
+tree comes in SKIFFPORT_TREE.
+"""
+
+from __future__ import annotations
+
+import json
+import os
+import re
+import sys
+import time
+from typing import Any
+
+sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
+
+import Skiffport  # noqa: E402
+from skiffhost import loop  # noqa: E402
+
+HOST = "www.kestrelhub.example"
+UUID = "00000000-0000-4000-8000-000000000000"
+
+
+def peak_kib() -> int:
+    """The largest resident memory that this process has had, without what it was forked from."""
+    with open("/proc/self/status", encoding="ascii") as status:
+        return int(re.search(r"VmHWM:\s+(\d+) kB", status.read()).group(1))
+
+
+def upload(paths: list[str]) -> dict[str, Any]:
+    """Uploads the thirteen files and pumps events until the upload is complete."""
+    completions: list[tuple] = []
+    uploader = Skiffport.PyPresetUploader(HOST, "0123456789abcdef", "1.0", "bench", UUID)
+    uploader.SetCallback(lambda *event: completions.append(event) if event[1] == "UploadComplete" else None)
+    wall, cpu = time.perf_counter(), time.process_time()
+    if not uploader.StartUpload(*paths, "key", "A title", "3", "tag", "A description", "", "PRESET", 7):
+        sys.exit("the upload did not start")
+    while not completions:
+        loop.wait(1.0)
+        loop.pump()
+    wall, cpu = time.perf_counter() - wall, time.process_time() - cpu
+    if completions[0][3:5] != (1, f"https://{HOST}/p/7"):
+        sys.exit(f"the upload failed: {completions[0]}")
+    return {"wall": wall, "cpu": cpu, "peak_kib": peak_kib()}
+
+
+def login(count: int) -> dict[str, Any]:
+    """Logs in once with address discovery and a cold trust store, then `count` times without."""
+    session = Skiffport.KHLoginData("1.0", "bench", UUID)
+
+    def exchange(times: int) -> tuple[float, float]:
+        wall, cpu = time.perf_counter(), time.process_time()
+        for _ in range(times):
+            result = session.LoginKestrelhub("member", "password")
+            if result != 1:
+                sys.exit(f"the login failed: {result}")
+        return (time.perf_counter() - wall) / times, (time.process_time() - cpu) / times
+
+    first_wall, first_cpu = exchange(1)
+    wall, cpu = exchange(count)
+    return {"first_wall": first_wall, "first_cpu": first_cpu, "wall": wall, "cpu": cpu}
+
+
+if __name__ == "__main__":
+    print(json.dumps(upload(sys.argv[2:]) if sys.argv[1] == "upload" else login(int(sys.argv[2]))))

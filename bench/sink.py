@@ -1,0 +1,83 @@
+"""A TLS peer that costs next to nothing: it reads a request's body into one buffer, drops it and sends a fixed reply.
+
+Run as its own process with the file of its certificate and key. It prints the port that it listens on, serves each
+connection for one request in a thread of its own, and ends with its standard input.
+"""
+
+from __future__ import annotations
+
+import os
+import re
+import socket
+import ssl
+import sys
+import threading
+
+# The start of a request line, and the body of the reply.
+REPLIES: list[tuple[bytes, bytes]] = [
+    (
+        b"POST /servlet/uploadTemplate",
+        b"<uploadTemplate><templateUrl>https%3a%2f%2fwww.kestrelhub.example%2fp%2f7</templateUrl></uploadTemplate>",
+    ),
+    (
+        b"POST /servlet/memLogin",
+        b"<info><tokenid>0123456789abcdef</tokenid><username>Bench</username><profileURL>https://www.kestrelhub.example/u"
+        b"</profileURL><VideoGallery>https://www.kestrelhub.example/v</VideoGallery><search>s</search></info>",
+    ),
+    (
+        b"GET /khserver.jsp",
+        b"<INFO><APIUrl>www.kestrelhub.example</APIUrl><AdjustmentPreset>/p?v=1</AdjustmentPreset><SignUp>/s?v=1</SignUp>"
+        b"</INFO>",
+    ),
+    (b"", b"ok"),
+]
+
+
+def serve(connection: socket.socket, context: ssl.SSLContext) -> None:
+    """Handles one connection: handshake, one request, one reply."""
+    connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+    with context.wrap_socket(connection, server_side=True) as peer:
+        head = b""
+        while b"\r\n\r\n" not in head:
+            block = peer.recv(65536)
+            if not block:
+                return
+            head += block
+        head, _, body = head.partition(b"\r\n\r\n")
+        length = re.search(rb"\r\ncontent-length: *(\d+)", head, re.IGNORECASE)
+        left = int(length.group(1)) - len(body) if length else 0
+        buffer = memoryview(bytearray(1 << 20))
+        while left > 0:
+            taken = peer.recv_into(buffer[: min(left, len(buffer))])
+            if not taken:
+                return
+            left -= taken
+        reply = next(reply for start, reply in REPLIES if head.startswith(start))
+        peer.sendall(b"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: %d\r\n\r\n%s" % (len(reply), reply))
+
+
+def main() -> None:
+    """Listens until standard input ends."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(sys.argv[1])
+    listener = socket.create_server(("127.0.0.1", 0))
+    print(listener.getsockname()[1], flush=True)
+
+    def quietly(connection: socket.socket) -> None:
+        try:
+            serve(connection, context)
+        except OSError:
+            pass  # the client has gone: a probe, say, which wants no more than an answer
+
+    def accept() -> None:
+        while True:
+            connection, _ = listener.accept()
+            threading.Thread(target=quietly, args=(connection,), daemon=True).start()
+
+    threading.Thread(target=accept, daemon=True).start()
+    sys.stdin.read()
+    os._exit(0)
+
+
+if __name__ == "__main__":
+    main()

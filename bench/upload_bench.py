@@ -1,0 +1,232 @@
+"""Uploads and logins of the module beside `curl -F` with the same form, over TLS on loopback; see scripts/bench.
+
+The prescribed pause of 50 ms a chunk is the floor of every upload, so times are given as what comes on top of it. Runs of
+the two clients alternate, each in its own process, and the figures are medians.
+"""
+
+from __future__ import annotations
+
+import argparse
+import contextlib
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+from statistics import median
+from typing import Any, Iterator, NamedTuple
+
+import trustme
+
+BENCH = Path(__file__).resolve().parent
+HOSTS = ["www.kestrelhub.example", "detect.kestrelhub.example"]
+SYSTEM_ROOTS = Path("/etc/ssl/certs/ca-certificates.crt")
+KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
+SMALL_SIZES = [20_000 + i * 280_000 // 12 for i in range(13)]
+FIELDS = {
+    **{"token": "0123456789abcdef", "title": "A title", "tags": "tag", "description": "A description", "category": "3"},
+    **{"PIPtype": "PRESET", "templatetype": "PRESET", "templateKey": "key", "productName": "Quillon Tintwright"},
+    **{"versionInfo": "1.0", "AP": "TWR", "Version": "1.0", "AspectRatio": "1:1", "versionType": "bench"},
+    "uuid": "00000000-0000-4000-8000-000000000000",
+}
+
+
+class FileSet(NamedTuple):
+    name: str
+    rounds: int  # of a full run
+    sizes: list[int]  # of the thirteen files
+
+    @property
+    def part_sizes(self) -> list[int]:
+        """The second file goes out twice."""
+        return [self.sizes[0], self.sizes[1], *self.sizes[1:]]
+
+    @property
+    def chunks(self) -> int:
+        """How many chunks the parts make on a line on which no write takes half a second."""
+        return sum(count_chunks(size) for size in self.part_sizes)
+
+    @property
+    def pauses(self) -> float:
+        return self.chunks * 0.050
+
+
+def count_chunks(size: int) -> int:
+    """The chunks of one file: 32 KiB, doubled after each up to 16 MiB."""
+    count, chunk = 0, 32 * KIB
+    while size > 0:
+        size -= chunk
+        count += 1
+        chunk = min(2 * chunk, 16 * MIB)
+    return count
+
+
+SMALL = FileSet("small preset", 5, SMALL_SIZES)
+MEDIUM = FileSet("10 MiB + twelve", 5, [10 * MIB, *SMALL_SIZES[1:]])
+LARGE = FileSet("1 GiB + twelve", 5, [GIB, *SMALL_SIZES[1:]])
+
+
+class Setting(NamedTuple):
+    """What a run needs: files, the peer and how to reach and trust it."""
+
+    folder: Path
+    port: int
+    environment: dict[str, str]
+
+    def run(self, command: list[str], **variables: str) -> tuple[str, float, float]:
+        """Runs a client to its end. Returns its output, wall seconds and CPU seconds."""
+        start = time.perf_counter()
+        process = subprocess.Popen(
+            command, stdout=subprocess.PIPE, text=True, env={**self.environment, **variables}, cwd=self.folder
+        )
+        output = process.stdout.read()
+        _, status, usage = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+        process.stdout.close()
+        if process.returncode:
+            sys.exit(f"{command[0]} failed with {process.returncode}: {output}")
+        return output, time.perf_counter() - start, usage.ru_utime + usage.ru_stime
+
+
+@contextlib.contextmanager
+def prepare(tree: Path) -> Iterator[Setting]:
+    """Makes a folder and certificates, and runs the peer meanwhile."""
+    with tempfile.TemporaryDirectory(prefix="skiffport-bench-") as name:
+        folder = Path(name)
+        authority = trustme.CA()
+        authority.cert_pem.write_to_path(folder / "root.pem")
+        authority.issue_cert(*HOSTS).private_key_and_cert_chain_pem.write_to_path(folder / "peer.pem")
+        roots = SYSTEM_ROOTS.read_bytes() if SYSTEM_ROOTS.exists() else b""
+        (folder / "all-roots.pem").write_bytes(roots + authority.cert_pem.bytes())
+        peer = subprocess.Popen(
+            [sys.executable, str(BENCH / "sink.py"), str(folder / "peer.pem")],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+        )
+        try:
+            port = int(peer.stdout.readline())
+            environment = {key: value for key, value in os.environ.items() if not key.lower().endswith("_proxy")}
+            environment.update(
+                SKIFFPORT_TREE=str(tree),
+                SKIFFPORT_REGISTRY=str(folder / "no-registry"),
+                SKIFFPORT_CONNECT_TO=",".join(f"{host}:443:127.0.0.1:{port}" for host in HOSTS),
+                SSL_CERT_FILE=str(folder / "root.pem"),
+            )
+            yield Setting(folder, port, environment)
+        finally:
+            peer.stdin.close()
+            peer.wait()
+            peer.stdout.close()
+
+
+def make_files(setting: Setting, files: FileSet) -> list[str]:
+    """Makes the set's files, all zeros, and reads them once so that no run pays for the first reading."""
+    paths = []
+    for number, size in enumerate(files.sizes):
+        path = setting.folder / f"{size}-{number}.bin"
+        with open(path, "ab+") as file:
+            file.truncate(size)
+            file.seek(0)
+            while file.read(MIB):
+                pass
+        paths.append(str(path))
+    return paths
+
+
+def run_module(setting: Setting, paths: list[str]) -> dict[str, Any]:
+    """One upload by the module."""
+    return json.loads(setting.run([sys.executable, "-B", str(BENCH / "client.py"), "upload", *paths])[0])
+
+
+def run_curl(setting: Setting, paths: list[str]) -> dict[str, Any]:
+    """One upload by curl with the same fields and file parts."""
+    command = ["curl", "-q", "-sS", "--fail", "--http1.1", "-H", "Expect:", "--cacert", str(setting.folder / "root.pem")]
+    command += ["--connect-to", f"{HOSTS[0]}:443:127.0.0.1:{setting.port}", "-w", "\n%{time_total}"]
+    for name, value in FIELDS.items():
+        command += ["--form-string", f"{name}={value}"]
+    for number, path in enumerate([paths[0], paths[1], *paths[1:]]):
+        command += ["-F", f"PIPfile{number}=@{path};type=application/octet-stream"]
+    output, _, cpu = setting.run([*command, f"https://{HOSTS[0]}/servlet/uploadTemplate"])
+    return {"wall": float(output.rsplit("\n", 1)[1]), "cpu": cpu}
+
+
+def measure_uploads(setting: Setting, files: FileSet, quick: bool) -> dict[str, dict[str, float]]:
+    """Medians of both clients for one set of files, and a line about them."""
+    paths = make_files(setting, files)
+    runs: dict[str, list[dict[str, Any]]] = {"module": [], "curl": []}
+    for _ in range(1 if quick else files.rounds):
+        runs["module"].append(run_module(setting, paths))
+        runs["curl"].append(run_curl(setting, paths))
+    result = {who: {key: median(run[key] for run in made) for key in made[0]} for who, made in runs.items()}
+    module, curl = result["module"], result["curl"]
+    print(
+        f"{files.name:16} {files.chunks:6} {files.pauses:7.2f} {module['wall']:8.3f} "
+        f"{(module['wall'] - files.pauses) * 1000:9.1f} {curl['wall'] * 1000:8.1f} {module['cpu']:8.3f} {curl['cpu']:8.3f} "
+        f"{module['peak_kib'] / KIB:8.1f}",
+        flush=True,
+    )
+    return result
+
+
+def measure_login(setting: Setting, quick: bool) -> dict[str, float]:
+    """A login's cost with the system's trusted roots beside the peer's own."""
+    command = [sys.executable, "-B", str(BENCH / "client.py"), "login", "20" if quick else "100"]
+    return json.loads(setting.run(command, SSL_CERT_FILE=str(setting.folder / "all-roots.pem"))[0])
+
+
+def measure_trace(setting: Setting, build: Path) -> float:
+    """Nanoseconds of a trace call while tracing is off."""
+    program = setting.folder / "trace_bench"
+    compile_ = ["g++", "-std=c++20", "-O2", f"-I{BENCH.parent}", str(BENCH / "trace_bench.cpp"), "-o", str(program)]
+    libraries = [str(build / "shell" / "libskiffport_trace.a"), str(build / "python" / "libskiffport_platform.so")]
+    setting.run([*compile_, *libraries, f"-Wl,-rpath,{build / 'python'}"])
+    return float(setting.run([str(program)])[0])
+
+
+def report_targets(uploads: dict[str, dict[str, dict[str, float]]], login: dict[str, float]) -> bool:
+    """Prints what each target allows and what was measured. Returns whether all hold."""
+    small, medium, large = (uploads[files.name] for files in (SMALL, MEDIUM, LARGE))
+    sent = sum(LARGE.part_sizes) - sum(MEDIUM.part_sizes)
+    # Per byte, so that neither client's start counts.
+    cpu = {who: (large[who]["cpu"] - medium[who]["cpu"]) * GIB / sent for who in large}
+    print(f"\nCPU a GiB: module {cpu['module']:.3f} s, curl {cpu['curl']:.3f} s")
+    rows = [
+        ("small preset above its pauses, ms", (small["module"]["wall"] - SMALL.pauses) * 1000, 30),
+        (
+            "1 GiB above its pauses, in curl's time",
+            (large["module"]["wall"] - LARGE.pauses) / large["curl"]["wall"],
+            1.2,
+        ),
+        ("CPU a GiB, in curl's", cpu["module"] / cpu["curl"], 1.15),
+        ("peak memory, 1 GiB over 10 MiB, MiB", (large["module"]["peak_kib"] - medium["module"]["peak_kib"]) / KIB, 40),
+        ("CPU of a login, ms", login["cpu"] * 1000, 5),
+    ]
+    for name, measured, limit in rows:
+        print(f"{name:40} {measured:7.2f} of {limit:5}   {'holds' if measured <= limit else 'FAILS'}")
+    return all(measured <= limit for _, measured, limit in rows)
+
+
+def main() -> int:
+    """Runs everything. Returns 1 if a target does not hold."""
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--build", type=Path, required=True, help="the build folder to measure")
+    parser.add_argument("--quick", action="store_true", help="one round")
+    options = parser.parse_args()
+    build = options.build.resolve()
+    with prepare(build / "python") as setting:
+        print("files            chunks pauses s module s  above ms  curl ms  module's curl's   module's")
+        print("                                                             CPU s    CPU s    peak MiB")
+        uploads = {files.name: measure_uploads(setting, files, options.quick) for files in (SMALL, MEDIUM, LARGE)}
+        login = measure_login(setting, options.quick)
+        print(
+            f"\nlogin: {login['wall'] * 1000:.2f} ms, {login['cpu'] * 1000:.2f} ms CPU; the process's first, with address "
+            f"discovery: {login['first_wall'] * 1000:.2f} ms, {login['first_cpu'] * 1000:.2f} ms CPU"
+        )
+        print(f"trace call while tracing is off: {measure_trace(setting, build):.2f} ns")
+        return 0 if report_targets(uploads, login) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

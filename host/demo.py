@@ -14,7 +14,7 @@ import sys
 import urllib.request
 import zlib
 from pathlib import Path
-from typing import Any, Callable, Dict, List, Tuple
+from typing import Any, Callable, Dict, List, Sequence, Tuple
 
 FILES = ("effect", "cover_after", "cover_before", "thumbnail_after", "thumbnail_before", "curve_rgb", "curve_r",
          "curve_g", "curve_b", "levels_rgb", "levels_r", "levels_g", "levels_b")
@@ -41,7 +41,7 @@ def png(width: int, rows: List[bytes]) -> bytes:
     return b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", head) + chunk(b"IDAT", pixels) + chunk(b"IEND", b"")
 
 
-def photo(width: int, height: int, tones: Tuple[Tone, Tone, Tone]) -> bytes:
+def photo(width: int, height: int, tones: Sequence[Tone]) -> bytes:
     """Returns a grainy evening sky, each channel put through its tone curve."""
     grain = random.Random(width)
     rows = []
@@ -68,6 +68,14 @@ def clamp(value: float) -> float:
     return min(max(value, 0.0), 1.0)
 
 
+def hill(level: float) -> float:
+    return math.exp(-((level - 0.5) / 0.2) ** 2)
+
+
+def joined(first: Tone, second: Tone) -> Tone:
+    return lambda level: second(first(level))
+
+
 def sample(folder: Path) -> None:
     """Writes the thirteen files of a preset that warms a picture up."""
     curves: Dict[str, Tone] = {
@@ -76,14 +84,13 @@ def sample(folder: Path) -> None:
         "g": lambda level: clamp(level),
         "b": lambda level: clamp(level) ** 1.2,
     }
-    after: Tuple[Tone, ...] = tuple(lambda level, own=curves[name]: own(curves["rgb"](level)) for name in "rgb")
+    after = [joined(curves["rgb"], curves[name]) for name in "rgb"]
     before = (clamp, clamp, clamp)
     pictures = {"cover_after": photo(1280, 854, after), "cover_before": photo(1280, 854, before),
                 "thumbnail_after": photo(240, 160, after), "thumbnail_before": photo(240, 160, before)}
     for name, curve in curves.items():
         pictures["curve_" + name] = graph(CHANNELS[name], curve, filled=False)
-        pictures["levels_" + name] = graph(
-            CHANNELS[name], lambda x, own=curve: math.exp(-((own(x) - 0.5) / 0.2) ** 2), filled=True)
+        pictures["levels_" + name] = graph(CHANNELS[name], joined(curve, hill), filled=True)
     folder.mkdir(parents=True)
     points = {name: [round(curve(x / 16), 4) for x in range(17)] for name, curve in curves.items()}
     (folder / "effect.tint").write_text(json.dumps({"curves": points}, indent=1) + "\n", "utf-8")

@@ -563,7 +563,7 @@ void HttpTransfer::Fail(DWORD error) {
 DWORD HttpTransfer::Failure() const { return m_error != ERROR_SUCCESS ? m_error : ERROR_INTERNET_CONNECTION_ABORTED; }
 
 DWORD HttpTransfer::ErrorNumber(CURLcode code) const {
-  if (code == CURLE_OUT_OF_MEMORY && m_isRequested && m_headSize == 0)
+  if (code == CURLE_OUT_OF_MEMORY && m_isRequested && Sent() == m_declared && !m_isHeadIn)
     return ERROR_HTTP_INVALID_SERVER_RESPONSE; // libcurl's word for a header line over its own limit
   if (code == CURLE_PEER_FAILED_VERIFICATION) {
     for (VerifyRow const &row : kVerifyErrors)

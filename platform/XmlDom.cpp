@@ -300,9 +300,8 @@ public:
   HRESULT get_nextSibling(IXMLDOMNode **ppSibling) override {
     if (!ppSibling)
       return E_INVALIDARG;
-    bool const bHasSiblings =
-        m_place.pNode && m_place.pNode->type != XML_ATTRIBUTE_NODE && m_place.pNode->type != XML_DOCUMENT_NODE;
-    return StoreNode({m_place.tree, bHasSiblings ? FirstVisible(m_place.pNode->next) : nullptr}, ppSibling);
+    // The siblings of an attribute are attributes, which are no nodes of the tree.
+    return StoreNode({m_place.tree, m_place.pNode ? FirstVisible(m_place.pNode->next) : nullptr}, ppSibling);
   }
   HRESULT get_attributes(IXMLDOMNamedNodeMap **ppAttributes) override {
     if (!ppAttributes)

@@ -28,7 +28,7 @@ def make_parser() -> argparse.ArgumentParser:
 
 def main(argv: Optional[List[str]] = None) -> int:
     for stream in (sys.stdout, sys.stderr):
-        stream.reconfigure(errors="backslashreplace")  # type: ignore[union-attr]
+        stream.reconfigure(errors="backslashreplace")  # type: ignore[attr-defined]
     arguments = make_parser().parse_args(argv)
     try:
         return print_result(arguments.run(arguments), arguments.json)

@@ -32,7 +32,8 @@ def find_files(folder: Optional[str], given: Mapping[str, Optional[str]]) -> Lis
             paths.append(found[0])
             faults += _faults_of(found[0])
         elif found:
-            faults.append(f"several files could be {name}: " + ", ".join(sorted(map(os.path.basename, found))))
+            candidates = ", ".join(sorted(os.path.basename(path) for path in found))
+            faults.append(f"several files could be {name}: {candidates}")
         else:
             faults.append(f"no file {name}" + (f" in {folder}" if folder is not None else ""))
     if not faults and sum(map(os.path.getsize, paths + [paths[FILES.index(SENT_TWICE)]])) > LARGEST_UPLOAD:

@@ -7,7 +7,7 @@ from __future__ import annotations
 
 import os
 import time
-from typing import Any, Callable, NamedTuple, Optional, TextIO
+from typing import Any, Callable, NamedTuple, TextIO
 
 try:
     import rich.console
@@ -154,6 +154,7 @@ class CarriageView(View):
             return DEFAULT_COLUMNS
 
     def close(self) -> None:
+        self.draw()
         self._stream.write("\n")
         self._stream.flush()
 
@@ -185,6 +186,7 @@ class BarView(View):
         self._bar.refresh()
 
     def close(self) -> None:
+        self.draw()
         self._bar.stop()
 
 

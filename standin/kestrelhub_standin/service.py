@@ -9,7 +9,7 @@ import re
 import secrets
 import urllib.parse
 import xml.etree.ElementTree as ElementTree
-from typing import Any, Awaitable, Callable, Deque, Dict
+from typing import Any, Awaitable, Callable, Deque, Dict, List
 
 from aiohttp import ClientPayloadError, web
 
@@ -85,8 +85,9 @@ class Service:
     async def _note_request(self, request: web.Request, handler: Handler) -> web.StreamResponse:
         if request.path.startswith("/standin/"):
             return await handler(request)
-        entry = {"scheme": request.scheme, "host": request.host, "method": request.method, "target": request.raw_path,
-                 "agent": request.headers.get("User-Agent"), "status": None}
+        entry: Dict[str, Any] = {
+            "scheme": request.scheme, "host": request.host, "method": request.method, "target": request.raw_path,
+            "agent": request.headers.get("User-Agent"), "status": None}
         self._requests.append(entry)
         try:
             response = await handler(request)
@@ -190,7 +191,7 @@ class Service:
 
 def _only(request: web.Request, key: str) -> str:
     """Returns the value of a query key that must stand there once."""
-    values = request.query.getall(key, [])
+    values: List[str] = request.query.getall(key, [])
     if len(values) != 1:
         raise Refusal(400, f"The query holds {key} {len(values)} times.")
     return values[0]

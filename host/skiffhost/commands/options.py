@@ -24,7 +24,7 @@ def add_common_options(parser: argparse.ArgumentParser) -> None:
     """Adds the options that stand before or behind the subcommand; their defaults are DEFAULTS."""
     group = parser.add_argument_group("common options", argument_default=argparse.SUPPRESS)
     group.add_argument("--host", help="the service's host, in place of the one that detection finds")
-    group.add_argument("--connect-to", metavar="LIST", help="host:port:address:port, comma-separated: connect elsewhere")
+    group.add_argument("--connect-to", metavar="LIST", help="host:port:address:port, comma-separated: connect there")
     group.add_argument("--ca-file", metavar="FILE", help="trusted certificate issuers, in place of the system's")
     group.add_argument("--version-name", metavar="TEXT", help="product version (%s)" % DEFAULTS["version_name"])
     group.add_argument("--version-type", metavar="TEXT", help="version type (%s)" % DEFAULTS["version_type"])

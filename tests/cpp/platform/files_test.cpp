@@ -46,20 +46,18 @@ TEST_F(Files, OnlyRegularFilesOpenAndEachFailureHasItsNumber) {
     DWORD dwOpenError;
     DWORD dwExistsError; // 0: it exists
   };
-  Row const rows[] = {
-      {Path(L"file"), 0, 0},
-      {Path(L"none"), ERROR_FILE_NOT_FOUND, ERROR_FILE_NOT_FOUND},
-      {Path(L"none/file"), ERROR_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND},
-      {Path(L"file/below"), ERROR_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND},
-      {Path(L""), ERROR_ACCESS_DENIED, 0},
-      {Path(L"fifo"), ERROR_ACCESS_DENIED, 0}, // at once, though nobody writes to it
-      {L"/dev/null", ERROR_ACCESS_DENIED, 0},
-      {Path(L"closed"), geteuid() == 0 ? 0U : ERROR_ACCESS_DENIED, 0},
-      {L"", ERROR_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND},
-      {Path(L"line\nend"), ERROR_INVALID_NAME, ERROR_INVALID_NAME},
-      {Path(L"delete\x7F"), ERROR_INVALID_NAME, ERROR_INVALID_NAME},
-      {Path(std::wstring(300, L'x')), ERROR_INVALID_NAME, ERROR_INVALID_NAME},
-  };
+  Row const rows[] = {{Path(L"file"), 0, 0},
+                      {Path(L"none"), ERROR_FILE_NOT_FOUND, ERROR_FILE_NOT_FOUND},
+                      {Path(L"none/file"), ERROR_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND},
+                      {Path(L"file/below"), ERROR_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND},
+                      {Path(L""), ERROR_ACCESS_DENIED, 0},
+                      {Path(L"fifo"), ERROR_ACCESS_DENIED, 0}, // at once, though nobody writes to it
+                      {L"/dev/null", ERROR_ACCESS_DENIED, 0},
+                      {Path(L"closed"), geteuid() == 0 ? 0U : ERROR_ACCESS_DENIED, 0},
+                      {L"", ERROR_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND},
+                      {Path(L"line\nend"), ERROR_INVALID_NAME, ERROR_INVALID_NAME},
+                      {Path(L"delete\x7F"), ERROR_INVALID_NAME, ERROR_INVALID_NAME},
+                      {Path(std::wstring(300, L'x')), ERROR_INVALID_NAME, ERROR_INVALID_NAME}};
   Write("line\nend", "x");
   for (Row const &row : rows) {
     SetLastError(0);
@@ -150,8 +148,7 @@ TEST_F(Files, RegistryFileInTheForms) {
       {"", 2, -1},
       {strOn + "\xFF", 2, -1},
       {Utf16(strOn, false) + "x", 2, -1},
-      {strOn + std::string(1024 * 1024, ';'), 2, -1},
-  };
+      {strOn + std::string(1024 * 1024, ';'), 2, -1}};
   setenv("SKIFFPORT_REGISTRY", (m_path + "/registry.reg").c_str(), 1);
   for (Row const &row : rows) {
     Write("registry.reg", row.strFile);

@@ -108,7 +108,7 @@ TEST(Messages, NestedPumpKeepsTheOrderAndWhatCameInMeanwhileWaits) {
 }
 
 TEST(Messages, DescriptorIsReadableWhileMessagesWait) {
-  TestWindow const window([](WPARAM) {});
+  TestWindow const window([](WPARAM) {}), other([](WPARAM) {});
   int const fd = MessageQueueDescriptor();
   EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
   EXPECT_FALSE(IsReadable());
@@ -119,13 +119,18 @@ TEST(Messages, DescriptorIsReadableWhileMessagesWait) {
   EXPECT_TRUE(IsReadable());
   EXPECT_EQ(PumpMessages(2), 1);
   EXPECT_FALSE(IsReadable());
-  window.Post(1);
+  other.Post(1);
+  window.Post(2);
   MSG message;
   EXPECT_FALSE(PeekMessageW(&message, window.hWnd, WM_APP + 1, WM_APP + 2, PM_REMOVE));
   EXPECT_TRUE(PeekMessageW(&message, window.hWnd, WM_APP, WM_APP, PM_REMOVE));
+  EXPECT_EQ(message.wParam, 2U);
+  EXPECT_FALSE(PeekMessageW(&message, window.hWnd, WM_APP, WM_APP, PM_REMOVE));
+  EXPECT_EQ(PumpMessages(2), 1);
   EXPECT_FALSE(IsReadable());
   EXPECT_EQ(ReleaseMessageQueue(), FALSE);
   DestroyWindow(window.hWnd);
+  DestroyWindow(other.hWnd);
   EXPECT_EQ(ReleaseMessageQueue(), TRUE);
   EXPECT_EQ(fcntl(fd, F_GETFD), -1);
 }
@@ -235,11 +240,9 @@ public:
 
 protected:
   AFX_MSGMAP const *GetMessageMap() const override {
-    static AFX_MSGMAP_ENTRY const s_entries[] = {
-        {WM_APP + 1, static_cast<AFX_PMSG>(&SelfDeletingWnd::OnDelete)},
-        {WM_APP + 2, static_cast<AFX_PMSG>(&SelfDeletingWnd::OnThrow)},
-        {0, nullptr},
-    };
+    static AFX_MSGMAP_ENTRY const s_entries[] = {{WM_APP + 1, static_cast<AFX_PMSG>(&SelfDeletingWnd::OnDelete)},
+                                                 {WM_APP + 2, static_cast<AFX_PMSG>(&SelfDeletingWnd::OnThrow)},
+                                                 {0, nullptr}};
     static AFX_MSGMAP const s_map = {GetThisMessageMap(), s_entries};
     return &s_map;
   }

@@ -31,7 +31,7 @@ TEST(Text, WideFormatsFollowTheNativeConvention) {
             L"-1 -2147483648 4294967295 abc ABC \u4E2D%");
   EXPECT_EQ(Format(L"%04X%04X|%+d|% d|%-4d|%05d|%#x", 0x29U, 0x4823U, 1, 2, 3, -4, 255U),
             L"00294823|+1| 2|3   |-0004|0xff");
-  EXPECT_EQ(Format(L"%.3d|%5.2d|%-*d|%.0d|", 7, 7, 3, 1, 0), L"007|   07|1  ||");
+  EXPECT_EQ(Format(L"%.3d|%05.2d|%-*d|%.0d|%-03d|", 7, 7, 3, 1, 0, 5), L"007|   07|1  ||5  |");
   EXPECT_EQ(Format(L"%ld %lu %llx %lld", -5L, 5UL, ULLONG_MAX, LLONG_MIN),
             L"-5 5 ffffffffffffffff -9223372036854775808");
   EXPECT_EQ(Format(L"%"), L"");

@@ -47,35 +47,33 @@ TEST(XmlDom, LoadsWhatIsWellFormedAndRefusesTheRest) {
     std::wstring strXml;
     HRESULT hr;
   };
-  Row const rows[] = {
-      {L"<r/>", S_OK},
-      {L"\uFEFF <r/> \n", S_OK},
-      {L" \n\uFEFF<?xml version=\"1.0\" encoding=\"GB2312\"?><r>\u4E2D</r>", S_OK},
-      {L"<?xml version=\"1.0\" encoding=\"UTF-16\"?><r>\u4E2D</r>", S_OK},
-      {L"<?xml version=\"1.0\" encoding=\"no-such-set\" standalone=\"yes\"?><r/>", S_OK},
-      {L"<?xml version=\"1.1\"?><r/>", S_OK},
-      {L"<!-- c --><?p i?><r/><!-- c -->", S_OK},
-      {L"<r>\u0080\U0001F600</r>", S_OK},
-      {L"<x:r/>", S_OK},
-      {L"", S_FALSE},
-      {L"  ", S_FALSE},
-      {L"text", S_FALSE},
-      {L"<r>", S_FALSE},
-      {L"<r></R>", S_FALSE},
-      {L"<r/><r/>", S_FALSE},
-      {L"<r/>junk", S_FALSE},
-      {L"<r>a & b</r>", S_FALSE},
-      {L"<r>&nbsp;</r>", S_FALSE},
-      {L"<r a='1' a='2'/>", S_FALSE},
-      {L"<r>\u0001</r>", S_FALSE},
-      {L"<r>\uFFFE</r>", S_FALSE},
-      {std::wstring(L"<r>") + wchar_t(0xD83D) + L"</r>", S_FALSE},
-      {L"\u00EF\u00BB\u00BF<r/>", S_FALSE},
-      {L"<!DOCTYPE r><r/>", S_FALSE},
-      {L"<!DOCTYPE r [<!ENTITY e 'x'>]><r>&e;</r>", S_FALSE},
-      {L"<!DOCTYPE r SYSTEM 'http://127.0.0.1:9/x.dtd'><r/>", S_FALSE},
-      {L"<html><body><p>Not <b>found</p></body></html>", S_FALSE},
-  };
+  Row const rows[] = {{L"<r/>", S_OK},
+                      {L"\uFEFF <r/> \n", S_OK},
+                      {L" \n\uFEFF<?xml version=\"1.0\" encoding=\"GB2312\"?><r>\u4E2D</r>", S_OK},
+                      {L"<?xml version=\"1.0\" encoding=\"UTF-16\"?><r>\u4E2D</r>", S_OK},
+                      {L"<?xml version=\"1.0\" encoding=\"no-such-set\" standalone=\"yes\"?><r/>", S_OK},
+                      {L"<?xml version=\"1.1\"?><r/>", S_OK},
+                      {L"<!-- c --><?p i?><r/><!-- c -->", S_OK},
+                      {L"<r>\u0080\U0001F600</r>", S_OK},
+                      {L"<x:r/>", S_OK},
+                      {L"", S_FALSE},
+                      {L"  ", S_FALSE},
+                      {L"text", S_FALSE},
+                      {L"<r>", S_FALSE},
+                      {L"<r></R>", S_FALSE},
+                      {L"<r/><r/>", S_FALSE},
+                      {L"<r/>junk", S_FALSE},
+                      {L"<r>a & b</r>", S_FALSE},
+                      {L"<r>&nbsp;</r>", S_FALSE},
+                      {L"<r a='1' a='2'/>", S_FALSE},
+                      {L"<r>\u0001</r>", S_FALSE},
+                      {L"<r>\uFFFE</r>", S_FALSE},
+                      {std::wstring(L"<r>") + wchar_t(0xD83D) + L"</r>", S_FALSE},
+                      {L"\u00EF\u00BB\u00BF<r/>", S_FALSE},
+                      {L"<!DOCTYPE r><r/>", S_FALSE},
+                      {L"<!DOCTYPE r [<!ENTITY e 'x'>]><r>&e;</r>", S_FALSE},
+                      {L"<!DOCTYPE r SYSTEM 'http://127.0.0.1:9/x.dtd'><r/>", S_FALSE},
+                      {L"<html><body><p>Not <b>found</p></body></html>", S_FALSE}};
   for (Row const &row : rows) {
     auto const document = NewDocument();
     ASSERT_EQ(Load(document, L"<old/>"), S_OK);
@@ -100,8 +98,7 @@ TEST(XmlDom, PathsKeepFoundNotFoundAndFailedApart) {
       {L"INFO/p", S_FALSE, nullptr},   {L"info/b", S_FALSE, nullptr},     {L"b", S_FALSE, nullptr},
       {L"INFO/a/d", S_FALSE, nullptr}, {L"INFO/b/c/d", S_FALSE, nullptr}, {L"", E_FAIL, nullptr},
       {L"INFO/", E_FAIL, nullptr},     {L"INFO//b", E_FAIL, nullptr},     {L"INFO/b[", E_FAIL, nullptr},
-      {L"1bad", E_FAIL, nullptr},      {L"a:b:c", E_FAIL, nullptr},       {nullptr, E_INVALIDARG, nullptr},
-  };
+      {L"1bad", E_FAIL, nullptr},      {L"a:b:c", E_FAIL, nullptr},       {nullptr, E_INVALIDARG, nullptr}};
   for (Row const &row : rows) {
     CComPtr<IXMLDOMNode> node;
     EXPECT_EQ(document->selectSingleNode(CComBSTR(row.wszPath), &node), row.hr) << testing::PrintToString(row.wszPath);
@@ -131,8 +128,7 @@ TEST(XmlDom, TextAndChildrenLeaveOutWhatIsNoContent) {
       {L"<r><!--n-->a<?p i?><![CDATA[<&> ]]>b</r>", L"a<&> b", L"#comment|#text|p|#cdata-section|#text|"},
       {L"<r xml:space='preserve'> <a/> </r>", L"  ", L"#text|a|#text|"},
       {L"<r>&lt;&#x4E2D;&amp;&#x1F600;</r>", L"<\u4E2D&\U0001F600", L"#text|"},
-      {L"<r xmlns:x='u'><x:a>1</x:a></r>", L"1", L"x:a|"},
-  };
+      {L"<r xmlns:x='u'><x:a>1</x:a></r>", L"1", L"x:a|"}};
   for (Row const &row : rows) {
     auto const document = NewDocument();
     ASSERT_EQ(Load(document, row.wszXml), S_OK);

@@ -1,24 +1,18 @@
 """The stand-in's upload: what a form may look like on the wire, and what is refused without leaving a trace."""
 
-import asyncio
 import hashlib
 import http.client
 import os
 import pathlib
 import ssl
+import subprocess
 import sys
 import unittest
 import xml.etree.ElementTree as ElementTree
 from typing import Any, Dict, List, Optional, Tuple
-from unittest import mock
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 import service  # noqa: E402
-
-try:
-    import aiohttp
-except ImportError:
-    aiohttp = None
 
 BOUNDARY = b"-" * 27 + b"0041FA2B7B3C"
 FIELDS = ("AP", "AspectRatio", "PIPtype", "Version", "category", "description", "productName", "templateKey",
@@ -141,34 +135,41 @@ class StandinTest(unittest.TestCase):
         service.wait_until(lambda: self.stored() == before, "an empty folder")
 
 
-@unittest.skipIf(aiohttp is None, "the library is not there for this interpreter")
+PIECES = """
+import asyncio, sys
+from unittest import mock
+import aiohttp
+from kestrelhub_standin.upload import WholeReads
+
+async def parse(body, headers, piece):
+    reader = aiohttp.StreamReader(mock.Mock(_reading_paused=False), 1 << 16, loop=asyncio.get_running_loop())
+
+    async def feed():
+        for start in range(0, len(body), piece):
+            reader.feed_data(body[start:start + piece])
+            for _ in range(3):  # lets the parser take it
+                await asyncio.sleep(0)
+        reader.feed_eof()
+
+    feeding = asyncio.ensure_future(feed())
+    found = [bytes(await part.read()) async for part in aiohttp.MultipartReader(headers, WholeReads(reader))]
+    await feeding
+    return found
+
+body, boundary = sys.stdin.buffer.read(), sys.argv[1]
+headers = {"Content-Type": "multipart/form-data; boundary=" + boundary}
+for piece in range(1, 80):
+    assert asyncio.run(parse(body, headers, piece)) == [b"x" * 90, b"y" * 333, b""], f"pieces of {piece} bytes"
+"""
+
+
 class BodyInPiecesTest(unittest.TestCase):
     def test_a_boundary_may_arrive_in_any_pieces(self) -> None:
         """Fed to the parser directly, since pieces on a wire arrive joined."""
-        sys.path.insert(0, str(service.REPOSITORY / "standin"))
-        from kestrelhub_standin.upload import WholeReads
-
-        contents = [b"x" * 90, b"y" * 333, b""]
-        body = form([(f"part{number}", b"p", value) for number, value in enumerate(contents)])
-        headers = {"Content-Type": "multipart/form-data; boundary=" + BOUNDARY.decode()}
-
-        async def parse(piece: int) -> List[bytes]:
-            reader = aiohttp.StreamReader(mock.Mock(_reading_paused=False), 1 << 16, loop=asyncio.get_running_loop())
-
-            async def feed() -> None:
-                for start in range(0, len(body), piece):
-                    reader.feed_data(body[start:start + piece])
-                    for _ in range(3):  # lets the parser take it
-                        await asyncio.sleep(0)
-                reader.feed_eof()
-
-            feeding = asyncio.ensure_future(feed())
-            found = [bytes(await part.read()) async for part in aiohttp.MultipartReader(headers, WholeReads(reader))]
-            await feeding
-            return found
-
-        for piece in range(1, 80):
-            self.assertEqual(asyncio.run(parse(piece)), contents, f"pieces of {piece} bytes")
+        body = form([("a", None, b"x" * 90), ("b", b"p", b"y" * 333), ("c", b"q", b"")])
+        ran = subprocess.run([service.STANDIN_PYTHON, "-c", PIECES, BOUNDARY.decode()], input=body,
+                             env=service.standin_environment(), stderr=subprocess.PIPE)
+        self.assertEqual((ran.returncode, ran.stderr.decode()), (0, ""))
 
 
 if __name__ == "__main__":

@@ -71,7 +71,8 @@ class Exchange:
         self.stop = stop
         self.pending = b""
 
-    def _receive(self) -> bytes:
+    def receive(self) -> bytes:
+        """The next bytes, recorded; none at the end."""
         data = self.connection.recv(1 << 18)
         if data and self.options.record:
             with open(self.options.record, "ab") as record:
@@ -81,7 +82,7 @@ class Exchange:
     def read_head(self) -> int:
         """Reads the request's head. Returns the declared length of its body."""
         while b"\r\n\r\n" not in self.pending:
-            data = self._receive()
+            data = self.receive()
             if not data:
                 raise ConnectionError("no request")
             self.pending += data
@@ -97,7 +98,7 @@ class Exchange:
         count = len(self.pending)
         self.pending = b""
         while count < length:
-            data = self._receive()
+            data = self.receive()
             if not data:
                 return
             count += len(data)
@@ -111,7 +112,7 @@ class Exchange:
 
     def drain(self) -> None:
         """Reads until the other side closes."""
-        while self._receive():
+        while self.receive():
             pass
 
     def reset(self) -> None:
@@ -273,8 +274,8 @@ def close(exchange: Exchange) -> None:
 
 
 def garbage(exchange: Exchange) -> None:
-    """Answers with bytes that are no HTTP."""
-    exchange.read_request()
+    """Answers the first bytes with some that are no HTTP."""
+    exchange.receive()
     exchange.send(b"\x00\x01\x02 this is no reply\r\n\r\n")
 
 

@@ -13,6 +13,7 @@ import urllib.request
 from typing import Any, Dict, Mapping, Optional
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
+STANDIN_PYTHON = "/usr/bin/python3"
 DEADLINE_SECONDS = 60.0
 
 USER = "mika@kestrelhub.example"
@@ -29,6 +30,12 @@ def clean_environment() -> Dict[str, str]:
     """This process's environment without anything that would lead a request elsewhere."""
     unwanted = ("http_proxy", "https_proxy", "all_proxy", "no_proxy", "skiffport_connect_to", "ssl_cert_file")
     return {name: value for name, value in os.environ.items() if name.lower() not in unwanted}
+
+
+def standin_environment() -> Dict[str, str]:
+    """The environment of the stand-in's own interpreter, with its package to be found."""
+    env = {name: value for name, value in clean_environment().items() if name not in _NOT_FOR_THE_STANDIN}
+    return {**env, "PYTHONPATH": str(REPOSITORY / "standin")}
 
 
 def wait_until(condition: Any, what: str, seconds: float = DEADLINE_SECONDS) -> Any:
@@ -96,15 +103,13 @@ class Standin:
         return self.get("/standin/requests")
 
     def _start(self) -> "subprocess.Popen[bytes]":
-        command = ["/usr/bin/python3", "-B", "-m", "kestrelhub_standin", "--until-stdin-closes", "--folder",
+        command = [STANDIN_PYTHON, "-B", "-m", "kestrelhub_standin", "--until-stdin-closes", "--folder",
                    str(self.folder), "--cert-folder", str(self.scratch / "certificates"), *self._arguments]
         if self._members is not None:
             file = self.scratch / "members.json"
             file.write_text(json.dumps(self._members), "utf-8")
             command += ["--members", str(file)]
-        env = {name: value for name, value in clean_environment().items() if name not in _NOT_FOR_THE_STANDIN}
-        env["PYTHONPATH"] = str(REPOSITORY / "standin")
-        return subprocess.Popen(command, env=env, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        return subprocess.Popen(command, env=standin_environment(), stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 
     def _read_ready_line(self) -> None:
         assert self._process.stdout is not None

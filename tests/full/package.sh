@@ -1,0 +1,120 @@
+#!/usr/bin/env bash
+# What is packaged works where this tree is not. The Debian package is installed by dpkg into a root that holds nothing
+# but what the package depends on, made of the files of this machine's packages; `pip install` puts a wheel into a virtual
+# environment of each interpreter. Both publish a preset to a stand-in that runs outside. Uses no network but loopback.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+scripts/setup --for full
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+version=$(sed -n 's/^project(Skiffport VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+
+fail() { echo "FAILED: $*" >&2 && exit 1; }
+expect() { # WHAT EXPECTED FOUND
+  [[ $2 == "$3" ]] || fail "$1: expected '$2', found '$3'"
+  echo "ok: $1"
+}
+quietly() { "$@" >"$work/log" 2>&1 || { cat "$work/log" && fail "$*"; } }
+
+# publish FOLDER SEEN COMMAND...: publishes from the files in FOLDER, which COMMAND sees as SEEN, and compares what arrived.
+publish() {
+  /usr/bin/python3 -B - "$@" <<'END'
+import hashlib, pathlib, shutil, subprocess, sys
+
+sys.path.insert(0, "tests/support")
+import service
+
+folder, seen, *command = sys.argv[1:]
+preset = service.write_preset(pathlib.Path(folder, "preset"), {"cover_after": 200000})
+with service.Standin() as standin:
+    shutil.copy(standin.ready["ca_file"], folder)
+    env = {"SKIFFHOST_PASSWORD": service.PASSWORD, "SKIFFPORT_CONNECT_TO": standin.ready["connect_to"],
+           "SSL_CERT_FILE": f"{seen}/{pathlib.Path(standin.ready['ca_file']).name}", "LC_ALL": "C.UTF-8"}
+    status = subprocess.run([*command, "publish", service.USER, f"{seen}/preset", "--title", "Packed ü"], env=env,
+                            cwd="/", timeout=120).returncode
+    (record,) = standin.presets()
+assert status == 0, f"publish ended with {status}"
+assert (record["member"], record["fields"]["title"]) == (service.USER, "Packed ü"), record
+sent = [hashlib.sha256((preset / f"{name}.bin").read_bytes()).hexdigest()
+        for name in ("effect", "cover_after", *service.FILES[1:])]
+assert [file["sha256"] for file in record["files"]] == sent, record["files"]
+END
+}
+
+# installed_closure PACKAGE...: the essential packages, those named, and all that they depend on, of what is installed.
+installed_closure() {
+  local essential
+  mapfile -t essential < <(dpkg-query -W -f '${Essential} ${Package}\n' | sed -n 's/^yes //p')
+  apt-cache depends --recurse --installed --no-recommends --no-suggests --no-conflicts --no-breaks --no-replaces \
+    --no-enhances "$@" "${essential[@]}" | grep '^[a-z0-9]' | sort -u |
+    comm -12 - <(dpkg-query -W -f '${db:Status-Status} ${Package}\n' | sed -n 's/^installed //p' | sort -u)
+}
+
+# make_root FOLDER PACKAGE...: a system of those packages and what they depend on, with dpkg's records of them.
+make_root() {
+  local root=$1 packages name
+  shift
+  mapfile -t packages < <(installed_closure "$@")
+  mkdir -p "$root"/{tmp,usr/{bin,sbin,lib,lib64}} "$root"/var/lib/dpkg/{info,updates,triggers}
+  for name in bin sbin lib lib64; do ln -s "usr/$name" "$root/$name"; done
+  dpkg -L "${packages[@]}" | sort -u | tar -C / --no-recursion --ignore-failed-read -cf - -T - 2>/dev/null |
+    tar -C "$root" --keep-directory-symlink -xf -
+  dpkg-query -s "${packages[@]}" >"$root/var/lib/dpkg/status"
+  for name in "${packages[@]}"; do
+    cp /var/lib/dpkg/info/"$name"{,:*}.list "$root/var/lib/dpkg/info/" 2>/dev/null || true
+  done
+  cp /var/lib/dpkg/info/format "$root/var/lib/dpkg/info/"
+  chroot "$root" ldconfig
+}
+
+check_files() { # FOLDER: no file names this tree, and libraries are looked for beside the one that needs them only
+  local file
+  ! grep -rlF "$PWD" "$1" || fail "a packaged file names the tree that it was built in"
+  while read -r file; do
+    readelf -d "$file" | sed -n 's/.*R\(UN\)\?PATH.*\[\(.*\)\]/\2/p'
+  done < <(find "$1" -name '*.so') | sort -u | tr '\n' ' '
+}
+
+check_debian_package() {
+  local package root=$work/root site=usr/lib/python3/dist-packages dependencies
+  package=$(scripts/package 2>"$work/log" | tail -n 1) || { cat "$work/log" && fail scripts/package; }
+  expect 'name and version of the package' "python3-skiffport $version" \
+    "$(dpkg-deb -W --showformat '${Package} ${Version}' "$package")"
+  dpkg-deb -x "$package" "$work/unpacked"
+  expect 'library paths of the package' '$ORIGIN $ORIGIN/.. ' "$(check_files "$work/unpacked")"
+  expect 'folders of the package' \
+    "$site/Skiffport-stubs $site/_Skiffport-stubs $site/skiffhost $site/skiffhost/commands usr/bin usr/share/doc/python3-skiffport" \
+    "$(cd "$work/unpacked" && find . -type f -printf '%P\n' | sed 's|/[^/]*$||' | grep -vx "$site" | sort -u | paste -sd ' ')"
+  mapfile -t dependencies < <(dpkg-deb -f "$package" Depends | sed 's/([^)]*)//g; s/|[^,]*//g' | tr -d ' ' | tr ',' '\n')
+  make_root "$root" "${dependencies[@]}"
+  cp "$package" "$root/tmp/package.deb"
+  quietly chroot "$root" dpkg -i /tmp/package.deb
+  expect 'version of the installed package' "skiffhost $version" "$(chroot "$root" python3 -m skiffhost --version)"
+  expect 'version by its command' "skiffhost $version" "$(chroot "$root" skiffhost --version)"
+  publish "$root/tmp" /tmp chroot "$root" python3 -m skiffhost
+  echo 'ok: the installed package publishes'
+  quietly chroot "$root" dpkg -r python3-skiffport
+  expect 'what is left of a removed package' '' "$(find "$root/usr" -iname '*skiff*')"
+}
+
+check_wheel() { # INTERPRETER
+  local interpreter=$1 name environment python digits
+  digits=$("$interpreter" -c 'import sys; print("%d%d" % sys.version_info[:2])')
+  name="the wheel for $digits" environment=$work/environment-$digits python=$work/environment-$digits/bin/python
+  quietly "$interpreter" -m venv "$environment"
+  quietly "$python" -m pip install --no-index --no-cache-dir --disable-pip-version-check .
+  expect "tag of $name" "Tag: cp$digits-cp$digits-linux_$(uname -m)" "$(grep ^Tag: "$environment"/lib/*/site-packages/skiffport-*/WHEEL)"
+  expect "library paths of $name" '$ORIGIN $ORIGIN/.. ' "$(check_files "$("$python" -c 'import sysconfig; print(sysconfig.get_path("platlib") + "/skiffhost/..")')")"
+  expect "version of $name" "skiffhost $version" "$(cd / && "$environment/bin/skiffhost" --version)"
+  mkdir "$work/$digits"
+  publish "$work/$digits" "$work/$digits" "$python" -m skiffhost
+  echo "ok: $name publishes"
+  quietly "$python" -m pip uninstall -y --disable-pip-version-check skiffport
+  expect "what is left of $name" '' "$(find "$environment/lib" "$environment/bin" -iname '*skiff*')"
+}
+
+scripts/build --configure release >/dev/null 2>&1
+check_debian_package
+while read -r interpreter; do
+  check_wheel "$interpreter"
+done <build/release/pythons.txt

@@ -1,0 +1,49 @@
+"""Every Python snippet in README and docs runs as it stands, beside a stand-in.
+
+The snippets below one heading are one script. A word behind "python" names a toolkit that the snippet needs; those run where
+SKIFFPORT_TOOLKITS is set.
+"""
+
+import os
+import pathlib
+import re
+import subprocess
+import sys
+import tempfile
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+import service  # noqa: E402
+
+PAGES = [service.REPOSITORY / "README.md", *sorted((service.REPOSITORY / "docs").glob("*.md"))]
+SNIPPET = re.compile(r"^```python *(\w*)\n(.*?)^```", re.MULTILINE | re.DOTALL)
+
+
+def scripts(page):
+    """Yields heading, toolkit and script of each part of a page that has snippets."""
+    for part in re.split(r"^#+ ", page.read_text("utf-8"), flags=re.MULTILINE)[1:]:
+        snippets = SNIPPET.findall(part)
+        if snippets:
+            yield part.split("\n", 1)[0], snippets[0][0], "\n".join(code for _, code in snippets)
+
+
+class Docs(unittest.TestCase):
+    def test_snippets_run(self):
+        with service.Standin() as standin, tempfile.TemporaryDirectory() as folder:
+            service.write_preset(pathlib.Path(folder, "preset"))
+            env = {**standin.env, "SKIFFHOST_USER": service.USER, "SKIFFHOST_PASSWORD": service.PASSWORD}
+            count = 0
+            for page in PAGES:
+                for heading, toolkit, script in scripts(page):
+                    if toolkit and "SKIFFPORT_TOOLKITS" not in os.environ:
+                        continue
+                    with self.subTest(f"{page.name}: {heading}"):
+                        done = subprocess.run([sys.executable, "-B", "-c", script, "preset/effect.bin"], cwd=folder, env=env,
+                                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
+                        self.assertEqual(done.returncode, 0, done.stdout.decode())
+                        count += 1
+            self.assertGreaterEqual(count, 4)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,85 @@
+"""The trace of whole operations: the lines in their order, and no secret in any of them."""
+
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
+import service  # noqa: E402
+from scripted import DETECT, Network  # noqa: E402
+
+TOKEN, PASSWORD = "T0KEN-planted-secret", "P4SS-planted-secret"
+LOGIN = (f"<info><tokenid>{TOKEN}</tokenid><username>Mika</username><VideoGallery>/vg</VideoGallery><Tutorial>/tu</Tutorial>"
+         "<RevisionAPI>2</RevisionAPI></info>")
+
+SCRIPT = """
+import os, sys
+import Skiffport
+from publication import Publication
+data = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
+assert data.LoginKestrelhub("mika", os.environ["SECRET"]) == 1
+data.GetEffectByGUID("g"); data.GetPresetCategory("en"); data.SetRelateVideo("v", "w", "i")
+util = Skiffport.KHConnectUtil()
+util.SyncSendHttpRequestParam("good.test", 443, "/", "pwd=" + os.environ["SECRET"])
+publication = Publication("good.test", data.GetLoginTokenID())
+publication.start(sys.argv[1:])
+publication.completion()
+del publication.uploader
+"""
+
+
+class Trace(unittest.TestCase):
+    def setUp(self):
+        self.network = Network()
+        self.network.__enter__()
+        self.addCleanup(self.network.__exit__)
+        scratch = tempfile.TemporaryDirectory()
+        self.addCleanup(scratch.cleanup)
+        self.scratch = pathlib.Path(scratch.name)
+
+    def run_traced(self, switches):
+        """Runs the script. Returns: all that it printed."""
+        registry = self.scratch / "registry.reg"
+        registry.write_text("[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright]\r\n" + switches, "utf-16")
+        folder = service.write_preset(self.scratch / f"preset{len(switches)}", {"effect": 100_000})
+        env = {**os.environ, "SKIFFPORT_REGISTRY": str(registry), "SECRET": PASSWORD, "PYTHONPATH": os.pathsep.join(sys.path[:2])}
+        done = subprocess.run([sys.executable, "-B", "-c", SCRIPT, *(str(folder / f"{name}.bin") for name in service.FILES)],
+                              env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
+        self.assertEqual(done.returncode, 0, done.stdout)
+        return done.stdout.decode()
+
+    def test_tells_the_work_and_no_secret(self):
+        self.network.reply("www.kestrelhub.example", "")
+        self.network.reply(DETECT, "<INFO><APIUrl>good.test</APIUrl><SignUp>/su</SignUp></INFO>")
+        self.network.reply("good.test", LOGIN)
+        self.network.lead("good.test:80:127.0.0.1:1")
+        self.assertEqual(self.run_traced('"DumpMsg"=dword:00000000\r\n'), "")
+        printed = self.run_traced('"DumpMsg"=dword:00000001\r\n"DumpInETW"=dword:00000000\r\n')
+        self.assertNotIn("planted-secret", printed)
+        wanted = [
+            "[KHLoginData] TWR version = 10.5", "[KHLoginData] TWR versionType = retail", "[KHLoginData] TWR SignUp = /su",
+            "[KHLoginData] Get KH server URL from server. URL = good.test", "[KHLoginData] TWR VideoGalleryURL_login = /vg",
+            "[KHLoginData] TWR Tutorial = /tu", "[KHLoginData] TWR Revision API = 2",
+            "[KHLoginData] [GetEffectByGUID] Internet Exception! Error code: 12029",
+            "[KHLoginData] [GetPresetCategory] Internet Exception! Error code: 12029",
+            "[KHLoginData] [GetVideoID] Internet Exception! Error code: 12029", "[KHLoginData] SetRelateVideo GetVideoID fail",
+            "[PyPresetUploader] PyPresetUploader::PyPresetUploader() enter", "[PyPresetUploader] PyPresetUploader::PyPresetUploader() end",
+            "[PyPresetUploader] PyPresetUploader::StartUpload() enter",
+            "[PyPresetUploader]  upload address https://good.test/servlet/uploadTemplate ",
+            "[PyPresetUploader] PyPresetUploader::StartUpload() end",
+            "[PyPresetUploader]  Cur File\t:: (0)BytesSent / (100000)BytesTotal / (0)%, 17 sec. remaining.",
+            "[PyPresetUploader]  All Files  :: (0)BytesSent / (101300)BytesTotal / (0)%, 18 sec. remaining.",
+            "[PyPresetUploader]  Background Upload (End) hr(0x0) ! ",
+            "[PyPresetUploader] PyPresetUploader::~PyPresetUploader() enter", "[PyPresetUploader] PyPresetUploader::~PyPresetUploader() end",
+        ]
+        lines = iter(printed.split("\n"))
+        for line in wanted:
+            self.assertIn(line, lines, printed)  # in this order: the search goes on behind the last one found
+
+
+if __name__ == "__main__":
+    unittest.main()

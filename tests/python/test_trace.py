@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import socket
 import subprocess
 import sys
 import tempfile
@@ -79,6 +80,24 @@ class Trace(unittest.TestCase):
         lines = iter(printed.split("\n"))
         for line in wanted:
             self.assertIn(line, lines, printed)  # in this order: the search goes on behind the last one found
+
+    @unittest.skipIf(os.geteuid() != 0 or os.path.exists("/run/systemd/journal"), "needs a machine whose journal it can be")
+    def test_goes_to_the_journal_instead(self):
+        os.makedirs("/run/systemd/journal")
+        self.addCleanup(os.removedirs, "/run/systemd/journal")
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as journal:
+            journal.bind("/run/systemd/journal/socket")
+            self.addCleanup(os.unlink, "/run/systemd/journal/socket")
+            journal.setblocking(False)
+            registry = self.scratch / "registry.reg"
+            registry.write_text('[HKEY_LOCAL_MACHINE\\software\\quillon\\tintwright]\n"DumpMsg"=dword:1\n"DumpInETW"=dword:1\n')
+            done = subprocess.run([sys.executable, "-B", "-c", "import Skiffport; Skiffport.KHLoginData('10.5', 'ä', '')"],
+                                  env={**os.environ, "SKIFFPORT_REGISTRY": str(registry), "PYTHONPATH": sys.path[0]},
+                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+            self.assertEqual(done.stdout, b"")
+            entries = [journal.recv(4096).decode() for _ in range(2)]
+        self.assertIn("MESSAGE=[KHLoginData] TWR versionType = ä\n", entries[1])
+        self.assertIn("PROVIDER_GUID={9AD3F8FA-B0D3-45A2-8E95-5D1899E0AD05}\n", entries[1])
 
 
 if __name__ == "__main__":

@@ -3,6 +3,7 @@
 # but what the package depends on, made of the files of this machine's packages; `pip install` puts a wheel into a virtual
 # environment of each interpreter. Both publish a preset to a stand-in that runs outside. Uses no network but loopback.
 set -euo pipefail
+export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/../.."
 scripts/setup --for full
 work=$(mktemp -d)
@@ -29,7 +30,8 @@ preset = service.write_preset(pathlib.Path(folder, "preset"), {"cover_after": 20
 with service.Standin() as standin:
     shutil.copy(standin.ready["ca_file"], folder)
     env = {"SKIFFHOST_PASSWORD": service.PASSWORD, "SKIFFPORT_CONNECT_TO": standin.ready["connect_to"],
-           "SSL_CERT_FILE": f"{seen}/{pathlib.Path(standin.ready['ca_file']).name}", "LC_ALL": "C.UTF-8"}
+           "SSL_CERT_FILE": f"{seen}/{pathlib.Path(standin.ready['ca_file']).name}", "LC_ALL": "C.UTF-8",
+           "PATH": "/usr/sbin:/usr/bin"}
     status = subprocess.run([*command, "publish", service.USER, f"{seen}/preset", "--title", "Packed ü"], env=env,
                             cwd="/", timeout=120).returncode
     (record,) = standin.presets()
@@ -57,8 +59,9 @@ make_root() {
   mapfile -t packages < <(installed_closure "$@")
   mkdir -p "$root"/{tmp,usr/{bin,sbin,lib,lib64}} "$root"/var/lib/dpkg/{info,updates,triggers}
   for name in bin sbin lib lib64; do ln -s "usr/$name" "$root/$name"; done
-  dpkg -L "${packages[@]}" | sort -u | tar -C / --no-recursion --ignore-failed-read -cf - -T - 2>/dev/null |
-    tar -C "$root" --keep-directory-symlink -xf -
+  # A small system may have been told to leave documents and translations out.
+  dpkg -L "${packages[@]}" | sort -u | while read -r name; do [[ ! -e $name ]] || echo ".$name"; done |
+    tar -C / --no-recursion -cf - -T - | tar -C "$root" --keep-directory-symlink -xf -
   dpkg-query -s "${packages[@]}" >"$root/var/lib/dpkg/status"
   for name in "${packages[@]}"; do
     cp /var/lib/dpkg/info/"$name"{,:*}.list "$root/var/lib/dpkg/info/" 2>/dev/null || true
@@ -83,7 +86,7 @@ check_debian_package() {
   dpkg-deb -x "$package" "$work/unpacked"
   expect 'library paths of the package' '$ORIGIN $ORIGIN/.. ' "$(check_files "$work/unpacked")"
   expect 'folders of the package' \
-    "$site/Skiffport-stubs $site/_Skiffport-stubs $site/skiffhost $site/skiffhost/commands usr/bin usr/share/doc/python3-skiffport" \
+    "usr/bin $site/Skiffport-stubs $site/_Skiffport-stubs $site/skiffhost $site/skiffhost/commands usr/share/doc/python3-skiffport" \
     "$(cd "$work/unpacked" && find . -type f -printf '%P\n' | sed 's|/[^/]*$||' | grep -vx "$site" | sort -u | paste -sd ' ')"
   mapfile -t dependencies < <(dpkg-deb -f "$package" Depends | sed 's/([^)]*)//g; s/|[^,]*//g' | tr -d ' ' | tr ',' '\n')
   make_root "$root" "${dependencies[@]}"

@@ -70,7 +70,7 @@ TEST(Messages, KeepTheOrderOfEachThreadAcrossTwoWindows) {
   for (int nThread = 0; nThread < 2; ++nThread)
     posters.emplace_back([&, nThread] {
       for (int n = 0; n < kEach; ++n)
-        (n % 3 ? first : second).Post(static_cast<WPARAM>(nThread * kEach + n));
+        (n % 3 ? first : second).Post(static_cast<WPARAM>(nThread) * kEach + static_cast<WPARAM>(n));
     });
   for (int nDone = 0; nDone < 2 * kEach;) {
     ASSERT_EQ(WaitForMessages(10000), 1);

@@ -31,14 +31,16 @@ std::wstring TextOf(IXMLDOMNode *pNode) {
 /// "name|name|" of the children along the siblings.
 std::wstring ChildrenOf(IXMLDOMNode *pNode) {
   std::wstring strNames;
-  CComPtr<IXMLDOMNode> child, next;
-  for (pNode->get_firstChild(&child); child; child = std::move(next)) {
+  CComPtr<IXMLDOMNode> child;
+  for (HRESULT hr = pNode->get_firstChild(&child); hr == S_OK;) {
     CComBSTR bstrName;
     EXPECT_EQ(child->get_nodeName(&bstrName), S_OK);
     strNames.append(bstrName).append(L"|");
-    HRESULT const hr = child->get_nextSibling(&next);
-    EXPECT_EQ(hr, next ? S_OK : S_FALSE);
+    CComPtr<IXMLDOMNode> next;
+    hr = child->get_nextSibling(&next);
+    child = std::move(next);
   }
+  EXPECT_EQ(child, nullptr);
   return strNames;
 }
 

@@ -1,0 +1,134 @@
+// The service exchange and the probe: outcomes that Python can't provoke, and the hand-over of the probe's handles.
+#include "platform/TestSeam.h"
+#include "platform/Threads.h"
+#include "service/ReachabilityProbe.h"
+#include "service/ServiceExchange.h"
+#include "tests/cpp/platform/http_peer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+namespace {
+
+// Makes the named call fail while it lives.
+class Fault {
+public:
+  Fault(char const *szCall, DWORD dwError) {
+    m_hooks.fault = [szCall, dwError](char const *szThis, DWORD *pdwError) {
+      *pdwError = dwError;
+      return std::strcmp(szThis, szCall) == 0;
+    };
+    SetPlatformTestHooks(&m_hooks);
+  }
+  ~Fault() { SetPlatformTestHooks(nullptr); }
+
+private:
+  PlatformTestHooks m_hooks;
+};
+
+TEST(ServiceExchange, TellsItsOutcomesApart) {
+  Peer const peer({"reply", "--body", "<a/>"});
+  struct Case {
+    char const *szCall;
+    DWORD dwError;
+    ExchangeResult::Outcome outcome;
+  };
+  Case const cases[] = {
+      {"InternetOpenW", 1450, ExchangeResult::Exception},     {"InternetConnectW", 12005, ExchangeResult::Exception},
+      {"HttpOpenRequestW", 12005, ExchangeResult::Exception}, {"HttpSendRequestW", 12002, ExchangeResult::Exception},
+      {"HttpSendRequestW", 0, ExchangeResult::SendRefused},   {"InternetReadFile", 12031, ExchangeResult::Exception},
+  };
+  for (Case const &c : cases) {
+    Fault const fault(c.szCall, c.dwError);
+    ExchangeResult const result = RunExchange(RequestKind::PresetCategories, L"good.test", L"/x");
+    EXPECT_EQ(result.outcome, c.outcome) << c.szCall;
+    EXPECT_EQ(result.dwError, c.dwError) << c.szCall;
+    EXPECT_EQ(result.strReply, "");
+  }
+  EXPECT_EQ(RunExchange(RequestKind::PresetCategories, L"good.test", std::wstring(255, L'/').c_str()).outcome,
+            ExchangeResult::Exception);
+  EXPECT_EQ(RunExchange(RequestKind::PresetCategories, L"good.test", std::wstring(254, L'/').c_str()).strReply, "<a/>");
+}
+
+TEST(ServiceExchange, ReadsAReplyAsItsRowSays) {
+  struct Case {
+    RequestKind kind;
+    Arguments script;
+    char const *szReply;
+  };
+  Case const cases[] = {
+      {RequestKind::BlockingRequestPlain, {"pieces", "--body", "abcdef"}, "abcdef"},
+      {RequestKind::BlockingRequestPlain, {"reply", "--body", "abcdef", "--length", "none"}, ""},
+      {RequestKind::EffectByGuid, {"pieces", "--body", "abcdef"}, "abc"},
+      {RequestKind::EffectByGuid, {"reply", "--body", "abcdef", "--length", "none"}, "abcdef"},
+      {RequestKind::VideoId, {"pieces", "--body", "abcdef"}, "abcdef"},
+      {RequestKind::VideoId, {"pieces", "--body", "abcdef", "--length", "chunked"}, "abcdef"},
+  };
+  for (Case const &c : cases) {
+    Peer const peer(c.script);
+    EXPECT_EQ(RunExchange(c.kind, L"good.test", L"/x").strReply, c.szReply)
+        << c.script[0] << " " << static_cast<int>(c.kind);
+  }
+}
+
+TEST(ServiceExchange, KeepsAMissingElementApartFromAFailedQuery) {
+  CComPtr<IXMLDOMDocument> const pDocument = LoadReply("<info><a> x <b>y</b></a><c/></info>");
+  CString strText(L"old");
+  EXPECT_EQ(ReadElement(pDocument, L"info/d", strText), ElementState::Missing);
+  EXPECT_EQ(ReadElement(LoadReply("<info"), L"info/a", strText), ElementState::Missing);
+  EXPECT_EQ(ReadElement(nullptr, L"info/a", strText), ElementState::Missing);
+  {
+    Fault const fault("selectSingleNode", 0);
+    EXPECT_EQ(ReadElement(pDocument, L"info/a", strText), ElementState::QueryFailed);
+  }
+  {
+    Fault const fault("CoCreateInstance", 0);
+    EXPECT_EQ(LoadReply("<info/>"), nullptr);
+  }
+  EXPECT_STREQ(strText, L"old");
+  EXPECT_EQ(ReadElement(pDocument, L"info/a", strText), ElementState::Found);
+  EXPECT_STREQ(strText, L"x y");
+  EXPECT_EQ(ReadElement(pDocument, L"info/c", strText), ElementState::Found);
+  EXPECT_TRUE(strText.IsEmpty());
+}
+
+class ProbeTest : public ::testing::Test {
+protected:
+  std::atomic<HINTERNET> m_hInternet = nullptr;
+  std::atomic<HINTERNET> m_hConnect = nullptr;
+  std::atomic<BOOL> m_bReachable = FALSE;
+  char m_szUrl[_MAX_PATH] = {};
+  ReachabilityProbe probe = {m_hInternet, m_hConnect, m_bReachable, m_szUrl};
+};
+
+TEST_F(ProbeTest, TakesAnyAnswerAsReachable) {
+  for (char const *szStatus : {"200", "302", "500"}) {
+    Peer const peer({"reply", "--tls", "good", "--status", szStatus});
+    EXPECT_TRUE(probe.CheckServerReachable("https://good.test"));
+    EXPECT_FALSE(m_hInternet || m_hConnect) << "both are closed and forgotten";
+    EXPECT_STREQ(m_szUrl, "https://good.test");
+  }
+  {
+    Fault const fault("_beginthreadex", 8);
+    EXPECT_TRUE(probe.CheckServerReachable("https://good.test")) << "the last answer stands";
+  }
+  {
+    Fault const fault("InternetOpenA", 8);
+    EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
+  }
+  EXPECT_FALSE(probe.CheckServerReachable(("https://" + std::string(260, 'h')).c_str()));
+}
+
+TEST_F(ProbeTest, EndsACallThatBlocks) {
+  for (char const *szScenario : {"silent-tls", "silent-reply"}) {
+    Peer const peer({szScenario, "--tls", "good"});
+    auto const start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
+    double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_NEAR(seconds, 5.6, 0.3) << szScenario;
+    EXPECT_FALSE(m_hInternet || m_hConnect);
+  }
+}
+
+} // namespace

@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Checks the types: the stubs against the built modules, the host package against them and for 3.8, and what a checker
+# tells the user of an installed copy about right and wrong calls.
+set -euo pipefail
+cd "$(dirname "$0")/../.."
+scripts/setup --for full
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+tree=$(scripts/build release 2>"$work/log" | tail -n 1) || { cat "$work/log" && exit 1; }
+export MYPY_CACHE_DIR=$work/cache
+# A virtual environment is a place where the checker looks for installed packages, and it only needs the files there.
+/usr/bin/python3 -m venv --without-pip "$work/environment"
+cmake --install build/release --prefix "$work/installed" --component python >/dev/null
+site=$(echo "$work"/environment/lib/python3*/site-packages)
+mv "$(dirname "$(find "$work/installed" -name Skiffport.py)")"/* "$site"
+mypy=(/usr/bin/python3 -m mypy --strict --python-executable "$work/environment/bin/python")
+
+PYTHONPATH=$tree MYPYPATH=shell/stubs /usr/bin/python3 -m mypy.stubtest _Skiffport
+PYTHONPATH=$tree MYPYPATH=shell/stubs /usr/bin/python3 -m mypy.stubtest Skiffport
+PYTHONPATH=$site MYPYPATH=$site:shell/stubs /usr/bin/python3 -m mypy.stubtest skiffhost._messageloop
+(cd "$site" && MYPYPATH=$OLDPWD/shell/stubs /usr/bin/python3 -m mypy --strict --python-version 3.8 -p skiffhost)
+
+cat >"$work/right.py" <<'END'
+import _Skiffport
+import Skiffport
+from skiffhost import loop
+
+data = Skiffport.KHLoginData("10.5", "retail", None)
+name: str = data.GetUserName()
+outcome: int = _Skiffport.KHLoginData_LoginKestrelhub(data, name, None)
+uploader = Skiffport.PyPresetUploader(data.GetServerUrl(), data.GetLoginTokenID(), "10.5", "retail", "uuid")
+uploader.SetCallback(lambda *arguments: print(arguments))
+reply = Skiffport.KHConnectUtil().SyncSendHttpRequestParam("host", 80, "/", "a=b")
+text: str = reply["data"] if reply.get("bSucc") else reply["errMsg"]
+ran: int = loop.pump(limit=3)
+END
+cat >"$work/wrong.py" <<'END'
+import _Skiffport
+import Skiffport
+from skiffhost import loop
+
+Skiffport.KHLoginData("10.5", "retail")
+_Skiffport.KHLoginData_GetUserName(None)
+Skiffport.KHConnectUtil().SyncSendHttpRequestParam("host", "80", "/", "a=b")
+Skiffport.PyPresetUploader("", "", "", "", "").SetCallback(5)
+loop.wait("1")
+END
+"${mypy[@]}" "$work/right.py"
+"${mypy[@]}" "$work/wrong.py" >"$work/found" && status=0 || status=$?
+found=$(sed -n 's/.*wrong\.py:\([0-9]*\): error: .*/\1/p' "$work/found" | paste -sd ' ')
+[[ $status == 1 && $found == '5 6 7 8 9' ]] || { cat "$work/found" && echo 'FAILED: not each wrong call was found' && exit 1; }

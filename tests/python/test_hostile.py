@@ -1,0 +1,88 @@
+"""Uploads to a service that misbehaves, or a line that dies: each has its bounded, clear outcome."""
+
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
+import service  # noqa: E402
+from publication import Publication  # noqa: E402
+from scripted import Network  # noqa: E402
+
+HOST = "good.test"
+REFUSAL = "<uploadTemplate><errMsg>Too large.</errMsg></uploadTemplate>"
+ACCEPTED = "<uploadTemplate><templateUrl>https%3A%2f%2Fh%2Fp+1</templateUrl></uploadTemplate>"
+
+
+class HostileService(unittest.TestCase):
+    def setUp(self):
+        self.network = Network()
+        self.network.__enter__()
+        self.addCleanup(self.network.__exit__)
+        scratch = tempfile.TemporaryDirectory()
+        self.addCleanup(scratch.cleanup)
+        self.scratch = pathlib.Path(scratch.name)
+
+    def preset(self, sizes=None):
+        folder = service.write_preset(self.scratch / str(time.monotonic_ns()), sizes)
+        return [str(folder / f"{name}.bin") for name in service.FILES]
+
+    def outcome(self, paths):
+        publication = Publication(HOST)
+        self.assertNotEqual(publication.start(paths), 0)
+        return publication.completion()[1:4]
+
+    def test_the_reply_decides_as_it_stands(self):
+        paths = self.preset()
+        cases = {
+            (1, "https://h/p+1", ""): [("reply", ACCEPTED), ("pieces", ACCEPTED, "--length", "chunked"), ("reply", ACCEPTED, "--length", "none"),
+                                       ("reply", ACCEPTED, "--length", "long"), ("interim", ACCEPTED), ("reply", ACCEPTED, "--status", "299")],
+            (0, "https://h/p+1", ""): [("reply", ACCEPTED, "--status", "500"), ("reply", ACCEPTED, "--status", "302")],
+            (0, "", "Too large."): [("reply", REFUSAL, "--status", "413"), ("early-keep", REFUSAL, "--status", "413"),
+                                    ("early-hold", REFUSAL, "--status", "401")],
+            (1, "", "x" * 259): [("reply", f"<uploadTemplate><errMsg>{'x' * 300}</errMsg></uploadTemplate>")],
+            (1, "", ""): [("reply", ""), ("reply", "no markup"), ("reply", ACCEPTED[:50]), ("reply", ACCEPTED.replace("T", "t")),
+                          ("reply", f"<!DOCTYPE a [<!ENTITY e SYSTEM 'file:///etc/passwd'>]>{ACCEPTED}"),
+                          ("reply", "<uploadTemplate><errMsg>&lol;</errMsg></uploadTemplate>"), ("reply", ACCEPTED, "--status", "204")],
+        }
+        for outcome, scripts in cases.items():
+            for scenario, body, *options in scripts:
+                with self.subTest(f"{scenario} {body[:60]} {options}"):
+                    self.network.play(HOST, scenario, "--body", body, *options)
+                    self.assertEqual(self.outcome(paths), outcome)
+
+    def test_a_lost_line_is_an_ordinary_failure(self):
+        paths = self.preset({"effect": 8_000_000})
+        for scenario, *options in (("reset-send",), ("reset-send", "--after", "3000000"), ("close",), ("garbage",), ("flood-headers",)):
+            with self.subTest(scenario):
+                self.network.play(HOST, scenario, *options)
+                self.assertEqual(self.outcome(paths), (0, "", ""))
+        for certificate in ("expired", "wrong-name", "unknown-issuer"):
+            self.network.reply(HOST, ACCEPTED, tls=certificate)
+            self.assertEqual(self.outcome(paths), (0, "", ""), certificate)
+        self.network.lead(f"{HOST}:443:127.0.0.1:1")
+        self.assertEqual(self.outcome(paths), (0, "", ""))
+
+    def test_a_refusal_that_closes_at_once_comes_through_unless_the_reset_wins(self):
+        paths = self.preset({"effect": 30_000_000})
+        self.network.play(HOST, "early-close", "--body", REFUSAL, "--status", "413", "--after", "100")
+        self.assertIn(self.outcome(paths), {(0, "", "Too large."), (0, "", "")})
+
+    def test_exit_and_deletion_do_not_wait_for_a_stalled_line_without_bound(self):
+        self.network.play(HOST, "stall")
+        paths = self.preset({"effect": 30_000_000})
+        head = (f"import sys; sys.path[:0] = {sys.path[:2]!r}\nfrom publication import Publication\n"
+                f"p = Publication({HOST!r})\nassert p.start({paths!r}) != 0\np.pump_until(lambda: p.events)\n")
+        start = time.monotonic()
+        done = subprocess.run([sys.executable, "-B", "-c", head + "sys.exit(4)"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
+        self.assertEqual((done.returncode, done.stdout), (4, b""))
+        self.assertLess(time.monotonic() - start, 15)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,6 +1,6 @@
-// What a fork does to the platform's own state. A forked child has the memory of the parent's threads but not the threads:
-// locks of the tables are held across the fork so that they come out usable, and objects remember the process that made
-// them.
+// What a fork does to the platform's own state. A forked child has the memory of the parent's threads but not the
+// threads: locks of the tables are held across the fork so that they come out usable, and objects remember the process
+// that made them.
 #pragma once
 
 #include <mutex>

@@ -455,7 +455,7 @@ class HttpTransfer::Limits {
 public:
   Limits(HttpTransfer &transfer, Wait wait)
       : m_transfer(transfer), m_wait(wait), m_begin(SteadyMilliseconds()), m_moved(m_begin),
-        m_progress(transfer.Progress(wait)) {}
+        m_progress(transfer.MeasureProgress()) {}
   ~Limits() {
     if (m_wait == Wait::Receive)
       m_transfer.m_replyWait += SteadyMilliseconds() - m_begin;
@@ -466,14 +466,17 @@ public:
   /// Milliseconds that the wait may still last; 0 when its time is up.
   std::uint64_t Left() {
     std::uint64_t const now = SteadyMilliseconds();
-    std::uint64_t const progress = m_transfer.Progress(m_wait);
-    if (progress != m_progress)
+    Progress const progress = m_transfer.MeasureProgress();
+    bool const isReceiving = m_wait == Wait::Receive;
+    if (progress.sent != m_progress.sent || (isReceiving && progress.received != m_progress.received))
       m_moved = now;
+    if (isReceiving && progress.sent != m_progress.sent)
+      m_begin = now; // what the system had buffered of the body still goes out
     m_progress = progress;
     auto const left = [now](std::uint64_t since, std::uint64_t limit) { return limit - std::min(now - since, limit); };
     if (!m_transfer.m_isRequested)
       return left(m_begin, m_transfer.m_connectLimit);
-    if (m_wait == Wait::Send)
+    if (!isReceiving)
       return left(m_moved, m_transfer.m_sendLimit);
     std::uint64_t const spent = std::min(m_transfer.m_replyWait, kReplyLimit);
     return std::min(left(m_moved, kReceiveLimit), left(m_begin, kReplyLimit - spent));
@@ -482,21 +485,19 @@ public:
 private:
   HttpTransfer &m_transfer;
   Wait const m_wait;
-  std::uint64_t const m_begin;
+  std::uint64_t m_begin;
   std::uint64_t m_moved;
-  std::uint64_t m_progress;
+  Progress m_progress;
 };
 
-/// A number that changes when bytes move that way. The socket's own counters are part of it: libcurl counts a sent
-/// block only when all of it is out, which takes minutes on a slow line.
-std::uint64_t HttpTransfer::Progress(Wait wait) const {
+/// The socket's own counters are part of it: libcurl counts a block as sent only when all of it is out, which takes
+/// long on a slow line, and what the system has buffered of the body takes longer still.
+HttpTransfer::Progress HttpTransfer::MeasureProgress() const {
   tcp_info info{};
   socklen_t size = sizeof info;
   if (m_connected != CURL_SOCKET_BAD && getsockopt(m_connected, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
     info = {};
-  if (wait == Wait::Send)
-    return Sent() + info.tcpi_bytes_acked + (m_isRequested ? 1 : 0);
-  return m_headSize + m_received + info.tcpi_bytes_received;
+  return {Sent() + info.tcpi_bytes_acked + (m_isRequested ? 1 : 0), m_headSize + m_received + info.tcpi_bytes_received};
 }
 
 /// Takes the transfer as far as it goes without waiting.
@@ -640,8 +641,8 @@ DWORD HttpTransfer::Write(void const *data, std::size_t size) {
   if (m_stage != Stage::Sending || size > m_declared - m_accepted)
     return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   Perform(); // looks for a reply
-  if (m_isFinished && (m_error == ERROR_INTERNET_OPERATION_CANCELLED || !IsRefused()))
-    return Failure();
+  if (m_error == ERROR_INTERNET_OPERATION_CANCELLED || (m_error != ERROR_SUCCESS && !IsRefused()))
+    return m_error;
   m_sink.Tell(INTERNET_STATUS_SENDING_REQUEST);
   m_accepted += size;
   std::string_view const bytes(static_cast<char const *>(data), size);

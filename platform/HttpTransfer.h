@@ -74,6 +74,9 @@ private:
   enum class Stage { Idle, Sending, Answered };
   enum class Wait { Send, Receive };
   class Limits;
+  struct Progress { ///< numbers that grow while bytes move
+    std::uint64_t sent, received;
+  };
   struct EasyCleanUp {
     void operator()(CURL *easy) const { curl_easy_cleanup(easy); }
   };
@@ -105,7 +108,7 @@ private:
   void Fail(DWORD error);
   DWORD Failure() const;
   DWORD ErrorNumber(CURLcode code) const;
-  std::uint64_t Progress(Wait wait) const;
+  Progress MeasureProgress() const;
 
   std::uint64_t Sent() const;
   bool IsHeadOut() const;

@@ -30,7 +30,8 @@ bool IsWebAddress(std::wstring_view address) {
       return false;
   }
   auto const uColon = address.find(L"://");
-  if (uColon == std::wstring_view::npos || uColon > 5 || uColon + 3 == address.size() || address[uColon + 3] == L'/')
+  if (uColon > 5 || // none, or no scheme that is opened
+      uColon + 3 == address.size() || address[uColon + 3] == L'/')
     return false;
   std::wstring strScheme(address.substr(0, uColon));
   for (WCHAR &unit : strScheme)

@@ -415,7 +415,9 @@ HINTERNET HttpOpenRequestW(HINTERNET hConnect, WCHAR const *wszVerb, WCHAR const
 
 BOOL HttpAddRequestHeadersA(HINTERNET hRequest, char const *szHeaders, DWORD dwLength, DWORD /*dwModifiers*/) {
   return Call("HttpAddRequestHeadersA", [&] {
-    return OnRequest(hRequest, [&](Request &request) {
+    return OnRequest(hRequest, [&](Request &request) -> DWORD {
+      if (request.transfer.HasBegun())
+        return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
       std::string_view const headers = szHeaders ? szHeaders : "";
       return AddHeaders(request.head, headers.substr(0, dwLength));
     });

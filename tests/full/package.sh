@@ -72,7 +72,7 @@ make_root() {
 
 check_files() { # FOLDER: no file names this tree, and libraries are looked for beside the one that needs them only
   local file
-  ! grep -rlF "$PWD" "$1" || fail "a packaged file names the tree that it was built in"
+  ! grep -rlF --exclude=direct_url.json "$PWD" "$1" || fail "a packaged file names the tree that it was built in"
   while read -r file; do
     readelf -d "$file" | sed -n 's/.*R\(UN\)\?PATH.*\[\(.*\)\]/\2/p'
   done < <(find "$1" -name '*.so') | sort -u | tr '\n' ' '
@@ -101,13 +101,14 @@ check_debian_package() {
 }
 
 check_wheel() { # INTERPRETER
-  local interpreter=$1 name environment python digits
-  digits=$("$interpreter" -c 'import sys; print("%d%d" % sys.version_info[:2])')
+  local digits name environment python site
+  digits=$("$1" -c 'import sys; print("%d%d" % sys.version_info[:2])')
   name="the wheel for $digits" environment=$work/environment-$digits python=$work/environment-$digits/bin/python
-  quietly "$interpreter" -m venv "$environment"
+  quietly "$1" -m venv "$environment"
   quietly "$python" -m pip install --no-index --no-cache-dir --disable-pip-version-check .
-  expect "tag of $name" "Tag: cp$digits-cp$digits-linux_$(uname -m)" "$(grep ^Tag: "$environment"/lib/*/site-packages/skiffport-*/WHEEL)"
-  expect "library paths of $name" '$ORIGIN $ORIGIN/.. ' "$(check_files "$("$python" -c 'import sysconfig; print(sysconfig.get_path("platlib") + "/skiffhost/..")')")"
+  site=$(echo "$environment"/lib/python*/site-packages)
+  expect "tag of $name" "Tag: cp$digits-cp$digits-linux_$(uname -m)" "$(grep ^Tag: "$site"/skiffport-*/WHEEL)"
+  expect "library paths of $name" '$ORIGIN $ORIGIN/.. ' "$(check_files "$site")"
   expect "version of $name" "skiffhost $version" "$(cd / && "$environment/bin/skiffhost" --version)"
   mkdir "$work/$digits"
   publish "$work/$digits" "$work/$digits" "$python" -m skiffhost

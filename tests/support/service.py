@@ -38,11 +38,6 @@ def standin_environment() -> Dict[str, str]:
     return {**env, "PYTHONPATH": str(REPOSITORY / "standin")}
 
 
-def unchecked_environment() -> Dict[str, str]:
-    """A clean environment for a helper process, outside of the checkers."""
-    return {name: value for name, value in clean_environment().items() if name not in _NOT_FOR_THE_STANDIN}
-
-
 def wait_until(condition: Any, what: str, seconds: float = DEADLINE_SECONDS) -> Any:
     """Returns the condition's first true value, polled; fails when the time is up."""
     deadline = time.monotonic() + seconds

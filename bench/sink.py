@@ -1,11 +1,13 @@
-"""A TLS peer that costs next to nothing: it reads a request's body into one buffer, drops it and sends a fixed reply.
+"""A peer that costs next to nothing: it reads a request's body into one buffer, drops it and sends a fixed reply.
 
-Run as its own process with the file of its certificate and key. It prints the port that it listens on, serves each
-connection for one request in a thread of its own, and ends with its standard input.
+Run as its own process with the file of its certificate and key and, if wanted, a JSON file of further replies, which come
+first: pairs of the start of a request line and a body. It prints its two ports, one a line, for TLS and for plain
+connections, serves each connection for one request in a thread of its own, and ends with its standard input.
 """
 
 from __future__ import annotations
 
+import json
 import os
 import re
 import socket
@@ -33,10 +35,10 @@ REPLIES: list[tuple[bytes, bytes]] = [
 ]
 
 
-def serve(connection: socket.socket, context: ssl.SSLContext) -> None:
-    """Handles one connection: handshake, one request, one reply."""
+def serve(connection: socket.socket, context: ssl.SSLContext | None, replies: list[tuple[bytes, bytes]]) -> None:
+    """Handles one connection: handshake, unless it is plain, one request, one reply."""
     connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-    with context.wrap_socket(connection, server_side=True) as peer:
+    with context.wrap_socket(connection, server_side=True) if context else connection as peer:
         head = b""
         while b"\r\n\r\n" not in head:
             block = peer.recv(65536)
@@ -46,26 +48,23 @@ def serve(connection: socket.socket, context: ssl.SSLContext) -> None:
         head, _, body = head.partition(b"\r\n\r\n")
         length = re.search(rb"\r\ncontent-length: *(\d+)", head, re.IGNORECASE)
         left = int(length.group(1)) - len(body) if length else 0
-        buffer = memoryview(bytearray(1 << 20))
+        buffer = memoryview(bytearray(max(0, min(left, 1 << 20))))
         while left > 0:
             taken = peer.recv_into(buffer[: min(left, len(buffer))])
             if not taken:
                 return
             left -= taken
-        reply = next(reply for start, reply in REPLIES if head.startswith(start))
+        reply = next(reply for start, reply in replies if head.startswith(start))
         peer.sendall(b"HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: %d\r\n\r\n%s" % (len(reply), reply))
 
 
-def main() -> None:
-    """Listens until standard input ends."""
-    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-    context.load_cert_chain(sys.argv[1])
+def listen(context: ssl.SSLContext | None, replies: list[tuple[bytes, bytes]]) -> int:
+    """Serves connections from a thread of its own. Returns the port."""
     listener = socket.create_server(("127.0.0.1", 0))
-    print(listener.getsockname()[1], flush=True)
 
     def quietly(connection: socket.socket) -> None:
         try:
-            serve(connection, context)
+            serve(connection, context, replies)
         except OSError:
             pass  # the client has gone: a probe, say, which wants no more than an answer
 
@@ -75,6 +74,18 @@ def main() -> None:
             threading.Thread(target=quietly, args=(connection,), daemon=True).start()
 
     threading.Thread(target=accept, daemon=True).start()
+    return listener.getsockname()[1]
+
+
+def main() -> None:
+    """Listens until standard input ends."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+    context.load_cert_chain(sys.argv[1])
+    replies = list(REPLIES)
+    for path in sys.argv[2:]:
+        with open(path, encoding="ascii") as source:
+            replies[:0] = [(start.encode(), body.encode()) for start, body in json.load(source)]
+    print(listen(context, replies), listen(None, replies), sep="\n", flush=True)
     sys.stdin.read()
     os._exit(0)
 

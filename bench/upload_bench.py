@@ -215,6 +215,8 @@ def main() -> int:
     parser.add_argument("--quick", action="store_true", help="one round")
     options = parser.parse_args()
     build = options.build.resolve()
+    if os.getloadavg()[0] > 0.5 * (os.cpu_count() or 1):
+        print(f"The machine is busy (load {os.getloadavg()[0]:.1f}): these figures say little.\n")
     with prepare(build / "python") as setting:
         print("files            chunks pauses s module s  above ms  curl ms  module's curl's   module's")
         print("                                                             CPU s    CPU s    peak MiB")

@@ -212,7 +212,7 @@ void SetUp(Request &request, Session &session, DWORD dwFlags, DWORD_PTR dwContex
   if (!session.agent.empty())
     head.defaults.push_back("User-Agent: " + session.agent);
   if (dwFlags & INTERNET_FLAG_NO_CACHE_WRITE)
-    head.defaults.push_back("Cache-Control: no-cache");
+    head.defaults.emplace_back("Cache-Control: no-cache");
 }
 
 DWORD OpenRequest(HINTERNET hConnect, std::string const &verb, std::string const &object, DWORD dwFlags,

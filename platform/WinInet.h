@@ -105,7 +105,8 @@ SKIFFPORT_PLATFORM_API HINTERNET InternetOpenA(char const *szAgent, DWORD dwAcce
 SKIFFPORT_PLATFORM_API INTERNET_STATUS_CALLBACK InternetSetStatusCallbackW(HINTERNET hSession,
                                                                            INTERNET_STATUS_CALLBACK pfnCallback);
 
-/// Names the server; nothing goes out yet. A host that is empty or holds a control character is refused (12005).
+/// Names the server; nothing goes out yet. A host that is empty, or holds a control character or one that ends or
+/// escapes a host in a URL ("/?#@\\% "), is refused (12005).
 SKIFFPORT_PLATFORM_API HINTERNET InternetConnectA(HINTERNET hSession, char const *szServer, INTERNET_PORT nPort,
                                                   char const *szUser, char const *szPassword, DWORD dwService,
                                                   DWORD dwFlags, DWORD_PTR dwContext);
@@ -116,7 +117,8 @@ SKIFFPORT_PLATFORM_API HINTERNET InternetConnectW(HINTERNET hSession, WCHAR cons
 /// Makes a request; nothing goes out yet. The object is path and query; an empty one becomes "/", a leading slash is
 /// added, a space goes out as %20, nothing else is touched (wide text goes out as UTF-8). A control character is
 /// refused (12005). TLS with INTERNET_FLAG_SECURE, and always at port 443. INTERNET_FLAG_NO_CACHE_WRITE adds
-/// "Cache-Control: no-cache".
+/// "Cache-Control: no-cache". Differs: GET (also for an empty verb) and POST only. Where the environment names a proxy
+/// for plain HTTP, bytes that a URL can't hold go out percent-encoded.
 SKIFFPORT_PLATFORM_API HINTERNET HttpOpenRequestA(HINTERNET hConnect, char const *szVerb, char const *szObject,
                                                   char const *szVersion, char const *szReferrer,
                                                   char const **pszAcceptTypes, DWORD dwFlags, DWORD_PTR dwContext);
@@ -125,6 +127,7 @@ SKIFFPORT_PLATFORM_API HINTERNET HttpOpenRequestW(HINTERNET hConnect, WCHAR cons
                                                   WCHAR const **pwszAcceptTypes, DWORD dwFlags, DWORD_PTR dwContext);
 
 /// Adds header lines (split at line ends) to the request; `dwLength` in characters, 0xFFFFFFFF for a terminated text.
+/// Errors: 87 for a line without a colon, 12019 once the request was sent. Differs: HTTP_ADDREQ_FLAG_ADD only.
 SKIFFPORT_PLATFORM_API BOOL HttpAddRequestHeadersA(HINTERNET hRequest, char const *szHeaders, DWORD dwLength,
                                                    DWORD dwModifiers);
 

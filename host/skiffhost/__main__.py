@@ -7,6 +7,7 @@ import os
 import sys
 from typing import List, Optional
 
+from . import __version__
 from .commands import GROUPS
 from .commands.options import DEFAULTS, add_common_options
 from .outcome import EXIT_CANCELLED, Failure, print_failure, print_result
@@ -19,6 +20,7 @@ def make_parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(prog="skiffhost", description="Kestrelhub from the command line.",
                                      epilog=EXIT_CODES)
     parser.set_defaults(**DEFAULTS)
+    parser.add_argument("--version", action="version", version=f"skiffhost {__version__}")
     add_common_options(parser)
     subparsers = parser.add_subparsers(metavar="COMMAND", required=True)
     for group in GROUPS:

@@ -63,21 +63,26 @@ def open_session(arguments: argparse.Namespace) -> Session:
 
 def find_service(session: Session) -> None:
     """Finds the service's address, unless it was given. Cannot fail: there is a fallback."""
-    with _native_interrupts():
+    with native_interrupts():
         session.data.InitKHServerURL()
 
 
 def log_in(session: Session, user: str, password: str) -> None:
     """Logs the member in. Raises Failure."""
     find_service(session)
-    with _native_interrupts():
+    with native_interrupts():
         outcome = session.data.LoginKestrelhub(user, password)
+    check_login(session.data, outcome)
+
+
+def check_login(data: Any, outcome: int) -> None:
+    """Raises Failure unless that outcome of the session object's login means that a member is logged in."""
     if outcome == 1:
         return
     if outcome != 0:
         reason = TRANSPORT_ERRORS.get(outcome, "the exchange failed")
         raise Failure(EXIT_NO_ANSWER, f"no answer to the login: {reason} (error {outcome})")
-    if not session.data.m_bServerReachable:
+    if not data.m_bServerReachable:
         raise Failure(EXIT_NO_ANSWER, "no answer to the login: the service cannot be reached")
     raise Failure(EXIT_REFUSED, "the service did not accept the login")
 
@@ -100,6 +105,6 @@ def password_of(arguments: argparse.Namespace) -> str:
         raise Failure(EXIT_USAGE, "no password") from error
 
 
-def _native_interrupts() -> ContextManager[None]:
+def native_interrupts() -> ContextManager[None]:
     """A service call blocks the thread that would run Python's handler, so Ctrl-C ends the process meanwhile."""
     return handling((signal.SIGINT,), signal.SIG_DFL)

@@ -117,7 +117,7 @@ check_wheel() { # INTERPRETER
   expect "what is left of $name" '' "$(find "$environment/lib" "$environment/bin" -iname '*skiff*')"
 }
 
-scripts/build --configure release >/dev/null 2>&1
+quietly scripts/build --configure release
 check_debian_package
 while read -r interpreter; do
   check_wheel "$interpreter"

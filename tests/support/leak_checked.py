@@ -1,7 +1,7 @@
 """Runs unittest's command line under the leak checker: `leak_checked.py discover ...`.
 
-The search for memory that nothing points to is made while the interpreter still runs. What the interpreter and other
-extension modules drop at their own end is then no finding, and no suppression has to hide it. Exits with 1 for a leak.
+The search for memory that nothing points to is made while the interpreter still runs. What the interpreter drops at its
+own end is then no finding, and no suppression has to hide it. Exits with 1 for a leak.
 """
 
 import ctypes

@@ -2,8 +2,8 @@
 """A peer that misbehaves: plays one scenario on a loopback port for each connection that comes in.
 
 Prints "port N" when it listens. It ends when the wanted number of connections has been played, or when its standard
-input closes. With --tls it speaks TLS with one of several certificates, which it makes, with their authority (ca.pem), in
-the folder given by --certs unless they are there. `Peer` runs it as a child process:
+input closes. With --tls it speaks TLS with one of several certificates, which it makes, with their authority (ca.pem),
+in the folder given by --certs unless they are there. `Peer` runs it as a child process:
 
     with Peer("reply", "--body", "hello", tls="good", certs=folder) as peer:
         ...  # peer.port, peer.received()
@@ -335,7 +335,9 @@ def listen(options: argparse.Namespace) -> Tuple[socket.socket, list]:
     return listener, fillers
 
 
-def play(raw: socket.socket, options: argparse.Namespace, context: Optional[ssl.SSLContext], stop: threading.Event) -> None:
+def play(
+    raw: socket.socket, options: argparse.Namespace, context: Optional[ssl.SSLContext], stop: threading.Event
+) -> None:
     """Plays the scenario on one connection."""
     connection = raw
     try:

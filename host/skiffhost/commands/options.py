@@ -40,8 +40,8 @@ def add_command(subparsers: Any, name: str, run: Command, text: str) -> argparse
     return parser
 
 
-def add_login_options(parser: argparse.ArgumentParser) -> None:
-    """Adds what a login needs; the password is never an argument."""
-    parser.add_argument("user", help="the member's account")
+def add_login_options(parser: argparse.ArgumentParser, user: str = "user", **how: Any) -> None:
+    """Adds what a login needs: the user as an argument, or as that option; the password is never an argument."""
+    parser.add_argument(user, help="the member's account", **how)
     parser.add_argument("--password-file", metavar="FILE", help="file whose first line is the password "
                         "(else $SKIFFHOST_PASSWORD, else a prompt)")

@@ -10,10 +10,11 @@ import os
 import signal
 import sys
 import uuid
-from typing import Any, List, NamedTuple, Optional
+from typing import Any, List, Optional
 
 from .. import loop
-from ..outcome import EXIT_CANCELLED, EXIT_NO_ANSWER, EXIT_REFUSED, Failure, Result
+from ..completion import Completion, address_of
+from ..outcome import EXIT_NO_ANSWER, Failure, Result
 from ..presetfiles import FILES, find_files
 from ..progress import View, choose_view, from_event
 from ..session import Session, log_in, open_session, password_of
@@ -62,31 +63,9 @@ def publish(arguments: argparse.Namespace) -> Result:
         completion = upload.run(paths, fields)
     finally:
         view.close()
-    address = _address_of(completion, upload.cancelled)
+    address = address_of(completion, upload.cancelled)
     line = f"published {address}" if address else "published, but the service named no address"
     return Result([line], {"address": address, "template_key": key})
-
-
-class Completion(NamedTuple):
-    """The arguments of an UploadComplete event behind its name."""
-
-    percent: int
-    accepted: int
-    address: str
-    error: str
-    thread: int
-    upload: int
-
-
-def _address_of(completion: Completion, cancelled: bool) -> str:
-    """Returns the published item's address. Raises Failure unless the service accepted the upload."""
-    if completion.accepted and (completion.address or not completion.error):
-        return completion.address
-    if completion.error:
-        raise Failure(EXIT_REFUSED, completion.error)
-    if cancelled:
-        raise Failure(EXIT_CANCELLED, "cancelled")
-    raise Failure(EXIT_NO_ANSWER, "no accepted answer")
 
 
 class Upload:

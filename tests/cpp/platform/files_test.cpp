@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,9 +39,8 @@ protected:
 
 TEST_F(Files, OnlyRegularFilesOpenAndEachFailureHasItsNumber) {
   Write("file", "x");
+  Write("line\nend", "x");
   mkfifo((m_path + "/fifo").c_str(), 0600);
-  Write("closed", "x");
-  chmod((m_path + "/closed").c_str(), 0);
   struct Row {
     std::wstring strPath;
     DWORD dwOpenError;
@@ -52,24 +52,18 @@ TEST_F(Files, OnlyRegularFilesOpenAndEachFailureHasItsNumber) {
                       {Path(L"file/below"), ERROR_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND},
                       {Path(L""), ERROR_ACCESS_DENIED, 0},
                       {Path(L"fifo"), ERROR_ACCESS_DENIED, 0}, // at once, though nobody writes to it
-                      {L"/dev/null", ERROR_ACCESS_DENIED, 0},
-                      {Path(L"closed"), geteuid() == 0 ? 0U : ERROR_ACCESS_DENIED, 0},
                       {L"", ERROR_PATH_NOT_FOUND, ERROR_PATH_NOT_FOUND},
                       {Path(L"line\nend"), ERROR_INVALID_NAME, ERROR_INVALID_NAME},
-                      {Path(L"delete\x7F"), ERROR_INVALID_NAME, ERROR_INVALID_NAME},
                       {Path(std::wstring(300, L'x')), ERROR_INVALID_NAME, ERROR_INVALID_NAME}};
-  Write("line\nend", "x");
   for (Row const &row : rows) {
     SetLastError(0);
     HANDLE const hFile = Open(row.strPath);
     EXPECT_EQ(GetLastError(), row.dwOpenError) << testing::PrintToString(row.strPath);
-    EXPECT_EQ(hFile == INVALID_HANDLE_VALUE, row.dwOpenError != 0);
-    CloseHandle(hFile);
+    EXPECT_EQ(CloseHandle(hFile), row.dwOpenError == 0);
     SetLastError(0);
-    EXPECT_EQ(PathFileExistsW(row.strPath.c_str()), row.dwExistsError == 0 ? TRUE : FALSE);
+    EXPECT_EQ(PathFileExistsW(row.strPath.c_str()), row.dwExistsError == 0);
     EXPECT_EQ(GetLastError(), row.dwExistsError) << testing::PrintToString(row.strPath);
   }
-  EXPECT_FALSE(PathFileExistsW(nullptr));
 }
 
 TEST_F(Files, NamesAreUtf8OrTheRawBytesOfEscapedUnits) {
@@ -88,24 +82,21 @@ TEST_F(Files, ReadingSizesAndHandles) {
   Write("five", "12345");
   HANDLE const hFile = Open(Path(L"five"));
   char buffer[10] = {};
-  DWORD dwRead = 99;
+  DWORD dwRead = 99, dwHigh = 0;
   EXPECT_EQ(GetFileSize(hFile, nullptr), 5U);
   EXPECT_TRUE(ReadFile(hFile, buffer, 10, &dwRead, nullptr));
   EXPECT_EQ(std::string(buffer, dwRead), "12345");
   EXPECT_TRUE(ReadFile(hFile, buffer, 10, &dwRead, nullptr));
   EXPECT_EQ(dwRead, 0U);
   EXPECT_TRUE(CloseHandle(hFile));
-  for (HANDLE const hBad : {hFile, INVALID_HANDLE_VALUE, HANDLE(nullptr)}) {
-    SetLastError(0);
-    EXPECT_FALSE(ReadFile(hBad, buffer, 10, &dwRead, nullptr));
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-    EXPECT_EQ(GetFileSize(hBad, nullptr), INVALID_FILE_SIZE);
-    EXPECT_FALSE(CloseHandle(hBad));
-  }
+  EXPECT_FALSE(ReadFile(hFile, buffer, 10, &dwRead, nullptr));
+  EXPECT_EQ(GetFileSize(hFile, nullptr), INVALID_FILE_SIZE);
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+  EXPECT_FALSE(CloseHandle(hFile));
+
   Write("sparse", "");
   ASSERT_EQ(truncate((m_path + "/sparse").c_str(), 0x1FFFFFFFF), 0);
   HANDLE const hLarge = Open(Path(L"sparse"));
-  DWORD dwHigh = 0;
   SetLastError(7);
   EXPECT_EQ(GetFileSize(hLarge, &dwHigh), 0xFFFFFFFF);
   EXPECT_EQ(dwHigh, 1U);
@@ -113,68 +104,52 @@ TEST_F(Files, ReadingSizesAndHandles) {
   CloseHandle(hLarge);
 }
 
-std::string Utf16(std::string const &strText, bool bBigEndian) {
-  std::string strBytes = bBigEndian ? "\xFE\xFF" : "\xFF\xFE";
-  for (char const c : strText)
-    strBytes += bBigEndian ? std::string{'\0', c} : std::string{c, '\0'};
-  return strBytes;
+/// The number that the registry file gives "DumpMsg"; -1: it gives none, -2: it has no such key.
+int ReadSwitch() {
+  HKEY hKey = nullptr;
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SoftWare\\Quillon\\Tintwright", 0, KEY_QUERY_VALUE, &hKey) != ERROR_SUCCESS)
+    return -2;
+  DWORD dwType = 0, dwValue = 0, cb = 3;
+  auto *const pbValue = reinterpret_cast<BYTE *>(&dwValue);
+  LONG nResult = RegQueryValueExW(hKey, L"DumpMsg", nullptr, &dwType, pbValue, &cb);
+  EXPECT_NE(nResult, ERROR_SUCCESS) << "three bytes are not enough";
+  if (nResult == ERROR_MORE_DATA)
+    nResult = RegQueryValueExW(hKey, L"DumpMsg", nullptr, &dwType, pbValue, &cb);
+  EXPECT_EQ(RegCloseKey(hKey), ERROR_SUCCESS);
+  EXPECT_EQ(RegCloseKey(hKey), ERROR_INVALID_HANDLE);
+  return nResult == ERROR_SUCCESS && dwType == 4 ? static_cast<int>(dwValue) : -1;
 }
 
 TEST_F(Files, RegistryFileInTheForms) {
   std::string const strKey = "[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright]\r\n";
   std::string const strOn = strKey + "\"DumpMsg\"=dword:0000000a\r\n";
-  struct Row {
-    std::string strFile;
-    LONG nOpen;
-    int nValue; // of "DumpMsg"; -1: absent
-  };
-  Row const rows[] = {
-      {strOn, 0, 10},
-      {"Registry Editor\r\n\r\n; note\r\n" + strOn, 0, 10},
-      {"\xEF\xBB\xBF" + strOn, 0, 10},
-      {Utf16(strOn, false), 0, 10},
-      {Utf16(strOn, true), 0, 10},
-      {"[hkey_local_machine\\SOFTWARE\\quillon\\TINTWRIGHT]\n \"DUMPMSG\" = DWORD:A ; note", 0, 10},
-      {strOn + "\"DumpMsg\"=dword:1\n", 0, 1},
-      {strKey + "\"DumpMsg\"=\"1\"\n", 0, -1},
-      {strKey + "\"DumpMsg\"=hex(4):01,\\\n  00,00,00\n\"Other\"=dword:1\n", 0, -1},
-      {strKey + ";\"DumpMsg\"=dword:1\n", 0, -1},
-      {strKey + "\"DumpMsg\"=dword:123456789\n\"DumpMsg\"=dword:1x\n\"DumpMsg\"=dword:\n\"DumpMsg=dword:1\n", 0, -1},
-      {strKey + "[HKEY_LOCAL_MACHINE\\SoftWare\\Other]\n\"DumpMsg\"=dword:1\n", 0, -1},
-      {strKey + "[HKEY_LOCAL_MACHINE\\SoftWare\n\"DumpMsg\"=dword:1\n", 0, -1},
-      {"[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright\\Below]\n\"DumpMsg\"=dword:1\n", 0, -1},
-      {"[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\TintwrightX]\n\"DumpMsg\"=dword:1\n", 2, -1},
-      {"[HKEY_CURRENT_USER\\SoftWare\\Quillon\\Tintwright]\n\"DumpMsg\"=dword:1\n", 2, -1},
-      {"", 2, -1},
-      {strOn + "\xFF", 2, -1},
-      {Utf16(strOn, false) + "x", 2, -1},
-      {strOn + std::string(1024 * 1024, ';'), 2, -1}};
+  std::string strWide = "\xFE\xFF";
+  for (char const c : strOn)
+    strWide += {'\0', c};
+  std::string const strNoNumbers = "\"DumpMsg\"=\"1\"\n\"DumpMsg\"=hex(4):02,\\\n  00,00,00\n;\"DumpMsg\"=dword:3\n"
+                                   "\"DumpMsg\"=dword:123456789\n\"DumpMsg\"=dword:4x\n\"DumpMsg\"=dword:\n"
+                                   "\"DumpMsg=dword:5\n[HKEY_LOCAL_MACHINE\\SoftWare\\Other]\n\"DumpMsg\"=dword:6\n"
+                                   "[HKEY_LOCAL_MACHINE\\SoftWare\n\"DumpMsg\"=dword:7\n";
+  std::pair<std::string, int> const rows[] = {
+      {"Registry Editor\r\n\r\n; note\r\n" + strOn, 10},
+      {"\xEF\xBB\xBF" + strOn, 10},
+      {strWide, 10},
+      {"[hkey_local_machine\\SOFTWARE\\quillon\\TINTWRIGHT]\n \"DUMPMSG\" = DWORD:A ; note", 10},
+      {strOn + "\"DumpMsg\"=dword:1\n", 1},
+      {strKey + strNoNumbers, -1},
+      {"[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright\\Below]\n\"DumpMsg\"=dword:1\n", -1},
+      {"[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\TintwrightX]\n\"DumpMsg\"=dword:1\n", -2},
+      {"[HKEY_CURRENT_USER\\SoftWare\\Quillon\\Tintwright]\n\"DumpMsg\"=dword:1\n", -2},
+      {strOn + "\xFF", -2},
+      {strWide + "x", -2},
+      {strOn + std::string(1024 * 1024, ';'), -2}};
   setenv("SKIFFPORT_REGISTRY", (m_path + "/registry.reg").c_str(), 1);
-  for (Row const &row : rows) {
-    Write("registry.reg", row.strFile);
-    HKEY hKey = nullptr;
-    auto const open = [&] {
-      return RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SoftWare\\Quillon\\Tintwright", 0, KEY_QUERY_VALUE, &hKey);
-    };
-    ASSERT_EQ(open(), row.nOpen) << row.strFile.substr(0, 200);
-    if (row.nOpen != 0)
-      continue;
-    BYTE data[4] = {};
-    DWORD dwType = 0, cb = 3;
-    LONG const nResult = RegQueryValueExW(hKey, L"DumpMsg", nullptr, &dwType, data, &cb);
-    EXPECT_EQ(nResult, row.nValue < 0 ? 2 : 234) << row.strFile;
-    if (row.nValue >= 0) {
-      EXPECT_EQ(cb, 4U);
-      EXPECT_EQ(RegQueryValueExW(hKey, L"DumpMsg", nullptr, &dwType, data, &cb), 0);
-      EXPECT_EQ(dwType, 4U);
-      EXPECT_EQ(data[0] | data[1] | data[2] | data[3], row.nValue) << row.strFile;
-    }
-    EXPECT_EQ(RegCloseKey(hKey), 0);
-    EXPECT_EQ(RegCloseKey(hKey), 6);
+  for (auto const &[strFile, nValue] : rows) {
+    Write("registry.reg", strFile);
+    EXPECT_EQ(ReadSwitch(), nValue) << strFile.substr(0, 400);
   }
-  HKEY hKey = nullptr;
   setenv("SKIFFPORT_REGISTRY", m_path.c_str(), 1);
-  EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SoftWare", 0, KEY_QUERY_VALUE, &hKey), 2) << "a directory";
+  EXPECT_EQ(ReadSwitch(), -2) << "a directory";
   unsetenv("SKIFFPORT_REGISTRY");
 }
 

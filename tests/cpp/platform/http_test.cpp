@@ -310,7 +310,7 @@ std::pair<DWORD, std::wstring> Caught(std::function<void()> const &work) {
   } catch (CInternetException *pException) {
     WCHAR wszText[80] = L"";
     pException->GetErrorMessage(wszText, 80);
-    std::pair<DWORD, std::wstring> const caught(pException->m_dwError, wszText);
+    std::pair<DWORD, std::wstring> caught(pException->m_dwError, wszText);
     pException->Delete();
     return caught;
   }

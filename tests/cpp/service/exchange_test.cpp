@@ -28,7 +28,7 @@ private:
 };
 
 TEST(ServiceExchange, TellsItsOutcomesApart) {
-  Peer const peer({"reply", "--body", "<a/>"});
+  Peer const peer("reply --body '<a/>'");
   struct Case {
     char const *szCall;
     DWORD dwError;
@@ -54,21 +54,21 @@ TEST(ServiceExchange, TellsItsOutcomesApart) {
 TEST(ServiceExchange, ReadsAReplyAsItsRowSays) {
   struct Case {
     RequestKind kind;
-    Arguments script;
+    char const *szScript;
     char const *szReply;
   };
   Case const cases[] = {
-      {RequestKind::BlockingRequestPlain, {"pieces", "--body", "abcdef"}, "abcdef"},
-      {RequestKind::BlockingRequestPlain, {"reply", "--body", "abcdef", "--length", "none"}, ""},
-      {RequestKind::EffectByGuid, {"pieces", "--body", "abcdef"}, "abc"},
-      {RequestKind::EffectByGuid, {"reply", "--body", "abcdef", "--length", "none"}, "abcdef"},
-      {RequestKind::VideoId, {"pieces", "--body", "abcdef"}, "abcdef"},
-      {RequestKind::VideoId, {"pieces", "--body", "abcdef", "--length", "chunked"}, "abcdef"},
+      {RequestKind::BlockingRequestPlain, "pieces --body abcdef", "abcdef"},
+      {RequestKind::BlockingRequestPlain, "reply --body abcdef --length none", ""},
+      {RequestKind::EffectByGuid, "pieces --body abcdef", "abc"},
+      {RequestKind::EffectByGuid, "reply --body abcdef --length none", "abcdef"},
+      {RequestKind::VideoId, "pieces --body abcdef", "abcdef"},
+      {RequestKind::VideoId, "pieces --body abcdef --length chunked", "abcdef"},
   };
   for (Case const &c : cases) {
-    Peer const peer(c.script);
+    Peer const peer(c.szScript);
     EXPECT_EQ(RunExchange(c.kind, L"good.test", L"/x").strReply, c.szReply)
-        << c.script[0] << " " << static_cast<int>(c.kind);
+        << c.szScript << " " << static_cast<int>(c.kind);
   }
 }
 
@@ -104,7 +104,7 @@ protected:
 
 TEST_F(ProbeTest, TakesAnyAnswerAsReachable) {
   for (char const *szStatus : {"200", "302", "500"}) {
-    Peer const peer({"reply", "--tls", "good", "--status", szStatus});
+    Peer const peer("reply --tls good --status " + std::string(szStatus));
     EXPECT_TRUE(probe.CheckServerReachable("https://good.test"));
     EXPECT_FALSE(m_hInternet || m_hConnect) << "both are closed and forgotten";
     EXPECT_STREQ(m_szUrl, "https://good.test");
@@ -122,7 +122,7 @@ TEST_F(ProbeTest, TakesAnyAnswerAsReachable) {
 
 TEST_F(ProbeTest, EndsACallThatBlocks) {
   for (char const *szScenario : {"silent-tls", "silent-reply"}) {
-    Peer const peer({szScenario, "--tls", "good"});
+    Peer const peer(std::string(szScenario) + " --tls good");
     auto const start = std::chrono::steady_clock::now();
     EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
     double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

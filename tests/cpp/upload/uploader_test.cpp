@@ -70,7 +70,7 @@ protected:
 };
 
 TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheAnswer) {
-  Peer const peer({"reply", "--tls", "good", "--status", "500", "--body", "<a/>"});
+  Peer const peer("reply --tls good --status 500 --body '<a/>'");
   job.AddField("title", "abc");
   job.AddField("empty", "");
   AddFile("one", "abcd");
@@ -98,7 +98,7 @@ TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheAnswer) {
 }
 
 TEST_F(UploaderTest, AdaptsTheChunkToTheTimeOfTheLastWrite) {
-  Peer const peer({"reply", "--tls", "good"});
+  Peer const peer("reply --tls good");
   // How long each chunk's write takes, and its size in units of 32 KiB; the first write is the file's head.
   std::vector<std::pair<DWORD, DWORD>> const chunks = {{0, 1},    {499, 2},  {500, 4},  {1250, 4}, {1251, 4},
                                                        {1251, 2}, {9000, 1}, {1251, 1}, {0, 1},    {0, 2}};
@@ -153,7 +153,7 @@ TEST_F(UploaderTest, EndsAtTheCallThatFails) {
       {"InternetWriteFile", 10, kBoth},
       {"HttpEndRequestW", 1, kBoth},
   };
-  Peer const peer({"reply", "--tls", "good", "--body", "ok"});
+  Peer const peer("reply --tls good --body ok");
   job.AddField("a", "b");
   AddFile("one", "abcd");
   AddFile("two", "abcd");
@@ -179,7 +179,7 @@ TEST_F(UploaderTest, EndsAtTheCallThatFails) {
 }
 
 TEST_F(UploaderTest, StopsAtEachQueryThatSaysSo) {
-  Peer const peer({"reply", "--tls", "good"});
+  Peer const peer("reply --tls good");
   AddFile("one", "abcd");
   AddFile("two", "abcd");
   char const *const calls[] = {"begin 0/4 failed ", "begin 0/4 failed ", "begin 0/4 4/4 done begin 0/4 failed "};
@@ -196,7 +196,7 @@ TEST_F(UploaderTest, StopsAtEachQueryThatSaysSo) {
 
 TEST_F(UploaderTest, DeliversAnEarlyRefusal) {
   for (char const *szScenario : {"early-keep", "early-hold"}) {
-    Peer const peer({szScenario, "--tls", "good", "--status", "413", "--body", "too large"});
+    Peer const peer(std::string(szScenario) + " --tls good --status 413 --body 'too large'");
     job.ClearFiles();
     AddFile("large", std::string(30'000'000, 'x'));
     EXPECT_EQ(Post(), S_OK);
@@ -205,7 +205,7 @@ TEST_F(UploaderTest, DeliversAnEarlyRefusal) {
 }
 
 TEST_F(UploaderTest, KeepsTheRateForTheNextFile) {
-  Peer const peer({"reply", "--tls", "good"});
+  Peer const peer("reply --tls good");
   std::uint64_t now = 0;
   m_hooks.now = [&now] { return now; };
   m_hooks.sleep = [&now](DWORD) { now += 1000; }; // two ticks a chunk
@@ -218,7 +218,7 @@ TEST_F(UploaderTest, KeepsTheRateForTheNextFile) {
 }
 
 TEST(UploadThread, EndsWithItsCompletionAndItsOutcome) {
-  Peer const peer({"reply", "--tls", "good", "--body", "r"});
+  Peer const peer("reply --tls good --body r");
   UploadJob job;
   UploadResult result;
   Receiver receiver;

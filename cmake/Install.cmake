@@ -1,0 +1,73 @@
+# What is installed and where, and the Debian package made of it. An install serves one interpreter, the first that was
+# built for: its extensions only, in a folder below the prefix that its own sys.path names when the prefix is the usual one.
+# Components: "python" is what an import needs, "command" the skiffhost command, "doc" the documents.
+include(GNUInstallDirs)
+
+list(GET SKIFFPORT_PYTHON_TAGS 0 _tag)
+# Debian's own scheme has the local administrator's prefix in front; here the prefix is CMake's.
+execute_process(
+  COMMAND ${SKIFFPORT_PYTHON_${_tag}_EXECUTABLE} -c "import sys, sysconfig; \
+path = sysconfig.get_path('platlib', vars={'base': '', 'platbase': ''}); \
+print(path[len('/local'):] if path.startswith('/local/') else path, *sys.version_info[:2], sep=';')"
+  OUTPUT_VARIABLE _found OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+list(GET _found 0 _site)
+list(GET _found 1 _major)
+list(GET _found 2 _minor)
+math(EXPR _next_minor "${_minor} + 1")
+string(REGEX REPLACE "^/" "" _site ${_site})
+set(SKIFFPORT_INSTALL_PYTHONDIR "" CACHE STRING "Where Python code is installed; empty: ${_site} below the prefix")
+if(SKIFFPORT_INSTALL_PYTHONDIR)
+  set(_site ${SKIFFPORT_INSTALL_PYTHONDIR})
+endif()
+
+# The one place that states the version is project().
+file(CONFIGURE OUTPUT ${SKIFFPORT_TREE}/skiffhost/_version.py @ONLY CONTENT [[
+"""The version of the build that this package came with. Written by CMake."""
+
+__version__ = "@PROJECT_VERSION@"
+]])
+file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/skiffhost @ONLY CONTENT "#!${SKIFFPORT_PYTHON_${_tag}_EXECUTABLE}
+import sys
+
+from skiffhost.__main__ import main
+
+sys.exit(main())
+")
+
+set_target_properties(_Skiffport_${_tag} PROPERTIES INSTALL_RPATH "$ORIGIN")
+set_target_properties(_messageloop_${_tag} PROPERTIES INSTALL_RPATH "$ORIGIN/..")
+install(TARGETS skiffport_platform _Skiffport_${_tag} LIBRARY DESTINATION ${_site} COMPONENT python)
+install(TARGETS _messageloop_${_tag} LIBRARY DESTINATION ${_site}/skiffhost COMPONENT python)
+install(FILES ${SKIFFPORT_TREE}/Skiffport.py DESTINATION ${_site} COMPONENT python)
+install(FILES ${SKIFFPORT_TREE}/skiffhost/_version.py DESTINATION ${_site}/skiffhost COMPONENT python)
+install(DIRECTORY host/skiffhost DESTINATION ${_site} COMPONENT python
+  FILES_MATCHING PATTERN "*.py" PATTERN "*.pyi" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
+# Beside a module that is no package, a checker finds types only in a stub package of its own.
+foreach(_module IN ITEMS Skiffport _Skiffport)
+  install(FILES shell/stubs/${_module}.pyi DESTINATION ${_site}/${_module}-stubs RENAME __init__.pyi COMPONENT python)
+endforeach()
+install(PROGRAMS ${PROJECT_BINARY_DIR}/skiffhost TYPE BIN COMPONENT command)
+file(GLOB _documents CONFIGURE_DEPENDS README.md docs/*.md)
+install(FILES ${_documents} TYPE DOC COMPONENT doc)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME python3-skiffport)
+set(CPACK_PACKAGE_CONTACT "Skiffport developers <skiffport@kestrelhub.example>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "links a desktop application to its community web service")
+set(CPACK_PACKAGE_DESCRIPTION "A CPython extension that logs members in, lists categories and publishes colour presets, \
+and skiffhost, a message loop and a command line for it.")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ
+  WORLD_EXECUTE)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${SKIFFPORT_TREE})
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "python3 (>= ${_major}.${_minor}~), python3 (<< ${_major}.${_next_minor})")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "ca-certificates, python3-rich")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "xdg-utils")
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
+  ${PROJECT_SOURCE_DIR}/packaging/debian/prerm)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+include(CPack)

@@ -1,0 +1,99 @@
+"""Subcommands for the service's other requests: categories, effects, related videos, and requests to any host.
+
+The module says little about a failure of these, so a request without a result counts as one without an answer. It escapes
+nothing that it is given: what stands in a query is escaped here.
+"""
+
+from __future__ import annotations
+
+import argparse
+from typing import Any
+from urllib.parse import quote
+
+from ..outcome import EXIT_NO_ANSWER, Failure, Result
+from ..session import Session, find_service, log_in, native_interrupts, open_session, password_of
+from .options import add_command, add_login_options
+
+
+def register(subparsers: Any) -> None:
+    parser = add_command(subparsers, "categories", categories, "list the preset categories of a location")
+    parser.add_argument("location", nargs="?", default="en", help="location id (en)")
+    parser = add_command(subparsers, "effect", effect, "find the address of a shared effect")
+    parser.add_argument("guid", help="the effect's GUID")
+    add_login_options(parser, "--user")
+    parser = add_command(subparsers, "relate-video", relate_video, "tell the service of a related video")
+    parser.add_argument("video_url", help="the video's address")
+    parser.add_argument("website", help="the website that it is on")
+    parser.add_argument("info", nargs="?", default="", help="further information, as ready query text: name=value&...")
+    add_login_options(parser, "--user", required=True)
+    parser = add_command(subparsers, "request", request, "send a POST request to any host and show the reply's body")
+    parser.add_argument("server", metavar="host", help="the host's name")
+    parser.add_argument("path", help="the path, as it is to go out")
+    parser.add_argument("--port", type=int, choices=(443, 80), default=443, help="443 speaks TLS (443)")
+    parser.add_argument("--params", metavar="TEXT", default="", help="the query, as it is to go out")
+    parser.add_argument("--form", action="store_true", help="send the parameters as a form, in place of the query")
+
+
+def categories(arguments: argparse.Namespace) -> Result:
+    session = open_session(arguments)
+    find_service(session)
+    with native_interrupts():
+        names = session.data.GetPresetCategory(_escaped(arguments.location))
+    if not names:
+        raise Failure(EXIT_NO_ANSWER, "no categories: the service names none, or did not answer")
+    width = max(map(len, names)) + 2
+    return Result([f"{number:{width}}{name}" for number, name in names.items()], {"categories": names})
+
+
+def effect(arguments: argparse.Namespace) -> Result:
+    session = _open_for_user(arguments)
+    with native_interrupts():
+        address = session.data.GetEffectByGUID(_escaped(arguments.guid)).strip()
+    if not address:
+        advice = "" if arguments.user else "; it may want a login (--user)"
+        raise Failure(EXIT_NO_ANSWER, "no such effect: the service knows none, or did not answer" + advice)
+    return Result([address], {"address": address})
+
+
+def relate_video(arguments: argparse.Namespace) -> Result:
+    session = _open_for_user(arguments)
+    with native_interrupts():
+        try:
+            address = session.data.SetRelateVideo(_escaped(arguments.video_url), _escaped(arguments.website),
+                                                  arguments.info).strip()
+        except SystemError as error:  # how the module tells of a reply without a byte
+            raise Failure(EXIT_NO_ANSWER, "no address for the video: the service's reply is empty") from error
+    if not address:
+        raise Failure(EXIT_NO_ANSWER, "no address for the video: the service refused it, or did not answer")
+    return Result([address], {"address": address})
+
+
+def request(arguments: argparse.Namespace) -> Result:
+    connection = open_session(arguments).module.KHConnectUtil()
+    target = (arguments.server, arguments.port, arguments.path, arguments.params)
+    with native_interrupts():
+        if arguments.form:
+            reply = connection.SyncSendHttpRequestParam(*target)
+        else:
+            reply = connection.SyncSendHttpRequest(*target, "")
+    data = reply.get("data", "")
+    if not reply.get("bSucc") or "errMsg" in reply:
+        raise Failure(EXIT_NO_ANSWER, f"no answer: {reply.get('errMsg', 'the request could not be sent')}")
+    if not data:
+        raise Failure(EXIT_NO_ANSWER, "the reply is empty, or does not tell its length")
+    return Result(data.splitlines(), {"data": data})
+
+
+def _open_for_user(arguments: argparse.Namespace) -> Session:
+    """Returns a session, logged in if the command names a user."""
+    password = password_of(arguments) if arguments.user else ""
+    session = open_session(arguments)
+    if arguments.user:
+        log_in(session, arguments.user, password)
+    else:
+        find_service(session)
+    return session
+
+
+def _escaped(text: str) -> str:
+    return quote(text, safe=":/{}")

@@ -1,6 +1,8 @@
 """Sends the service's hosts to peers for the length of a test: the stand-in, or scripted ones that misbehave."""
 
+import atexit
 import contextlib
+import functools
 import os
 import pathlib
 import subprocess
@@ -14,6 +16,17 @@ import service
 DETECT, DEFAULT, STAGE = "detect.kestrelhub.example", "www.kestrelhub.example", "stage.kestrelhub.example"
 
 
+@functools.lru_cache(maxsize=None)
+def certificates() -> str:
+    """The folder of the peers' certificates, made once for this process and gone with it."""
+    folder = tempfile.TemporaryDirectory()
+    atexit.register(folder.cleanup)
+    # in a process of its own: what makes certificates would show in a leak check of this one
+    subprocess.run(["/usr/bin/python3", peer.__file__, "certificates", "--certs", folder.name], check=True,
+                   env=service.standin_environment())
+    return folder.name
+
+
 class Network:
     """Where hosts lead. All peers share one folder of certificates, and every request trusts its authority."""
 
@@ -23,10 +36,7 @@ class Network:
 
     def __enter__(self) -> "Network":
         folder = self._stack.enter_context(tempfile.TemporaryDirectory())
-        self.certificates = os.path.join(folder, "certificates")
-        # in a process of its own: what makes certificates would show in a leak check of this one
-        subprocess.run(["/usr/bin/python3", peer.__file__, "certificates", "--certs", self.certificates], check=True,
-                       env=service.standin_environment())
+        self.certificates = certificates()
         self._trusted = pathlib.Path(folder, "trusted.pem")
         self._trusted.write_bytes(pathlib.Path(self.certificates, "ca.pem").read_bytes())
         env = {**service.clean_environment(), "SSL_CERT_FILE": str(self._trusted)}

@@ -15,7 +15,7 @@ from unittest import mock
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
 import service  # noqa: E402
-from publication import TEXTS, Publication  # noqa: E402
+from publication import Publication  # noqa: E402
 
 import Skiffport  # noqa: E402
 from skiffhost import loop  # noqa: E402

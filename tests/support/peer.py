@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """A peer that misbehaves: plays one scenario on a loopback port for each connection that comes in.
 
-Prints "port N" when it listens. It ends when the wanted number of connections has been played, or when its standard
-input closes. With --tls it speaks TLS with one of several certificates, which it makes, with their authority (ca.pem),
-in the folder given by --certs unless they are there. `Peer` runs it as a child process:
+Prints "port N" when it listens. It ends when its standard input closes. With --tls it speaks TLS with one of several
+certificates, which it makes, with their authority (ca.pem), in the folder given by --certs unless they are there.
+`Peer` runs it as a child process:
 
     with Peer("reply", "--body", "hello", tls="good", certs=folder) as peer:
         ...  # peer.port, peer.received()
@@ -165,8 +165,7 @@ def reply(exchange: Exchange) -> None:
 
 def keep(exchange: Exchange) -> None:
     """Reads the request, replies, keeps the connection open until the other side closes."""
-    exchange.read_request()
-    exchange.send_reply()
+    reply(exchange)
     exchange.drain()
 
 
@@ -196,27 +195,23 @@ def interim(exchange: Exchange) -> None:
     exchange.send_reply()
 
 
-def early_keep(exchange: Exchange) -> None:
-    """Replies after --after bytes of the body, goes on reading."""
-    exchange.read_head()
-    exchange.read_body(exchange.options.after)
-    exchange.send_reply()
-    exchange.drain()
-
-
-def early_hold(exchange: Exchange) -> None:
-    """Replies after --after bytes of the body, reads no more and keeps the connection open."""
-    exchange.read_head()
-    exchange.read_body(exchange.options.after)
-    exchange.send_reply()
-    exchange.hold()
-
-
 def early_close(exchange: Exchange) -> None:
     """Replies after --after bytes of the body and closes at once."""
     exchange.read_head()
     exchange.read_body(exchange.options.after)
     exchange.send_reply()
+
+
+def early_keep(exchange: Exchange) -> None:
+    """Replies after --after bytes of the body, goes on reading."""
+    early_close(exchange)
+    exchange.drain()
+
+
+def early_hold(exchange: Exchange) -> None:
+    """Replies after --after bytes of the body, reads no more and keeps the connection open."""
+    early_close(exchange)
+    exchange.hold()
 
 
 def reset_send(exchange: Exchange) -> None:
@@ -232,11 +227,6 @@ def reset_reply(exchange: Exchange) -> None:
     exchange.send(exchange.head() + exchange.options.body[: len(exchange.options.body) // 2])
     exchange.pause()
     exchange.reset()
-
-
-def silent(exchange: Exchange) -> None:
-    """Accepts, then neither reads nor answers."""
-    exchange.hold()
 
 
 def silent_reply(exchange: Exchange) -> None:
@@ -257,15 +247,6 @@ def stall(exchange: Exchange) -> None:
     exchange.read_head()
     exchange.read_body(exchange.options.after)
     exchange.hold()
-
-
-def sip(exchange: Exchange) -> None:
-    """Reads the body 4 KiB at a time with a pause before each, then replies."""
-    left = exchange.read_head() - len(exchange.pending)
-    while left > 0:
-        exchange.pause()
-        left -= len(exchange.connection.recv(min(left, 4096)))
-    exchange.send_reply()
 
 
 def close(exchange: Exchange) -> None:
@@ -304,8 +285,8 @@ def flood_body(exchange: Exchange) -> None:
 SCENARIOS: Dict[str, Callable[[Exchange], None]] = {
     function.__name__.replace("_", "-"): function
     for function in (
-        reply, keep, pieces, trickle, interim, early_keep, early_hold, early_close, reset_send, reset_reply, silent,
-        silent_reply, silent_body, stall, sip, close, garbage, flood_headers, flood_line, flood_body,
+        reply, keep, pieces, trickle, interim, early_close, early_keep, early_hold, reset_send, reset_reply,
+        silent_reply, silent_body, stall, close, garbage, flood_headers, flood_line, flood_body,
     )
 }  # fmt: skip
 # Played without an exchange: a port whose connections never come about, TLS that is never answered.
@@ -360,19 +341,13 @@ def serve(options: argparse.Namespace) -> None:
     listener, _fillers = listen(options)
     stop = threading.Event()
 
-    def accept(options: argparse.Namespace = options) -> None:
-        players = []
-        for number in range(options.connections):
+    def accept() -> None:
+        bodies = [options.body, *options.then]
+        while True:
             connection = listener.accept()[0]
-            if 0 < number <= len(options.then):
-                options = argparse.Namespace(**{**vars(options), "body": options.then[number - 1]})
-            player = threading.Thread(target=play, args=(connection, options, context, stop), daemon=True)
-            player.start()
-            players.append(player)
-        listener.close()
-        for player in players:
-            player.join()
-        os._exit(0)
+            options.body = bodies.pop(0) if bodies else options.body
+            arguments = (connection, argparse.Namespace(**vars(options)), context, stop)
+            threading.Thread(target=play, args=arguments, daemon=True).start()
 
     if options.scenario != SILENT_CONNECT:
         threading.Thread(target=accept, daemon=True).start()
@@ -397,7 +372,6 @@ def parse(arguments: Optional[list] = None) -> argparse.Namespace:
     parser.add_argument("--address", default="127.0.0.1", help="where to listen (default: %(default)s)")
     parser.add_argument("--tls", choices=CERTIFICATES, help="speak TLS with this certificate")
     parser.add_argument("--certs", metavar="DIR", help="folder of the certificates")
-    parser.add_argument("--connections", type=int, default=1 << 30, metavar="N", help="end after N connections")
     parser.add_argument("--record", metavar="FILE", help="append what comes in to this file")
     parser.add_argument("--status", type=int, default=200, help="status of the reply (default: %(default)s)")
     parser.add_argument("--header", action="append", default=[], metavar="LINE", help="header line of the reply")

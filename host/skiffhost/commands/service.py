@@ -42,7 +42,8 @@ def categories(arguments: argparse.Namespace) -> Result:
     if not names:
         raise Failure(EXIT_NO_ANSWER, "no categories: the service names none, or did not answer")
     width = max(map(len, names)) + 2
-    return Result([f"{number:{width}}{name}" for number, name in names.items()], {"categories": names})
+    lines = [f"{number:{width}}{names[number]}" for number in sorted(names, key=lambda number: (len(number), number))]
+    return Result(lines, {"categories": names})
 
 
 def effect(arguments: argparse.Namespace) -> Result:

@@ -198,7 +198,7 @@ TEST_F(UploaderTest, DeliversAnEarlyRefusal) {
   for (char const *szScenario : {"early-keep", "early-hold"}) {
     Peer const peer(std::string(szScenario) + " --tls good --status 413 --body 'too large'");
     job.ClearFiles();
-    AddFile("large", std::string(30'000'000, 'x'));
+    AddFile("large", std::string(8'000'000, 'x'));
     EXPECT_EQ(Post(), S_OK);
     EXPECT_EQ(std::to_string(result.m_nHttpStatus) + reply, "413too large");
   }

@@ -227,10 +227,13 @@ int MultiByteToWideChar(UINT uCodePage, DWORD dwFlags, char const *szBytes, int 
 }
 
 std::string Utf8FromWide(std::wstring_view text) {
-  std::string bytes;
-  bytes.reserve(text.size());
+  std::string bytes(text.size(), '\0');
   WCHAR const *p = text.data();
   WCHAR const *const pEnd = p + text.size();
+  char *put = bytes.data();
+  while (p != pEnd && static_cast<char32_t>(*p) < 0x80)
+    *put++ = static_cast<char>(*p++);
+  bytes.resize(static_cast<std::size_t>(p - text.data()));
   while (p != pEnd)
     EncodeUtf8(NextCharacter(p, pEnd), [&](char byte) { bytes.push_back(byte); });
   return bytes;

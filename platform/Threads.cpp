@@ -65,9 +65,11 @@ void RunThread(ThreadRecord &record, unsigned (*pfnStart)(void *), void *pArg) {
     record.changed.wait(lock, [&] { return !record.bSuspended; });
   }
   unsigned const uExitCode = pfnStart(pArg);
-  std::lock_guard<std::mutex> const lock(record.mutex);
-  record.dwExitCode = uExitCode;
-  record.bEnded = true;
+  {
+    std::lock_guard<std::mutex> const lock(record.mutex);
+    record.dwExitCode = uExitCode;
+    record.bEnded = true;
+  }
   record.changed.notify_all();
 }
 

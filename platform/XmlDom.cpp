@@ -7,6 +7,7 @@
 #include "platform/Seam.h"
 #include "platform/Utf8.h"
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <cstring>
@@ -49,10 +50,18 @@ HRESULT FaultResult() {
   return nError < 0 ? nError : static_cast<HRESULT>(0x80070000U | (static_cast<DWORD>(nError) & 0xFFFF));
 }
 
+/// Plain ASCII, which most replies are, is copied without a look at code pages.
 BSTR AllocString(std::string const &text) {
-  int const cch = MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, nullptr, 0);
-  auto wide = std::make_unique<WCHAR[]>(static_cast<std::size_t>(cch));
-  MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, wide.get(), cch);
+  int const cch = static_cast<int>(text.size()) + 1;
+  std::unique_ptr<WCHAR[]> wide(new WCHAR[static_cast<std::size_t>(cch)]);
+  WCHAR *put = wide.get();
+  std::size_t i = 0;
+  while (i < text.size() && static_cast<unsigned char>(text[i]) < 0x80)
+    *put++ = static_cast<unsigned char>(text[i++]);
+  if (i == text.size())
+    *put = 0;
+  else
+    MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, wide.get(), cch);
   return wide.release();
 }
 
@@ -205,7 +214,10 @@ std::shared_ptr<xmlDoc> ParseUtf8(std::string const &text) {
 std::shared_ptr<xmlDoc> ParseWide(std::wstring_view text) {
   auto const uFirst = text.find_first_not_of(L" \t\r\n\uFEFF");
   text.remove_prefix(uFirst == std::wstring_view::npos ? text.size() : uFirst);
-  for (WCHAR const *p = text.data(), *const pEnd = p + text.size(); p != pEnd;)
+  // Pairs become characters; a surrogate that is left alone is no character of XML.
+  bool const bSurrogates =
+      std::any_of(text.begin(), text.end(), [](WCHAR c) { return IsSurrogate(static_cast<char32_t>(c)); });
+  for (WCHAR const *p = text.data(), *const pEnd = p + text.size(); bSurrogates && p != pEnd;)
     if (IsSurrogate(NextCharacter(p, pEnd)))
       return nullptr;
   return text.empty() ? nullptr : ParseUtf8(Utf8FromWide(text));

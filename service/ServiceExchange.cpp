@@ -156,5 +156,5 @@ bool NodeNameIs(IXMLDOMNode *pNode, WCHAR const *wszName) {
   std::size_t const cch = std::wcslen(wszName);
   return std::wcslen(bstrName) == cch &&
          std::equal(wszName, wszName + cch, static_cast<WCHAR *>(bstrName),
-                    [](WCHAR a, WCHAR b) { return std::towlower(a) == std::towlower(b); });
+                    [](WCHAR a, WCHAR b) { return a == b || std::towlower(a) == std::towlower(b); });
 }

@@ -31,6 +31,7 @@ constexpr std::size_t kHeadSizeLimit = 100 * 1024;
 constexpr std::uint64_t kBodySizeLimit = 64 * 1024 * 1024;
 constexpr std::size_t kJoinSize = 4096;           // bytes; smaller writes wait for more
 constexpr long kUploadBufferSize = 512 * 1024;    // bytes that one look at the socket sends
+constexpr long kSmallBody = 16 * 1024;            // bytes; what a small request's buffer holds, to map no memory for it
 constexpr std::uint64_t kConnectingPollTime = 20; // ms; libcurl tries a server's next address only when a poll ends
 constexpr std::uint64_t kPollTime = 1000;
 constexpr std::uint64_t kDrivenPollTime = 5;
@@ -371,7 +372,7 @@ void HttpTransfer::SetUp(HttpRequest const &request, std::uint64_t bodyLength) {
   Set(CURLOPT_TCP_NODELAY, 1L);
   Set(CURLOPT_FRESH_CONNECT, 1L);
   Set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  Set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize);
+  Set(CURLOPT_UPLOAD_BUFFERSIZE, bodyLength > static_cast<std::uint64_t>(kSmallBody) ? kUploadBufferSize : kSmallBody);
   Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.connectLimit));
   Set(CURLOPT_ERRORBUFFER, m_message.data());
   Set(CURLOPT_SSL_SESSIONID_CACHE, 0L); // a session's resumption would skip the certificate checks

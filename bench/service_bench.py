@@ -1,0 +1,337 @@
+"""Calls to the service by the module, beside the same exchanges made with requests and with pycurl; see scripts/bench.
+
+Each client runs in a process of its own, started once, and the calls of the three alternate, so that a busy machine burdens
+all alike. Every exchange has a connection of its own, and every client trusts the same file and parses the same replies.
+The clients' processor time is what counts; their imports and first calls don't.
+"""
+
+from __future__ import annotations
+
+import argparse
+import contextlib
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+from statistics import median, quantiles
+from typing import Any, Callable, Iterator, NamedTuple
+from urllib.parse import unquote, urlencode
+from xml.etree import ElementTree
+
+HOST = "www.kestrelhub.example"
+VERSION = ["1.0", "bench", "00000000-0000-4000-8000-000000000000"]
+LOGIN_PATH = "/servlet/memLogin"
+LOGIN_REPLY = {
+    **{"firstloginUrl": "", "tokenid": "0123456789abcdef", "username": "Bench", "profileURL": f"https://{HOST}/u"},
+    **{"VideoGallery": f"https://{HOST}/v", "AdjustmentPreset": "/p", "Tutorial": "/t", "search": "s"},
+    **{"RevisionAPI": "/r", "errMsg": ""},
+}
+EFFECT_PATH = "/servlet/GetEffectByGUIDForTWR?token=&guid=4d0f2c1e"
+EFFECT = f"https://{HOST}/effects/a preset/4d0f2c1e"
+BLOCK = 1000  # categories of a reply
+GROWTH = [10, 50, 100]  # replies gathered by one object
+
+
+def category_path(location: str) -> str:
+    return f"/servlet/getPresetCategory?ap=TWR&Locid={location}&version=1.0"
+
+
+def categories(first: int, count: int) -> dict[str, str]:
+    return {str(number): f"Category {number}" for number in range(first, first + count)}
+
+
+def category_reply(first: int, count: int) -> str:
+    entries = (f'<category categoryid="{key}">{name}</category>' for key, name in categories(first, count).items())
+    return f"<categories>{''.join(entries)}</categories>"
+
+
+def make_replies() -> list[tuple[str, str]]:
+    """The peer's replies: starts of request lines and bodies."""
+    members = "".join(f"<{name}>{text}</{name}>" for name, text in LOGIN_REPLY.items())
+    blocks = [(f"POST {category_path(str(number))}", category_reply(number * BLOCK, BLOCK)) for number in range(GROWTH[-1])]
+    return [
+        (f"POST {LOGIN_PATH}", f"<info>{members}</info>"),
+        (f"POST {EFFECT_PATH}", f"<PIP><pipURL>{EFFECT.replace(' ', '%20')}</pipURL></PIP>"),
+        (f"POST {category_path('ten')}", category_reply(0, 10)),
+        *blocks,
+    ]
+
+
+class Module:
+    """The module's calls, on one object a row, as an application would keep it, whose host is fixed."""
+
+    def __init__(self) -> None:
+        sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
+        import Skiffport
+
+        self.make = Skiffport.KHLoginData
+        self.sessions: dict[str, Any] = {}
+
+    def session(self, use: str) -> Any:
+        if use not in self.sessions:
+            self.sessions[use] = self.make(*VERSION)
+            self.sessions[use].SetKHURLAsReg(HOST)
+        return self.sessions[use]
+
+    def login(self) -> tuple[str, str]:
+        session = self.session("login")
+        if session.LoginKestrelhub("member", "password") != 1:
+            sys.exit("the login failed")
+        return session.GetLoginTokenID(), session.GetRevisionAPI()
+
+    def categories(self, location: str) -> dict[str, str]:
+        return self.session(location).GetPresetCategory(location)
+
+    def effect(self) -> str:
+        return self.session("effect").GetEffectByGUID("4d0f2c1e")
+
+    def grow(self) -> list[dict[str, float]]:
+        """Seconds of processor time for each number of gathered replies: of one more call, and of a like dictionary made
+        in Python."""
+        session, costs = self.session("growth"), []
+        for number in range(GROWTH[-1]):
+            session.GetPresetCategory(str(number))
+            if number + 1 in GROWTH:
+                expected = categories(0, (number + 1) * BLOCK)
+                call = time_result(lambda: session.GetPresetCategory(str(number)), expected)
+                costs.append({"call": call, "python": time_result(lambda: categories(0, len(expected)), expected)})
+        return costs
+
+
+def time_result(make: Callable[[], Any], expected: Any) -> float:
+    """Median processor time, in seconds, of making the result, which has to be the expected one."""
+    costs = []
+    for _ in range(7):
+        cpu = time.process_time()
+        result = make()
+        costs.append(time.process_time() - cpu)
+        if result != expected:
+            sys.exit(f"{len(result)} entries instead of {len(expected)}")
+    return median(costs)
+
+
+class PythonClient:
+    """The same calls over an exchange that a subclass makes."""
+
+    def __init__(self) -> None:
+        self.roots = os.environ["SSL_CERT_FILE"]
+        self.secure = f"https://127.0.0.1:{os.environ['SECURE_PORT']}"
+        self.plain = f"http://127.0.0.1:{os.environ['PLAIN_PORT']}"
+
+    def get(self, url: str) -> bytes:
+        raise NotImplementedError
+
+    def post(self, url: str, body: str) -> bytes:
+        raise NotImplementedError
+
+    def login(self) -> tuple[str, str]:
+        self.get(self.secure + "/")
+        form = {"account": "member", "pwd": "password", "AP": "TWR"}
+        form.update(zip(("Version", "versionType", "uuid"), VERSION))
+        root = ElementTree.fromstring(self.post(self.secure + LOGIN_PATH, urlencode(form)))
+        member = {name: root.findtext(name) for name in LOGIN_REPLY}
+        return member["tokenid"], member["RevisionAPI"]
+
+    def categories(self, location: str) -> dict[str, str]:
+        root = ElementTree.fromstring(self.post(self.plain + category_path(location), ""))
+        return {entry.get("categoryid"): entry.text for entry in root.iterfind("category")}
+
+    def effect(self) -> str:
+        return unquote(ElementTree.fromstring(self.post(self.plain + EFFECT_PATH, "")).findtext("pipURL"))
+
+
+class Requests(PythonClient):
+    """A session, which spares most of what a call sets up; the peer closes every connection."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        import requests
+
+        self.http = requests.Session()
+
+    def get(self, url: str) -> bytes:
+        return self.http.get(url, verify=self.roots, allow_redirects=False).content
+
+    def post(self, url: str, body: str) -> bytes:
+        headers = {"Content-Type": "application/x-www-form-urlencoded"} if body else None
+        return self.http.post(url, body, headers=headers, verify=self.roots, allow_redirects=False).content
+
+
+class Pycurl(PythonClient):
+    """A handle for all calls, which keeps what can be kept without keeping connections or resuming TLS sessions."""
+
+    def __init__(self) -> None:
+        super().__init__()
+        import pycurl
+
+        self.handle = pycurl.Curl()
+        for option in (pycurl.FRESH_CONNECT, pycurl.FORBID_REUSE, pycurl.NOSIGNAL):
+            self.handle.setopt(option, 1)
+        self.handle.setopt(pycurl.SSL_SESSIONID_CACHE, 0)
+        self.handle.setopt(pycurl.CAINFO, self.roots)
+        self.handle.unsetopt(pycurl.CAPATH)
+        self.options = pycurl
+
+    def get(self, url: str) -> bytes:
+        self.handle.setopt(self.options.HTTPGET, 1)
+        self.handle.setopt(self.options.URL, url)
+        return self.handle.perform_rb()
+
+    def post(self, url: str, body: str) -> bytes:
+        self.handle.setopt(self.options.POSTFIELDS, body)
+        self.handle.setopt(self.options.URL, url)
+        return self.handle.perform_rb()
+
+
+CLIENTS = {"module": Module, "requests": Requests, "pycurl": Pycurl}
+
+
+class Row(NamedTuple):
+    """A call that every client makes."""
+
+    name: str
+    count: int  # of calls a round
+    call: Callable[[Any], Any]
+    expected: Any
+
+
+ROWS = [
+    Row("login", 20, lambda client: client.login(), (LOGIN_REPLY["tokenid"], LOGIN_REPLY["RevisionAPI"])),
+    Row("10 categories", 40, lambda client: client.categories("ten"), categories(0, 10)),
+    Row("1,000 categories", 20, lambda client: client.categories("0"), categories(0, BLOCK)),
+    Row("effect", 40, lambda client: client.effect(), EFFECT),
+]
+
+
+def run_client(name: str) -> None:
+    """Serves the measuring process: a row's number a line, or "grow", answered by figures in JSON."""
+    client = CLIENTS[name]()
+    for line in sys.stdin:
+        if line == "grow\n":
+            print(json.dumps(client.grow()), flush=True)
+            continue
+        row = ROWS[int(line)]
+        wall, cpu = time.perf_counter(), time.process_time()
+        results = [row.call(client) for _ in range(row.count)]
+        wall, cpu = time.perf_counter() - wall, time.process_time() - cpu
+        if any(result != row.expected for result in results):
+            sys.exit(f"{name}: a wrong result of {row.name}")
+        print(json.dumps({"wall": wall / row.count, "cpu": cpu / row.count}), flush=True)
+
+
+class Client:
+    """A client's process."""
+
+    def __init__(self, name: str, environment: dict[str, str]) -> None:
+        command = [sys.executable, "-B", __file__, "--client", name]
+        self.process = subprocess.Popen(
+            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=environment
+        )
+
+    def ask(self, line: str) -> Any:
+        """What the client answers."""
+        self.process.stdin.write(line + "\n")
+        self.process.stdin.flush()
+        answer = self.process.stdout.readline()
+        return json.loads(answer) if answer else sys.exit(1)  # it has said why
+
+
+@contextlib.contextmanager
+def prepare(tree: Path) -> Iterator[dict[str, Client]]:
+    """Makes the certificates, and runs the peer and the clients meanwhile."""
+    import trustme
+
+    with tempfile.TemporaryDirectory(prefix="skiffport-bench-") as name, contextlib.ExitStack() as stack:
+        folder = Path(name)
+        authority = trustme.CA()
+        authority.cert_pem.write_to_path(folder / "root.pem")
+        authority.issue_cert(HOST, "127.0.0.1").private_key_and_cert_chain_pem.write_to_path(folder / "peer.pem")
+        (folder / "replies.json").write_text(json.dumps(make_replies()))
+        command = [sys.executable, "-B", Path(__file__).with_name("sink.py"), folder / "peer.pem", folder / "replies.json"]
+        peer = stack.enter_context(subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True))
+        secure, plain = (int(peer.stdout.readline()) for _ in range(2))
+        environment = {key: value for key, value in os.environ.items() if not key.lower().endswith("_proxy")}
+        environment.update(
+            SKIFFPORT_TREE=str(tree),
+            SKIFFPORT_REGISTRY=str(folder / "no-registry"),
+            SKIFFPORT_CONNECT_TO=f"{HOST}:443:127.0.0.1:{secure},{HOST}:80:127.0.0.1:{plain}",
+            SECURE_PORT=str(secure),
+            PLAIN_PORT=str(plain),
+            SSL_CERT_FILE=str(folder / "root.pem"),
+        )
+        clients = {name: Client(name, environment) for name in CLIENTS}
+        for client in clients.values():
+            stack.enter_context(client.process)
+        yield clients
+
+
+def measure(clients: dict[str, Client], rounds: int) -> list[dict[str, list[dict[str, float]]]]:
+    """For each row and client, a round's figures a piece."""
+    figures: list[dict[str, list[dict[str, float]]]] = [{name: [] for name in clients} for _ in ROWS]
+    for number in range(rounds + 1):
+        for row, made in enumerate(figures):
+            for name in list(clients)[number % 3 :] + list(clients)[: number % 3]:
+                figure = clients[name].ask(str(row))
+                if number > 0:  # the first round warms up
+                    made[name].append(figure)
+    return figures
+
+
+def spread(values: list[float]) -> float:
+    """Half the distance of the quartiles, in percent of the median."""
+    lower, middle, upper = quantiles(values, n=4)
+    return (upper - lower) / 2 / middle * 100
+
+
+def report(figures: list[dict[str, list[dict[str, float]]]]) -> bool:
+    """Prints a line a row. Returns whether the module is at or below the faster of the others in all."""
+    print(f"{'ms a call':17}" + "".join(f"{name + ': wall':>16}     CPU    +-" for name in CLIENTS) + "   CPU in the faster's")
+    holds = True
+    for row, made in zip(ROWS, figures):
+        wall, cpu = ({name: median(f[key] for f in made[name]) for name in made} for key in ("wall", "cpu"))
+        ratio = cpu["module"] / min(cpu["requests"], cpu["pycurl"])
+        holds &= ratio <= 1
+        cells = "".join(
+            f"{wall[name] * 1000:16.3f} {cpu[name] * 1000:7.3f} {spread([f['cpu'] for f in made[name]]):4.0f}%"
+            for name in made
+        )
+        print(f"{row.name:17}{cells}   {ratio:6.2f} of 1   {'holds' if ratio <= 1 else 'FAILS'}")
+    return holds
+
+
+def report_growth(costs: list[dict[str, float]]) -> bool:
+    """Prints what the whole cache costs as it grows. Returns whether an entry's cost grows no more than Python's own."""
+    print("\ncategories gathered   CPU of a call, ms   an entry, ns   in Python, ns")
+    each = [{who: cost[who] / (blocks * BLOCK) for who in cost} for cost, blocks in zip(costs, GROWTH)]
+    for blocks, cost, share in zip(GROWTH, costs, each):
+        print(f"{blocks * BLOCK:19,} {cost['call'] * 1000:19.2f} {share['call'] * 1e9:14.0f} {share['python'] * 1e9:15.0f}")
+    # Memory that no longer fits the processor's caches makes an entry dearer in either; a quadratic step would tenfold it.
+    module, python = (each[-1][who] / each[0][who] for who in ("call", "python"))
+    verdict = "holds" if module <= python else "FAILS"
+    print(f"an entry's cost at the last, in that at the first: {module:.2f} of Python's {python:.2f}   {verdict}")
+    return module <= python
+
+
+def main() -> int:
+    """Runs everything. Returns 1 if a target does not hold."""
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--build", type=Path, help="the build folder to measure")
+    parser.add_argument("--quick", action="store_true", help="5 rounds instead of 25")
+    parser.add_argument("--client", choices=CLIENTS, help=argparse.SUPPRESS)
+    options = parser.parse_args()
+    if options.client:
+        run_client(options.client)
+        return 0
+    if not options.build:
+        parser.error("--build is needed")
+    with prepare(options.build.resolve() / "python") as clients:
+        rows_hold = report(measure(clients, 5 if options.quick else 25))
+        growth_holds = report_growth(clients["module"].ask("grow"))
+    return 0 if rows_hold and growth_holds else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

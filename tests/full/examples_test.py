@@ -1,0 +1,68 @@
+"""The examples, as a user starts them: the asyncio script's three outcomes, and the window's states with both bindings."""
+
+import pathlib
+import signal
+import subprocess
+import sys
+import tempfile
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+import service  # noqa: E402
+
+EXAMPLES = service.REPOSITORY / "examples"
+SCREENSHOTS = """
+import sys
+for binding in sys.argv[1:-1]:
+    sys.modules[binding] = None  # cannot be imported
+sys.path.insert(0, "{folder}")
+import make_screenshots
+make_screenshots.main(sys.argv[-1])
+"""
+
+
+class ExamplesTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.standin = service.Standin().__enter__()
+        cls.addClassCleanup(cls.standin.__exit__, None, None, None)
+        scratch = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(scratch.cleanup)
+        cls.scratch = pathlib.Path(scratch.name)
+        cls.env = {**cls.standin.env, "SKIFFHOST_USER": service.USER, "SKIFFHOST_PASSWORD": service.PASSWORD}
+
+    def start(self, folder, title):
+        command = [sys.executable, "-B", str(EXAMPLES / "asyncio_publish.py"), str(folder), title]
+        process = subprocess.Popen(command, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(process.__exit__, None, None, None)
+        self.addCleanup(process.kill)
+        return process
+
+    def test_the_asyncio_script_publishes_is_refused_and_cancelled(self):
+        small = service.write_preset(self.scratch / "small")
+        output, errors = self.start(small, "From asyncio").communicate(timeout=service.DEADLINE_SECONDS)
+        self.assertEqual(output, f"published {self.standin.presets()[-1]['address']}\n", errors)
+        process = self.start(small, " ")
+        errors = process.communicate(timeout=service.DEADLINE_SECONDS)[1]
+        self.assertTrue(errors.endswith("not published: A preset needs a title.\n"), errors)
+        process = self.start(service.write_preset(self.scratch / "large", {"effect": 80_000_000}), "Never")
+        self.assertIn("uploading", process.stderr.readline())
+        process.send_signal(signal.SIGINT)
+        errors = process.communicate(timeout=service.DEADLINE_SECONDS)[1]
+        self.assertTrue(errors.endswith("not published: cancelled\n"), errors)
+        self.assertEqual(process.returncode, 130)
+        self.assertEqual(len(self.standin.presets()), 1)
+
+    def test_the_window_comes_to_every_state(self):
+        for binding, others in (("PyQt6", ()), ("PySide2", ("PyQt6",))):
+            with self.subTest(binding):
+                pictures = self.scratch / binding
+                pictures.mkdir()
+                done = subprocess.run([sys.executable, "-B", "-c", SCREENSHOTS.format(folder=EXAMPLES), *others, str(pictures)],
+                                      env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=120)
+                self.assertEqual(done.returncode, 0, done.stdout.decode())
+                self.assertEqual(len(list(pictures.glob("*.png"))), 6)
+
+
+if __name__ == "__main__":
+    unittest.main()

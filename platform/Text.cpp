@@ -50,7 +50,7 @@ private:
 
 enum class Size { plain, half, wide, widest };
 
-/// One conversion specification of a format.
+/// One conversion of a format.
 struct Conversion {
   bool bLeft = false;
   bool bPlus = false;

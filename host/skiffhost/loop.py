@@ -178,7 +178,7 @@ def _imported_qt() -> ModuleType:
     if not found:
         raise RuntimeError("no Qt binding is imported: import one, or pass its QtCore module")
     with_application: Any = [core for core in found if core.QCoreApplication.instance() is not None]
-    return (with_application or found)[0]  # type: ignore[no-any-return]
+    return (with_application or found)[0]
 
 
 def _report_raised(run: Callable[[], None]) -> None:

@@ -78,32 +78,6 @@ TEST_F(Files, NamesAreUtf8OrTheRawBytesOfEscapedUnits) {
   EXPECT_FALSE(PathFileExistsW(Path(units({'r', 'a', 'w', 0xFF, 0x80})).c_str()));
 }
 
-TEST_F(Files, ReadingSizesAndHandles) {
-  Write("five", "12345");
-  HANDLE const hFile = Open(Path(L"five"));
-  char buffer[10] = {};
-  DWORD dwRead = 99, dwHigh = 0;
-  EXPECT_EQ(GetFileSize(hFile, nullptr), 5U);
-  EXPECT_TRUE(ReadFile(hFile, buffer, 10, &dwRead, nullptr));
-  EXPECT_EQ(std::string(buffer, dwRead), "12345");
-  EXPECT_TRUE(ReadFile(hFile, buffer, 10, &dwRead, nullptr));
-  EXPECT_EQ(dwRead, 0U);
-  EXPECT_TRUE(CloseHandle(hFile));
-  EXPECT_FALSE(ReadFile(hFile, buffer, 10, &dwRead, nullptr));
-  EXPECT_EQ(GetFileSize(hFile, nullptr), INVALID_FILE_SIZE);
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
-  EXPECT_FALSE(CloseHandle(hFile));
-
-  Write("sparse", "");
-  ASSERT_EQ(truncate((m_path + "/sparse").c_str(), 0x1FFFFFFFF), 0);
-  HANDLE const hLarge = Open(Path(L"sparse"));
-  SetLastError(7);
-  EXPECT_EQ(GetFileSize(hLarge, &dwHigh), 0xFFFFFFFF);
-  EXPECT_EQ(dwHigh, 1U);
-  EXPECT_EQ(GetLastError(), ERROR_SUCCESS) << "a size, not a failure";
-  CloseHandle(hLarge);
-}
-
 /// The number that the registry file gives "DumpMsg"; -1: it gives none, -2: it has no such key.
 int ReadSwitch() {
   HKEY hKey = nullptr;

@@ -183,20 +183,4 @@ TEST(HttpFaults, AForkedChildLeavesTheConnectionAlone) {
   EXPECT_EQ("5 0 ", client.Sizes());
 }
 
-TEST(HttpFaults, ManyThreadsAtOnce) {
-  Peer peer("reply --body hello --tls good");
-  std::atomic<int> nGood = 0;
-  std::vector<std::thread> threads;
-  for (int n = 0; n < 4; ++n)
-    threads.emplace_back([&] {
-      for (int m = 0; m < 8; ++m) {
-        Client client(443);
-        nGood += client.Send(nullptr, "body") == 0 && client.Sizes() == "5 0 ";
-      }
-    });
-  for (std::thread &thread : threads)
-    thread.join();
-  EXPECT_EQ(32, nGood);
-}
-
 } // namespace

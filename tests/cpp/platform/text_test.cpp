@@ -98,23 +98,6 @@ TEST(CodePages, Utf8IsStrictBothWays) {
   EXPECT_EQ(Narrow(CP_UTF8, {0xDE00, 0xD83D, 'x', 0x110000, -1}), "\xEF\xBF\xBD\xEF\xBF\xBDx\xEF\xBF\xBD\xEF\xBF\xBD");
 }
 
-TEST(CodePages, Errors) {
-  struct Row {
-    UINT uCodePage;
-    char const *szBytes;
-    int cbBytes, cchBuffer;
-  };
-  WCHAR wide[4];
-  for (auto const &[uCodePage, szBytes, cbBytes, cchBuffer] : {Row{CP_UTF8, "abc", 0, 4}, Row{CP_UTF8, nullptr, 1, 4},
-                                                               Row{CP_UTF8, "abc", -1, -1}, Row{77777, "abc", -1, 4}}) {
-    SetLastError(0);
-    EXPECT_EQ(MultiByteToWideChar(uCodePage, 0, szBytes, cbBytes, wide, cchBuffer), 0);
-    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER) << uCodePage << ' ' << cbBytes << ' ' << cchBuffer;
-  }
-  EXPECT_EQ(MultiByteToWideChar(CP_UTF8, 0, "abcd", -1, wide, 4), 0) << "the terminator counts";
-  EXPECT_EQ(GetLastError(), ERROR_INSUFFICIENT_BUFFER);
-}
-
 /// A locale of another character set, made for the test; null if the system has no character maps.
 locale_t MakeLocale() {
   char szFolder[] = "/tmp/skiffport-locale-XXXXXX";

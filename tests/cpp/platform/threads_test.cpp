@@ -101,21 +101,4 @@ TEST(Shell, OpensWebAddressesOnlyAndCollectsTheOpener) {
   std::filesystem::remove_all(strPath);
 }
 
-TEST(Debug, EachTextIsOneWriteToStandardError) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_DIRECT | O_NONBLOCK), 0); // a packet for each write
-  int const nBefore = dup(STDERR_FILENO);
-  dup2(ends[1], STDERR_FILENO);
-  OutputDebugStringA("[A] narrow\n");
-  OutputDebugStringW(L"[W] \u4E2D\n");
-  dup2(nBefore, STDERR_FILENO);
-  for (std::string const strText : {"[A] narrow\n", "[W] \xE4\xB8\xAD\n"}) {
-    char buffer[64] = {};
-    EXPECT_EQ(read(ends[0], buffer, sizeof buffer), static_cast<ssize_t>(strText.size()));
-    EXPECT_EQ(buffer, strText);
-  }
-  for (int const fd : {ends[0], ends[1], nBefore})
-    close(fd);
-}
-
 } // namespace

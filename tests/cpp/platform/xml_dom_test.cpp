@@ -129,20 +129,4 @@ TEST(XmlDom, TextAndChildrenLeaveOutWhatIsNoContent) {
   EXPECT_EQ(ChildrenOf(RootOf(strMany + L"</r>")).size(), 200000U);
 }
 
-TEST(XmlDom, AttributesByExactNameAndValuesByKind) {
-  CComPtr<IXMLDOMNode> const root = RootOf(L"<c categoryid=' 7 &amp;' other='1'>t</c>");
-  CComPtr<IXMLDOMNamedNodeMap> attributes;
-  ASSERT_EQ(root->get_attributes(&attributes), S_OK);
-  CComPtr<IXMLDOMNode> attribute, none;
-  EXPECT_EQ(attributes->getNamedItem(CComBSTR(L"CategoryId"), &none), S_FALSE);
-  ASSERT_EQ(attributes->getNamedItem(CComBSTR(L"categoryid"), &attribute), S_OK);
-  CComVariant value, ofElement;
-  ASSERT_EQ(attribute->get_nodeValue(&value), S_OK);
-  ASSERT_EQ(value.vt, VT_BSTR);
-  EXPECT_STREQ(value.bstrVal, L" 7 &");
-  EXPECT_EQ(attribute->get_nextSibling(&none), S_FALSE) << "attributes are no siblings";
-  EXPECT_EQ(root->get_nodeValue(&ofElement), S_FALSE);
-  EXPECT_EQ(ofElement.vt, VT_NULL);
-}
-
 } // namespace

@@ -48,30 +48,4 @@ TEST(PresetForm, LeavesOutOnlyEmptyTagsAndCollections) {
   }
 }
 
-TEST(PresetForm, TestsEachOfTheThirteenPaths) {
-  PresetArguments there = SampleArguments();
-  WCHAR const *PresetArguments::*const paths[] = {&PresetArguments::szEffectFilePath,
-                                                  &PresetArguments::szEffectCoverFilePathAfter,
-                                                  &PresetArguments::szEffectCoverFilePathBefore,
-                                                  &PresetArguments::szEffectThumbnailAfter,
-                                                  &PresetArguments::szEffectThumbnailBefore,
-                                                  &PresetArguments::szEffectCurveRGBImg,
-                                                  &PresetArguments::szEffectCurveRImg,
-                                                  &PresetArguments::szEffectCurveGImg,
-                                                  &PresetArguments::szEffectCurveBImg,
-                                                  &PresetArguments::szEffectLvRGBImg,
-                                                  &PresetArguments::szEffectLvRImg,
-                                                  &PresetArguments::szEffectLvGImg,
-                                                  &PresetArguments::szEffectLvBImg};
-  for (auto const path : paths)
-    there.*path = L"/"; // a directory passes
-  EXPECT_TRUE(PresetFilesExist(there));
-  for (auto const path : paths)
-    for (WCHAR const *wszBad : {static_cast<WCHAR const *>(nullptr), L"", L"/no/such/file"}) {
-      PresetArguments arguments = there;
-      arguments.*path = wszBad;
-      EXPECT_FALSE(PresetFilesExist(arguments));
-    }
-}
-
 } // namespace

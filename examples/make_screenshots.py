@@ -47,7 +47,7 @@ def take_all(window, target):
 
     take("idle", says("Ready"))
     publish("Evening sky")
-    take("uploading", lambda: window.bar.value() >= 40)
+    take("uploading", lambda: window.bar.value() >= 55)
     take("finishing", says("Finishing"))
     take("published", says("Published"))
     publish(" ")

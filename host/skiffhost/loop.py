@@ -24,6 +24,8 @@ __all__ = ["Attachment", "attach_asyncio", "attach_glib", "attach_qt", "attach_t
 
 # How long a loop is kept from its timers and its windows, however many events wait.
 SLICE_SECONDS = 0.01
+# How many events may be under way at a time, each inside the one before because that runs the loop itself.
+MOST_NESTED = 8
 
 QT_BINDINGS = ("PyQt6", "PySide6", "PyQt5", "PySide2")
 
@@ -51,12 +53,15 @@ class Attachment:
     """A loop's watch of the thread's queue: events run on the loop's thread, also those that waited before.
 
     There may be several. It lasts until ``detach``, or to the end of a ``with`` block, whether or not it is kept. What a
-    signal handler raises during an event goes where the loop sends such things, and the watch goes on.
+    signal handler raises during an event goes where the loop sends such things, and the watch goes on. An event may run
+    the loop itself, for a dialog or to draw: the next events then run inside it.
     """
 
     def __init__(self, watch: Watch) -> None:
         self._thread = threading.get_ident()
         self._descriptor = os.dup(fileno())  # the queue's own may be watched but once, and is not ours to close
+        self._watch = watch
+        self._nested = 0
         try:
             self._unwatch = watch(self._descriptor, self._pump)
         except BaseException:
@@ -72,7 +77,7 @@ class Attachment:
         """
         if threading.get_ident() != self._thread:
             raise RuntimeError("an attachment ends on the thread that made it")
-        if self in _thread.attachments:
+        if self._attached():
             _thread.attachments.remove(self)
             try:
                 self._unwatch()
@@ -89,8 +94,20 @@ class Attachment:
     def _pump(self) -> None:
         """Runs events for a short while. What is left keeps the descriptor readable, and the loop calls again."""
         deadline = time.monotonic() + SLICE_SECONDS
-        while self in _thread.attachments and pump(1) and time.monotonic() < deadline:
-            pass
+        self._nested += 1
+        deepest = self._nested == MOST_NESTED
+        try:
+            if deepest:
+                self._unwatch()
+            while self._attached() and pump(1) and time.monotonic() < deadline:
+                pass
+        finally:
+            self._nested -= 1
+            if deepest and self._attached():
+                self._unwatch = self._watch(self._descriptor, self._pump)
+
+    def _attached(self) -> bool:
+        return self in _thread.attachments
 
 
 def attach_asyncio(loop: Optional[asyncio.AbstractEventLoop] = None) -> Attachment:
@@ -131,7 +148,7 @@ def attach_qt(core: Optional[ModuleType] = None) -> Attachment:
 def attach_glib(context: Any = None) -> Attachment:
     """Lets a GLib main context bring the calling thread's events; by default the one that is the thread's default.
 
-    As with GLib's own sources, no events come while one of them runs a main loop of its own.
+    As with GLib's own sources, no further event runs inside one that runs the loop itself: they wait.
     """
     from gi.repository import GLib  # type: ignore[import]
 

@@ -48,6 +48,9 @@ class AsyncioLoop:
     def attach(self):
         return loop.attach_asyncio(self._loop)
 
+    def run_inside(self):
+        """What an event does that runs the loop itself, if it can."""
+
     def end(self):
         self._loop.close()
 
@@ -72,6 +75,9 @@ class QtLoop:
     def attach(self):
         return loop.attach_qt()
 
+    def run_inside(self):
+        self._application.processEvents()
+
     def end(self):
         self._application = None
 
@@ -93,6 +99,11 @@ class GLibLoop:
     def attach(self):
         return loop.attach_glib(self._context)
 
+    def run_inside(self):
+        context = self._context or self._glib.MainContext.default()
+        while context.pending():
+            context.iteration(False)
+
     def end(self):
         self._context = None
 
@@ -113,6 +124,9 @@ class TkLoop:
 
     def attach(self):
         return loop.attach_tk(self._label)
+
+    def run_inside(self):
+        self._root.update()
 
     def end(self):
         self._root.destroy()
@@ -147,19 +161,17 @@ LOOPS = {
 
 
 class Recorded(Publication):
-    """A publication that notes the threads of its events, and takes its time over each."""
+    """A publication that notes the threads of its events, and does some work in each."""
 
-    def __init__(self, *arguments, seconds=0.0):
+    def __init__(self, *arguments, work=lambda: None):
         super().__init__(*arguments)
         self.threads = set()
-        self._seconds = seconds
+        self._work = work
 
     def on_event(self, *arguments):
         super().on_event(*arguments)
         self.threads.add(threading.get_ident())
-        deadline = time.thread_time() + self._seconds
-        while time.thread_time() < deadline:
-            pass
+        self._work()
 
     @property
     def complete(self):
@@ -180,6 +192,12 @@ class Gaps:
             self.processor = max(self.processor, now[1] - self._last[1])
         self._last = now
         self.ticks += 1
+
+
+def busy_work():
+    deadline = time.thread_time() + EVENT_SECONDS
+    while time.thread_time() < deadline:
+        pass
 
 
 def descriptors():
@@ -261,8 +279,9 @@ class LoopTest(unittest.TestCase):
             publication = None
         self.assertEqual(descriptors(), self.before)
 
-    def test_what_waited_arrives_in_slices(self):
-        publications = [Recorded(*self.session, seconds=EVENT_SECONDS) for _ in range(WAITING_UPLOADS)]
+    def flood(self, work):
+        """Lets the commands of many uploads wait, then attaches. Returns how many there were, and the gaps meanwhile."""
+        publications = [Recorded(*self.session, work=work) for _ in range(WAITING_UPLOADS)]
         for publication in publications:
             self.assertNotEqual(publication.start(self.small), 0)
         self.wait_for_uploads()
@@ -270,13 +289,29 @@ class LoopTest(unittest.TestCase):
         with mock.patch.object(loop, "pump", lambda limit, pump=loop.pump: ran.append(pump(limit)) or ran[-1]):
             with running.attach():
                 gaps = self.run_until(lambda: all(publication.complete for publication in publications), "all uploads")
-                self.check_gaps(gaps, f"{sum(ran)} commands that waited")
-                self.assertGreater(sum(ran), WAITING_COMMANDS)
                 for publication in publications:
                     self.check_events(publication)
                     publication.uploader.SetCallback(None)
                 publication = publications = None
         self.assertEqual(descriptors(), self.before)
+        self.assertGreater(sum(ran), WAITING_COMMANDS)
+        return sum(ran), gaps
+
+    def test_what_waited_arrives_in_slices(self):
+        count, gaps = self.flood(busy_work)
+        self.check_gaps(gaps, f"{count} commands that waited")
+
+    def test_an_event_may_run_the_loop_itself(self):
+        depths = [0]
+
+        def work():
+            depths.append(depths[-1] + 1)
+            running.run_inside()
+            depths.append(depths[-1] - 1)
+
+        self.flood(work)
+        self.assertEqual(depths[-1], 0)
+        self.assertLess(max(depths), 20)
 
     def test_ends_when_told_from_an_event_and_beside_another(self):
         attachments = [running.attach(), running.attach()]

@@ -34,6 +34,7 @@ class HostileService(unittest.TestCase):
 
     def outcome(self, paths):
         publication = Publication(HOST)
+        self.addCleanup(publication.uploader.SetCallback, None)  # without it the two keep each other
         self.assertNotEqual(publication.start(paths), 0)
         return publication.completion()[1:4]
 

@@ -48,7 +48,7 @@ class LoopCase(unittest.TestCase):
     def setUp(self):
         self.running = asyncio.new_event_loop()
         self.addCleanup(self.running.close)
-        loop.release()
+        self.assertTrue(loop.release(), "an earlier test left an uploader")
         self.addCleanup(self.check_descriptors, descriptors())
 
     def check_descriptors(self, before):

@@ -456,7 +456,7 @@ class HttpTransfer::Limits {
 public:
   Limits(HttpTransfer &transfer, Wait wait)
       : m_transfer(transfer), m_wait(wait), m_begin(SteadyMilliseconds()), m_moved(m_begin),
-        m_progress(transfer.MeasureProgress()) {}
+        m_progress(wait == Wait::Receive ? transfer.MeasureProgress() : Progress{}) {}
   ~Limits() {
     if (m_wait == Wait::Receive)
       m_transfer.m_replyWait += SteadyMilliseconds() - m_begin;
@@ -488,7 +488,7 @@ private:
   Wait const m_wait;
   std::uint64_t m_begin;
   std::uint64_t m_moved;
-  Progress m_progress;
+  Progress m_progress; // as of the last look; most sends end before the first
 };
 
 /// The socket's own counters are part of it: libcurl counts a block as sent only when all of it is out, which takes
@@ -641,7 +641,8 @@ bool HttpTransfer::Flush() {
 DWORD HttpTransfer::Write(void const *data, std::size_t size) {
   if (m_stage != Stage::Sending || size > m_declared - m_accepted)
     return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
-  Perform(); // looks for a reply
+  if (m_isAborted)
+    Fail(ERROR_INTERNET_OPERATION_CANCELLED);
   if (m_error == ERROR_INTERNET_OPERATION_CANCELLED || (m_error != ERROR_SUCCESS && !IsRefused()))
     return m_error;
   m_sink.Tell(INTERNET_STATUS_SENDING_REQUEST);

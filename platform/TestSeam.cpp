@@ -7,7 +7,22 @@
 #include <thread>
 
 namespace {
+
+/// What an idle processor may take to run a thread whose time has come.
+constexpr std::chrono::microseconds kWakeUpTime(300);
+
 std::atomic<PlatformTestHooks const *> g_pHooks = nullptr;
+
+/// Sleeps somewhat short of the time and waits for the rest awake: the pauses of an upload add up, and with them would
+/// all that each comes late.
+void SleepPunctually(std::chrono::milliseconds time) {
+  using Clock = std::chrono::steady_clock;
+  Clock::time_point const end = Clock::now() + time;
+  std::this_thread::sleep_until(end - kWakeUpTime);
+  while (Clock::now() < end)
+    std::this_thread::yield();
+}
+
 } // namespace
 
 void SetPlatformTestHooks(PlatformTestHooks const *pHooks) { g_pHooks = pHooks; }
@@ -41,5 +56,5 @@ void SleepMilliseconds(DWORD ms) {
   else if (ms == 0)
     std::this_thread::yield();
   else
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    SleepPunctually(std::chrono::milliseconds(ms));
 }

@@ -17,7 +17,6 @@
 
 #include <arpa/inet.h>
 #include <linux/tcp.h>
-#include <openssl/crypto.h>
 #include <openssl/ssl.h>
 #include <strings.h>
 #include <sys/socket.h>
@@ -31,7 +30,7 @@ constexpr std::size_t kHeadSizeLimit = 100 * 1024;
 constexpr std::uint64_t kBodySizeLimit = 64 * 1024 * 1024;
 constexpr std::size_t kJoinSize = 4096;           // bytes; smaller writes wait for more
 constexpr long kUploadBufferSize = 512 * 1024;    // bytes that one look at the socket sends
-constexpr long kSmallBody = 16 * 1024;            // bytes; what a small request's buffer holds, to map no memory for it
+constexpr std::uint64_t kSmallBody = 16 * 1024;   // bytes; what a small request's buffer holds, to map no memory for it
 constexpr std::uint64_t kConnectingPollTime = 20; // ms; libcurl tries a server's next address only when a poll ends
 constexpr std::uint64_t kPollTime = 1000;
 constexpr std::uint64_t kDrivenPollTime = 5;
@@ -82,15 +81,6 @@ constexpr MessageRow kLossMessages[] = {
 
 /// Suppresses what libcurl would add by itself.
 constexpr char const *kSuppressed[] = {"Accept:", "Content-Type:", "Expect:"};
-
-void InitializeCurl() {
-  static bool const isReady = [] {
-    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); // a thread may still send at exit
-    return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
-  }();
-  if (!isReady)
-    throw std::bad_alloc();
-}
 
 std::string_view HeaderName(std::string_view line) { return line.substr(0, line.find(':')); }
 
@@ -304,37 +294,34 @@ bool HttpTransfer::TakeBody(std::string_view data) {
 
 void HttpTransfer::CloseSocket(curl_socket_t fd) {
   bool const isConnected = fd == m_connected;
+  bool const isTold = isConnected && !(m_isHeadIn && m_stage == Stage::Sending); // else the reply is told of first
   if (isConnected) {
     m_connected = CURL_SOCKET_BAD;
-    m_sink.Tell(INTERNET_STATUS_CLOSING_CONNECTION);
+    m_isClosedUntold = !isTold;
   }
+  if (isTold)
+    m_sink.Tell(INTERNET_STATUS_CLOSING_CONNECTION);
   close(fd);
   for (Socket &socket : m_sockets)
     if (socket.fd == fd)
       socket.fd = CURL_SOCKET_BAD;
-  if (isConnected)
+  if (isTold)
     m_sink.Tell(INTERNET_STATUS_CONNECTION_CLOSED);
 }
 
 // --- Setting up
 
-HttpTransfer::HttpTransfer() : m_process(CurrentProcess()) {
-  InitializeCurl();
-  m_multi.reset(curl_multi_init());
-  m_easy.reset(curl_easy_init());
-  if (!m_multi || !m_easy)
-    throw std::bad_alloc();
-}
+HttpTransfer::HttpTransfer() : m_process(CurrentProcess()), m_curl(TakeCurlHandles()) {}
 
 HttpTransfer::~HttpTransfer() {
   if (CurrentProcess() != m_process) {
-    static_cast<void>(m_easy.release()); // closing would end the parent's connection, too
-    static_cast<void>(m_multi.release());
+    static_cast<void>(m_curl.easy.release()); // closing would end the parent's connection, too
+    static_cast<void>(m_curl.multi.release());
     return;
   }
-  curl_multi_remove_handle(m_multi.get(), m_easy.get());
-  m_easy.reset();
-  m_multi.reset(); // closes the socket, and tells of it
+  curl_multi_remove_handle(m_curl.multi.get(), m_curl.easy.get()); // closes the socket, and tells of it
+  if (m_isFinished && m_error == ERROR_SUCCESS && m_declared <= kSmallBody)
+    KeepCurlHandles(std::move(m_curl));
 }
 
 void HttpTransfer::Append(List &list, std::string const &line) {
@@ -346,13 +333,13 @@ void HttpTransfer::Append(List &list, std::string const &line) {
 }
 
 template <class Value> void HttpTransfer::Set(CURLoption option, Value value) {
-  if (curl_easy_setopt(m_easy.get(), option, value) != CURLE_OK)
+  if (curl_easy_setopt(m_curl.easy.get(), option, value) != CURLE_OK)
     throw std::bad_alloc(); // the options are all known to the library
 }
 
 template <class Value> Value HttpTransfer::Get(CURLINFO info) const {
   Value value{};
-  curl_easy_getinfo(m_easy.get(), info, &value);
+  curl_easy_getinfo(m_curl.easy.get(), info, &value);
   return value;
 }
 
@@ -371,8 +358,10 @@ void HttpTransfer::SetUp(HttpRequest const &request, std::uint64_t bodyLength) {
   Set(CURLOPT_QUICK_EXIT, 1L); // does not wait for a resolver that hangs
   Set(CURLOPT_TCP_NODELAY, 1L);
   Set(CURLOPT_FRESH_CONNECT, 1L);
+  Set(CURLOPT_FORBID_REUSE, 1L);
+  Set(CURLOPT_DNS_CACHE_TIMEOUT, 0L);
   Set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  Set(CURLOPT_UPLOAD_BUFFERSIZE, bodyLength > static_cast<std::uint64_t>(kSmallBody) ? kUploadBufferSize : kSmallBody);
+  Set(CURLOPT_UPLOAD_BUFFERSIZE, bodyLength > kSmallBody ? kUploadBufferSize : static_cast<long>(kSmallBody));
   Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.connectLimit));
   Set(CURLOPT_ERRORBUFFER, m_message.data());
   Set(CURLOPT_SSL_SESSIONID_CACHE, 0L); // a session's resumption would skip the certificate checks
@@ -380,6 +369,7 @@ void HttpTransfer::SetUp(HttpRequest const &request, std::uint64_t bodyLength) {
   Set(CURLOPT_SSL_VERIFYHOST, request.ignoresName ? 0L : 2L);
   Set(CURLOPT_CAINFO, static_cast<char const *>(nullptr)); // the trust store takes their place
   Set(CURLOPT_CAPATH, static_cast<char const *>(nullptr));
+  Set(CURLOPT_CA_CACHE_TIMEOUT, 0L); // what the handles keep from an earlier transfer would take its place
   if (!request.isPost)
     return;
   Set(CURLOPT_POST, 1L);
@@ -509,12 +499,12 @@ void HttpTransfer::Perform() {
     return;
   if (m_isPaused && (IsRefused() || !m_source[0].empty() || !m_source[1].empty())) {
     m_isPaused = false;
-    curl_easy_pause(m_easy.get(), CURLPAUSE_CONT);
+    curl_easy_pause(m_curl.easy.get(), CURLPAUSE_CONT);
   }
   int count = 0;
-  if (curl_multi_perform(m_multi.get(), &count) != CURLM_OK)
+  if (curl_multi_perform(m_curl.multi.get(), &count) != CURLM_OK)
     return Fail(ERROR_NOT_ENOUGH_MEMORY);
-  while (CURLMsg const *const message = curl_multi_info_read(m_multi.get(), &count))
+  while (CURLMsg const *const message = curl_multi_info_read(m_curl.multi.get(), &count))
     if (message->msg == CURLMSG_DONE)
       Finish(message->data.result);
   if (m_isAborted)
@@ -538,7 +528,10 @@ template <class Ready> bool HttpTransfer::PumpUntil(Wait wait, Ready ready) {
       return false;
     }
     std::uint64_t const slice = ClockIsDriven() ? kDrivenPollTime : m_isRequested ? kPollTime : kConnectingPollTime;
-    curl_multi_poll(m_multi.get(), nullptr, 0, static_cast<int>(std::min(left, slice)), nullptr);
+    m_isPolling = true;
+    if (!m_isAborted) // set before the wait began: it wakes nobody
+      curl_multi_poll(m_curl.multi.get(), nullptr, 0, static_cast<int>(std::min(left, slice)), nullptr);
+    m_isPolling = false;
   }
 }
 
@@ -559,7 +552,7 @@ void HttpTransfer::Finish(CURLcode code) {
 void HttpTransfer::Fail(DWORD error) {
   m_error = error;
   m_isFinished = true;
-  curl_multi_remove_handle(m_multi.get(), m_easy.get()); // closes the connection
+  curl_multi_remove_handle(m_curl.multi.get(), m_curl.easy.get()); // closes the connection
 }
 
 DWORD HttpTransfer::Failure() const { return m_error != ERROR_SUCCESS ? m_error : ERROR_INTERNET_CONNECTION_ABORTED; }
@@ -620,7 +613,7 @@ DWORD HttpTransfer::Begin(HttpRequest const &request, StatusSink const &sink, st
   m_stage = Stage::Sending;
   m_sink = sink;
   SetUp(request, bodyLength);
-  if (curl_multi_add_handle(m_multi.get(), m_easy.get()) != CURLM_OK)
+  if (curl_multi_add_handle(m_curl.multi.get(), m_curl.easy.get()) != CURLM_OK)
     return ERROR_NOT_ENOUGH_MEMORY;
   if (!PumpUntil(Wait::Send, [this] { return IsHeadOut(); }))
     return Failure();
@@ -673,6 +666,10 @@ DWORD HttpTransfer::End() {
     return Failure();
   m_sink.TellCount(INTERNET_STATUS_RESPONSE_RECEIVED, m_headSize);
   m_stage = Stage::Answered;
+  if (m_isClosedUntold) {
+    m_sink.Tell(INTERNET_STATUS_CLOSING_CONNECTION);
+    m_sink.Tell(INTERNET_STATUS_CONNECTION_CLOSED);
+  }
   return ERROR_SUCCESS;
 }
 
@@ -706,5 +703,6 @@ DWORD HttpTransfer::Read(void *buffer, std::size_t size, std::size_t *read) {
 
 void HttpTransfer::Abort() {
   m_isAborted = true;
-  curl_multi_wakeup(m_multi.get());
+  if (m_isPolling)
+    curl_multi_wakeup(m_curl.multi.get());
 }

@@ -3,6 +3,7 @@
 // It knows nothing of handles and of the last error: failures are returned as error numbers, 0 for none.
 #pragma once
 
+#include "platform/CurlHandles.h"
 #include "platform/WinInet.h"
 
 #include <array>
@@ -13,7 +14,6 @@
 #include <string>
 #include <vector>
 
-#include <curl/curl.h>
 #include <sys/types.h>
 
 /// What goes out, and to whom. Header lines are "Name: value", without line ends.
@@ -77,12 +77,6 @@ private:
   struct Progress { ///< numbers that grow while bytes move
     std::uint64_t sent, received;
   };
-  struct EasyCleanUp {
-    void operator()(CURL *easy) const { curl_easy_cleanup(easy); }
-  };
-  struct MultiCleanUp {
-    void operator()(CURLM *multi) const { curl_multi_cleanup(multi); }
-  };
   struct ListCleanUp {
     void operator()(curl_slist *list) const { curl_slist_free_all(list); }
   };
@@ -130,6 +124,7 @@ private:
 
   pid_t const m_process;
   std::atomic<bool> m_isAborted = false;
+  std::atomic<bool> m_isPolling = false; ///< a wait has begun, or is about to, that a wake-up ends
   StatusSink m_sink;
   std::wstring m_host;
   bool m_ignoresDate = false;
@@ -145,6 +140,7 @@ private:
   long m_sizeBeforeHead = 0;  ///< bytes that went to a proxy first
   std::vector<Socket> m_sockets;
   curl_socket_t m_connected = CURL_SOCKET_BAD;
+  bool m_isClosedUntold = false;
 
   std::uint64_t m_declared = 0; ///< the body's length
   std::uint64_t m_accepted = 0; ///< body bytes taken from the caller
@@ -164,6 +160,5 @@ private:
   std::array<char, CURL_ERROR_SIZE> m_message{};
   List m_headers;
   List m_connectTo;
-  std::unique_ptr<CURLM, MultiCleanUp> m_multi;
-  std::unique_ptr<CURL, EasyCleanUp> m_easy;
+  CurlHandles m_curl;
 };

@@ -62,7 +62,6 @@ public:
   ~Peer() { pclose(m_pipe); }
   Peer(Peer const &) = delete;
 
-  INTERNET_PORT Port() const { return static_cast<INTERNET_PORT>(m_port); }
   std::string Received() const { return Content(Folder() + "/received"); }
 
 private:
@@ -80,7 +79,7 @@ struct Handle {
 
 /// Remembers the status callbacks of its request, as text: "20 127.0.0.1", "31 57", "40".
 struct Stages {
-  static void Callback(HINTERNET hRequest, DWORD_PTR dwContext, DWORD dwStatus, void *pInformation, DWORD dwLength) {
+  static void Callback(HINTERNET, DWORD_PTR dwContext, DWORD dwStatus, void *pInformation, DWORD dwLength) {
     auto &self = *reinterpret_cast<Stages *>(dwContext);
     std::string line = std::to_string(dwStatus);
     if (pInformation && dwLength == sizeof(DWORD))
@@ -91,7 +90,7 @@ struct Stages {
     std::lock_guard<std::mutex> const lock(self.mutex);
     self.lines.push_back(line);
     if (self.onStage)
-      self.onStage(hRequest, dwStatus);
+      self.onStage(dwStatus);
   }
   /// How often the status was told.
   int Count(DWORD dwStatus) {
@@ -102,17 +101,14 @@ struct Stages {
 
   std::mutex mutex;
   std::vector<std::string> lines;
-  std::function<void(HINTERNET, DWORD)> onStage;
+  std::function<void(DWORD)> onStage;
 };
 
 /// The error number of a call, 0 for none.
 inline DWORD Error(BOOL bDone) { return bDone ? ERROR_SUCCESS : GetLastError(); }
 
 struct Options {
-  char const *szVerb = "POST";
-  char const *szObject = "/x";
   char const *szHost = "good.test";
-  WCHAR const *wszAgent = nullptr;
   DWORD dwFlags = 0;
   DWORD dwLimit = 0; // ms, for connecting and for sending; 0 leaves the layer's own
 };
@@ -122,11 +118,11 @@ struct Client {
   explicit Client(INTERNET_PORT nPort, Options const &options = {})
       : session(Prepare(options)),
         connection(InternetConnectA(session, options.szHost, nPort, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 1)),
-        request(HttpOpenRequestA(connection, options.szVerb, options.szObject, nullptr, nullptr, nullptr,
-                                 options.dwFlags, reinterpret_cast<DWORD_PTR>(&stages))) {}
+        request(HttpOpenRequestA(connection, "POST", "/x", nullptr, nullptr, nullptr, options.dwFlags,
+                                 reinterpret_cast<DWORD_PTR>(&stages))) {}
 
   static HINTERNET Prepare(Options const &options) {
-    HINTERNET const hSession = InternetOpenW(options.wszAgent, 0, nullptr, nullptr, 0);
+    HINTERNET const hSession = InternetOpenW(nullptr, 0, nullptr, nullptr, 0);
     InternetSetStatusCallbackW(hSession, Stages::Callback);
     DWORD dwLimit = options.dwLimit;
     for (DWORD const dwOption : {INTERNET_OPTION_CONNECT_TIMEOUT, INTERNET_OPTION_SEND_TIMEOUT})
@@ -145,35 +141,13 @@ struct Client {
     return Error(InternetWriteFile(request, bytes.data(), static_cast<DWORD>(bytes.size()), &dwWritten));
   }
   DWORD End() { return Error(HttpEndRequestW(request, nullptr, 0, 0)); }
-  DWORD Send(WCHAR const *wszHeaders = nullptr, std::string const &body = "") {
-    return Error(HttpSendRequestW(request, wszHeaders, 0xFFFFFFFF, body.data(), static_cast<DWORD>(body.size())));
-  }
+  DWORD Send() { return Error(HttpSendRequestW(request, nullptr, 0, nullptr, 0)); }
   DWORD Read(std::string &bytes, DWORD dwCount) {
     bytes.resize(dwCount);
     DWORD dwRead = 0;
     DWORD const dwError = Error(InternetReadFile(request, bytes.data(), dwCount, &dwRead));
     bytes.resize(dwRead);
     return dwError;
-  }
-  /// Reads the reply by what is available: "5 6 0" and so on, with "!12031" for a failure.
-  std::string Sizes(std::string *pBody = nullptr) {
-    std::string sizes, part;
-    for (DWORD dwAvailable = 1; dwAvailable != 0;) {
-      DWORD dwError = Error(InternetQueryDataAvailable(request, &dwAvailable, 0, 0));
-      if (dwError == ERROR_SUCCESS)
-        dwError = Read(part, dwAvailable);
-      if (dwError != ERROR_SUCCESS)
-        return sizes + "!" + std::to_string(dwError);
-      sizes += std::to_string(dwAvailable) + " ";
-      if (pBody)
-        *pBody += part;
-    }
-    return sizes;
-  }
-  DWORD Status() {
-    DWORD dwStatus = 0, dwLength = sizeof dwStatus;
-    HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &dwStatus, &dwLength, nullptr);
-    return dwStatus;
   }
 
   Stages stages;

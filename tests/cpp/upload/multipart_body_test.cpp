@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <regex>
@@ -51,9 +50,6 @@ TEST(MultipartBody, DeclaresTheLengthOfWhatIsSent) {
   TempFile const empty("empty", "");
   UploadJob job;
   DWORD dwFiles = 1;
-  EXPECT_EQ(BodyLength(job, kBoundary, dwFiles), 45U);
-  EXPECT_EQ(dwFiles, 0U);
-
   job.AddField("title", "abc");
   job.AddField("empty", "");
   job.AddFile(L"PIPfile", four.Path().c_str(), L"application/octet-stream");
@@ -65,15 +61,11 @@ TEST(MultipartBody, DeclaresTheLengthOfWhatIsSent) {
   sent += MakeFileHead(kBoundary, job.m_vecFiles[1]) + MakeLineEnd() + MakeClosing(kBoundary);
   EXPECT_EQ(BodyLength(job, kBoundary, dwFiles), sent.size());
   EXPECT_EQ(dwFiles, 4U);
-  EXPECT_EQ(FieldPartLength(kBoundary, "title", "abc"), 96U);
-}
 
-TEST(MultipartBody, CountsAFileThatCantBeOpenedAsTheInvalidSize) {
-  UploadFile const file = {L"n", L"/no/such/file", L"t"};
-  DWORD dwFiles = 10;
-  DWORD const dwHead = static_cast<DWORD>(MakeFileHead(kBoundary, file).size());
-  EXPECT_EQ(FilePartLength(kBoundary, file, dwFiles), dwHead + 0xFFFFFFFF + 2);
-  EXPECT_EQ(dwFiles, 9U);
+  UploadFile const missing = {L"n", L"/no/such/file", L"t"}; // counts as the invalid size
+  DWORD const dwHead = static_cast<DWORD>(MakeFileHead(kBoundary, missing).size());
+  EXPECT_EQ(FilePartLength(kBoundary, missing, dwFiles), dwHead + 0xFFFFFFFF + 2);
+  EXPECT_EQ(dwFiles, 3U);
 }
 
 } // namespace

@@ -3,7 +3,7 @@
 import json
 import unittest
 
-import test_cli  # puts the built tree and the support modules on the path
+import test_cli
 import peer
 import service
 

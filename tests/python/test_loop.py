@@ -2,22 +2,18 @@
 
 import asyncio
 import os
-import pathlib
 import select
 import signal
-import subprocess
-import sys
 import threading
 import time
 import unittest
 from unittest import mock
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
-import service  # noqa: E402
-from publication import Publication  # noqa: E402
+import common
+import service
+from publication import Publication
 
-from skiffhost import loop  # noqa: E402
+from skiffhost import loop
 
 FILES = [__file__] * 13
 NO_SERVICE = "no-host:1"  # no address, so the upload fails at once, with one event
@@ -42,7 +38,7 @@ def let_wait(publications):
         service.wait_until(lambda: len(os.listdir("/proc/self/task")) <= len(threads), "end of the upload's thread")
 
 
-class LoopCase(unittest.TestCase):
+class LoopCase(common.Case):
     """Each test leaves no descriptor."""
 
     def setUp(self):
@@ -175,17 +171,13 @@ class ToolkitsTest(LoopCase):
     def test_none_is_needed_and_the_one_that_is_not_there_is_named(self):
         script = ("import sys; sys.modules.update(dict.fromkeys(('tkinter', 'gi', 'PyQt6', 'rich', 'Skiffport')))\n"
                   "from skiffhost import loop\n"
-                  "for attach, error in ((loop.attach_qt, RuntimeError), (loop.attach_glib, ImportError)):\n"
-                  "    try: attach()\n"
-                  "    except error as raised: print(raised)\n"
-                  "try: loop.attach_tk(None)\n"
-                  "except ImportError as raised: print(raised)\n")
-        done = subprocess.run([sys.executable, "-c", script], env={**os.environ, "PYTHONPATH": os.environ["SKIFFPORT_TREE"]},
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=service.DEADLINE_SECONDS)
-        lines = done.stdout.decode().splitlines()
-        self.assertEqual((done.returncode, len(lines)), (0, 3), lines)
-        for name, line in zip(("Qt", "gi", "tkinter"), lines):
-            self.assertIn(name, line)
+                  "for attach, error, *arguments in ((loop.attach_qt, RuntimeError), (loop.attach_glib, ImportError),\n"
+                  "                                  (loop.attach_tk, ImportError, None)):\n"
+                  "    try: attach(*arguments)\n"
+                  "    except error as raised: print(raised)\n")
+        status, printed = self.run_python(script)
+        self.assertEqual(status, 0, printed)
+        self.assertRegex(printed, r"\A.*Qt.*\n.*gi.*\n.*tkinter.*\n\Z")
 
 
 if __name__ == "__main__":

@@ -61,16 +61,7 @@ def write_preset(folder: pathlib.Path, sizes: Optional[Mapping[str, int]] = None
 
 
 class Standin:
-    """A running stand-in; ``env`` is an environment in which the built tree reaches it and nothing else.
-
-    ``members`` replaces the built-in member; further arguments go to the stand-in's command line.
-    """
-
-    def __init__(self, *arguments: str, members: Optional[Mapping[str, Any]] = None) -> None:
-        self._arguments = arguments
-        self._members = members
-        self.ready: Dict[str, Any] = {}
-        self.env: Dict[str, str] = {}
+    """A running stand-in; ``env`` is an environment in which the built tree reaches it and nothing else."""
 
     def __enter__(self) -> "Standin":
         with contextlib.ExitStack() as stack:
@@ -104,11 +95,7 @@ class Standin:
 
     def _start(self) -> "subprocess.Popen[bytes]":
         command = [STANDIN_PYTHON, "-B", "-m", "kestrelhub_standin", "--until-stdin-closes", "--folder",
-                   str(self.folder), "--cert-folder", str(self.scratch / "certificates"), *self._arguments]
-        if self._members is not None:
-            file = self.scratch / "members.json"
-            file.write_text(json.dumps(self._members), "utf-8")
-            command += ["--members", str(file)]
+                   str(self.folder), "--cert-folder", str(self.scratch / "certificates")]
         return subprocess.Popen(command, env=standin_environment(), stdin=subprocess.PIPE, stdout=subprocess.PIPE)
 
     def _read_ready_line(self) -> None:

@@ -1,16 +1,12 @@
 """The command line, as a process against the stand-in."""
 
-import fcntl
 import hashlib
 import json
 import os
-import pty
 import re
 import signal
-import struct
 import subprocess
 import sys
-import termios
 import unittest
 
 import common
@@ -136,30 +132,9 @@ class PublishTest(CommandLineCase):
         self.assertEqual(len(self.standin.presets()), published)
         service.wait_until(lambda: not list(self.standin.folder.glob(".*")), "removal of what had arrived")
 
-    def test_a_terminal_gets_a_bar_that_finishes(self):
-        controller, terminal = pty.openpty()
-        self.addCleanup(os.close, controller)
-        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 90, 0, 0))
-        process = self.start("publish", service.USER, str(self.preset), *FIELDS, stderr=terminal)
-        os.close(terminal)
-        drawn = b""
-        try:
-            while True:
-                drawn += os.read(controller, 65536)
-        except OSError:  # the terminal's last user has gone
-            pass
-        self.assertTrue(process.stdout.read().startswith("published https://"))
-        text = drawn.decode()
-        self.assertRegex(text, r"(?s)uploading.*\r.*/s, \d+:\d\d left.*\r.*finishing.*100%")
-        self.assertEqual(text.count("\n"), 1)
-
 
 class ProgressTest(unittest.TestCase):
     def test_counts_over_two_gigabytes_are_made_whole(self):
         shown = progress.from_event(70, 1, -1294967296, -2, 120, 2500000, "x")
         self.assertEqual(progress.describe(shown), "3.0 GB of 4.3 GB, 5.0 MB/s, 1:00 left")
         self.assertEqual((shown.percent, shown.finishing), (69, False))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,7 +1,6 @@
 """The command line's requests besides login and upload, as processes against the stand-in and scripted peers."""
 
 import json
-import unittest
 
 import test_cli
 import peer
@@ -63,7 +62,3 @@ class ServiceCommandsTest(test_cli.CommandLineCase):
         with peer.Peer("reply") as silent:
             rule = ["--connect-to", f"{HOST}:80:127.0.0.1:{silent.port}"]
             self.check(["request", HOST, "/", "--port", "80", *rule], 3, errors="the reply is empty")
-
-
-if __name__ == "__main__":
-    unittest.main()

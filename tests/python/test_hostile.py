@@ -1,7 +1,6 @@
 """Uploads to a service that misbehaves, or a line that dies: each has its bounded, clear outcome."""
 
 import time
-import unittest
 
 import common
 from publication import Publication
@@ -64,7 +63,3 @@ class HostileService(common.NetworkCase):
         start = time.monotonic()
         self.assertEqual(self.run_python(script, HOST, *paths), (4, ""))
         self.assertLess(time.monotonic() - start, 15)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,12 +1,10 @@
-"""The message loop: what its functions promise, and its attachment to asyncio. Other toolkits' loops: tests/full."""
+"""The message loop: what its functions promise, and its attachment to asyncio. Whole uploads and other loops: tests/full."""
 
 import asyncio
 import os
 import select
 import signal
 import threading
-import time
-import unittest
 from unittest import mock
 
 import common
@@ -17,9 +15,6 @@ from skiffhost import loop
 
 FILES = [__file__] * 13
 NO_SERVICE = "no-host:1"  # no address, so the upload fails at once, with one event
-WAITING = 80
-EVENT_SECONDS = 0.002
-LONGEST_GAP_SECONDS = 0.05
 
 
 def descriptors():
@@ -67,18 +62,6 @@ class FunctionsTest(LoopCase):
         for publication in publications:
             publication.uploader.SetCallback(None)
 
-    def test_each_thread_has_its_own(self):
-        publication = Publication(NO_SERVICE)
-        let_wait([publication])
-        found = []
-        thread = threading.Thread(target=lambda: found.extend((loop.fileno(), loop.wait(0), loop.pump())))
-        thread.start()
-        thread.join()
-        self.assertNotEqual(found[0], loop.fileno())
-        self.assertEqual(found[1:], [False, 0])
-        self.assertEqual(loop.pump(), 1)
-        publication.uploader.SetCallback(None)
-
     def test_wrong_arguments(self):
         for call in (lambda: loop.pump(0), lambda: loop.wait(-1), lambda: loop.wait(float("nan"))):
             self.assertRaises(ValueError, call)
@@ -118,32 +101,6 @@ class AsyncioTest(LoopCase):
         while not condition():
             await asyncio.sleep(0)
 
-    def test_what_waited_arrives_in_order_between_ticks(self):
-        order, gaps = [], []
-        publications = [Publication(NO_SERVICE) for _ in range(WAITING)]
-        for number, publication in enumerate(publications):
-            publication.uploader.SetCallback(lambda *_, number=number: order.append(number) or busy())
-
-        def busy():
-            deadline = time.thread_time() + EVENT_SECONDS
-            while time.thread_time() < deadline:
-                pass
-
-        async def program():
-            with loop.attach_asyncio():
-                last = time.thread_time()
-                while len(order) < WAITING:
-                    await asyncio.sleep(0.01)
-                    gaps.append(time.thread_time() - last)
-                    last += gaps[-1]
-
-        let_wait(publications)
-        self.run_to_end(program())
-        self.assertEqual(order, list(range(WAITING)))
-        self.assertLess(max(gaps), LONGEST_GAP_SECONDS)
-        for publication in publications:
-            publication.uploader.SetCallback(None)
-
     def test_attachments_share_the_queue_and_keep_it(self):
         async def program():
             first, second = loop.attach_asyncio(asyncio.get_running_loop()), loop.attach_asyncio()
@@ -165,20 +122,3 @@ class AsyncioTest(LoopCase):
         with mock.patch.object(self.running, "add_reader", side_effect=OSError("no more")):
             self.assertRaises(OSError, loop.attach_asyncio, self.running)
         self.assertRaises(RuntimeError, loop.attach_asyncio)
-
-
-class ToolkitsTest(LoopCase):
-    def test_none_is_needed_and_the_one_that_is_not_there_is_named(self):
-        script = ("import sys; sys.modules.update(dict.fromkeys(('tkinter', 'gi', 'PyQt6', 'rich', 'Skiffport')))\n"
-                  "from skiffhost import loop\n"
-                  "for attach, error, *arguments in ((loop.attach_qt, RuntimeError), (loop.attach_glib, ImportError),\n"
-                  "                                  (loop.attach_tk, ImportError, None)):\n"
-                  "    try: attach(*arguments)\n"
-                  "    except error as raised: print(raised)\n")
-        status, printed = self.run_python(script)
-        self.assertEqual(status, 0, printed)
-        self.assertRegex(printed, r"\A.*Qt.*\n.*gi.*\n.*tkinter.*\n\Z")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,7 +1,6 @@
 """Categories, effect lookup, related video and blocking requests: wire, replies, failures."""
 
 import time
-import unittest
 
 import common
 from scripted import DEFAULT, STAGE
@@ -192,7 +191,3 @@ class BlockingRequests(RequestTest):
     def test_staging_hosts_are_told_by_their_name(self):
         self.network.reply(STAGE, "x", tls="expired-wrong-name")
         self.assertEqual(Skiffport.KHConnectUtil().SyncSendHttpRequest(STAGE, 443, "/", "", "")["bSucc"], 1)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -3,7 +3,6 @@
 import os
 import threading
 import time
-import unittest
 
 import common
 import service
@@ -67,15 +66,6 @@ class Discovery(common.NetworkCase):
             data = session()
             data.InitKHServerURL()
             self.assertEqual(data.GetServerUrl(), HOST, options)
-
-    def test_markup_cut_at_any_byte_falls_back(self):
-        document = f"<?xml version='1.0' encoding='Big5'?><INFO><!-- c --><APIUrl a='ä'><![CDATA[{HOST}]]></APIUrl></INFO>"
-        data = session()
-        for cut in range(1, len(document), 12):
-            self.network.reply(DETECT, document[:cut])
-            data.LogoutKestrelhub()
-            data.InitKHServerURL()
-            self.assertEqual(data.GetServerUrl(), STAGE, document[:cut])
 
     def test_a_silent_host_costs_five_and_a_half_seconds_without_the_interpreter_lock(self):
         self.network.play(DETECT, "silent-reply")
@@ -190,7 +180,3 @@ class Login(common.NetworkCase):
                     service.wait_until(opened_pages, "the browser")
                     service.wait_until(lambda: os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOHANG | os.WNOWAIT) is None, "its collection")
                 self.assertEqual(opened_pages(), opened)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -43,7 +43,3 @@ class BodyInPiecesTest(unittest.TestCase):
         ran = subprocess.run([service.STANDIN_PYTHON, "-c", PIECES, BOUNDARY], env=service.standin_environment(),
                              input=BODY.encode(), stderr=subprocess.PIPE)
         self.assertEqual((ran.returncode, ran.stderr.decode()), (0, ""))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -78,7 +78,3 @@ class Trace(common.NetworkCase):
             entries = [journal.recv(4096).decode() for _ in range(2)]
         self.assertIn("MESSAGE=[KHLoginData] TWR versionType = ä\n", entries[1])
         self.assertIn("PROVIDER_GUID={9AD3F8FA-B0D3-45A2-8E95-5D1899E0AD05}\n", entries[1])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -7,7 +7,6 @@ import os
 import pathlib
 import sys
 import threading
-import unittest
 
 import common
 import service
@@ -144,13 +143,6 @@ class Upload(common.StandinCase):
         publication.start(self.preset())
         self.assertEqual(publication.completion()[1], 1)
 
-    def test_delivers_the_services_refusal(self):
-        publication = self.publication(token="stale")
-        publication.start(self.preset())
-        _, accepted, address, error, *_ = publication.completion()
-        self.assertEqual((accepted, address), (0, ""))
-        self.assertNotEqual(error, "")
-
     def test_refuses_an_address_that_cannot_be_used(self):
         for host in ("", None, "h" * 229, f"{self.host}:8443", f"u@{self.host}", "a\r\nb", "no-such-host.invalid"):
             publication = self.publication(host=host)
@@ -238,7 +230,3 @@ class Upload(common.StandinCase):
     def test_the_interpreter_may_exit_during_an_upload(self):
         self.assertEqual(self.run_script("sys.exit(3)\n"), (3, ""))
         self.assertEqual(self.run_script("import builtins; builtins.kept = p\n"), (0, ""))
-
-
-if __name__ == "__main__":
-    unittest.main()

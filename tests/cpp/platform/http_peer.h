@@ -5,7 +5,6 @@
 #include "platform/LastError.h"
 #include "platform/WinInet.h"
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -13,10 +12,10 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 /// Waits for a condition. Returns: false if it did not come about in ten seconds.
 inline bool WaitFor(std::function<bool()> const &condition) {
@@ -77,30 +76,23 @@ struct Handle {
   HINTERNET const h;
 };
 
-/// Remembers the status callbacks of its request, as text: "20 127.0.0.1", "31 57", "40".
+/// Remembers the status callbacks of its request.
 struct Stages {
-  static void Callback(HINTERNET, DWORD_PTR dwContext, DWORD dwStatus, void *pInformation, DWORD dwLength) {
+  static void Callback(HINTERNET, DWORD_PTR dwContext, DWORD dwStatus, void *, DWORD) {
     auto &self = *reinterpret_cast<Stages *>(dwContext);
-    std::string line = std::to_string(dwStatus);
-    if (pInformation && dwLength == sizeof(DWORD))
-      line += ' ' + std::to_string(*static_cast<DWORD *>(pInformation));
-    else if (pInformation)
-      for (WCHAR const c : L' ' + std::wstring(static_cast<WCHAR *>(pInformation), dwLength / sizeof(WCHAR) - 1))
-        line += static_cast<char>(c);
     std::lock_guard<std::mutex> const lock(self.mutex);
-    self.lines.push_back(line);
+    ++self.counts[dwStatus];
     if (self.onStage)
       self.onStage(dwStatus);
   }
   /// How often the status was told.
   int Count(DWORD dwStatus) {
     std::lock_guard<std::mutex> const lock(mutex);
-    return static_cast<int>(std::count_if(lines.begin(), lines.end(),
-                                          [&](std::string const &line) { return std::stoul(line) == dwStatus; }));
+    return counts[dwStatus];
   }
 
   std::mutex mutex;
-  std::vector<std::string> lines;
+  std::map<DWORD, int> counts;
   std::function<void(DWORD)> onStage;
 };
 

@@ -85,39 +85,4 @@ TEST(Http, CertificateFlags) {
   }
 }
 
-TEST(Http, TrustFollowsTheVariableAndTheFile) {
-  Peer peer("reply" + kTls);
-  std::string const roots = Folder() + "/roots.pem";
-  setenv("SSL_CERT_FILE", roots.c_str(), 1);
-  EXPECT_EQ(12045u, Client(443).Send()) << "not there";
-  std::filesystem::copy_file(Folder() + "/ca.pem", roots);
-  EXPECT_EQ(0u, Client(443).Send());
-  std::ofstream(roots) << "nothing";
-  EXPECT_EQ(12045u, Client(443).Send());
-}
-
-TEST(Http, StagesInOrder) {
-  std::vector<std::string> expected{"10 good.test", "11 127.0.0.1", "20 127.0.0.1", "21 127.0.0.1"};
-  {
-    Peer peer("reply --tls expired");
-    Client client(443);
-    EXPECT_EQ(12037u, client.Send());
-    auto refused = expected;
-    refused.insert(refused.end(), {"50", "51"});
-    EXPECT_EQ(refused, client.stages.lines);
-  }
-  Peer peer("keep --body hello" + kTls);
-  Client client(443);
-  EXPECT_EQ(0u, client.Begin(5003));
-  EXPECT_EQ(0u, client.Write("abc"));
-  EXPECT_EQ(0u, client.Write(std::string(5000, 'x')));
-  EXPECT_EQ(0u, client.End());
-  EXPECT_TRUE(InternetCloseHandle(client.request));
-  std::size_t const head = std::string("POST /x HTTP/1.1\r\nHost: good.test\r\nContent-Length: 5003\r\n\r\n").size();
-  std::size_t const reply = std::string("HTTP/1.1 200 Scripted\r\nContent-Length: 5\r\n\r\n").size();
-  expected.insert(expected.end(), {"30", "31 " + std::to_string(head), "30", "31 3", "30", "31 5000"});
-  expected.insert(expected.end(), {"40", "41 " + std::to_string(reply), "50", "51"});
-  EXPECT_EQ(expected, client.stages.lines);
-}
-
 } // namespace

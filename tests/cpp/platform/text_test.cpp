@@ -1,11 +1,10 @@
-// The bounded formatters and the code pages.
+// The code pages.
 #include "platform/CString.h"
 #include "platform/LastError.h"
 #include "platform/Text.h"
 
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <clocale>
 #include <cstdlib>
 #include <filesystem>
@@ -16,28 +15,6 @@
 #include <unistd.h>
 
 namespace {
-
-template <class... Values> std::wstring Format(WCHAR const *wszFormat, Values... values) {
-  WCHAR buffer[64];
-  int const nLength = _snwprintf_s(buffer, std::size(buffer), _TRUNCATE, wszFormat, values...);
-  EXPECT_EQ(nLength, static_cast<int>(std::wcslen(buffer)));
-  return buffer;
-}
-
-TEST(Text, WideFormatsFollowTheNativeConventionAndAreCut) {
-  EXPECT_EQ(Format(L"[%s] %S", L"w\u4E2D", "n\xE4\xB8\xAD"), L"[w\u4E2D] n\u4E2D");
-  EXPECT_EQ(Format(L"%s %S", static_cast<WCHAR *>(nullptr), static_cast<char *>(nullptr)), L"(null) (null)");
-  EXPECT_EQ(Format(L"%d %u %x %c%%", INT_MIN, UINT_MAX, 0xABCU, 0x4E2D), L"-2147483648 4294967295 abc \u4E2D%");
-  EXPECT_EQ(Format(L"%04X%04X|%5s|%-4d|%ld", 0x29U, 0x4823U, L"ab", 3, -5L), L"00294823|   ab|3   |-5");
-  WCHAR const lone[] = {0xD800, 0}; // a unit that is no character passes through
-  EXPECT_EQ(Format(L"%s", lone), lone);
-  WCHAR wide[4];
-  EXPECT_EQ(_snwprintf_s(wide, 4, _TRUNCATE, L"%1000000000d", 1), -1);
-  EXPECT_STREQ(wide, L"   ");
-  char narrow[4];
-  EXPECT_EQ(_snprintf_s(narrow, 4, _TRUNCATE, "%d", 12345), -1);
-  EXPECT_STREQ(narrow, "123");
-}
 
 std::string Narrow(UINT uCodePage, std::wstring const &strText) {
   char buffer[64];

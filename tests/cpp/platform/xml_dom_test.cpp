@@ -116,10 +116,6 @@ TEST(XmlDom, TextAndChildrenLeaveOutWhatIsNoContent) {
     EXPECT_EQ(TextOf(root), wszText) << testing::PrintToString(wszXml);
     EXPECT_EQ(ChildrenOf(root), wszChildren) << testing::PrintToString(wszXml);
   }
-  std::wstring strMany = L"<r>";
-  for (int n = 0; n < 100000; ++n) // a walk that started anew at each step would not come to an end
-    strMany += L"<e/>\n";
-  EXPECT_EQ(ChildrenOf(RootOf(strMany + L"</r>")).size(), 200000U);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "platform/LastError.h"
 #include "platform/TestSeam.h"
 #include "publish/CUploadProgressProxyWindow.h"
+#include "tests/cpp/upload/receiver.h"
 
 #include <gtest/gtest.h>
 
@@ -10,40 +11,6 @@
 #include <thread>
 
 namespace {
-
-// Writes down each call, with its arguments and whether it came on the thread that made the receiver.
-class Receiver : public BackgroundUploadProgress {
-public:
-  std::wstring calls;
-
-  void OnResolvingName(WCHAR const *text) override { Note(L"resolving ", text); }
-  void OnNameResolved(WCHAR const *text) override { Note(L"resolved ", text); }
-  void OnConnectingToServer(WCHAR const *text) override { Note(L"connecting ", text); }
-  void OnConnectedToServer(WCHAR const *text) override { Note(L"connected ", text); }
-  void OnSendingRequest() override { Note(L"sending"); }
-  void OnRequestSent(DWORD bytes) override { Note(L"sent ", std::to_wstring(bytes)); }
-  void OnReceivingResponse() override { Note(L"receiving"); }
-  void OnResponseReceived(DWORD bytes) override { Note(L"received ", std::to_wstring(bytes)); }
-  void OnClosingConnection() override { Note(L"closing"); }
-  void OnConnectionClosed() override { Note(L"closed"); }
-  void OnFileBegin(WCHAR const *path) override { Note(L"begin ", path); }
-  void OnFileProgress(WCHAR const *path, DWORD a, DWORD b, DWORD c, DWORD d, DWORD e, DWORD f, DWORD g) override {
-    std::wstring numbers = path;
-    for (DWORD const number : {a, b, c, d, e, f, g})
-      numbers += L" " + std::to_wstring(number);
-    Note(L"progress ", numbers);
-  }
-  void OnFileComplete(WCHAR const *path, HRESULT hr) override { Note(L"complete ", path + std::to_wstring(hr)); }
-  bool IsCancelled() override { return false; }
-  void OnBackgroundUploadBegin() override { Note(L"upload begin"); }
-  void OnBackgroundUploadComplete(long hr) override { Note(L"upload complete ", std::to_wstring(hr)); }
-
-private:
-  void Note(std::wstring const &call, std::wstring const &argument = L"") {
-    calls += (std::this_thread::get_id() == m_owner ? call + argument : L"on a foreign thread") + L"; ";
-  }
-  std::thread::id m_owner = std::this_thread::get_id();
-};
 
 void MakeEveryCall(BackgroundUploadProgress &progress) {
   WCHAR text[] = L"h";

@@ -92,13 +92,9 @@ TEST_F(TraceTest, DoesNotMixTheLinesOfThreads) {
     for (std::thread &thread : threads)
       thread.join();
   });
-  std::istringstream stream(lines);
-  int nLines = 0;
-  for (std::string line; std::getline(stream, line); ++nLines) {
-    ASSERT_EQ(line.size(), 204U);
-    EXPECT_EQ(line, "[T] " + std::string(200, line[4]));
-  }
-  EXPECT_EQ(nLines, 400);
+  ASSERT_EQ(lines.size(), 400 * 205U);
+  for (std::size_t at = 0; at < lines.size(); at += 205)
+    EXPECT_EQ(lines.substr(at, 205), "[T] " + std::string(200, lines[at + 4]) + "\n");
 }
 
 } // namespace

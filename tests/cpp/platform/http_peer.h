@@ -68,14 +68,6 @@ private:
   int m_port = 0;
 };
 
-struct Handle {
-  Handle(HINTERNET handle) : h(handle) {}
-  ~Handle() { InternetCloseHandle(h); }
-  Handle(Handle const &) = delete;
-  operator HINTERNET() const { return h; }
-  HINTERNET const h;
-};
-
 /// Remembers the status callbacks of its request.
 struct Stages {
   static void Callback(HINTERNET, DWORD_PTR dwContext, DWORD dwStatus, void *, DWORD) {
@@ -112,6 +104,7 @@ struct Client {
         connection(InternetConnectA(session, options.szHost, nPort, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 1)),
         request(HttpOpenRequestA(connection, "POST", "/x", nullptr, nullptr, nullptr, options.dwFlags,
                                  reinterpret_cast<DWORD_PTR>(&stages))) {}
+  ~Client() { InternetCloseHandle(session); } // and what was made of it
 
   static HINTERNET Prepare(Options const &options) {
     HINTERNET const hSession = InternetOpenW(nullptr, 0, nullptr, nullptr, 0);
@@ -143,7 +136,7 @@ struct Client {
   }
 
   Stages stages;
-  Handle session;
-  Handle connection;
-  Handle request;
+  HINTERNET const session;
+  HINTERNET const connection;
+  HINTERNET const request;
 };

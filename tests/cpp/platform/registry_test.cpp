@@ -43,7 +43,6 @@ TEST(Registry, ReadsTheFileInItsForms) {
       {strOn + "\"DumpMsg\"=dword:1\n", 1},
       {strKey + strNoNumbers, -1},
       {"[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright\\Below]\n\"DumpMsg\"=dword:1\n", -1},
-      {"[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\TintwrightX]\n\"DumpMsg\"=dword:1\n", -2},
       {strOn + "\xFF", -2},
       {strWide + "x", -2},
       {strOn + std::string(1024 * 1024, ';'), -2}};

@@ -1,6 +1,5 @@
 // The service exchange and the probe: outcomes that Python can't provoke, and the hand-over of the probe's handles.
 #include "platform/TestSeam.h"
-#include "platform/Threads.h"
 #include "service/ReachabilityProbe.h"
 #include "service/ServiceExchange.h"
 #include "tests/cpp/platform/http_peer.h"
@@ -92,17 +91,6 @@ TEST_F(ProbeTest, TakesAnyAnswerAsReachable) {
     EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
   }
   EXPECT_FALSE(probe.CheckServerReachable(("https://" + std::string(260, 'h')).c_str()));
-}
-
-TEST_F(ProbeTest, EndsACallThatBlocks) {
-  for (char const *szScenario : {"silent-tls", "silent-reply --tls good"}) {
-    Peer const peer(szScenario);
-    auto const start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
-    double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_NEAR(seconds, 5.6, 0.3) << szScenario;
-    EXPECT_FALSE(m_hInternet || m_hConnect);
-  }
 }
 
 } // namespace

@@ -1,14 +1,16 @@
 // A whole transfer against a scripted peer: what goes over the wire, in what chunks, and how it ends when a call fails.
+#include "platform/CodePages.h"
 #include "platform/TestSeam.h"
-#include "platform/Threads.h"
 #include "tests/cpp/platform/http_peer.h"
 #include "tests/cpp/upload/receiver.h"
+#include "upload/MultipartBody.h"
 #include "upload/UploadThread2.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <numeric>
+#include <regex>
 
 namespace {
 
@@ -23,8 +25,11 @@ protected:
   void TearDown() override { SetPlatformTestHooks(nullptr); }
 
   void AddFile(std::string const &name, std::string const &contents) {
-    std::ofstream(Folder() + "/" + name, std::ios::binary) << contents;
-    job.AddFile(L"f", std::filesystem::path(Folder() + "/" + name).wstring().c_str(), L"t");
+    std::string const strPath = Folder() + "/" + name;
+    WCHAR wszPath[_MAX_PATH];
+    MultiByteToWideChar(CP_UTF8, 0, strPath.c_str(), -1, wszPath, _MAX_PATH);
+    std::ofstream(strPath, std::ios::binary) << contents;
+    job.AddFile(L"f", wszPath, L"t");
   }
   HRESULT Post() {
     Uploader uploader(&receiver, &job, &result);
@@ -48,7 +53,7 @@ TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheAnswer) {
   Peer const peer("reply --tls good --status 500 --body '<a/>'");
   job.AddField("title", "abc");
   job.AddField("empty", "");
-  AddFile("one", "abcd");
+  AddFile("\xC3\xA4\"", "abcd");
   AddFile("none", "");
   EXPECT_EQ(Post(), S_OK);
   EXPECT_EQ(result.m_nHttpStatus, 500);
@@ -64,7 +69,7 @@ TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheAnswer) {
   std::string const file = "Content-Disposition: form-data; name=\"f\"; filename=\"" + Folder();
   std::string const body = dash + "\r\nContent-Disposition: form-data; name=\"empty\"\r\n\r\n\r\n" + dash +
                            "\r\nContent-Disposition: form-data; name=\"title\"\r\n\r\nabc\r\n" + dash + "\r\n" + file +
-                           "/one\"\r\nContent-Type: t\r\n\r\nabcd\r\n" + dash + "\r\n" + file +
+                           "/\xC3\xA4\"\"\r\nContent-Type: t\r\n\r\nabcd\r\n" + dash + "\r\n" + file +
                            "/none\"\r\nContent-Type: t\r\n\r\n\r\n" + dash + "--\r\n";
   EXPECT_EQ(sent,
             "POST /servlet/uploadTemplate HTTP/1.1\r\nHost: good.test\r\nContent-Type: multipart/form-data; boundary=" +
@@ -115,7 +120,6 @@ TEST_F(UploaderTest, EndsAtTheCallThatFails) {
       {"HttpAddRequestHeadersA", 1, ""},
       {"HttpSendRequestExW", 1, ""},
       {"InternetWriteFile", 1, ""},
-      {"InternetWriteFile", 2, ""},
       {"InternetWriteFile", 3, ""},
       {"InternetWriteFile", 4, ""},
       {"CreateFileW", 3, ""}, // behind the two of the length pass
@@ -190,6 +194,21 @@ TEST(UploadThread, WithoutAThreadNothingStarts) {
   EXPECT_EQ(thread.m_uThreadId, 0U);
   EXPECT_EQ(thread.Wait(), 0xFFFFFFFF) << "without a handle";
   SetPlatformTestHooks(nullptr);
+}
+
+TEST(MultipartBody, MakesABoundaryOfItsOwnForEachRequest) {
+  std::regex const form("-{27}[0-9A-F]{12}");
+  std::string const first = MakeBoundary();
+  EXPECT_TRUE(std::regex_match(first, form)) << first;
+  EXPECT_NE(MakeBoundary(), first);
+}
+
+TEST(MultipartBody, CountsAFileThatCantBeOpenedAsTheInvalidSize) {
+  UploadFile const file = {L"n", L"/no/such/file", L"t"};
+  DWORD dwFiles = 10;
+  DWORD const dwHead = static_cast<DWORD>(MakeFileHead("b", file).size());
+  EXPECT_EQ(FilePartLength("b", file, dwFiles), dwHead + 0xFFFFFFFF + 2);
+  EXPECT_EQ(dwFiles, 9U);
 }
 
 } // namespace

@@ -1,7 +1,6 @@
 // The code pages.
 #include "platform/CString.h"
-#include "platform/LastError.h"
-#include "platform/Text.h"
+#include "platform/CodePages.h"
 
 #include <gtest/gtest.h>
 

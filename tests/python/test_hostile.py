@@ -50,11 +50,6 @@ class HostileService(common.NetworkCase):
         self.network.lead(f"{HOST}:443:127.0.0.1:1")
         self.assertEqual(self.outcome(paths), (0, "", ""))
 
-    def test_a_refusal_that_closes_at_once_comes_through_unless_the_reset_wins(self):
-        paths = self.preset({"effect": 30_000_000})
-        self.network.play(HOST, "early-close", "--body", REFUSAL, "--status", "413", "--after", "100")
-        self.assertIn(self.outcome(paths), {(0, "", "Too large."), (0, "", "")})
-
     def test_exit_and_deletion_do_not_wait_for_a_stalled_line_without_bound(self):
         self.network.play(HOST, "stall")
         script = ("import sys\nfrom publication import Publication\np = Publication(sys.argv[1])\n"

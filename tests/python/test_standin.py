@@ -1,9 +1,8 @@
 """The stand-in's upload: boundaries that arrive in pieces."""
 
 import subprocess
-import unittest
 
-import common  # noqa: F401  puts the support modules on the path
+import common
 import service
 
 BOUNDARY = "-" * 27 + "0041FA2B7B3C"
@@ -37,7 +36,7 @@ for piece in range(1, 80):
 """
 
 
-class BodyInPiecesTest(unittest.TestCase):
+class BodyInPiecesTest(common.Case):
     def test_a_boundary_may_arrive_in_any_pieces(self):
         """Fed to the parser directly, since pieces on a wire arrive joined."""
         ran = subprocess.run([service.STANDIN_PYTHON, "-c", PIECES, BOUNDARY], env=service.standin_environment(),

@@ -27,9 +27,6 @@ HOST_NAME = "good.test"
 CERTIFICATES = ("good", "expired", "wrong-name", "expired-wrong-name", "unknown-issuer")
 
 
-# --- Certificates
-
-
 def make_certificates(folder: str) -> None:
     """Writes ca.pem and, for each kind of certificate, KIND.pem (chain and key) into the folder."""
     import trustme
@@ -47,9 +44,6 @@ def make_certificates(folder: str) -> None:
     for kind, certificate in certificates.items():
         certificate.private_key_and_cert_chain_pem.write_to_path(os.path.join(folder, kind + ".pem"))
     authority.cert_pem.write_to_path(os.path.join(folder, "ca.pem"))
-
-
-# --- One connection
 
 
 class Exchange:
@@ -179,7 +173,6 @@ SCENARIOS = {
     "pieces": (Exchange.read_request, Exchange.send_half, Exchange.pause, Exchange.send_rest),
     "trickle": (Exchange.read_request, Exchange.send_slowly),
     "interim": (Exchange.read_request, Exchange.send_interim, Exchange.send_reply),
-    "early-close": (Exchange.read_some, Exchange.send_reply),
     "early-keep": (Exchange.read_some, Exchange.send_reply, Exchange.drain),
     "early-hold": (Exchange.read_some, Exchange.send_reply, Exchange.hold),
     "reset-send": (Exchange.read_some, Exchange.reset),
@@ -194,9 +187,6 @@ SCENARIOS = {
     "flood-headers": (Exchange.read_request, Exchange.flood_headers),
     "flood-body": (Exchange.read_request, Exchange.flood_body),
 }
-
-
-# --- The program
 
 
 def play(

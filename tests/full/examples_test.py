@@ -4,10 +4,10 @@ import pathlib
 import signal
 import subprocess
 import sys
-import tempfile
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "python"))
+import common  # noqa: E402
 import service  # noqa: E402
 
 EXAMPLES = service.REPOSITORY / "examples"
@@ -21,14 +21,10 @@ make_screenshots.main(sys.argv[-1])
 """
 
 
-class ExamplesTest(unittest.TestCase):
+class ExamplesTest(common.StandinCase):
     @classmethod
     def setUpClass(cls):
-        cls.standin = service.Standin().__enter__()
-        cls.addClassCleanup(cls.standin.__exit__, None, None, None)
-        scratch = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(scratch.cleanup)
-        cls.scratch = pathlib.Path(scratch.name)
+        super().setUpClass()
         cls.env = {**cls.standin.env, "SKIFFHOST_USER": service.USER, "SKIFFHOST_PASSWORD": service.PASSWORD}
 
     def start(self, folder, title):

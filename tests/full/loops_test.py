@@ -1,7 +1,6 @@
 """Uploads in a real event loop: ``loops_test.py LOOP [TEST]...``, where LOOP is a name in LOOPS. One loop a process.
 
-Each test runs the loop with a timer of 10 ms of its own, and checks that the uploads' events do not keep it waiting. What
-was measured is printed.
+Each test runs the loop with a timer of 10 ms of its own, and leaves no descriptor behind. What was measured is printed.
 """
 
 import asyncio
@@ -14,14 +13,13 @@ import os
 import pathlib
 import signal
 import sys
-import tempfile
 import threading
 import time
 import unittest
 from unittest import mock
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "python"))
+import common  # noqa: E402
 import service  # noqa: E402
 from publication import Publication  # noqa: E402
 
@@ -40,23 +38,20 @@ def print_error(error):
     print(repr(error), file=sys.stderr)
 
 
+# Each loop has ``attach``, ``run_inside``, which is what an event does that runs the loop itself, if it can, and ``run``,
+# which runs the loop and calls ``tick`` every 10 ms, until it returns something true.
+
+
 class AsyncioLoop:
     def __init__(self):
         self._loop = asyncio.new_event_loop()
         self._loop.set_exception_handler(lambda _loop, context: print_error(context["exception"]))
-
-    def attach(self):
-        return loop.attach_asyncio(self._loop)
+        self.attach = functools.partial(loop.attach_asyncio, self._loop)
 
     def run_inside(self):
-        """What an event does that runs the loop itself, if it can."""
-
-    def end(self):
-        self._loop.close()
+        pass
 
     def run(self, tick):
-        """Runs the loop and calls ``tick`` every 10 ms, until it returns something true."""
-
         async def ticking():
             while not tick():
                 await asyncio.sleep(TICK_MILLISECONDS / 1000)
@@ -67,19 +62,8 @@ class AsyncioLoop:
 class QtLoop:
     def __init__(self, binding):
         self._core = importlib.import_module(binding + ".QtCore")
-        widgets = importlib.import_module(binding + ".QtWidgets")
-        self._application = widgets.QApplication([])
-        dispatcher = self._core.QAbstractEventDispatcher.instance()
-        print(binding, "on", dispatcher.metaObject().className(), file=sys.stderr)
-
-    def attach(self):
-        return loop.attach_qt()
-
-    def run_inside(self):
-        self._application.processEvents()
-
-    def end(self):
-        self._application = None
+        self._application = importlib.import_module(binding + ".QtWidgets").QApplication([])
+        self.attach, self.run_inside = loop.attach_qt, self._application.processEvents
 
     def run(self, tick):
         timer = self._core.QTimer()
@@ -95,17 +79,12 @@ class GLibLoop:
         from gi.repository import GLib
         self._glib = GLib
         self._context = GLib.MainContext() if own_context else None
-
-    def attach(self):
-        return loop.attach_glib(self._context)
+        self.attach = functools.partial(loop.attach_glib, self._context)
 
     def run_inside(self):
         context = self._context or self._glib.MainContext.default()
         while context.pending():
             context.iteration(False)
-
-    def end(self):
-        self._context = None
 
     def run(self, tick):
         main_loop = self._glib.MainLoop(self._context)
@@ -120,16 +99,7 @@ class TkLoop:
     def __init__(self):
         import tkinter
         self._root = tkinter.Tk()
-        self._label = tkinter.Label(self._root)
-
-    def attach(self):
-        return loop.attach_tk(self._label)
-
-    def run_inside(self):
-        self._root.update()
-
-    def end(self):
-        self._root.destroy()
+        self.attach, self.run_inside = functools.partial(loop.attach_tk, tkinter.Label(self._root)), self._root.update
 
     def run(self, tick):
         def again():
@@ -152,7 +122,6 @@ LOOPS = {
     "asyncio": AsyncioLoop,
     "PyQt6": functools.partial(QtLoop, "PyQt6"),
     "PyQt5": functools.partial(QtLoop, "PyQt5"),
-    "PySide6": functools.partial(QtLoop, "PySide6"),
     "PySide2": functools.partial(QtLoop, "PySide2"),
     "GLib": GLibLoop,
     "GLib-context": functools.partial(GLibLoop, True),
@@ -161,37 +130,18 @@ LOOPS = {
 
 
 class Recorded(Publication):
-    """A publication that notes the threads of its events, and does some work in each."""
+    """A publication that does some work in each event."""
 
-    def __init__(self, *arguments, work=lambda: None):
-        super().__init__(*arguments)
-        self.threads = set()
-        self._work = work
+    work = staticmethod(lambda: None)
 
     def on_event(self, *arguments):
+        assert threading.current_thread() is threading.main_thread()  # a lost event fails the test
         super().on_event(*arguments)
-        self.threads.add(threading.get_ident())
-        self._work()
+        self.work()
 
     @property
     def complete(self):
         return bool(self.events) and self.events[-1][0] == "UploadComplete"
-
-
-class Gaps:
-    """The longest times between two ticks, by the clock and by this thread's use of the processor."""
-
-    def __init__(self):
-        self.ticks, self.wall, self.processor = 0, 0.0, 0.0
-        self._last = None
-
-    def tick(self):
-        now = time.monotonic(), time.thread_time()
-        if self._last:
-            self.wall = max(self.wall, now[0] - self._last[0])
-            self.processor = max(self.processor, now[1] - self._last[1])
-        self._last = now
-        self.ticks += 1
 
 
 def busy_work():
@@ -208,98 +158,84 @@ def count_threads():
     return len(os.listdir("/proc/self/task"))
 
 
-class LoopTest(unittest.TestCase):
+class LoopTest(common.StandinCase):
     @classmethod
     def setUpClass(cls):
-        cls.standin = service.Standin().__enter__()
-        cls.addClassCleanup(cls.standin.__exit__, None, None, None)
-        patch = mock.patch.dict(os.environ, cls.standin.env)
-        patch.start()
-        cls.addClassCleanup(patch.stop)
+        super().setUpClass()
         session = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
         assert session.LoginKestrelhub(service.USER, service.PASSWORD) == 1
         cls.session = session.GetServerUrl(), session.GetLoginTokenID()
-        scratch = tempfile.TemporaryDirectory()
-        cls.addClassCleanup(scratch.cleanup)
-        cls.small = cls.preset(pathlib.Path(scratch.name, "small"))
-        cls.large = cls.preset(pathlib.Path(scratch.name, "large"), {"effect": 40_000_000, "cover_before": 8_000_000})
         running.run(lambda: True)  # so that what the loop opens for itself is open
 
-    @staticmethod
-    def preset(folder, sizes=None):
-        service.write_preset(folder, sizes)
-        return [str(folder / f"{name}.bin") for name in service.FILES]
-
     def setUp(self):
-        self.before = descriptors()
-        self.threads = count_threads()
+        self.small = self.preset()
+        self.before, self.threads = descriptors(), count_threads()
+
+    def tearDown(self):
+        self.assertEqual(descriptors(), self.before)
 
     def wait_for_uploads(self):
         """Waits, without the loop, until all uploads have ended: their events wait then."""
         service.wait_until(lambda: count_threads() <= self.threads, "end of the uploads' threads")
 
     def run_until(self, condition, what):
-        """Runs the loop until the condition holds. Returns the gaps between its ticks."""
-        gaps = Gaps()
+        """Runs the loop until the condition holds. Returns the time, and that of the processor for this thread, at each tick."""
+        times = []
         deadline = time.monotonic() + service.DEADLINE_SECONDS
 
         def tick():
-            gaps.tick()
-            return condition() or time.monotonic() > deadline
+            times.append((time.monotonic(), time.thread_time()))
+            return condition() or times[-1][0] > deadline
 
         running.run(tick)
         self.assertTrue(condition(), what)
-        return gaps
+        return times
 
-    def check_gaps(self, gaps, what):
-        print(f"{LOOP}: {what}: worst gap of a {TICK_MILLISECONDS} ms timer {gaps.wall * 1000:.1f} ms, of which "
-              f"{gaps.processor * 1000:.1f} ms were this thread's work", file=sys.stderr)
-        self.assertLess(gaps.processor, LONGEST_GAP_SECONDS)
+    def check_gaps(self, times, what):
+        wall, processor = (max(later[n] - earlier[n] for earlier, later in zip(times, times[1:])) for n in range(2))
+        print(f"{LOOP}: {what}: worst gap of a {TICK_MILLISECONDS} ms timer {wall * 1000:.1f} ms, of which "
+              f"{processor * 1000:.1f} ms were this thread's work", file=sys.stderr)
+        self.assertLess(processor, LONGEST_GAP_SECONDS)
 
     def check_events(self, publication):
-        """All on this thread, numbers that only grow, one completion, which is accepted and comes last."""
-        self.assertEqual(publication.threads, {threading.get_ident()})
+        """Numbers that only grow, one completion, which is accepted and comes last. Ends the publication."""
         *progress, completion = publication.events
         self.assertEqual({event[0] for event in progress}, {"ProgressChanged"})
         sent = [event[3] for event in progress]
         self.assertEqual(sent, sorted(sent))
         self.assertEqual(sent[-1], progress[-1][4])
         self.assertEqual((completion[0], completion[2], completion[4]), ("UploadComplete", 1, ""))
+        publication.uploader = None
 
     def test_a_whole_upload_arrives_while_the_timer_goes_on(self):
         with running.attach():
             publication = Recorded(*self.session)
-            self.assertNotEqual(publication.start(self.large), 0)
-            gaps = self.run_until(lambda: publication.complete, "an upload")
-            self.check_gaps(gaps, "an upload of 48 MB")
-            self.assertGreater(gaps.ticks, 20)
+            self.assertNotEqual(publication.start(self.preset({"effect": 40_000_000, "cover_before": 8_000_000})), 0)
+            times = self.run_until(lambda: publication.complete, "an upload")
+            self.check_gaps(times, "an upload of 48 MB")
+            self.assertGreater(len(times), 20)
             self.check_events(publication)
             self.assertIn(publication.events[-1][3], [record["address"] for record in self.standin.presets()])
-            publication.uploader.SetCallback(None)
-            publication = None
-        self.assertEqual(descriptors(), self.before)
 
     def flood(self, work):
-        """Lets the commands of many uploads wait, then attaches. Returns how many there were, and the gaps meanwhile."""
-        publications = [Recorded(*self.session, work=work) for _ in range(WAITING_UPLOADS)]
+        """Lets the commands of many uploads wait, then attaches. Returns how many there were, and the times of the ticks."""
+        publications = [Recorded(*self.session) for _ in range(WAITING_UPLOADS)]
         for publication in publications:
+            publication.work = work
             self.assertNotEqual(publication.start(self.small), 0)
         self.wait_for_uploads()
         ran = []
         with mock.patch.object(loop, "pump", lambda limit, pump=loop.pump: ran.append(pump(limit)) or ran[-1]):
             with running.attach():
-                gaps = self.run_until(lambda: all(publication.complete for publication in publications), "all uploads")
+                times = self.run_until(lambda: all(publication.complete for publication in publications), "all uploads")
                 for publication in publications:
                     self.check_events(publication)
-                    publication.uploader.SetCallback(None)
-                publication = publications = None
-        self.assertEqual(descriptors(), self.before)
         self.assertGreater(sum(ran), WAITING_COMMANDS)
-        return sum(ran), gaps
+        return sum(ran), times
 
     def test_what_waited_arrives_in_slices(self):
-        count, gaps = self.flood(busy_work)
-        self.check_gaps(gaps, f"{count} commands that waited")
+        count, times = self.flood(busy_work)
+        self.check_gaps(times, f"{count} commands that waited")
 
     def test_an_event_may_run_the_loop_itself(self):
         depths = [0]
@@ -313,35 +249,20 @@ class LoopTest(unittest.TestCase):
         self.assertEqual(depths[-1], 0)
         self.assertLess(max(depths), 20)
 
-    def test_ends_when_told_from_an_event_and_beside_another(self):
-        attachments = [running.attach(), running.attach()]
+    def test_an_event_that_detaches_is_the_last(self):
         publications = [Publication(NO_SERVICE) for _ in range(2)]
         events = []
-
-        def on_event(*_):
-            events.append(_)
-            attachments[0].detach()
-
-        def start(*numbers):
-            for number in numbers:
-                publications[number].uploader.SetCallback(on_event)
-                publications[number].start(self.small)
-            self.wait_for_uploads()
-
-        start(0)
-        self.run_until(lambda: len(events) == 1, "an event that detaches")
-        start(1)
-        self.run_until(lambda: len(events) == 2, "an event for the other attachment")
-        attachments.pop(0)
-        start(0, 1)
-        ticks = []
-        running.run(lambda: ticks.append(1) or len(ticks) >= 10)
-        self.assertEqual(len(events), 3, "the event that detaches is the last")
+        attachment = running.attach()
         for publication in publications:
-            publication.uploader.SetCallback(None)
-        publication = publications = None
-        attachments[0].detach()
-        self.assertEqual(descriptors(), self.before)
+            publication.uploader.SetCallback(lambda *event: events.append(event) or attachment.detach())
+            publication.start(self.small)
+        self.wait_for_uploads()
+        ticks = []
+        running.run(lambda: ticks.append(1) or len(ticks) >= 20)
+        self.assertEqual(len(events), 1)
+        for publication in publications:
+            publication.uploader = None
+        self.assertTrue(loop.release())
 
     def test_goes_on_when_a_signal_handler_raises(self):
         def handle(*_):
@@ -349,29 +270,15 @@ class LoopTest(unittest.TestCase):
 
         self.addCleanup(signal.signal, signal.SIGUSR1, signal.signal(signal.SIGUSR1, handle))
         raise_signal = functools.partial(ctypes.CDLL(None)["raise"], int(signal.SIGUSR1))  # runs no Python code
-        publication = Publication(NO_SERVICE)
         with running.attach(), contextlib.redirect_stderr(io.StringIO()) as stderr:
+            publication = Publication(NO_SERVICE)
             publication.uploader.SetCallback(raise_signal)
             publication.start(self.small)
             self.run_until(lambda: "from the handler" in stderr.getvalue(), "a signal during an event")
             publication.uploader.SetCallback(publication.on_event)
             publication.start(self.small)
             self.run_until(lambda: publication.events, "the next event")
-            publication.uploader.SetCallback(None)
-            publication = None
-        self.assertEqual(descriptors(), self.before)
-
-
-class TheLoopsEnd(unittest.TestCase):
-    """Comes last, by its name."""
-
-    def test_detaches_from_a_loop_that_has_gone(self):
-        attachment = running.attach()
-        running.end()
-        with_attachment = descriptors()
-        attachment.detach()
-        self.assertEqual(len(descriptors()), len(with_attachment) - 2)
-        self.assertTrue(loop.release())
+            publication.uploader = None
 
 
 if __name__ == "__main__":

@@ -1,9 +1,8 @@
 """The command line's requests besides login and upload, as processes against the stand-in and scripted peers."""
 
 import json
-import unittest
 
-import test_cli  # puts the built tree and the support modules on the path
+import test_cli
 import peer
 import service
 
@@ -60,10 +59,3 @@ class ServiceCommandsTest(test_cli.CommandLineCase):
         reply = self.check(["request", HOST, "/servlet/memLogin", "--form", "--params", "pwd=x", "--json"], 0, "{")
         self.assertIn("The login form is damaged.", json.loads(reply)["data"])
         self.check(["request", "no-host.invalid", "/"], 3, errors="name could not be found")
-        with peer.Peer("reply") as silent:
-            rule = ["--connect-to", f"{HOST}:80:127.0.0.1:{silent.port}"]
-            self.check(["request", HOST, "/", "--port", "80", *rule], 3, errors="the reply is empty")
-
-
-if __name__ == "__main__":
-    unittest.main()

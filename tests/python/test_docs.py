@@ -5,15 +5,13 @@ SKIFFPORT_TOOLKITS is set.
 """
 
 import os
-import pathlib
 import re
 import subprocess
 import sys
-import tempfile
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-import service  # noqa: E402
+import common
+import service
 
 PAGES = [service.REPOSITORY / "README.md", *sorted((service.REPOSITORY / "docs").glob("*.md"))]
 SNIPPET = re.compile(r"^```python *(\w*)\n(.*?)^```", re.MULTILINE | re.DOTALL)
@@ -27,22 +25,21 @@ def scripts(page):
             yield part.split("\n", 1)[0], snippets[0][0], "\n".join(code for _, code in snippets)
 
 
-class Docs(unittest.TestCase):
+class Docs(common.StandinCase):
     def test_snippets_run(self):
-        with service.Standin() as standin, tempfile.TemporaryDirectory() as folder:
-            service.write_preset(pathlib.Path(folder, "preset"))
-            env = {**standin.env, "SKIFFHOST_USER": service.USER, "SKIFFHOST_PASSWORD": service.PASSWORD}
-            count = 0
-            for page in PAGES:
-                for heading, toolkit, script in scripts(page):
-                    if toolkit and "SKIFFPORT_TOOLKITS" not in os.environ:
-                        continue
-                    with self.subTest(f"{page.name}: {heading}"):
-                        done = subprocess.run([sys.executable, "-B", "-c", script, "preset/effect.bin"], cwd=folder, env=env,
-                                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
-                        self.assertEqual(done.returncode, 0, done.stdout.decode())
-                        count += 1
-            self.assertGreaterEqual(count, 4)
+        service.write_preset(self.scratch / "preset")
+        env = {**self.standin.env, "SKIFFHOST_USER": service.USER, "SKIFFHOST_PASSWORD": service.PASSWORD}
+        count = 0
+        for page in PAGES:
+            for heading, toolkit, script in scripts(page):
+                if toolkit and "SKIFFPORT_TOOLKITS" not in os.environ:
+                    continue
+                with self.subTest(f"{page.name}: {heading}"):
+                    done = subprocess.run([sys.executable, "-B", "-c", script, "preset/effect.bin"], cwd=self.scratch, env=env,
+                                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
+                    self.assertEqual(done.returncode, 0, done.stdout.decode())
+                    count += 1
+        self.assertGreaterEqual(count, 4)
 
 
 if __name__ == "__main__":

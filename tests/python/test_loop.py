@@ -1,29 +1,20 @@
-"""The message loop: what its functions promise, and its attachment to asyncio. Other toolkits' loops: tests/full."""
+"""The message loop: what its functions promise, and its attachment to asyncio. Whole uploads and other loops: tests/full."""
 
 import asyncio
 import os
-import pathlib
 import select
 import signal
-import subprocess
-import sys
 import threading
-import time
-import unittest
 from unittest import mock
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
-import service  # noqa: E402
-from publication import Publication  # noqa: E402
+import common
+import service
+from publication import Publication
 
-from skiffhost import loop  # noqa: E402
+from skiffhost import loop
 
 FILES = [__file__] * 13
 NO_SERVICE = "no-host:1"  # no address, so the upload fails at once, with one event
-WAITING = 80
-EVENT_SECONDS = 0.002
-LONGEST_GAP_SECONDS = 0.05
 
 
 def descriptors():
@@ -42,7 +33,7 @@ def let_wait(publications):
         service.wait_until(lambda: len(os.listdir("/proc/self/task")) <= len(threads), "end of the upload's thread")
 
 
-class LoopCase(unittest.TestCase):
+class LoopCase(common.Case):
     """Each test leaves no descriptor."""
 
     def setUp(self):
@@ -70,18 +61,6 @@ class FunctionsTest(LoopCase):
         self.assertEqual([len(publication.events) for publication in publications], [1, 1, 1])
         for publication in publications:
             publication.uploader.SetCallback(None)
-
-    def test_each_thread_has_its_own(self):
-        publication = Publication(NO_SERVICE)
-        let_wait([publication])
-        found = []
-        thread = threading.Thread(target=lambda: found.extend((loop.fileno(), loop.wait(0), loop.pump())))
-        thread.start()
-        thread.join()
-        self.assertNotEqual(found[0], loop.fileno())
-        self.assertEqual(found[1:], [False, 0])
-        self.assertEqual(loop.pump(), 1)
-        publication.uploader.SetCallback(None)
 
     def test_wrong_arguments(self):
         for call in (lambda: loop.pump(0), lambda: loop.wait(-1), lambda: loop.wait(float("nan"))):
@@ -122,32 +101,6 @@ class AsyncioTest(LoopCase):
         while not condition():
             await asyncio.sleep(0)
 
-    def test_what_waited_arrives_in_order_between_ticks(self):
-        order, gaps = [], []
-        publications = [Publication(NO_SERVICE) for _ in range(WAITING)]
-        for number, publication in enumerate(publications):
-            publication.uploader.SetCallback(lambda *_, number=number: order.append(number) or busy())
-
-        def busy():
-            deadline = time.thread_time() + EVENT_SECONDS
-            while time.thread_time() < deadline:
-                pass
-
-        async def program():
-            with loop.attach_asyncio():
-                last = time.thread_time()
-                while len(order) < WAITING:
-                    await asyncio.sleep(0.01)
-                    gaps.append(time.thread_time() - last)
-                    last += gaps[-1]
-
-        let_wait(publications)
-        self.run_to_end(program())
-        self.assertEqual(order, list(range(WAITING)))
-        self.assertLess(max(gaps), LONGEST_GAP_SECONDS)
-        for publication in publications:
-            publication.uploader.SetCallback(None)
-
     def test_attachments_share_the_queue_and_keep_it(self):
         async def program():
             first, second = loop.attach_asyncio(asyncio.get_running_loop()), loop.attach_asyncio()
@@ -169,24 +122,3 @@ class AsyncioTest(LoopCase):
         with mock.patch.object(self.running, "add_reader", side_effect=OSError("no more")):
             self.assertRaises(OSError, loop.attach_asyncio, self.running)
         self.assertRaises(RuntimeError, loop.attach_asyncio)
-
-
-class ToolkitsTest(LoopCase):
-    def test_none_is_needed_and_the_one_that_is_not_there_is_named(self):
-        script = ("import sys; sys.modules.update(dict.fromkeys(('tkinter', 'gi', 'PyQt6', 'rich', 'Skiffport')))\n"
-                  "from skiffhost import loop\n"
-                  "for attach, error in ((loop.attach_qt, RuntimeError), (loop.attach_glib, ImportError)):\n"
-                  "    try: attach()\n"
-                  "    except error as raised: print(raised)\n"
-                  "try: loop.attach_tk(None)\n"
-                  "except ImportError as raised: print(raised)\n")
-        done = subprocess.run([sys.executable, "-c", script], env={**os.environ, "PYTHONPATH": os.environ["SKIFFPORT_TREE"]},
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=service.DEADLINE_SECONDS)
-        lines = done.stdout.decode().splitlines()
-        self.assertEqual((done.returncode, len(lines)), (0, 3), lines)
-        for name, line in zip(("Qt", "gi", "tkinter"), lines):
-            self.assertIn(name, line)
-
-
-if __name__ == "__main__":
-    unittest.main()

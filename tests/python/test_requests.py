@@ -1,17 +1,11 @@
 """Categories, effect lookup, related video and blocking requests: wire, replies, failures."""
 
-import os
-import pathlib
-import sys
 import time
-import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
-import service  # noqa: E402
-from scripted import DEFAULT, DETECT, STAGE, Network  # noqa: E402
+import common
+from scripted import DEFAULT, STAGE
 
-import Skiffport  # noqa: E402
+import Skiffport
 
 HOST = "good.test"
 AGENT = "User-Agent: DummyAppNameForMFCClass\r\nContent-Length: 0\r\n\r\n"
@@ -21,11 +15,9 @@ def post(target, rest=AGENT, host=HOST):
     return f"POST {target} HTTP/1.1\r\nHost: {host}\r\n{rest}".encode()
 
 
-class RequestTest(unittest.TestCase):
+class RequestTest(common.NetworkCase):
     def setUp(self):
-        self.network = Network()
-        self.network.__enter__()
-        self.addCleanup(self.network.__exit__)
+        super().setUp()
         self.data = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
         self.data.SetKHURLAsReg(HOST)
 
@@ -106,8 +98,8 @@ class RelatedVideo(RequestTest):
 
     def test_tells_the_service_in_two_exchanges(self):
         self.log_in()
-        for scenario in ("reply", "pieces", "trickle"):  # pieces are put together here
-            peer = self.plain(self.ID, "--pause", "0.01" if scenario == "trickle" else "0.2", scenario=scenario)
+        for scenario in ("reply", "pieces"):  # pieces are put together here
+            peer = self.plain(self.ID, scenario=scenario)
             self.assertEqual(self.data.SetRelateVideo("https://v?a=1&b=2", "w", "x=y"), "https://h/%41", scenario)
             self.assertEqual(peer.received(), post(
                 "/servlet/setRelateVideo?tokenid=tok&AP=TWR&Version=10.5&versionType=retail&uuid=uuid-1") + post(
@@ -197,20 +189,5 @@ class BlockingRequests(RequestTest):
         self.assertTrue(4.9 < time.monotonic() - start < 6, time.monotonic() - start)
 
     def test_staging_hosts_are_told_by_their_name(self):
-        self.network.reply("stage.kestrelhub.example", "x", tls="expired-wrong-name")
+        self.network.reply(STAGE, "x", tls="expired-wrong-name")
         self.assertEqual(Skiffport.KHConnectUtil().SyncSendHttpRequest(STAGE, 443, "/", "", "")["bSucc"], 1)
-
-
-class Standin(RequestTest):
-    def test_every_request_runs_against_the_standin(self):
-        self.network.standin()
-        data = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
-        self.assertEqual(data.LoginKestrelhub(service.USER, service.PASSWORD), 1)
-        self.assertEqual(data.GetPresetCategory("de")["5"], "Schwarzweiß")
-        self.assertEqual(data.GetEffectByGUID("unknown"), "")
-        self.assertTrue(data.SetRelateVideo("https://v", "w", "a=b").startswith("https://"))
-        self.assertEqual(Skiffport.KHConnectUtil().SyncSendHttpRequest(DETECT, 443, "/", "", "")["bSucc"], 1)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,18 +1,14 @@
 """Address discovery, login and logout: what goes over the wire, what comes back, and what a failure leaves."""
 
 import os
-import pathlib
-import sys
 import threading
 import time
-import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
-import service  # noqa: E402
-from scripted import DEFAULT, DETECT, STAGE, Network, browser  # noqa: E402
+import common
+import service
+from scripted import DEFAULT, DETECT, STAGE, browser
 
-import Skiffport  # noqa: E402
+import Skiffport
 
 HOST = "good.test"  # a host without "stage" in its name, for the exchanges that a test scripts
 PAGES = ("<SignUp>/su?a=%41+b</SignUp><ForgetPassword>/fp?x</ForgetPassword><VideoGallery>/vg</VideoGallery>"
@@ -23,14 +19,7 @@ def session(version_type="retail"):
     return Skiffport.KHLoginData("10.5", version_type, "uuid-1")
 
 
-class ServiceTest(unittest.TestCase):
-    def setUp(self):
-        self.network = Network()
-        self.network.__enter__()
-        self.addCleanup(self.network.__exit__)
-
-
-class Discovery(ServiceTest):
+class Discovery(common.NetworkCase):
     def test_asks_once_and_hands_out_the_pages(self):
         for version_type, query in (("retail", "&versionType=retail"), ("", "")):
             peer = self.network.reply(DETECT, f"<INFO><APIUrl>{HOST}</APIUrl>{PAGES}</INFO>")
@@ -55,10 +44,8 @@ class Discovery(ServiceTest):
         document = f"<INFO><APIUrl>{HOST}</APIUrl>{PAGES}</INFO>"
         cases = {
             "no answer": ("close", (), "good", ""),
-            "reset": ("reset-send", (), "good", ""),
             "garbage": ("garbage", (), "good", ""),
             "an expired certificate": ("reply", ("--body", document), "expired", ""),
-            "a wrong name": ("reply", ("--body", document), "wrong-name", ""),
             "an unknown issuer": ("reply", ("--body", document), "unknown-issuer", ""),
             "no length": ("reply", ("--body", document, "--length", "none"), "good", ""),
             "a chunked reply": ("reply", ("--body", document, "--length", "chunked"), "good", ""),
@@ -66,8 +53,6 @@ class Discovery(ServiceTest):
             "a short length": ("reply", ("--body", document, "--length", "short"), "good", ""),
             "another root": ("reply", ("--body", document.replace("INFO", "info")), "good", ""),
             "a DOCTYPE": ("reply", ("--body", '<!DOCTYPE INFO [<!ENTITY h "evil.test">]><INFO><APIUrl>&h;</APIUrl></INFO>'), "good", ""),
-            "an entity": ("reply", ("--body", document.replace(HOST, "&h;")), "good", ""),
-            "no address": ("reply", ("--body", f"<INFO>{PAGES}</INFO>"), "good", "/vg"),
             "an empty address": ("reply", ("--body", f"<INFO><APIUrl/>{PAGES}</INFO>"), "good", "/vg"),
         }
         for name, (scenario, options, certificate, gallery) in cases.items():
@@ -76,44 +61,25 @@ class Discovery(ServiceTest):
                 data = session()
                 data.InitKHServerURL()
                 self.assertEqual((data.GetServerUrl(), data.GetVideoGalleryURL()[0]), (STAGE, gallery))
-
-    def test_takes_what_an_error_status_or_a_long_length_brings(self):
-        document = f"<INFO><APIUrl>{HOST}</APIUrl></INFO>"
         for options in (("--status", "500"), ("--length", "long"), ("--header", "Content-Type: text/xml; charset=GB2312")):
             self.network.reply(DETECT, document, *options)
             data = session()
             data.InitKHServerURL()
             self.assertEqual(data.GetServerUrl(), HOST, options)
 
-    def test_markup_cut_at_any_byte_falls_back(self):
-        document = f"<?xml version='1.0' encoding='Big5'?><INFO><!-- c --><APIUrl a='ä'><![CDATA[{HOST}]]></APIUrl></INFO>"
-        data = session()
-        for cut in range(1, len(document), 9):
-            self.network.reply(DETECT, document[:cut])
-            data.LogoutKestrelhub()
-            data.InitKHServerURL()
-            self.assertEqual(data.GetServerUrl(), STAGE, document[:cut])
-
     def test_a_silent_host_costs_five_and_a_half_seconds_without_the_interpreter_lock(self):
         self.network.play(DETECT, "silent-reply")
-        beats, done = [], threading.Event()
-
-        def beat():
-            while not done.wait(0.05):
-                beats.append(time.monotonic())
-
-        thread = threading.Thread(target=beat)
-        thread.start()
-        start = time.monotonic()
         data = session()
-        data.InitKHServerURL()
-        elapsed = time.monotonic() - start
-        done.set()
-        thread.join()
-        self.assertEqual(data.GetServerUrl(), STAGE)
-        self.assertEqual((data.m_bServerReachable, data.m_szChkServerUrl), (0, f"https://{DETECT}"))
-        self.assertTrue(5.4 < elapsed < 6.5, elapsed)
-        self.assertGreater(len(beats), 50)
+        start = time.monotonic()
+        thread = threading.Thread(target=data.InitKHServerURL)
+        thread.start()
+        beats = 0
+        while thread.is_alive():
+            thread.join(0.05)
+            beats += 1
+        self.assertTrue(5.4 < time.monotonic() - start < 6.5, time.monotonic() - start)
+        self.assertGreater(beats, 50)
+        self.assertEqual((data.GetServerUrl(), data.m_bServerReachable, data.m_szChkServerUrl), (STAGE, 0, f"https://{DETECT}"))
 
 
 GOOD_LOGIN = ("<info><tokenid>tok%41</tokenid><username>Mika</username><profileURL>p</profileURL><VideoGallery>vg</VideoGallery>"
@@ -121,7 +87,7 @@ GOOD_LOGIN = ("<info><tokenid>tok%41</tokenid><username>Mika</username><profileU
               "</info>")
 
 
-class Login(ServiceTest):
+class Login(common.NetworkCase):
     def setUp(self):
         super().setUp()
         self.network.reply(DEFAULT, "")  # what the probe asks
@@ -149,17 +115,15 @@ class Login(ServiceTest):
             self.assertEqual(self.data.m_bServerReachable, 0)
 
     def test_replies_decide_as_the_elements_stand(self):
-        long_token = GOOD_LOGIN.replace("tok%41", "t" * 260)
         cases = [
             ("an empty token", GOOD_LOGIN.replace("tok%41", ""), (), 1, ("", "Mika", "vg", "2")),
             ("the longest token", GOOD_LOGIN.replace("tok%41", "t" * 259), (), 1, ("t" * 259, "Mika", "vg", "2")),
-            ("a token too long", long_token, (), 0, ("old", "Mika", "vg", "2")),
+            ("a token too long", GOOD_LOGIN.replace("tok%41", "t" * 260), (), 0, ("old", "Mika", "vg", "2")),
             ("no token", GOOD_LOGIN.replace("tokenid", "token"), (), 0, ("old", "Mika", "vg", "2")),
             ("an error text", "<info><username>New</username><errMsg>no</errMsg></info>", (), 0, ("old", "New", "old", "old")),
             ("a bare token", "<info><tokenid>new</tokenid></info>", (), 1, ("new", "old", "old", "old")),
             ("an error status", GOOD_LOGIN, ("--status", "401"), 1, ("tok%41", "Mika", "vg", "2")),
             ("another root", GOOD_LOGIN.replace("info", "INFO"), (), 0, ("old", "old", "old", "old")),
-            ("no markup", "Sorry.", (), 0, ("old", "old", "old", "old")),
             ("no length", GOOD_LOGIN, ("--length", "none"), 0, ("old", "old", "old", "old")),
             ("an empty reply", "", (), 0, ("old", "old", "old", "old")),
         ]
@@ -174,9 +138,7 @@ class Login(ServiceTest):
     def test_network_failures_come_out_as_their_numbers(self):
         cases = [
             ({12030, 12031, 12152}, "close", (), "good"),
-            ({12030, 12031}, "reset-send", (), "good"),
             ({12152}, "garbage", (), "good"),
-            ({12152}, "flood-headers", (), "good"),
             ({12045}, "reply", ("--body", GOOD_LOGIN), "unknown-issuer"),
             ({1}, "reply", ("--body", GOOD_LOGIN), "expired-wrong-name"),  # the request asks for leniency in these two
         ]
@@ -203,7 +165,8 @@ class Login(ServiceTest):
 
     def test_a_first_login_opens_its_page_and_is_no_login(self):
         page = "https://h/first?a=1&b='$(x)"
-        for address, opened in ((page, page + "\n"), ("", ""), ("file:///etc/passwd", ""), ("https://h/" + "x" * 250, "")):
+        refused = ("file:///etc/passwd", "javascript://x", "https://h/a b", "--help", "https://h/" + "x" * 250)
+        for address, opened in ((page, page + "\n"), ("", ""), *((address, "") for address in refused)):
             with self.subTest(address), browser() as opened_pages:
                 escaped = address.replace("&", "&amp;")
                 self.network.reply(HOST, GOOD_LOGIN.replace("<info>", f"<info><firstloginUrl>{escaped}</firstloginUrl>"))
@@ -213,15 +176,5 @@ class Login(ServiceTest):
                 self.assertEqual(self.state(), ("" if address else "tok%41", "Mika", "vg", "2"))
                 if opened:
                     service.wait_until(opened_pages, "the browser")
+                    service.wait_until(lambda: os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOHANG | os.WNOWAIT) is None, "its collection")
                 self.assertEqual(opened_pages(), opened)
-
-    def test_the_whole_of_it_against_the_standin(self):
-        self.network.standin()
-        data = session()
-        self.assertEqual(data.LoginKestrelhub(service.USER, "wrong"), 0)
-        self.assertEqual(data.LoginKestrelhub(service.USER, service.PASSWORD), 1)
-        self.assertNotEqual(data.GetLoginTokenID(), "")
-
-
-if __name__ == "__main__":
-    unittest.main()

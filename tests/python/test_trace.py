@@ -1,17 +1,11 @@
 """The trace of whole operations: the lines in their order, and no secret in any of them."""
 
 import os
-import pathlib
 import socket
-import subprocess
-import sys
-import tempfile
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
-import service  # noqa: E402
-from scripted import DETECT, Network  # noqa: E402
+import common
+from scripted import DETECT
 
 TOKEN, PASSWORD = "T0KEN-planted-secret", "P4SS-planted-secret"
 LOGIN = (f"<info><tokenid>{TOKEN}</tokenid><username>Mika</username><VideoGallery>/vg</VideoGallery><Tutorial>/tu</Tutorial>"
@@ -33,33 +27,23 @@ del publication.uploader
 """
 
 
-class Trace(unittest.TestCase):
-    def setUp(self):
-        self.network = Network()
-        self.network.__enter__()
-        self.addCleanup(self.network.__exit__)
-        scratch = tempfile.TemporaryDirectory()
-        self.addCleanup(scratch.cleanup)
-        self.scratch = pathlib.Path(scratch.name)
-
-    def run_traced(self, switches):
-        """Runs the script. Returns: all that it printed."""
+class Trace(common.NetworkCase):
+    def run_traced(self, switches, script, *arguments):
+        """Runs a script with these switches. Returns: all that it printed."""
         registry = self.scratch / "registry.reg"
         registry.write_text("[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright]\r\n" + switches, "utf-16")
-        folder = service.write_preset(self.scratch / f"preset{len(switches)}", {"effect": 100_000})
-        env = {**os.environ, "SKIFFPORT_REGISTRY": str(registry), "SECRET": PASSWORD, "PYTHONPATH": os.pathsep.join(sys.path[:2])}
-        done = subprocess.run([sys.executable, "-B", "-c", SCRIPT, *(str(folder / f"{name}.bin") for name in service.FILES)],
-                              env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
-        self.assertEqual(done.returncode, 0, done.stdout)
-        return done.stdout.decode()
+        status, printed = self.run_python(script, *arguments, SKIFFPORT_REGISTRY=str(registry), SECRET=PASSWORD)
+        self.assertEqual(status, 0, printed)
+        return printed
 
     def test_tells_the_work_and_no_secret(self):
         self.network.reply("www.kestrelhub.example", "")
         self.network.reply(DETECT, "<INFO><APIUrl>good.test</APIUrl><SignUp>/su</SignUp></INFO>")
         self.network.reply("good.test", LOGIN)
         self.network.lead("good.test:80:127.0.0.1:1")
-        self.assertEqual(self.run_traced('"DumpMsg"=dword:00000000\r\n'), "")
-        printed = self.run_traced('"DumpMsg"=dword:00000001\r\n"DumpInETW"=dword:00000000\r\n')
+        paths = self.preset({"effect": 100_000})
+        self.assertEqual(self.run_traced('"DumpMsg"=dword:00000000\r\n', SCRIPT, *paths), "")
+        printed = self.run_traced('"DumpMsg"=dword:00000001\r\n"DumpInETW"=dword:00000000\r\n', SCRIPT, *paths)
         self.assertNotIn("planted-secret", printed)
         wanted = [
             "[KHLoginData] TWR version = 10.5", "[KHLoginData] TWR versionType = retail", "[KHLoginData] TWR SignUp = /su",
@@ -89,16 +73,8 @@ class Trace(unittest.TestCase):
             journal.bind("/run/systemd/journal/socket")
             self.addCleanup(os.unlink, "/run/systemd/journal/socket")
             journal.setblocking(False)
-            registry = self.scratch / "registry.reg"
-            registry.write_text('[HKEY_LOCAL_MACHINE\\software\\quillon\\tintwright]\n"DumpMsg"=dword:1\n"DumpInETW"=dword:1\n')
-            done = subprocess.run([sys.executable, "-B", "-c", "import Skiffport; Skiffport.KHLoginData('10.5', 'ä', '')"],
-                                  env={**os.environ, "SKIFFPORT_REGISTRY": str(registry), "PYTHONPATH": sys.path[0]},
-                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-            self.assertEqual(done.stdout, b"")
+            script = "import Skiffport; Skiffport.KHLoginData('10.5', 'ä', '')"
+            self.assertEqual(self.run_traced('"DumpMsg"=dword:1\n"DumpInETW"=dword:1\n', script), "")
             entries = [journal.recv(4096).decode() for _ in range(2)]
         self.assertIn("MESSAGE=[KHLoginData] TWR versionType = ä\n", entries[1])
         self.assertIn("PROVIDER_GUID={9AD3F8FA-B0D3-45A2-8E95-5D1899E0AD05}\n", entries[1])
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -5,45 +5,27 @@ import hashlib
 import io
 import os
 import pathlib
-import subprocess
 import sys
-import tempfile
 import threading
-import unittest
-from unittest import mock
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
-sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
-import service  # noqa: E402
-from publication import Publication  # noqa: E402
+import common
+import service
+from publication import Publication
 
-import Skiffport  # noqa: E402
-from skiffhost import loop  # noqa: E402
+import Skiffport
+from skiffhost import loop
 
 PARTS = ["PIPfile", "PIPimg"] + [f"PIPimg_{n}" for n in range(1, 13)]
 SLOW = {"effect": 40_000_000}  # some twelve chunks: time enough to interfere
 
 
-class Upload(unittest.TestCase):
+class Upload(common.StandinCase):
     @classmethod
     def setUpClass(cls):
-        cls.standin = service.Standin().__enter__()
-        cls.addClassCleanup(cls.standin.__exit__, None, None, None)
-        patch = mock.patch.dict(os.environ, cls.standin.env, clear=True)
-        patch.start()
-        cls.addClassCleanup(patch.stop)
+        super().setUpClass()
         cls.session = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
         assert cls.session.LoginKestrelhub(service.USER, service.PASSWORD) == 1
         cls.host, cls.token = cls.session.GetServerUrl(), cls.session.GetLoginTokenID()
-
-    def setUp(self):
-        scratch = tempfile.TemporaryDirectory()
-        self.addCleanup(scratch.cleanup)
-        self.scratch = pathlib.Path(scratch.name)
-
-    def preset(self, name="preset", sizes=None):
-        folder = service.write_preset(self.scratch / name, sizes)
-        return [str(folder / f"{name}.bin") for name in service.FILES]
 
     def publication(self, **changes):
         return Publication(**{"host": self.host, "token": self.token, **changes})
@@ -97,9 +79,11 @@ class Upload(unittest.TestCase):
 
     def test_refuses_what_is_not_there_and_changes_nothing(self):
         paths = self.preset()
+        broken = paths[0] + "\nX: y"
+        os.link(paths[0], broken)  # is there, but would break a part's head
         publication = self.publication()
         for number in range(13):
-            for bad in (None, "", paths[number] + ".missing", paths[number] + "\nx"):
+            for bad in (None, "", paths[number] + ".missing", broken):
                 self.assertEqual(publication.start(paths[:number] + [bad] + paths[number + 1:]), 0)
         self.assertEqual((loop.pump(), publication.events), (0, []))
 
@@ -108,7 +92,7 @@ class Upload(unittest.TestCase):
         os.mkfifo(fifo)
         publication = self.publication()
         for number, bad in enumerate([str(self.scratch), str(fifo), "/dev/null"]):
-            paths = self.preset(f"preset{number}")
+            paths = self.preset()
             publication.events.clear()
             thread_id = publication.start(paths[:5] + [bad] + paths[6:], number=number)
             self.assertEqual(publication.completion(), (100, 0, "", "", thread_id, number))
@@ -118,7 +102,7 @@ class Upload(unittest.TestCase):
         for name, change in {"vanishes": os.unlink, "shrinks": lambda path: os.truncate(path, 10),
                              "grows": lambda path: os.truncate(path, 1000)}.items():
             with self.subTest(name):
-                paths = self.preset(name, SLOW)
+                paths = self.preset(SLOW)
                 publication = self.publication()
                 publication.start(paths)
                 publication.pump_until(lambda: publication.events)  # the length has been declared
@@ -147,7 +131,7 @@ class Upload(unittest.TestCase):
     def test_cancels_only_the_upload_that_runs(self):
         paths = self.preset(sizes=SLOW)
         publication = self.publication()
-        publication.start(self.preset("small"))
+        publication.start(self.preset())
         self.assertEqual(publication.completion()[1], 1)
         publication.uploader.CancelUpload()  # idle: no effect on the next
         publication.events.clear()
@@ -156,20 +140,13 @@ class Upload(unittest.TestCase):
         publication.uploader.CancelUpload()
         self.assertEqual(publication.completion()[:4], (100, 0, "", ""), "an earlier success must not show")
         publication.events.clear()
-        publication.start(self.preset("again"))
-        self.assertEqual(publication.completion()[1], 1)
-
-    def test_delivers_the_services_refusal(self):
-        publication = self.publication(token="stale")
         publication.start(self.preset())
-        _, accepted, address, error, *_ = publication.completion()
-        self.assertEqual((accepted, address), (0, ""))
-        self.assertNotEqual(error, "")
+        self.assertEqual(publication.completion()[1], 1)
 
     def test_refuses_an_address_that_cannot_be_used(self):
         for host in ("", None, "h" * 229, f"{self.host}:8443", f"u@{self.host}", "a\r\nb", "no-such-host.invalid"):
             publication = self.publication(host=host)
-            self.assertNotEqual(publication.start(self.preset(f"p{host!r}"[:9].replace("\\", ""))), 0, host)
+            self.assertNotEqual(publication.start(self.preset()), 0, host)
             self.assertEqual(publication.completion()[1:4], (0, "", ""), host)
 
     def test_a_callable_may_raise_be_replaced_or_go(self):
@@ -191,12 +168,12 @@ class Upload(unittest.TestCase):
         self.assertEqual(stderr.getvalue().count("RuntimeError: from the callable"), len(calls))
         publication.uploader.SetCallback(None)
         self.assertEqual(sys.getrefcount(raising), 2, "the uploader keeps nothing")
-        publication.start(self.preset("unheard"))
+        publication.start(self.preset())
         publication.pump_until(lambda: publication.uploader.GetUploadedFileUrl())  # the work is done all the same
 
     def test_may_be_deleted_at_any_moment(self):
         publication = self.publication()
-        publication.start(self.preset(sizes=SLOW))
+        publication.start(self.preset(SLOW))
         publication.pump_until(lambda: publication.events)
         events = len(publication.events)
         del publication.uploader
@@ -212,32 +189,17 @@ class Upload(unittest.TestCase):
                     publication.uploader = None
 
             publication.uploader.SetCallback(deleting)
-            publication.start(self.preset(last))
+            publication.start(self.preset())
             publication.pump_until(lambda: publication.uploader is None)
             loop.pump()
             self.assertEqual([event[0] for event in publication.events].count(last), 1)
-
-    def test_a_callable_may_pump(self):
-        publication = self.publication()
-        depth = []
-
-        def pumping(*arguments):
-            publication.on_event(*arguments)
-            depth.append(None)
-            loop.pump(1)
-
-        publication.uploader.SetCallback(pumping)
-        publication.start(self.preset(sizes={"effect": 500_000}))
-        publication.completion()
-        sent = [event[3] for event in publication.events[:-1]]
-        self.assertEqual(sent, sorted(sent))
 
     def test_threads_publish_side_by_side(self):
         results = []
 
         def publish(number):
             publication = self.publication()
-            publication.start(self.preset(f"thread{number}", {"effect": 400_000}), number=number)
+            publication.start(self.preset({"effect": 400_000}), number=number)
             results.append((number, publication.completion()[1::4]))
 
         threads = [threading.Thread(target=publish, args=(number,)) for number in range(4)]
@@ -249,14 +211,10 @@ class Upload(unittest.TestCase):
 
     def run_script(self, lines):
         """Runs a script that has a started, slow upload in `p`. Returns: its exit status and output."""
-        paths = self.preset(lines[:4], SLOW)
-        head = (f"import sys; sys.path[:0] = {sys.path[:2]!r}\n"
-                "from publication import Publication\nimport os\nfrom skiffhost import loop\n"
-                f"p = Publication({self.host!r}, {self.token!r})\n"
-                f"assert p.start({paths!r}) != 0\np.pump_until(lambda: p.events)\n")
-        done = subprocess.run([sys.executable, "-B", "-c", head + lines], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                              timeout=60)
-        return done.returncode, done.stdout.decode()
+        head = ("import os, sys\nfrom publication import Publication\nfrom skiffhost import loop\n"
+                "p = Publication(*sys.argv[1:3])\n"
+                "assert p.start(sys.argv[3:]) != 0\np.pump_until(lambda: p.events)\n")
+        return self.run_python(head + lines, self.host, self.token, *self.preset(SLOW))
 
     def test_a_fork_leaves_the_parents_upload_alone(self):
         self.assertEqual(self.run_script(
@@ -272,7 +230,3 @@ class Upload(unittest.TestCase):
     def test_the_interpreter_may_exit_during_an_upload(self):
         self.assertEqual(self.run_script("sys.exit(3)\n"), (3, ""))
         self.assertEqual(self.run_script("import builtins; builtins.kept = p\n"), (0, ""))
-
-
-if __name__ == "__main__":
-    unittest.main()

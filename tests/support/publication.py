@@ -13,10 +13,9 @@ DEADLINE_SECONDS = 60.0
 class Publication:
     """An uploader on the calling thread; ``events`` holds each event's arguments behind the first."""
 
-    def __init__(self, host: str = "www.kestrelhub.example", token: str = "", version: str = "10.5",
-                 version_type: str = "retail", uuid: str = "uuid-1") -> None:
+    def __init__(self, host: str = "www.kestrelhub.example", token: str = "") -> None:
         self.events: List[Tuple[Any, ...]] = []
-        self.uploader: Any = Skiffport.PyPresetUploader(host, token, version, version_type, uuid)
+        self.uploader: Any = Skiffport.PyPresetUploader(host, token, "10.5", "retail", "uuid-1")
         self.uploader.SetCallback(self.on_event)
 
     def on_event(self, *arguments: Any) -> None:

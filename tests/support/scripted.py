@@ -1,4 +1,4 @@
-"""Sends the service's hosts to peers for the length of a test: the stand-in, or scripted ones that misbehave."""
+"""Sends the service's hosts to scripted peers that misbehave for the length of a test."""
 
 import atexit
 import contextlib
@@ -35,11 +35,8 @@ class Network:
         self._rules: List[str] = []
 
     def __enter__(self) -> "Network":
-        folder = self._stack.enter_context(tempfile.TemporaryDirectory())
         self.certificates = certificates()
-        self._trusted = pathlib.Path(folder, "trusted.pem")
-        self._trusted.write_bytes(pathlib.Path(self.certificates, "ca.pem").read_bytes())
-        env = {**service.clean_environment(), "SSL_CERT_FILE": str(self._trusted)}
+        env = {**service.clean_environment(), "SSL_CERT_FILE": os.path.join(self.certificates, "ca.pem")}
         self._stack.enter_context(mock.patch.dict(os.environ, env, clear=True))
         return self
 
@@ -55,16 +52,6 @@ class Network:
     def reply(self, host: str, body: str, *options: str, tls: str = "good") -> peer.Peer:
         """The same with a peer that answers every request with this body."""
         return self.play(host, "reply", "--body", body, *options, tls=tls)
-
-    def standin(self, *hosts: str, **options: Any) -> service.Standin:
-        """Lets these hosts, all three if none is named, go to a new stand-in."""
-        running = self._stack.enter_context(service.Standin(**options))
-        with self._trusted.open("ab") as trusted:
-            trusted.write(pathlib.Path(running.ready["ca_file"]).read_bytes())
-        for host in hosts or (DETECT, DEFAULT, STAGE):
-            self.lead(f"{host}:443:127.0.0.1:{running.ready['https_port']}")
-            self.lead(f"{host}:80:127.0.0.1:{running.ready['http_port']}")
-        return running
 
     def lead(self, rule: str) -> None:
         """Adds a rule, which goes before the earlier ones."""

@@ -4,8 +4,6 @@ import contextlib
 import json
 import os
 import pathlib
-import select
-import shutil
 import subprocess
 import tempfile
 import time
@@ -61,25 +59,19 @@ def write_preset(folder: pathlib.Path, sizes: Optional[Mapping[str, int]] = None
 
 
 class Standin:
-    """A running stand-in; ``env`` is an environment in which the built tree reaches it and nothing else.
-
-    ``members`` replaces the built-in member; further arguments go to the stand-in's command line.
-    """
-
-    def __init__(self, *arguments: str, members: Optional[Mapping[str, Any]] = None) -> None:
-        self._arguments = arguments
-        self._members = members
-        self.ready: Dict[str, Any] = {}
-        self.env: Dict[str, str] = {}
+    """A running stand-in; ``env`` is an environment in which the built tree reaches it and nothing else."""
 
     def __enter__(self) -> "Standin":
         with contextlib.ExitStack() as stack:
-            self.scratch = pathlib.Path(tempfile.mkdtemp(prefix="standin-"))
-            stack.callback(shutil.rmtree, self.scratch, ignore_errors=True)
-            self.folder = self.scratch / "service"
-            self._process = self._start()
+            scratch = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory()))
+            self.folder = scratch / "service"
+            command = [STANDIN_PYTHON, "-B", "-m", "kestrelhub_standin", "--until-stdin-closes", "--folder",
+                       str(self.folder), "--cert-folder", str(scratch / "certificates")]
+            self._process = subprocess.Popen(command, env=standin_environment(), stdin=subprocess.PIPE, stdout=subprocess.PIPE)
             stack.callback(self._end)
-            self._read_ready_line()
+            assert self._process.stdout is not None
+            self.ready = json.loads(self._process.stdout.readline() or b"{}")
+            assert self.ready, "the stand-in did not start"
             self._stack = stack.pop_all()
         self.env = {**clean_environment(), "SKIFFPORT_CONNECT_TO": self.ready["connect_to"],
                     "SSL_CERT_FILE": self.ready["ca_file"], "PYTHONPATH": os.environ.get("SKIFFPORT_TREE", "")}
@@ -102,31 +94,9 @@ class Standin:
         """Returns the requests so far, oldest first."""
         return self.get("/standin/requests")
 
-    def _start(self) -> "subprocess.Popen[bytes]":
-        command = [STANDIN_PYTHON, "-B", "-m", "kestrelhub_standin", "--until-stdin-closes", "--folder",
-                   str(self.folder), "--cert-folder", str(self.scratch / "certificates"), *self._arguments]
-        if self._members is not None:
-            file = self.scratch / "members.json"
-            file.write_text(json.dumps(self._members), "utf-8")
-            command += ["--members", str(file)]
-        return subprocess.Popen(command, env=standin_environment(), stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-
-    def _read_ready_line(self) -> None:
-        assert self._process.stdout is not None
-        readable, _, _ = select.select([self._process.stdout], [], [], DEADLINE_SECONDS)
-        line = self._process.stdout.readline() if readable else b""
-        if not line:
-            raise AssertionError("the stand-in did not start")
-        self.ready = json.loads(line)
-
     def _end(self) -> None:
         assert self._process.stdin is not None and self._process.stdout is not None
         self._process.stdin.close()
-        try:
-            status = self._process.wait(DEADLINE_SECONDS)
-        except subprocess.TimeoutExpired:
-            self._process.kill()
-            status = self._process.wait()
+        status = self._process.wait(DEADLINE_SECONDS)
         self._process.stdout.close()
-        if status != 0:
-            raise AssertionError(f"the stand-in ended with {status}")
+        assert status == 0, f"the stand-in ended with {status}"

@@ -1,14 +1,11 @@
-// The HTTP interface when something is in the way: calls that block, limits, handles closed under a call, forks.
+// The HTTP interface when something is in the way: calls that block, limits, handles closed under a call.
 #include "http_peer.h"
 
 #include "platform/TestSeam.h"
 
-#include <atomic>
 #include <future>
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -69,18 +66,6 @@ TEST(HttpFaults, ClosingEndsABlockedCall) {
   }
 }
 
-TEST(HttpFaults, ClosingTheSessionEndsOpenUrl) {
-  Peer peer("silent-reply --tls good");
-  HINTERNET const session = InternetOpenA("Agent", 0, nullptr, nullptr, 0);
-  auto call = std::async(std::launch::async, [&] {
-    return Error(InternetOpenUrlA(session, "https://good.test", nullptr, 0, INTERNET_FLAG_RELOAD, 0) != nullptr);
-  });
-  EXPECT_TRUE(WaitFor([&] { return !peer.Received().empty(); }));
-  EXPECT_TRUE(InternetCloseHandle(session));
-  ASSERT_EQ(std::future_status::ready, call.wait_for(std::chrono::seconds(10)));
-  EXPECT_EQ(12017u, call.get());
-}
-
 TEST(HttpFaults, TimeLimits) {
   for (Phase const &phase : kPhases) {
     Peer peer(phase.szScenario);
@@ -89,7 +74,7 @@ TEST(HttpFaults, TimeLimits) {
       std::uint64_t const uOwn = phase.doing == Filling ? 30'000 : 60'000;
       std::uint64_t const uLimit = dwOption != 0 && !phase.isReceiving ? dwOption : uOwn;
       std::uint64_t uNow = 1'000'000, uBegin = uNow;
-      client.stages.onStage = [&](HINTERNET, DWORD dwStatus) {
+      client.stages.onStage = [&](DWORD dwStatus) {
         if (dwStatus >= INTERNET_STATUS_SENDING_REQUEST && dwStatus < INTERNET_STATUS_CLOSING_CONNECTION)
           uBegin = uNow; // the limit for connecting runs from the call's begin
       };
@@ -131,56 +116,6 @@ TEST(HttpFaults, ReplyBodyHasALimit) {
   EXPECT_EQ(12152u, dwError);
   EXPECT_LE(read, 64u << 20);
   EXPECT_GT(read, 63u << 20);
-}
-
-TEST(HttpFaults, Handles) {
-  Peer peer("keep --body hello");
-  Client client(80);
-  DWORD dwValue = 0;
-  EXPECT_EQ(nullptr, InternetConnectA(client.request, "good.test", 80, nullptr, nullptr, 3, 0, 1));
-  EXPECT_EQ(12018u, GetLastError());
-  EXPECT_EQ(12018u, Error(HttpSendRequestW(client.connection, nullptr, 0, nullptr, 0)));
-  EXPECT_EQ(6u, Error(HttpSendRequestW(&client, nullptr, 0, nullptr, 0)));
-  EXPECT_EQ(12019u, Error(InternetQueryDataAvailable(client.request, &dwValue, 0, 0))) << "no reply yet";
-  EXPECT_EQ(12009u, Error(InternetSetOptionW(client.session, 3, &dwValue, sizeof dwValue)));
-
-  DWORD dwInside = 0;
-  client.stages.onStage = [&](HINTERNET hRequest, DWORD dwStatus) {
-    if (dwStatus == INTERNET_STATUS_SENDING_REQUEST)
-      dwInside = Error(HttpEndRequestW(hRequest, nullptr, 0, 0));
-  };
-  EXPECT_EQ(0u, client.Send());
-  EXPECT_EQ(12019u, dwInside) << "a call from within a callback";
-  EXPECT_EQ(12019u, client.Send()) << "sent twice";
-  EXPECT_TRUE(InternetCloseHandle(client.connection));
-  EXPECT_EQ(6u, Error(InternetQueryDataAvailable(client.request, &dwValue, 0, 0))) << "closed with its connection";
-  EXPECT_EQ(6u, Error(InternetCloseHandle(client.connection)));
-
-  Client closer(80);
-  closer.stages.onStage = [&](HINTERNET hRequest, DWORD dwStatus) {
-    if (dwStatus == INTERNET_STATUS_CONNECTED_TO_SERVER)
-      InternetCloseHandle(hRequest);
-  };
-  EXPECT_EQ(12017u, closer.Send()) << "closed by a callback";
-}
-
-TEST(HttpFaults, AForkedChildLeavesTheConnectionAlone) {
-  Peer peer("keep --body hello --tls good");
-  Client client(443);
-  ASSERT_EQ(0u, client.Begin(5));
-  pid_t const child = fork();
-  if (child == 0) {
-    bool const isRefused = client.Write("child") == ERROR_INVALID_HANDLE;
-    InternetCloseHandle(client.session);
-    InternetCloseHandle(client.request);
-    _exit(isRefused ? 0 : 1);
-  }
-  int nStatus = -1;
-  waitpid(child, &nStatus, 0);
-  EXPECT_EQ(0, nStatus);
-  EXPECT_EQ(0u, client.Write("mine!"));
-  EXPECT_EQ(0u, client.End());
-  EXPECT_EQ("5 0 ", client.Sizes());
 }
 
 } // namespace

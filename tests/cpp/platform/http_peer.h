@@ -5,7 +5,6 @@
 #include "platform/LastError.h"
 #include "platform/WinInet.h"
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -13,10 +12,10 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 /// Waits for a condition. Returns: false if it did not come about in ten seconds.
 inline bool WaitFor(std::function<bool()> const &condition) {
@@ -62,7 +61,6 @@ public:
   ~Peer() { pclose(m_pipe); }
   Peer(Peer const &) = delete;
 
-  INTERNET_PORT Port() const { return static_cast<INTERNET_PORT>(m_port); }
   std::string Received() const { return Content(Folder() + "/received"); }
 
 private:
@@ -70,49 +68,31 @@ private:
   int m_port = 0;
 };
 
-struct Handle {
-  Handle(HINTERNET handle) : h(handle) {}
-  ~Handle() { InternetCloseHandle(h); }
-  Handle(Handle const &) = delete;
-  operator HINTERNET() const { return h; }
-  HINTERNET const h;
-};
-
-/// Remembers the status callbacks of its request, as text: "20 127.0.0.1", "31 57", "40".
+/// Remembers the status callbacks of its request.
 struct Stages {
-  static void Callback(HINTERNET hRequest, DWORD_PTR dwContext, DWORD dwStatus, void *pInformation, DWORD dwLength) {
+  static void Callback(HINTERNET, DWORD_PTR dwContext, DWORD dwStatus, void *, DWORD) {
     auto &self = *reinterpret_cast<Stages *>(dwContext);
-    std::string line = std::to_string(dwStatus);
-    if (pInformation && dwLength == sizeof(DWORD))
-      line += ' ' + std::to_string(*static_cast<DWORD *>(pInformation));
-    else if (pInformation)
-      for (WCHAR const c : L' ' + std::wstring(static_cast<WCHAR *>(pInformation), dwLength / sizeof(WCHAR) - 1))
-        line += static_cast<char>(c);
     std::lock_guard<std::mutex> const lock(self.mutex);
-    self.lines.push_back(line);
+    ++self.counts[dwStatus];
     if (self.onStage)
-      self.onStage(hRequest, dwStatus);
+      self.onStage(dwStatus);
   }
   /// How often the status was told.
   int Count(DWORD dwStatus) {
     std::lock_guard<std::mutex> const lock(mutex);
-    return static_cast<int>(std::count_if(lines.begin(), lines.end(),
-                                          [&](std::string const &line) { return std::stoul(line) == dwStatus; }));
+    return counts[dwStatus];
   }
 
   std::mutex mutex;
-  std::vector<std::string> lines;
-  std::function<void(HINTERNET, DWORD)> onStage;
+  std::map<DWORD, int> counts;
+  std::function<void(DWORD)> onStage;
 };
 
 /// The error number of a call, 0 for none.
 inline DWORD Error(BOOL bDone) { return bDone ? ERROR_SUCCESS : GetLastError(); }
 
 struct Options {
-  char const *szVerb = "POST";
-  char const *szObject = "/x";
   char const *szHost = "good.test";
-  WCHAR const *wszAgent = nullptr;
   DWORD dwFlags = 0;
   DWORD dwLimit = 0; // ms, for connecting and for sending; 0 leaves the layer's own
 };
@@ -122,11 +102,12 @@ struct Client {
   explicit Client(INTERNET_PORT nPort, Options const &options = {})
       : session(Prepare(options)),
         connection(InternetConnectA(session, options.szHost, nPort, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 1)),
-        request(HttpOpenRequestA(connection, options.szVerb, options.szObject, nullptr, nullptr, nullptr,
-                                 options.dwFlags, reinterpret_cast<DWORD_PTR>(&stages))) {}
+        request(HttpOpenRequestA(connection, "POST", "/x", nullptr, nullptr, nullptr, options.dwFlags,
+                                 reinterpret_cast<DWORD_PTR>(&stages))) {}
+  ~Client() { InternetCloseHandle(session); } // and what was made of it
 
   static HINTERNET Prepare(Options const &options) {
-    HINTERNET const hSession = InternetOpenW(options.wszAgent, 0, nullptr, nullptr, 0);
+    HINTERNET const hSession = InternetOpenW(nullptr, 0, nullptr, nullptr, 0);
     InternetSetStatusCallbackW(hSession, Stages::Callback);
     DWORD dwLimit = options.dwLimit;
     for (DWORD const dwOption : {INTERNET_OPTION_CONNECT_TIMEOUT, INTERNET_OPTION_SEND_TIMEOUT})
@@ -145,9 +126,7 @@ struct Client {
     return Error(InternetWriteFile(request, bytes.data(), static_cast<DWORD>(bytes.size()), &dwWritten));
   }
   DWORD End() { return Error(HttpEndRequestW(request, nullptr, 0, 0)); }
-  DWORD Send(WCHAR const *wszHeaders = nullptr, std::string const &body = "") {
-    return Error(HttpSendRequestW(request, wszHeaders, 0xFFFFFFFF, body.data(), static_cast<DWORD>(body.size())));
-  }
+  DWORD Send() { return Error(HttpSendRequestW(request, nullptr, 0, nullptr, 0)); }
   DWORD Read(std::string &bytes, DWORD dwCount) {
     bytes.resize(dwCount);
     DWORD dwRead = 0;
@@ -155,29 +134,9 @@ struct Client {
     bytes.resize(dwRead);
     return dwError;
   }
-  /// Reads the reply by what is available: "5 6 0" and so on, with "!12031" for a failure.
-  std::string Sizes(std::string *pBody = nullptr) {
-    std::string sizes, part;
-    for (DWORD dwAvailable = 1; dwAvailable != 0;) {
-      DWORD dwError = Error(InternetQueryDataAvailable(request, &dwAvailable, 0, 0));
-      if (dwError == ERROR_SUCCESS)
-        dwError = Read(part, dwAvailable);
-      if (dwError != ERROR_SUCCESS)
-        return sizes + "!" + std::to_string(dwError);
-      sizes += std::to_string(dwAvailable) + " ";
-      if (pBody)
-        *pBody += part;
-    }
-    return sizes;
-  }
-  DWORD Status() {
-    DWORD dwStatus = 0, dwLength = sizeof dwStatus;
-    HttpQueryInfoW(request, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &dwStatus, &dwLength, nullptr);
-    return dwStatus;
-  }
 
   Stages stages;
-  Handle session;
-  Handle connection;
-  Handle request;
+  HINTERNET const session;
+  HINTERNET const connection;
+  HINTERNET const request;
 };

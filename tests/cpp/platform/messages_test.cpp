@@ -6,12 +6,9 @@
 
 #include <functional>
 #include <memory>
-#include <stdexcept>
 #include <thread>
 #include <vector>
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,11 +41,6 @@ struct TestWindow {
   HWND hWnd;
 };
 
-bool IsReadable() {
-  pollfd entry = {MessageQueueDescriptor(), POLLIN, 0};
-  return poll(&entry, 1, 0) == 1;
-}
-
 TEST(Messages, KeepTheOrderOfEachThreadAcrossTwoWindows) {
   constexpr int kEach = 1000;
   std::vector<WPARAM> ran[2];
@@ -69,7 +61,7 @@ TEST(Messages, KeepTheOrderOfEachThreadAcrossTwoWindows) {
   for (auto const &numbers : ran)
     for (int n = 0; n < kEach; ++n)
       ASSERT_EQ(numbers.at(static_cast<std::size_t>(n)), static_cast<WPARAM>(n));
-  EXPECT_FALSE(IsReadable());
+  EXPECT_EQ(WaitForMessages(0), 0);
 }
 
 TEST(Messages, NestedPumpKeepsTheOrderAndWhatCameInMeanwhileWaits) {
@@ -80,7 +72,7 @@ TEST(Messages, NestedPumpKeepsTheOrderAndWhatCameInMeanwhileWaits) {
     ran.push_back(w);
     if (w == 2) {
       pWindow->Post(6);
-      EXPECT_TRUE(IsReadable()); // a loop inside the handler must see the rest
+      EXPECT_EQ(WaitForMessages(0), 1) << "a loop inside the handler must see the rest";
       nNested = PumpMessages(2);
     }
   });
@@ -90,34 +82,8 @@ TEST(Messages, NestedPumpKeepsTheOrderAndWhatCameInMeanwhileWaits) {
   EXPECT_EQ(PumpMessages(kAll), 3); // 1, 2 and 5
   EXPECT_EQ(nNested, 2);
   EXPECT_EQ(ran, (std::vector<WPARAM>{1, 2, 3, 4, 5}));
-  EXPECT_TRUE(IsReadable());
   EXPECT_EQ(PumpMessages(kAll), 1);
   EXPECT_EQ(ran.back(), 6U);
-}
-
-TEST(Messages, DescriptorIsReadableWhileMessagesWait) {
-  TestWindow const window([](WPARAM) {}), other([](WPARAM) {});
-  int const fd = MessageQueueDescriptor();
-  EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-  for (WPARAM w = 0; w < 3; ++w)
-    window.Post(w);
-  EXPECT_EQ(PumpMessages(0), 0);
-  EXPECT_EQ(PumpMessages(2), 2);
-  EXPECT_TRUE(IsReadable());
-  MSG message;
-  other.Post(1);
-  EXPECT_FALSE(PeekMessageW(&message, window.hWnd, WM_APP + 1, WM_APP + 2, PM_REMOVE));
-  EXPECT_TRUE(PeekMessageW(&message, window.hWnd, WM_APP, WM_APP, PM_REMOVE));
-  EXPECT_EQ(message.wParam, 2U);
-  EXPECT_FALSE(PeekMessageW(&message, window.hWnd, WM_APP, WM_APP, PM_REMOVE));
-  EXPECT_TRUE(IsReadable());
-  EXPECT_EQ(PumpMessages(2), 1);
-  EXPECT_FALSE(IsReadable());
-  EXPECT_FALSE(ReleaseMessageQueue()) << "windows are left";
-  DestroyWindow(window.hWnd);
-  DestroyWindow(other.hWnd);
-  EXPECT_TRUE(ReleaseMessageQueue());
-  EXPECT_EQ(fcntl(fd, F_GETFD), -1);
 }
 
 TEST(Messages, DestroyedWindowTakesItsOwnMessagesAndNoOthers) {
@@ -141,13 +107,10 @@ TEST(Messages, DestroyedWindowTakesItsOwnMessagesAndNoOthers) {
 
 TEST(Messages, QueueOfAnEndedThreadTakesNoPostsButCanBeEmptied) {
   std::unique_ptr<TestWindow> window;
-  int fd = -1;
   std::thread([&] {
     window = std::make_unique<TestWindow>([](WPARAM) {});
-    fd = MessageQueueDescriptor();
     window->Post(7);
   }).join();
-  EXPECT_EQ(fcntl(fd, F_GETFD), -1);
   EXPECT_FALSE(window->Post(8));
   EXPECT_EQ(PumpMessages(kAll), 0);
   MSG message;
@@ -174,36 +137,6 @@ TEST(Messages, ForkedChildLeavesTheParentsQueueAloneAndCanHaveItsOwn) {
   EXPECT_EQ(nStatus, 0);
   EXPECT_EQ(PumpMessages(kAll), 1);
   EXPECT_EQ(nRan, 1);
-}
-
-class SelfDeletingWnd : public CWnd {
-public:
-  LRESULT OnMessage(WPARAM wParam, LPARAM) {
-    if (wParam == 0)
-      throw std::runtime_error("handler");
-    delete this;
-    return 1;
-  }
-
-protected:
-  AFX_MSGMAP const *GetMessageMap() const override {
-    static AFX_MSGMAP_ENTRY const s_entries[] = {{WM_APP, static_cast<AFX_PMSG>(&SelfDeletingWnd::OnMessage)},
-                                                 {0, nullptr}};
-    static AFX_MSGMAP const s_map = {GetThisMessageMap(), s_entries};
-    return &s_map;
-  }
-};
-
-TEST(Wnd, HandlerMayThrowAndMayDeleteItsObject) {
-  auto *const pWnd = new SelfDeletingWnd;
-  WCHAR const *const wszClass = AfxRegisterWndClass(0, nullptr, nullptr, nullptr);
-  ASSERT_TRUE(pWnd->CreateEx(0, wszClass, nullptr, WS_POPUP, {0, 0, 0, 0}, nullptr, 0));
-  HWND const hWnd = pWnd->m_hWnd;
-  PostMessageW(hWnd, WM_APP + 1, 0, 0); // nobody handles it
-  for (WPARAM const wParam : {0, 1, 1})
-    PostMessageW(hWnd, WM_APP, wParam, 0);
-  EXPECT_EQ(PumpMessages(kAll), 3); // the last one went with the window
-  EXPECT_FALSE(PostMessageW(hWnd, WM_APP, 0, 0));
 }
 
 } // namespace

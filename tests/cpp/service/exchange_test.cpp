@@ -1,6 +1,5 @@
 // The service exchange and the probe: outcomes that Python can't provoke, and the hand-over of the probe's handles.
 #include "platform/TestSeam.h"
-#include "platform/Threads.h"
 #include "service/ReachabilityProbe.h"
 #include "service/ServiceExchange.h"
 #include "tests/cpp/platform/http_peer.h"
@@ -51,32 +50,10 @@ TEST(ServiceExchange, TellsItsOutcomesApart) {
   EXPECT_EQ(RunExchange(RequestKind::PresetCategories, L"good.test", std::wstring(254, L'/').c_str()).strReply, "<a/>");
 }
 
-TEST(ServiceExchange, ReadsAReplyAsItsRowSays) {
-  struct Case {
-    RequestKind kind;
-    char const *szScript;
-    char const *szReply;
-  };
-  Case const cases[] = {
-      {RequestKind::BlockingRequestPlain, "pieces --body abcdef", "abcdef"},
-      {RequestKind::BlockingRequestPlain, "reply --body abcdef --length none", ""},
-      {RequestKind::EffectByGuid, "pieces --body abcdef", "abc"},
-      {RequestKind::EffectByGuid, "reply --body abcdef --length none", "abcdef"},
-      {RequestKind::VideoId, "pieces --body abcdef", "abcdef"},
-      {RequestKind::VideoId, "pieces --body abcdef --length chunked", "abcdef"},
-  };
-  for (Case const &c : cases) {
-    Peer const peer(c.szScript);
-    EXPECT_EQ(RunExchange(c.kind, L"good.test", L"/x").strReply, c.szReply)
-        << c.szScript << " " << static_cast<int>(c.kind);
-  }
-}
-
 TEST(ServiceExchange, KeepsAMissingElementApartFromAFailedQuery) {
-  CComPtr<IXMLDOMDocument> const pDocument = LoadReply("<info><a> x <b>y</b></a><c/></info>");
+  CComPtr<IXMLDOMDocument> const pDocument = LoadReply("<info><a/></info>");
   CString strText(L"old");
   EXPECT_EQ(ReadElement(pDocument, L"info/d", strText), ElementState::Missing);
-  EXPECT_EQ(ReadElement(LoadReply("<info"), L"info/a", strText), ElementState::Missing);
   EXPECT_EQ(ReadElement(nullptr, L"info/a", strText), ElementState::Missing);
   {
     Fault const fault("selectSingleNode", 0);
@@ -87,10 +64,6 @@ TEST(ServiceExchange, KeepsAMissingElementApartFromAFailedQuery) {
     EXPECT_EQ(LoadReply("<info/>"), nullptr);
   }
   EXPECT_STREQ(strText, L"old");
-  EXPECT_EQ(ReadElement(pDocument, L"info/a", strText), ElementState::Found);
-  EXPECT_STREQ(strText, L"x y");
-  EXPECT_EQ(ReadElement(pDocument, L"info/c", strText), ElementState::Found);
-  EXPECT_TRUE(strText.IsEmpty());
 }
 
 class ProbeTest : public ::testing::Test {
@@ -118,17 +91,6 @@ TEST_F(ProbeTest, TakesAnyAnswerAsReachable) {
     EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
   }
   EXPECT_FALSE(probe.CheckServerReachable(("https://" + std::string(260, 'h')).c_str()));
-}
-
-TEST_F(ProbeTest, EndsACallThatBlocks) {
-  for (char const *szScenario : {"silent-tls", "silent-reply"}) {
-    Peer const peer(std::string(szScenario) + " --tls good");
-    auto const start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
-    double const seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_NEAR(seconds, 5.6, 0.3) << szScenario;
-    EXPECT_FALSE(m_hInternet || m_hConnect);
-  }
 }
 
 } // namespace

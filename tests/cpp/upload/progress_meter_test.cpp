@@ -3,13 +3,6 @@
 
 #include <gtest/gtest.h>
 
-// For the messages of failed comparisons.
-void PrintTo(ProgressReport const &r, std::ostream *out);
-void PrintTo(ProgressReport const &r, std::ostream *out) {
-  *out << r.dwFileSent << '/' << r.dwFileTotal << ' ' << r.dwFileTimeRemaining << ", " << r.dwAllSent << '/'
-       << r.dwAllTotal << ' ' << r.dwAllTimeRemaining << " at " << r.dwRate;
-}
-
 namespace {
 
 TEST(ProgressMeter, ReportsTwoFilesAtTheInitialRate) {

@@ -1,43 +1,20 @@
 // A whole transfer against a scripted peer: what goes over the wire, in what chunks, and how it ends when a call fails.
+#include "platform/CodePages.h"
 #include "platform/TestSeam.h"
-#include "platform/Threads.h"
 #include "tests/cpp/platform/http_peer.h"
+#include "tests/cpp/upload/receiver.h"
+#include "upload/MultipartBody.h"
 #include "upload/UploadThread2.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <numeric>
+#include <regex>
 
 namespace {
 
 constexpr HRESULT HResult(DWORD dwError) { return static_cast<HRESULT>(0x80070000U | dwError); }
-
-// Writes down the calls that concern files, and counts the bytes of each write; says stop at the chosen query.
-class Receiver : public BackgroundUploadProgress {
-public:
-  std::string calls;
-  std::vector<DWORD> writes;
-  int nQueriesBeforeStop = 1 << 30;
-
-  void OnResolvingName(WCHAR const *) override {}
-  void OnNameResolved(WCHAR const *) override {}
-  void OnConnectingToServer(WCHAR const *) override {}
-  void OnConnectedToServer(WCHAR const *) override {}
-  void OnSendingRequest() override {}
-  void OnRequestSent(DWORD dwBytes) override { writes.push_back(dwBytes); }
-  void OnReceivingResponse() override {}
-  void OnResponseReceived(DWORD) override {}
-  void OnClosingConnection() override {}
-  void OnConnectionClosed() override {}
-  void OnFileBegin(WCHAR const *) override { calls += "begin "; }
-  void OnFileProgress(WCHAR const *, DWORD dwSent, DWORD dwTotal, DWORD, DWORD, DWORD, DWORD, DWORD) override {
-    calls += std::to_string(dwSent) + "/" + std::to_string(dwTotal) + " ";
-  }
-  void OnFileComplete(WCHAR const *, HRESULT hr) override { calls += hr == 0 ? "done " : "failed "; }
-  bool IsCancelled() override { return nQueriesBeforeStop-- == 0; }
-  void OnBackgroundUploadBegin() override {}
-  void OnBackgroundUploadComplete(long hr) override { calls += "complete " + std::to_string(hr); }
-};
 
 class UploaderTest : public ::testing::Test {
 protected:
@@ -48,8 +25,11 @@ protected:
   void TearDown() override { SetPlatformTestHooks(nullptr); }
 
   void AddFile(std::string const &name, std::string const &contents) {
-    std::ofstream(Folder() + "/" + name, std::ios::binary) << contents;
-    job.AddFile(L"f", std::filesystem::path(Folder() + "/" + name).wstring().c_str(), L"t");
+    std::string const strPath = Folder() + "/" + name;
+    WCHAR wszPath[_MAX_PATH];
+    MultiByteToWideChar(CP_UTF8, 0, strPath.c_str(), -1, wszPath, _MAX_PATH);
+    std::ofstream(strPath, std::ios::binary) << contents;
+    job.AddFile(L"f", wszPath, L"t");
   }
   HRESULT Post() {
     Uploader uploader(&receiver, &job, &result);
@@ -73,12 +53,12 @@ TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheAnswer) {
   Peer const peer("reply --tls good --status 500 --body '<a/>'");
   job.AddField("title", "abc");
   job.AddField("empty", "");
-  AddFile("one", "abcd");
+  AddFile("\xC3\xA4\"", "abcd");
   AddFile("none", "");
   EXPECT_EQ(Post(), S_OK);
   EXPECT_EQ(result.m_nHttpStatus, 500);
   EXPECT_EQ(reply, "<a/>");
-  EXPECT_EQ(receiver.calls, "begin 0/4 4/4 done begin 0/0 0/0 done ");
+  EXPECT_EQ(receiver.files, "begin 0/4 4/4 done begin 0/0 0/0 done ");
   EXPECT_EQ(m_dwSlept, 50U) << "one chunk";
 
   std::string const sent = peer.Received();
@@ -89,12 +69,16 @@ TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheAnswer) {
   std::string const file = "Content-Disposition: form-data; name=\"f\"; filename=\"" + Folder();
   std::string const body = dash + "\r\nContent-Disposition: form-data; name=\"empty\"\r\n\r\n\r\n" + dash +
                            "\r\nContent-Disposition: form-data; name=\"title\"\r\n\r\nabc\r\n" + dash + "\r\n" + file +
-                           "/one\"\r\nContent-Type: t\r\n\r\nabcd\r\n" + dash + "\r\n" + file +
+                           "/\xC3\xA4\"\"\r\nContent-Type: t\r\n\r\nabcd\r\n" + dash + "\r\n" + file +
                            "/none\"\r\nContent-Type: t\r\n\r\n\r\n" + dash + "--\r\n";
   EXPECT_EQ(sent,
             "POST /servlet/uploadTemplate HTTP/1.1\r\nHost: good.test\r\nContent-Type: multipart/form-data; boundary=" +
                 boundary + "\r\nUser-Agent: WinInetPost/0.0.4\r\nCache-Control: no-cache\r\nContent-Length: " +
                 std::to_string(body.size()) + "\r\n\r\n" + body);
+  EXPECT_TRUE(receiver.calls.starts_with(L"resolving good.test; resolved 127.0.0.1; connecting 127.0.0.1; connected "
+                                         L"127.0.0.1; sending; sent " +
+                                         std::to_wstring(sent.size() - body.size()) + L"; sending; sent "));
+  EXPECT_TRUE(receiver.calls.ends_with(L"receiving; received 44; closing; closed; ")) << "the reply's head";
 }
 
 TEST_F(UploaderTest, AdaptsTheChunkToTheTimeOfTheLastWrite) {
@@ -110,20 +94,15 @@ TEST_F(UploaderTest, AdaptsTheChunkToTheTimeOfTheLastWrite) {
       now += chunks[nWrite - 2].first;
     return false;
   };
-  DWORD dwTotal = 0;
-  for (auto const &[ms, units] : chunks)
-    dwTotal += units;
-  AddFile("chunks", std::string(dwTotal * 0x8000, 'x'));
-  EXPECT_EQ(Post(), S_OK);
-  std::vector<DWORD> sizes;
-  for (DWORD const dwBytes : receiver.writes)
-    if (dwBytes >= 0x8000 && sizes.size() < chunks.size())
-      sizes.push_back(dwBytes / 0x8000);
   std::vector<DWORD> expected;
   for (auto const &[ms, units] : chunks)
-    expected.push_back(units);
-  EXPECT_EQ(sizes, expected);
+    expected.push_back(units * 0x8000);
+  AddFile("chunks", std::string(std::accumulate(expected.begin(), expected.end(), 0U), 'x'));
+  EXPECT_EQ(Post(), S_OK);
+  std::erase_if(receiver.writes, [](DWORD dwBytes) { return dwBytes < 0x8000; });
+  EXPECT_EQ(receiver.writes, expected);
   EXPECT_EQ(m_dwSlept, 50 * chunks.size());
+  EXPECT_EQ(job.m_dwRate, 19 * 0x8000U / 30) << "what was out after the last tick; the next file begins with it";
 }
 
 TEST_F(UploaderTest, EndsAtTheCallThatFails) {
@@ -141,7 +120,6 @@ TEST_F(UploaderTest, EndsAtTheCallThatFails) {
       {"HttpAddRequestHeadersA", 1, ""},
       {"HttpSendRequestExW", 1, ""},
       {"InternetWriteFile", 1, ""},
-      {"InternetWriteFile", 2, ""},
       {"InternetWriteFile", 3, ""},
       {"InternetWriteFile", 4, ""},
       {"CreateFileW", 3, ""}, // behind the two of the length pass
@@ -159,14 +137,14 @@ TEST_F(UploaderTest, EndsAtTheCallThatFails) {
   AddFile("two", "abcd");
   for (Case const &c : cases) {
     SCOPED_TRACE(c.szCall + std::to_string(c.nth));
-    receiver.calls.clear();
+    receiver.files.clear();
     int nCall = 0;
     m_hooks.fault = [&](char const *szCall, DWORD *pdwError) {
       *pdwError = 1450;
       return std::strcmp(szCall, c.szCall) == 0 && ++nCall == c.nth;
     };
     EXPECT_EQ(Post(), HResult(1450));
-    EXPECT_EQ(receiver.calls, c.szCalls);
+    EXPECT_EQ(receiver.files, c.szCalls);
     EXPECT_EQ(reply + std::to_string(result.m_nHttpStatus), "-1") << "nothing was answered";
   }
   for (auto const &[szCall, szReply, nStatus] :
@@ -184,10 +162,10 @@ TEST_F(UploaderTest, StopsAtEachQueryThatSaysSo) {
   AddFile("two", "abcd");
   char const *const calls[] = {"begin 0/4 failed ", "begin 0/4 failed ", "begin 0/4 4/4 done begin 0/4 failed "};
   for (int nQuery = 0; nQuery < 3; ++nQuery) {
-    receiver.calls.clear();
+    receiver.files.clear();
     receiver.nQueriesBeforeStop = nQuery;
     EXPECT_EQ(Post(), UPLOAD_E_CANCELLED);
-    EXPECT_EQ(receiver.calls, calls[nQuery]) << nQuery;
+    EXPECT_EQ(receiver.files, calls[nQuery]) << nQuery;
   }
   job.ClearFiles();
   receiver.nQueriesBeforeStop = 0;
@@ -195,8 +173,8 @@ TEST_F(UploaderTest, StopsAtEachQueryThatSaysSo) {
 }
 
 TEST_F(UploaderTest, DeliversAnEarlyRefusal) {
-  for (char const *szScenario : {"early-keep", "early-hold"}) {
-    Peer const peer(std::string(szScenario) + " --tls good --status 413 --body 'too large'");
+  for (std::string const scenario : {"early-keep", "early-hold", "early-keep --length chunked"}) {
+    Peer const peer(scenario + " --tls good --status 413 --body 'too large'");
     job.ClearFiles();
     AddFile("large", std::string(8'000'000, 'x'));
     EXPECT_EQ(Post(), S_OK);
@@ -204,43 +182,33 @@ TEST_F(UploaderTest, DeliversAnEarlyRefusal) {
   }
 }
 
-TEST_F(UploaderTest, KeepsTheRateForTheNextFile) {
-  Peer const peer("reply --tls good");
-  std::uint64_t now = 0;
-  m_hooks.now = [&now] { return now; };
-  m_hooks.sleep = [&now](DWORD) { now += 1000; }; // two ticks a chunk
-  AddFile("one", std::string(0x8000, 'x'));
-  EXPECT_EQ(Post(), S_OK);
-  EXPECT_EQ(job.m_dwRate, 0x4000U);
-  job.ClearFields();
-  job.ClearFiles();
-  EXPECT_EQ(job.m_dwRate, 0x4000U);
-}
-
-TEST(UploadThread, EndsWithItsCompletionAndItsOutcome) {
-  Peer const peer("reply --tls good --body r");
+TEST(UploadThread, WithoutAThreadNothingStarts) {
   UploadJob job;
   UploadResult result;
   Receiver receiver;
-  for (auto const &[szUrl, hr, szReply] : {std::tuple{"", HResult(ERROR_INTERNET_INVALID_URL), ""},
-                                           std::tuple{"https://good.test/p", HRESULT{S_OK}, "r"}}) {
-    job.SetUrl(szUrl);
-    receiver.calls.clear();
-    UploadThread2 thread(&job, &result, &receiver);
-    ASSERT_TRUE(thread.Start());
-    EXPECT_NE(thread.m_uThreadId, 0U);
-    EXPECT_EQ(thread.Wait(), static_cast<DWORD>(hr));
-    EXPECT_EQ(receiver.calls, "complete " + std::to_string(hr));
-    EXPECT_EQ(thread.m_strReply, szReply);
-    EXPECT_EQ(thread.Wait(), 0xFFFFFFFF) << "without a handle";
-  }
   PlatformTestHooks hooks;
   hooks.fault = [](char const *szCall, DWORD *) { return std::strcmp(szCall, "_beginthreadex") == 0; };
   SetPlatformTestHooks(&hooks);
   UploadThread2 thread(&job, &result, &receiver);
   EXPECT_FALSE(thread.Start());
   EXPECT_EQ(thread.m_uThreadId, 0U);
+  EXPECT_EQ(thread.Wait(), 0xFFFFFFFF) << "without a handle";
   SetPlatformTestHooks(nullptr);
+}
+
+TEST(MultipartBody, MakesABoundaryOfItsOwnForEachRequest) {
+  std::regex const form("-{27}[0-9A-F]{12}");
+  std::string const first = MakeBoundary();
+  EXPECT_TRUE(std::regex_match(first, form)) << first;
+  EXPECT_NE(MakeBoundary(), first);
+}
+
+TEST(MultipartBody, CountsAFileThatCantBeOpenedAsTheInvalidSize) {
+  UploadFile const file = {L"n", L"/no/such/file", L"t"};
+  DWORD dwFiles = 10;
+  DWORD const dwHead = static_cast<DWORD>(MakeFileHead("b", file).size());
+  EXPECT_EQ(FilePartLength("b", file, dwFiles), dwHead + 0xFFFFFFFF + 2);
+  EXPECT_EQ(dwFiles, 9U);
 }
 
 } // namespace

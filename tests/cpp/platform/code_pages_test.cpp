@@ -1,11 +1,9 @@
-// The bounded formatters, the number readers and the code pages.
+// The code pages.
 #include "platform/CString.h"
-#include "platform/LastError.h"
-#include "platform/Text.h"
+#include "platform/CodePages.h"
 
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <clocale>
 #include <cstdlib>
 #include <filesystem>
@@ -16,52 +14,6 @@
 #include <unistd.h>
 
 namespace {
-
-template <class... Values> std::wstring Format(WCHAR const *wszFormat, Values... values) {
-  WCHAR buffer[64];
-  int const nLength = _snwprintf_s(buffer, std::size(buffer), _TRUNCATE, wszFormat, values...);
-  EXPECT_EQ(nLength, static_cast<int>(std::wcslen(buffer)));
-  return buffer;
-}
-
-TEST(Text, WideFormatsFollowTheNativeConvention) {
-  EXPECT_EQ(Format(L"[%s] %S|%hs|%ls", L"w\u4E2D", "n\xE4\xB8\xAD", "h", L"l"), L"[w\u4E2D] n\u4E2D|h|l");
-  EXPECT_EQ(Format(L"%s %S", static_cast<WCHAR *>(nullptr), static_cast<char *>(nullptr)), L"(null) (null)");
-  EXPECT_EQ(Format(L"%5s|%-5s|%.2s|%*.*s|", L"ab", L"ab", L"abc", 4, 1, L"xyz"), L"   ab|ab   |ab|   x|");
-  EXPECT_EQ(Format(L"%d %i %u %x %X %c%%", -1, INT_MIN, UINT_MAX, 0xABCU, 0xABCU, 0x4E2D),
-            L"-1 -2147483648 4294967295 abc ABC \u4E2D%");
-  EXPECT_EQ(Format(L"%04X%04X|%+d|% d|%-4d|%05d|%#x", 0x29U, 0x4823U, 1, 2, 3, -4, 255U),
-            L"00294823|+1| 2|3   |-0004|0xff");
-  EXPECT_EQ(Format(L"%.3d|%05.2d|%-*d|%.0d|%-03d|", 7, 7, 3, 1, 0, 5), L"007|   07|1  ||5  |");
-  EXPECT_EQ(Format(L"%ld %lu %llx %lld", -5L, 5UL, ULLONG_MAX, LLONG_MIN),
-            L"-5 5 ffffffffffffffff -9223372036854775808");
-  EXPECT_EQ(Format(L"%"), L"");
-  WCHAR const lone[] = {0xD800, 0}; // a unit that is no character passes through
-  EXPECT_EQ(Format(L"%s", lone), lone);
-}
-
-TEST(Text, WhatDoesNotFitIsCutAndTerminated) {
-  WCHAR wide[4];
-  EXPECT_EQ(_snwprintf_s(wide, 4, _TRUNCATE, L"%s", L"abc"), 3);
-  EXPECT_EQ(_snwprintf_s(wide, 4, _TRUNCATE, L"%1000000000d", 1), -1);
-  EXPECT_STREQ(wide, L"   ");
-  char narrow[4];
-  EXPECT_EQ(_snprintf_s(narrow, 4, _TRUNCATE, "%s", "abc"), 3);
-  EXPECT_EQ(_snprintf_s(narrow, 4, _TRUNCATE, "%d", 12345), -1);
-  EXPECT_STREQ(narrow, "123");
-}
-
-TEST(Text, Numbers) {
-  EXPECT_EQ(_wtoi(L" \t\u00A0-12abc"), -12);
-  EXPECT_EQ(_wtoi(L"2147483648"), INT_MAX);
-  EXPECT_EQ(_wtoi(L"-99999999999999999999"), INT_MIN);
-  for (WCHAR const *wszText : {L"junk", L"+-7", L"0x10", static_cast<WCHAR const *>(nullptr)})
-    EXPECT_EQ(_wtoi(wszText), 0) << testing::PrintToString(wszText);
-  int const products[][4] = {{-7, 3, 2, -11}, {7, 3, -2, -11},     {10, 1, 3, 3},
-                             {11, 1, 3, 4},   {INT_MAX, 2, 1, -1}, {5, 5, 0, -1}};
-  for (auto const &row : products)
-    EXPECT_EQ(MulDiv(row[0], row[1], row[2]), row[3]) << row[0] << " * " << row[1] << " / " << row[2];
-}
 
 std::string Narrow(UINT uCodePage, std::wstring const &strText) {
   char buffer[64];

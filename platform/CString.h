@@ -4,7 +4,9 @@
 
 #include "platform/CodePages.h"
 
+#include <functional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 class CString {
@@ -38,9 +40,15 @@ private:
 class CMapStringToString {
 public:
   explicit CMapStringToString(int /*nBlockSize*/ = 10) {}
-  void SetAt(WCHAR const *wszKey, WCHAR const *wszValue) { m_map[wszKey] = wszValue; }
+  void SetAt(WCHAR const *wszKey, WCHAR const *wszValue) {
+    auto const it = m_map.find(std::wstring_view(wszKey));
+    if (it == m_map.end())
+      m_map.emplace(wszKey, wszValue);
+    else
+      it->second = wszValue;
+  }
   bool Lookup(WCHAR const *wszKey, CString &strValue) const {
-    auto const it = m_map.find(wszKey);
+    auto const it = m_map.find(std::wstring_view(wszKey));
     if (it == m_map.end())
       return false;
     strValue = it->second;
@@ -51,7 +59,11 @@ public:
   auto end() const { return m_map.end(); }
 
 private:
-  std::unordered_map<std::wstring, std::wstring> m_map;
+  /// Lets a key be looked up without a copy of it.
+  struct Hash : std::hash<std::wstring_view> {
+    using is_transparent = void;
+  };
+  std::unordered_map<std::wstring, std::wstring, Hash, std::equal_to<>> m_map;
 };
 
 /// Bytes of a wide text in a code page, for as long as the object lives. A null text gives none. May throw

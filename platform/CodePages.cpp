@@ -5,6 +5,7 @@
 #include "platform/LastError.h"
 #include "platform/Utf8.h"
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <cwchar>
@@ -24,6 +25,13 @@ public:
     if (m_uCount < m_uCapacity)
       m_pBuffer[m_uCount] = unit;
     ++m_uCount;
+  }
+  /// Puts units of ASCII, whatever their size.
+  template <class Other> void PutAscii(std::basic_string_view<Other> text) {
+    std::size_t const uRoom = m_uCapacity - std::min(m_uCount, m_uCapacity);
+    if (m_pBuffer)
+      std::copy_n(text.begin(), std::min(text.size(), uRoom), m_pBuffer + m_uCount);
+    m_uCount += text.size();
   }
   /// The count, or 0 with the last error if the units do not fit.
   int Result() const {
@@ -222,18 +230,20 @@ int MultiByteToWideChar(UINT uCodePage, DWORD dwFlags, char const *szBytes, int 
   Sink<WCHAR> sink(wszWide, static_cast<std::size_t>(cchWide));
   if (char const *const szCharset = uCodePage == CP_UTF8 ? nullptr : ThreadCharset())
     return FromCharset(szCharset, szBytes, cb, sink);
-  DecodeAll({szBytes, cb}, [&](WCHAR unit) { sink.Put(unit); });
+  std::string_view bytes(szBytes, cb);
+  std::size_t const uAscii = AsciiPrefix(bytes);
+  sink.PutAscii(bytes.substr(0, uAscii));
+  bytes.remove_prefix(uAscii);
+  DecodeAll(bytes, [&](WCHAR unit) { sink.Put(unit); });
   return sink.Result();
 }
 
 std::string Utf8FromWide(std::wstring_view text) {
-  std::string bytes(text.size(), '\0');
-  WCHAR const *p = text.data();
-  WCHAR const *const pEnd = p + text.size();
-  char *put = bytes.data();
-  while (p != pEnd && static_cast<char32_t>(*p) < 0x80)
-    *put++ = static_cast<char>(*p++);
-  bytes.resize(static_cast<std::size_t>(p - text.data()));
+  std::size_t const uAscii = AsciiPrefix(text);
+  std::string bytes(uAscii, '\0');
+  std::copy_n(text.begin(), uAscii, bytes.begin());
+  WCHAR const *p = text.data() + uAscii;
+  WCHAR const *const pEnd = text.data() + text.size();
   while (p != pEnd)
     EncodeUtf8(NextCharacter(p, pEnd), [&](char byte) { bytes.push_back(byte); });
   return bytes;

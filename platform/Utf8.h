@@ -4,12 +4,30 @@
 
 #include "platform/Types.h"
 
+#include <cstddef>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 constexpr char32_t kReplacementCharacter = 0xFFFD;
 
 constexpr bool IsSurrogate(char32_t unit) { return unit >= 0xD800 && unit <= 0xDFFF; }
+
+/// How many units at the start are ASCII: most text is, and goes over in one step. Looks at blocks, which vectorizes.
+template <class Unit> std::size_t AsciiPrefix(std::basic_string_view<Unit> text) {
+  constexpr std::size_t kBlock = 64;
+  std::size_t u = 0;
+  for (; text.size() - u >= kBlock; u += kBlock) {
+    std::make_unsigned_t<Unit> all = 0;
+    for (std::size_t i = 0; i < kBlock; ++i)
+      all |= static_cast<std::make_unsigned_t<Unit>>(text[u + i]);
+    if (all >= 0x80)
+      break;
+  }
+  while (u < text.size() && static_cast<std::make_unsigned_t<Unit>>(text[u]) < 0x80)
+    ++u;
+  return u;
+}
 
 /// The character at `p`, which is moved behind it; a lone surrogate comes out as it is. `p` must not be `pEnd`.
 inline char32_t NextCharacter(WCHAR const *&p, WCHAR const *pEnd) {

@@ -121,6 +121,8 @@ class CComBSTR {
 public:
   CComBSTR() = default;
   explicit CComBSTR(WCHAR const *wszText) : m_str(SysAllocString(wszText)) {}
+  /// Widens bytes, up to the first zero, in the calling thread's ANSI code page.
+  explicit CComBSTR(char const *szText) : m_str(Widened(szText)) {}
   CComBSTR(CComBSTR const &) = delete;
   CComBSTR &operator=(CComBSTR const &) = delete;
   ~CComBSTR() { SysFreeString(m_str); }
@@ -131,6 +133,9 @@ public:
   operator BSTR() const { return m_str; }
 
   BSTR m_str = nullptr;
+
+private:
+  static SKIFFPORT_PLATFORM_API BSTR Widened(char const *szText);
 };
 
 /// Owns one VARIANT.

@@ -131,7 +131,7 @@ CComPtr<IXMLDOMDocument> LoadReply(std::string const &strReply) {
   CComPtr<IXMLDOMDocument> pDocument;
   if (SUCCEEDED(CoCreateInstance(CLSID_DOMDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
                                  reinterpret_cast<void **>(&pDocument))))
-    pDocument->loadXML(CComBSTR(CString(strReply.c_str())), nullptr);
+    pDocument->loadXML(CComBSTR(strReply.c_str()), nullptr);
   return pDocument;
 }
 

@@ -227,8 +227,10 @@ curl_socket_t HttpTransfer::Open(curl_sockaddr const &address) {
 void HttpTransfer::Connected() {
   if (m_connected != CURL_SOCKET_BAD)
     return;
-  auto const it = std::find_if(m_sockets.rbegin(), m_sockets.rend(),
-                               [](Socket const &socket) { return IsConnectedTo(socket.fd, socket.address); });
+  bool const isOnlyOne = m_sockets.size() == 1;
+  auto const it = std::find_if(m_sockets.rbegin(), m_sockets.rend(), [=](Socket const &socket) {
+    return isOnlyOne || IsConnectedTo(socket.fd, socket.address);
+  });
   if (it == m_sockets.rend())
     return;
   m_connected = it->fd;

@@ -34,7 +34,7 @@ SKIFFPORT_PLATFORM_API BOOL GetExitCodeThread(HANDLE hThread, DWORD *pdwExitCode
 /// ERROR_INVALID_HANDLE. Thread: any.
 SKIFFPORT_PLATFORM_API BOOL CloseHandle(HANDLE hObject);
 
-/// Blocks the calling thread for that many ms; 0 yields the processor.
+/// Blocks the calling thread for that many ms, punctually: the last 0.3 ms are spent awake. 0 yields the processor.
 SKIFFPORT_PLATFORM_API void Sleep(DWORD dwMilliseconds);
 
 /// Milliseconds of a steady clock, modulo 2^32.

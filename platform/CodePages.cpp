@@ -30,7 +30,7 @@ public:
   template <class Other> void PutAscii(std::basic_string_view<Other> text) {
     std::size_t const uRoom = m_uCapacity - std::min(m_uCount, m_uCapacity);
     if (m_pBuffer)
-      std::copy_n(text.begin(), std::min(text.size(), uRoom), m_pBuffer + m_uCount);
+      CopyAscii(text.substr(0, uRoom), m_pBuffer + m_uCount);
     m_uCount += text.size();
   }
   /// The count, or 0 with the last error if the units do not fit.
@@ -241,7 +241,7 @@ int MultiByteToWideChar(UINT uCodePage, DWORD dwFlags, char const *szBytes, int 
 std::string Utf8FromWide(std::wstring_view text) {
   std::size_t const uAscii = AsciiPrefix(text);
   std::string bytes(uAscii, '\0');
-  std::copy_n(text.begin(), uAscii, bytes.begin());
+  CopyAscii(text.substr(0, uAscii), bytes.data());
   WCHAR const *p = text.data() + uAscii;
   WCHAR const *const pEnd = text.data() + text.size();
   while (p != pEnd)

@@ -5,6 +5,7 @@
 #include "platform/Types.h"
 
 #include <cstddef>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -27,6 +28,19 @@ template <class Unit> std::size_t AsciiPrefix(std::basic_string_view<Unit> text)
   while (u < text.size() && static_cast<std::make_unsigned_t<Unit>>(text[u]) < 0x80)
     ++u;
   return u;
+}
+
+/// Copies ASCII units into units of another size.
+template <class Unit, class Other> void CopyAscii(std::basic_string_view<Unit> text, Other *pPut) {
+  constexpr std::size_t kBlock = 64;
+  Other block[kBlock]; // of its own, so that the compiler knows that nothing overlaps
+  for (; text.size() >= kBlock; text.remove_prefix(kBlock), pPut += kBlock) {
+    for (std::size_t i = 0; i < kBlock; ++i)
+      block[i] = static_cast<Other>(text[i]);
+    std::memcpy(pPut, block, sizeof block);
+  }
+  for (Unit const unit : text)
+    *pPut++ = static_cast<Other>(unit);
 }
 
 /// The character at `p`, which is moved behind it; a lone surrogate comes out as it is. `p` must not be `pEnd`.

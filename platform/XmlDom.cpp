@@ -30,19 +30,21 @@ namespace {
 constexpr HRESULT E_NOINTERFACE = static_cast<HRESULT>(0x80004002U);
 constexpr HRESULT CLASS_E_NOAGGREGATION = static_cast<HRESULT>(0x80040110U);
 constexpr HRESULT REGDB_E_CLASSNOTREG = static_cast<HRESULT>(0x80040154U);
-constexpr std::string_view kBlanks = " \t\r\n"; // what XML calls white space
 
 std::string_view TextOf(xmlChar const *szText) {
   return szText ? reinterpret_cast<char const *>(szText) : std::string_view();
 }
 
-bool IsBlank(std::string_view text) { return text.find_first_not_of(kBlanks) == std::string_view::npos; }
+bool IsBlankUnit(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; } // what XML calls white space
+
+bool IsBlank(std::string_view text) { return std::all_of(text.begin(), text.end(), IsBlankUnit); }
 
 std::string_view Trim(std::string_view text) {
-  auto const uFirst = text.find_first_not_of(kBlanks);
-  if (uFirst == std::string_view::npos)
-    return {};
-  return text.substr(uFirst, text.find_last_not_of(kBlanks) - uFirst + 1);
+  while (!text.empty() && IsBlankUnit(text.front()))
+    text.remove_prefix(1);
+  while (!text.empty() && IsBlankUnit(text.back()))
+    text.remove_suffix(1);
+  return text;
 }
 
 /// The result for a failure that a test asked for.
@@ -55,7 +57,12 @@ HRESULT FaultResult() {
 BSTR AllocString(std::string const &text) {
   int const cch = static_cast<int>(text.size()) + 1;
   std::unique_ptr<WCHAR[]> wide(new WCHAR[static_cast<std::size_t>(cch)]);
-  MultiByteToWideChar(CP_UTF8, 0, text.c_str(), cch, wide.get(), cch);
+  if (AsciiPrefix<char>(text) == text.size()) {
+    CopyAscii<char>(text, wide.get());
+    wide[text.size()] = 0;
+  } else {
+    MultiByteToWideChar(CP_UTF8, 0, text.c_str(), cch, wide.get(), cch);
+  }
   return wide.release();
 }
 

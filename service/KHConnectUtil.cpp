@@ -7,6 +7,7 @@
 #include "shell/Trace.h"
 
 #include <cstring>
+#include <exception>
 #include <new>
 
 namespace {
@@ -21,10 +22,24 @@ void SetKey(PyObject *pDict, char const *szKey, PyObject *pValue) {
   Py_XDECREF(pValue);
 }
 
-// Connects and sends without the interpreter lock.
+// Connects and sends without the interpreter lock. A failure waits until the lock is back: Python may end the thread
+// where it would take the lock, which no exception that is on its way survives.
 BOOL SendReleased(ServiceExchange &exchange, WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm) {
-  ScopedGILRelease const release;
-  return exchange.Send(wszHost, wszObject, szForm);
+  BOOL bSent = FALSE;
+  std::exception_ptr failure;
+  {
+    ScopedGILRelease const release;
+    try {
+      bSent = exchange.Send(wszHost, wszObject, szForm);
+    } catch (CInternetException *) {
+      failure = std::current_exception();
+    } catch (std::bad_alloc const &) {
+      failure = std::current_exception();
+    }
+  }
+  if (failure)
+    std::rethrow_exception(failure);
+  return bSent;
 }
 
 // The exchange behind the argument tests. `szForm` null: no headers and no body. `bSucc` is what SendRequest returned.

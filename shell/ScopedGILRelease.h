@@ -10,7 +10,9 @@ public:
       : m_pThreadState(PyGILState_GetThisThreadState() && PyGILState_Check() ? PyEval_SaveThread() : nullptr) {}
   ScopedGILRelease(ScopedGILRelease const &) = delete;
   ScopedGILRelease &operator=(ScopedGILRelease const &) = delete;
-  ~ScopedGILRelease() {
+  /// Takes the lock back. Behind the interpreter's end it does not return: Python then ends the thread, by an unwinding
+  /// that has to pass.
+  ~ScopedGILRelease() noexcept(false) {
     if (m_pThreadState)
       PyEval_RestoreThread(m_pThreadState);
   }

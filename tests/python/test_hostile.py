@@ -1,8 +1,13 @@
 """Uploads to a service that misbehaves, or a line that dies: each has its bounded, clear outcome."""
 
+import os
+import socket
+import subprocess
+import sys
 import time
 
 import common
+import service
 from publication import Publication
 
 HOST = "good.test"
@@ -58,3 +63,35 @@ class HostileService(common.NetworkCase):
         start = time.monotonic()
         self.assertEqual(self.run_python(script, HOST, *paths), (4, ""))
         self.assertLess(time.monotonic() - start, 15)
+
+
+class InterpretersEnd(common.Case):
+    SCRIPT = """
+import ctypes, os, sys, threading, Skiffport
+class Last:
+    def __del__(self, write=os.write):
+        write(1, b"x")
+ctypes.CDLL(None).on_exit(ctypes.CDLL(None).getchar, None)  # keeps the process behind the interpreter's end
+Skiffport.last = Last()
+call = Skiffport.KHConnectUtil().SyncSendHttpRequestParam
+threading.Thread(target=call, args=("slow.test", 80, "/", ""), daemon=True).start()
+sys.stdin.read(1)
+"""
+
+    def test_a_thread_that_comes_back_behind_it_ends_quietly(self):
+        with socket.create_server(("127.0.0.1", 0)) as listener:
+            env = {**os.environ, "PYTHONPATH": os.pathsep.join(common.PATH),
+                   "SKIFFPORT_CONNECT_TO": f"slow.test:80:127.0.0.1:{listener.getsockname()[1]}"}
+            with subprocess.Popen([sys.executable, "-B", "-u", "-c", self.SCRIPT], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                  stderr=subprocess.STDOUT, env=env) as child:
+                listener.settimeout(service.DEADLINE_SECONDS)
+                connection = listener.accept()[0]
+                child.stdin.write(b"x")
+                child.stdin.flush()
+                self.assertEqual(child.stdout.read(1), b"x")
+                connection.close()
+                tasks = f"/proc/{child.pid}/task"
+                if sys.version_info >= (3, 9):  # before, it waits for the lock to the process's end
+                    service.wait_until(lambda: child.poll() is not None or len(os.listdir(tasks)) == 1, "end of the thread")
+                self.assertEqual(child.communicate(timeout=service.DEADLINE_SECONDS)[0], b"")
+        self.assertEqual(child.returncode, 0)

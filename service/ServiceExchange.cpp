@@ -99,14 +99,21 @@ std::string ServiceExchange::ReadReply() {
   return strReply;
 }
 
-// What one read of `cb` bytes gives, taken in blocks.
+// What one read of `cb` bytes gives, taken in blocks: what came before a failure, or the failure if nothing came.
 std::string ServiceExchange::ReadUpTo(std::size_t cb) {
   std::string strRead;
   while (strRead.size() < cb) {
     std::size_t const at = strRead.size();
     std::size_t const block = std::min(cb - at, kReadBlock);
     strRead.resize(at + block);
-    UINT const uRead = m_pFile->Read(strRead.data() + at, static_cast<UINT>(block));
+    UINT uRead = 0;
+    try {
+      uRead = m_pFile->Read(strRead.data() + at, static_cast<UINT>(block));
+    } catch (CInternetException *pException) {
+      if (at == 0)
+        throw;
+      pException->Delete();
+    }
     strRead.resize(at + uRead);
     if (uRead < block)
       break;

@@ -2,6 +2,7 @@
 #include "platform/InternetSession.h"
 
 #include "platform/LastError.h"
+#include "platform/Text.h"
 
 #include <algorithm>
 #include <string>
@@ -51,10 +52,10 @@ BOOL CInternetException::GetErrorMessage(WCHAR *wszText, UINT cchText) const {
     return FALSE;
   auto const it = std::find_if(std::begin(kSentences), std::end(kSentences),
                                [this](Sentence const &row) { return row.dwError == m_dwError; });
-  std::wstring const strText = it != std::end(kSentences)
-                                   ? it->wszText
-                                   : L"The request failed with error number " + std::to_wstring(m_dwError) + L".";
-  wszText[strText.copy(wszText, cchText - 1)] = L'\0';
+  if (it != std::end(kSentences))
+    _snwprintf_s(wszText, cchText, _TRUNCATE, L"%s", it->wszText);
+  else
+    _snwprintf_s(wszText, cchText, _TRUNCATE, L"The request failed with error number %u.", m_dwError);
   return TRUE;
 }
 

@@ -36,8 +36,17 @@ void InitializeCurl() {
 
 } // namespace
 
-CurlHandles TakeCurlHandles() {
+CurlHandles MakeCurlHandles() {
   InitializeCurl();
+  CurlHandles handles;
+  handles.multi.reset(curl_multi_init());
+  handles.easy.reset(curl_easy_init());
+  if (!handles.multi || !handles.easy)
+    throw std::bad_alloc();
+  return handles;
+}
+
+CurlHandles TakeCurlHandles() {
   Kept &kept = TheKept();
   {
     std::lock_guard<std::mutex> const lock(kept.mutex);
@@ -47,12 +56,7 @@ CurlHandles TakeCurlHandles() {
       if (handles.easy)
         return std::move(handles);
   }
-  CurlHandles handles;
-  handles.multi.reset(curl_multi_init());
-  handles.easy.reset(curl_easy_init());
-  if (!handles.multi || !handles.easy)
-    throw std::bad_alloc();
-  return handles;
+  return MakeCurlHandles();
 }
 
 void KeepCurlHandles(CurlHandles handles) noexcept {

@@ -313,7 +313,7 @@ void HttpTransfer::CloseSocket(curl_socket_t fd) {
 
 // --- Setting up
 
-HttpTransfer::HttpTransfer() : m_process(CurrentProcess()), m_curl(TakeCurlHandles()) {}
+HttpTransfer::HttpTransfer() : m_process(CurrentProcess()) {}
 
 HttpTransfer::~HttpTransfer() {
   if (CurrentProcess() != m_process) {
@@ -321,8 +321,10 @@ HttpTransfer::~HttpTransfer() {
     static_cast<void>(m_curl.multi.release());
     return;
   }
+  if (!m_curl.easy)
+    return;
   curl_multi_remove_handle(m_curl.multi.get(), m_curl.easy.get()); // closes the socket, and tells of it
-  if (m_isFinished && m_error == ERROR_SUCCESS && m_declared <= kSmallBody)
+  if (m_isKeeper && m_isFinished && m_error == ERROR_SUCCESS)
     KeepCurlHandles(std::move(m_curl));
 }
 
@@ -614,6 +616,8 @@ DWORD HttpTransfer::Begin(HttpRequest const &request, StatusSink const &sink, st
     return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   m_stage = Stage::Sending;
   m_sink = sink;
+  m_isKeeper = !request.isStreamed && bodyLength <= kSmallBody;
+  m_curl = m_isKeeper ? TakeCurlHandles() : MakeCurlHandles();
   SetUp(request, bodyLength);
   if (curl_multi_add_handle(m_curl.multi.get(), m_curl.easy.get()) != CURLM_OK)
     return ERROR_NOT_ENOUGH_MEMORY;

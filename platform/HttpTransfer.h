@@ -22,6 +22,7 @@ struct HttpRequest {
   INTERNET_PORT port = 0;
   bool isSecure = false;
   bool isPost = false;
+  bool isStreamed = false; ///< the body comes in pieces, as it is sent
   bool ignoresDate = false;
   bool ignoresName = false;
   std::string target;                ///< path and query
@@ -160,5 +161,6 @@ private:
   std::array<char, CURL_ERROR_SIZE> m_message{};
   List m_headers;
   List m_connectTo;
-  CurlHandles m_curl;
+  CurlHandles m_curl;      ///< from Begin on
+  bool m_isKeeper = false; ///< they are kept for later
 };

@@ -452,7 +452,10 @@ BOOL HttpSendRequestW(HINTERNET hRequest, WCHAR const *wszHeaders, DWORD dwHeade
 BOOL HttpSendRequestExW(HINTERNET hRequest, INTERNET_BUFFERSW *pIn, INTERNET_BUFFERSW * /*pOut*/, DWORD /*dwFlags*/,
                         DWORD_PTR /*dwContext*/) {
   return Call("HttpSendRequestExW", [&] {
-    return OnRequest(hRequest, [&](Request &request) { return Begin(request, pIn ? pIn->dwBufferTotal : 0); });
+    return OnRequest(hRequest, [&](Request &request) {
+      request.head.isStreamed = true;
+      return Begin(request, pIn ? pIn->dwBufferTotal : 0);
+    });
   });
 }
 

@@ -1,7 +1,10 @@
 // See PyCallback.h.
 #include "publish/PyCallback.h"
 
-PyCallback::~PyCallback() { SetCallable(nullptr); }
+PyCallback::~PyCallback() {
+  *m_pAlive = false;
+  SetCallable(nullptr);
+}
 
 void PyCallback::SetCallable(PyObject *pCallable) {
   PyObject *const pOld = m_pCallable;
@@ -17,9 +20,10 @@ void PyCallback::Fire(char const *format, ...) {
   // Looked at again and kept for the call: another thread may have set it meanwhile, and so may the callable itself.
   if (PyObject *const pCallable = m_pCallable) {
     Py_INCREF(pCallable);
+    std::shared_ptr<bool> const pAlive = m_pAlive;
     va_list args;
     va_start(args, format);
-    PyObject *const pResult = CallWithFormat(pCallable, format, args);
+    PyObject *const pResult = CallWithFormat(pCallable, *pAlive, format, args);
     va_end(args);
     Py_XDECREF(pResult);
     Py_DECREF(pCallable);
@@ -27,7 +31,7 @@ void PyCallback::Fire(char const *format, ...) {
   PyGILState_Release(state);
 }
 
-PyObject *PyCallback::CallWithFormat(PyObject *pCallable, char const *format, va_list args) {
+PyObject *PyCallback::CallWithFormat(PyObject *pCallable, bool const &bAlive, char const *format, va_list args) {
   PyObject *pArguments = nullptr;
   if (format && format[0]) {
     char const szSingle[] = {'(', format[0], ')', '\0'}; // one value alone would not come out as a tuple
@@ -37,7 +41,8 @@ PyObject *PyCallback::CallWithFormat(PyObject *pCallable, char const *format, va
       return nullptr;
     }
   }
-  PyObject *const pResult = PyObject_CallObject(pCallable, pArguments);
+  // Making the tuple may have run the collector, and that the destructor: a destroyed object makes no call.
+  PyObject *const pResult = bAlive ? PyObject_CallObject(pCallable, pArguments) : nullptr;
   Py_XDECREF(pArguments);
   if (PyErr_Occurred())
     PyErr_Print();

@@ -4,6 +4,7 @@
 #include <Python.h>
 
 #include <cstdarg>
+#include <memory>
 
 class PyCallback {
 public:
@@ -20,8 +21,10 @@ public:
   void Fire(char const *format, ...);
 
 private:
-  /// Returns: a new reference to the result, or null. `callable` is borrowed and alive for the call.
-  static PyObject *CallWithFormat(PyObject *pCallable, char const *format, va_list args);
+  /// Calls, unless building the arguments destroyed the object. `pCallable` is borrowed and alive for the call.
+  /// Returns: a new reference to the result, or null.
+  static PyObject *CallWithFormat(PyObject *pCallable, bool const &bAlive, char const *format, va_list args);
 
-  PyObject *m_pCallable = nullptr; ///< Owned; never None.
+  PyObject *m_pCallable = nullptr;                               ///< Owned; never None.
+  std::shared_ptr<bool> m_pAlive = std::make_shared<bool>(true); ///< Tells a call under way that the object is gone.
 };

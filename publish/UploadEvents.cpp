@@ -12,6 +12,7 @@
 namespace {
 
 constexpr std::size_t kErrorSize = 260; // wide characters, terminator included; a longer text is cut
+constexpr std::size_t kUrlSize = 2048;  // wide characters, terminator included, as the decoder gives it
 
 // For the trace: the nearest integer. 0 while the total is 0.
 int RoundedPercent(DWORD dwSent, DWORD dwTotal) {
@@ -79,9 +80,10 @@ void PyPresetUploader::OnBackgroundUploadComplete(long hr) {
     }
   }
   int const nAccepted = static_cast<unsigned>(m_result.m_nHttpStatus) - 200U < 100U ? 1 : 0;
+  WCHAR wszUrl[kUrlSize] = {}; // of its own: this object may be gone before it is read
+  m_strUploadedFileUrl.copy(wszUrl, kUrlSize - 1);
   // Last: the callable may start the next upload, or destroy this object.
-  Fire("uuiiuuii", L"PROGRESS", L"UploadComplete", 100, nAccepted, m_strUploadedFileUrl.c_str(), wszError, uThreadId,
-       nKHID);
+  Fire("uuiiuuii", L"PROGRESS", L"UploadComplete", 100, nAccepted, wszUrl, wszError, uThreadId, nKHID);
 }
 
 // Waits for the thread, which has posted its completion and is about to end, and takes its reply.

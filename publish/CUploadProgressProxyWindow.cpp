@@ -5,6 +5,7 @@
 #include "platform/Threads.h"
 #include "publish/Command.h"
 
+#include <atomic>
 #include <new>
 
 namespace {
@@ -16,8 +17,10 @@ constexpr CRuntimeClass kRuntimeClass = {"CUploadProgressProxyWindow", &CWnd::cl
 
 // Registered by the first proxy of the process; later ones find it.
 WCHAR const *WindowClass() {
-  static WCHAR const *const wszClass = AfxRegisterWndClass(0, nullptr, nullptr, nullptr);
-  return wszClass;
+  static std::atomic<WCHAR const *> s_wszClass = nullptr; // null also after a registration that failed
+  if (!s_wszClass)
+    s_wszClass = AfxRegisterWndClass(0, nullptr, nullptr, nullptr);
+  return s_wszClass;
 }
 
 } // namespace

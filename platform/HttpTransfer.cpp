@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include <arpa/inet.h>
 #include <linux/tcp.h>
@@ -311,6 +312,14 @@ void HttpTransfer::CloseSocket(curl_socket_t fd) {
     m_sink.Tell(INTERNET_STATUS_CONNECTION_CLOSED);
 }
 
+/// Tells of what was put off.
+void HttpTransfer::TellClosed() {
+  if (!std::exchange(m_isClosedUntold, false))
+    return;
+  m_sink.Tell(INTERNET_STATUS_CLOSING_CONNECTION);
+  m_sink.Tell(INTERNET_STATUS_CONNECTION_CLOSED);
+}
+
 // --- Setting up
 
 HttpTransfer::HttpTransfer() : m_process(CurrentProcess()) {}
@@ -324,7 +333,10 @@ HttpTransfer::~HttpTransfer() {
   if (!m_curl.easy)
     return;
   curl_multi_remove_handle(m_curl.multi.get(), m_curl.easy.get()); // closes the socket, and tells of it
-  if (m_isKeeper && m_isFinished && m_error == ERROR_SUCCESS)
+  TellClosed();
+  bool const isClosed = std::all_of(m_sockets.begin(), m_sockets.end(),
+                                    [](Socket const &socket) { return socket.fd == CURL_SOCKET_BAD; });
+  if (m_isKeeper && isClosed && m_isFinished && m_error == ERROR_SUCCESS)
     KeepCurlHandles(std::move(m_curl));
 }
 
@@ -672,10 +684,7 @@ DWORD HttpTransfer::End() {
     return Failure();
   m_sink.TellCount(INTERNET_STATUS_RESPONSE_RECEIVED, m_headSize);
   m_stage = Stage::Answered;
-  if (m_isClosedUntold) {
-    m_sink.Tell(INTERNET_STATUS_CLOSING_CONNECTION);
-    m_sink.Tell(INTERNET_STATUS_CONNECTION_CLOSED);
-  }
+  TellClosed();
   return ERROR_SUCCESS;
 }
 

@@ -122,6 +122,7 @@ private:
   bool TakeHeader(std::string_view line);
   bool TakeBody(std::string_view data);
   void CloseSocket(curl_socket_t fd);
+  void TellClosed();
 
   pid_t const m_process;
   std::atomic<bool> m_isAborted = false;

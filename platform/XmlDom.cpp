@@ -54,15 +54,15 @@ HRESULT FaultResult() {
 }
 
 /// A new string of the UTF-8 text's characters.
-BSTR AllocString(std::string const &text) {
-  int const cch = static_cast<int>(text.size()) + 1;
-  std::unique_ptr<WCHAR[]> wide(new WCHAR[static_cast<std::size_t>(cch)]);
-  if (AsciiPrefix<char>(text) == text.size()) {
-    CopyAscii<char>(text, wide.get());
-    wide[text.size()] = 0;
-  } else {
-    MultiByteToWideChar(CP_UTF8, 0, text.c_str(), cch, wide.get(), cch);
-  }
+BSTR AllocString(std::string_view text) {
+  std::unique_ptr<WCHAR[]> wide(new WCHAR[text.size() + 1]);
+  std::size_t cch = text.size();
+  if (AsciiPrefix(text) == text.size())
+    CopyAscii(text, wide.get());
+  else
+    cch = static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                       wide.get(), static_cast<int>(text.size())));
+  wide[cch] = 0;
   return wide.release();
 }
 
@@ -157,6 +157,23 @@ std::string NodeText(xmlNode const *pNode) {
   default:
     return std::string(TextOf(pNode->content));
   }
+}
+
+/// The text of the only child, if that is text: what most elements and attributes have. Null for others.
+xmlChar const *OnlyText(xmlNode const *pNode) {
+  bool const bHasChildren = pNode->type == XML_ELEMENT_NODE || pNode->type == XML_ATTRIBUTE_NODE;
+  xmlNode const *const pChild = bHasChildren ? pNode->children : nullptr;
+  return pChild && !pChild->next && pChild->type == XML_TEXT_NODE ? pChild->content : nullptr;
+}
+
+/// The value of a node's text as a new string.
+BSTR AllocNodeText(xmlNode const *pNode) {
+  if (xmlChar const *const szOnly = pNode->type == XML_ELEMENT_NODE ? OnlyText(pNode) : nullptr) {
+    std::string_view const trimmed = Trim(TextOf(szOnly));
+    if (trimmed.size() == TextOf(szOnly).size() || !KeepsBlanks(pNode))
+      return AllocString(trimmed);
+  }
+  return AllocString(NodeText(pNode));
 }
 
 /// The steps of a path of element names; none if it is no such path.
@@ -289,7 +306,9 @@ public:
       return E_INVALIDARG;
     *pbstrName = nullptr;
     return Guarded([&] {
-      *pbstrName = AllocString(Name());
+      xmlNode const *const pNode = m_place.pNode;
+      bool const bPlain = pNode && pNode->type == XML_ELEMENT_NODE && !pNode->ns;
+      *pbstrName = bPlain ? AllocString(TextOf(pNode->name)) : AllocString(Name());
       return S_OK;
     });
   }
@@ -301,8 +320,9 @@ public:
     if (!pNode || pNode->type == XML_DOCUMENT_NODE || pNode->type == XML_ELEMENT_NODE)
       return S_FALSE;
     return Guarded([&] {
+      xmlChar const *const szOnly = pNode->type == XML_ATTRIBUTE_NODE ? OnlyText(pNode) : pNode->content;
       BSTR const bstrValue =
-          AllocString(pNode->type == XML_ATTRIBUTE_NODE ? AttributeValue(pNode) : std::string(TextOf(pNode->content)));
+          AllocString(szOnly || pNode->type != XML_ATTRIBUTE_NODE ? TextOf(szOnly) : AttributeValue(pNode));
       *pValue = {VT_BSTR, bstrValue};
       return S_OK;
     });
@@ -342,7 +362,7 @@ public:
     if (FaultAt("get_text"))
       return FaultResult();
     return Guarded([&] {
-      *pbstrText = AllocString(m_place.pNode ? NodeText(m_place.pNode) : std::string());
+      *pbstrText = m_place.pNode ? AllocNodeText(m_place.pNode) : AllocString({});
       return S_OK;
     });
   }

@@ -38,7 +38,6 @@ void InitializeCurl() {
 
 CurlHandles MakeCurlHandles() {
   InitializeCurl();
-  TheKept(); // there before those that cannot fail need it
   CurlHandles handles;
   handles.multi.reset(curl_multi_init());
   handles.easy.reset(curl_easy_init());
@@ -58,12 +57,6 @@ CurlHandles TakeCurlHandles() {
         return std::move(handles);
   }
   return MakeCurlHandles();
-}
-
-void DropCurlHandles() noexcept {
-  Kept &kept = TheKept();
-  std::lock_guard<std::mutex> const lock(kept.mutex);
-  kept.handles = {};
 }
 
 void KeepCurlHandles(CurlHandles handles) noexcept {

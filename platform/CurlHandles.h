@@ -24,5 +24,3 @@ CurlHandles MakeCurlHandles();
 CurlHandles TakeCurlHandles();
 /// Takes the handles back when the transfer is over and its connection closed. Cannot fail; what is one too many goes.
 void KeepCurlHandles(CurlHandles handles) noexcept;
-/// Lets go of all that is kept. Cannot fail.
-void DropCurlHandles() noexcept;

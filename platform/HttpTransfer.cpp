@@ -338,8 +338,6 @@ HttpTransfer::~HttpTransfer() {
                                     [](Socket const &socket) { return socket.fd == CURL_SOCKET_BAD; });
   if (m_isKeeper && isClosed && m_isFinished && m_error == ERROR_SUCCESS)
     KeepCurlHandles(std::move(m_curl));
-  else if (!m_isKeeper)
-    DropCurlHandles(); // behind an upload there may be no more requests for long
 }
 
 void HttpTransfer::Append(List &list, std::string const &line) {

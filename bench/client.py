@@ -1,8 +1,8 @@
 """One measured run of the module in a process of its own: `client.py upload|first-upload PATH...`, `client.py login COUNT`.
 
 An upload comes behind a login, as in every program, since it needs the token; a first upload is the process's first use
-of the network and of the libraries for it. Prints one JSON object: seconds of wall time and of CPU of the work alone, and the process's peak memory. The importable
-tree comes in SKIFFPORT_TREE.
+of the network and of the libraries for it. Prints one JSON object: seconds of wall time and of CPU of the work alone, and
+the process's peak memory. The importable tree comes in SKIFFPORT_TREE.
 """
 
 from __future__ import annotations

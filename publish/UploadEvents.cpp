@@ -2,7 +2,6 @@
 // service's reply. Runs on the owner thread, out of the proxy window; only IsCancelled runs on the upload thread.
 #include "publish/PyPresetUploader.h"
 
-#include "platform/CString.h"
 #include "platform/Text.h"
 #include "platform/XmlDom.h"
 #include "publish/ExitHook.h"
@@ -108,7 +107,7 @@ void PyPresetUploader::ReadUploadReply(std::string const &strReply, WCHAR *wszEr
   if (FAILED(CoCreateInstance(CLSID_DOMDocument, nullptr, CLSCTX_ALL, IID_IXMLDOMDocument,
                               reinterpret_cast<void **>(&pDocument))))
     return;
-  pDocument->loadXML(CComBSTR(CString(strReply.c_str())), nullptr);
+  pDocument->loadXML(CComBSTR(strReply.c_str()), nullptr);
   bool bFound = false;
   if (CComBSTR bstrUrl; SUCCEEDED(FindText(pDocument, L"uploadTemplate/templateUrl", bFound, bstrUrl)) && bFound)
     m_strUploadedFileUrl = DecodeURLText(bstrUrl);

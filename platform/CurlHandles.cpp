@@ -12,17 +12,17 @@
 
 namespace {
 
-struct Kept {
-  Kept() { HoldAcrossFork(mutex); }
+struct IdleHandles {
+  IdleHandles() { HoldAcrossFork(mutex); }
 
   std::mutex mutex;
   pid_t process = CurrentProcess();
-  std::array<CurlHandles, 4> handles; // more transfers at a time are rare
+  std::array<CurlHandles::Multi, 4> multis; // more transfers at a time are rare
 };
 
-Kept &TheKept() {
-  static Kept &kept = *new Kept; // never destroyed: a thread may still send at exit
-  return kept;
+IdleHandles &Idle() {
+  static IdleHandles &idle = *new IdleHandles; // never destroyed: a thread may still send at exit
+  return idle;
 }
 
 void InitializeCurl() {
@@ -34,40 +34,41 @@ void InitializeCurl() {
     throw std::bad_alloc();
 }
 
+/// An idle multi handle; null if there is none.
+CurlHandles::Multi TakeIdle() {
+  IdleHandles &idle = Idle();
+  std::lock_guard<std::mutex> const lock(idle.mutex);
+  if (std::exchange(idle.process, CurrentProcess()) != CurrentProcess())
+    idle.multis = {}; // a wake-up would reach the parent's
+  for (CurlHandles::Multi &multi : idle.multis)
+    if (multi)
+      return std::move(multi);
+  return nullptr;
+}
+
 } // namespace
 
-CurlHandles MakeCurlHandles() {
+CurlHandles MakeCurlHandles(bool mayReuse) {
   InitializeCurl();
   CurlHandles handles;
-  handles.multi.reset(curl_multi_init());
+  if (mayReuse)
+    handles.multi = TakeIdle();
+  if (!handles.multi)
+    handles.multi.reset(curl_multi_init());
   handles.easy.reset(curl_easy_init());
   if (!handles.multi || !handles.easy)
     throw std::bad_alloc();
   return handles;
 }
 
-CurlHandles TakeCurlHandles() {
-  Kept &kept = TheKept();
-  {
-    std::lock_guard<std::mutex> const lock(kept.mutex);
-    if (std::exchange(kept.process, CurrentProcess()) != CurrentProcess())
-      kept.handles = {}; // a wake-up would reach the parent's
-    for (CurlHandles &handles : kept.handles)
-      if (handles.easy)
-        return std::move(handles);
-  }
-  return MakeCurlHandles();
-}
-
-void KeepCurlHandles(CurlHandles handles) noexcept {
-  curl_easy_reset(handles.easy.get());
-  Kept &kept = TheKept();
-  std::lock_guard<std::mutex> const lock(kept.mutex);
-  if (kept.process != CurrentProcess())
+void KeepMultiHandle(CurlHandles::Multi multi) noexcept {
+  IdleHandles &idle = Idle();
+  std::lock_guard<std::mutex> const lock(idle.mutex);
+  if (idle.process != CurrentProcess())
     return;
-  for (CurlHandles &place : kept.handles)
-    if (!place.easy) {
-      place = std::move(handles);
+  for (CurlHandles::Multi &place : idle.multis)
+    if (!place) {
+      place = std::move(multi);
       return;
     }
 }

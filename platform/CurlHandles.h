@@ -1,6 +1,8 @@
-// The two libcurl handles of a transfer. Those of small requests are kept for later ones: making them costs such a
-// request a tenth of its processor time. What is kept holds no connection, no option and no name of the transfer
-// before, but the two descriptors that libcurl wakes itself with. Safe from any thread.
+// The two libcurl handles of a transfer. A small request's multi handle is reused for a later one: making it costs such
+// a request a tenth of its processor time. An idle one holds no connection, no option and no name of the transfer
+// before, only the two descriptors that libcurl wakes itself with. The easy handle is always new: libcurl 7.88 keeps a
+// pointer to the last header of a handle's previous transfer, and follows it when a reply's first header line begins
+// with a blank. Safe from any thread.
 #pragma once
 
 #include <memory>
@@ -14,13 +16,14 @@ struct CurlHandles {
   struct EasyCleanUp {
     void operator()(CURL *easy) const { curl_easy_cleanup(easy); }
   };
-  std::unique_ptr<CURLM, MultiCleanUp> multi;
+  using Multi = std::unique_ptr<CURLM, MultiCleanUp>;
+
+  Multi multi;
   std::unique_ptr<CURL, EasyCleanUp> easy; // goes first
 };
 
-/// New handles, the easy one outside the multi one. Errors: throws std::bad_alloc.
-CurlHandles MakeCurlHandles();
-/// Kept handles, else new ones.
-CurlHandles TakeCurlHandles();
-/// Takes the handles back when the transfer is over and its connection closed. Cannot fail; what is one too many goes.
-void KeepCurlHandles(CurlHandles handles) noexcept;
+/// A new easy handle with a new multi handle, or with an idle one if `mayReuse`. The easy one is not added yet.
+/// Errors: throws std::bad_alloc.
+CurlHandles MakeCurlHandles(bool mayReuse);
+/// Takes a multi handle back whose only transfer is over and was removed. Cannot fail; one too many is freed.
+void KeepMultiHandle(CurlHandles::Multi multi) noexcept;

@@ -17,22 +17,25 @@
 #include <utility>
 
 #include <arpa/inet.h>
+#include <linux/sockios.h>
 #include <linux/tcp.h>
 #include <openssl/ssl.h>
 #include <strings.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr std::uint64_t kReceiveLimit = 60'000; // ms without a byte
-constexpr std::uint64_t kReplyLimit = 300'000;  // ms for one whole reply
+constexpr std::uint64_t kReceiveLimit = 60'000;        // ms without a byte
+constexpr std::uint64_t kReplyLimit = 300'000;         // ms for one whole reply
+constexpr std::size_t kRequestHeadLimit = 1024 * 1024; // bytes that libcurl makes a request's head of
 constexpr std::size_t kHeadSizeLimit = 100 * 1024;
 constexpr std::uint64_t kBodySizeLimit = 64 * 1024 * 1024;
-constexpr std::size_t kJoinSize = 4096;           // bytes; smaller writes wait for more
-constexpr long kUploadBufferSize = 512 * 1024;    // bytes that one look at the socket sends
-constexpr std::uint64_t kSmallBody = 16 * 1024;   // bytes; what a small request's buffer holds, to map no memory for it
-constexpr std::uint64_t kConnectingPollTime = 20; // ms; libcurl tries a server's next address only when a poll ends
+constexpr std::size_t kJoinSize = 4096;            // bytes; smaller writes wait for more
+constexpr long kUploadBufferSize = 512 * 1024;     // bytes that one look at the socket sends
+constexpr std::uint64_t kSmallRequest = 16 * 1024; // bytes; fits into a buffer that takes no mapping of its own
+constexpr std::uint64_t kConnectingPollTime = 20;  // ms; libcurl tries a server's next address only when a poll ends
 constexpr std::uint64_t kPollTime = 1000;
 constexpr std::uint64_t kDrivenPollTime = 5;
 
@@ -44,6 +47,7 @@ constexpr CodeRow kErrorNumbers[] = {
     {CURLE_UNSUPPORTED_PROTOCOL, ERROR_HTTP_INVALID_SERVER_RESPONSE}, // a reply that is no HTTP
     {CURLE_WEIRD_SERVER_REPLY, ERROR_HTTP_INVALID_SERVER_RESPONSE},
     {CURLE_GOT_NOTHING, ERROR_HTTP_INVALID_SERVER_RESPONSE},
+    {CURLE_BAD_FUNCTION_ARGUMENT, ERROR_HTTP_INVALID_SERVER_RESPONSE}, // a head that begins with a continuation line
     {CURLE_URL_MALFORMAT, ERROR_INTERNET_INVALID_URL},
     {CURLE_COULDNT_RESOLVE_PROXY, ERROR_INTERNET_NAME_NOT_RESOLVED},
     {CURLE_COULDNT_RESOLVE_HOST, ERROR_INTERNET_NAME_NOT_RESOLVED},
@@ -73,8 +77,10 @@ struct MessageRow {
   char const *text;
   DWORD error;
 };
-/// Lost connections, by libcurl's message: the system's error number is overwritten by then.
+/// Lost connections and broken framing, by libcurl's message: it has one code for them, and the system's error number
+/// is overwritten by then.
 constexpr MessageRow kLossMessages[] = {
+    {"chunked-encoding", ERROR_HTTP_INVALID_SERVER_RESPONSE},
     {"reset by peer", ERROR_INTERNET_CONNECTION_RESET},
     {"SSL_ERROR_SYSCALL", ERROR_INTERNET_CONNECTION_ABORTED},
     {"unexpected eof", ERROR_INTERNET_CONNECTION_ABORTED},
@@ -84,6 +90,15 @@ constexpr MessageRow kLossMessages[] = {
 constexpr char const *kSuppressed[] = {"Accept:", "Content-Type:", "Expect:"};
 
 std::string_view HeaderName(std::string_view line) { return line.substr(0, line.find(':')); }
+
+/// Bytes of the request's head, rather too many.
+std::size_t RequestHeadSize(HttpRequest const &request) {
+  std::size_t size = 256 + request.target.size() + 2 * request.host.size();
+  for (auto const *lines : {&request.headers, &request.defaults})
+    for (std::string const &line : *lines)
+      size += line.size() + 2;
+  return size;
+}
 
 bool IsSameName(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
@@ -95,6 +110,14 @@ std::string_view Trimmed(std::string_view text) {
   if (first == text.npos)
     return {};
   return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+}
+
+/// True for decimal digits that name a number over 64 bits.
+bool IsOverflowingNumber(std::string_view text) {
+  std::int64_t number = 0;
+  char const *const end = text.data() + text.size();
+  auto const [stop, error] = std::from_chars(text.data(), end, number);
+  return stop == end && error == std::errc::result_out_of_range;
 }
 
 /// True if the environment names a proxy for plain HTTP. Whether "no_proxy" excludes the host is left to libcurl.
@@ -254,8 +277,10 @@ void HttpTransfer::Requested() {
 }
 
 std::size_t HttpTransfer::Supply(char *buffer, std::size_t size) {
-  if (IsRefused())
+  if (IsSendingOver()) {
+    m_isCutShort = true;
     return 0; // ends the body; the reply is still read
+  }
   std::size_t supplied = 0;
   for (std::string_view &source : m_source) {
     std::size_t const part = source.copy(buffer + supplied, size - supplied);
@@ -281,6 +306,10 @@ bool HttpTransfer::TakeHeader(std::string_view line) {
   } else if (Trimmed(line).empty()) {
     m_status = Get<long>(CURLINFO_RESPONSE_CODE);
     m_isHeadIn = m_status >= 200 || m_status == 101;
+    if (m_isHeadIn && IsOverflowingNumber(m_contentLength)) {
+      m_error = ERROR_HTTP_INVALID_SERVER_RESPONSE; // an answer whose body can't be read
+      return false;
+    }
   }
   return true;
 }
@@ -336,8 +365,8 @@ HttpTransfer::~HttpTransfer() {
   TellClosed();
   bool const isClosed = std::all_of(m_sockets.begin(), m_sockets.end(),
                                     [](Socket const &socket) { return socket.fd == CURL_SOCKET_BAD; });
-  if (m_isKeeper && isClosed && m_isFinished && m_error == ERROR_SUCCESS)
-    KeepCurlHandles(std::move(m_curl));
+  if (m_mayReuse && isClosed && m_isFinished && m_error == ERROR_SUCCESS)
+    KeepMultiHandle(std::move(m_curl.multi));
 }
 
 void HttpTransfer::Append(List &list, std::string const &line) {
@@ -359,13 +388,12 @@ template <class Value> Value HttpTransfer::Get(CURLINFO info) const {
   return value;
 }
 
-void HttpTransfer::SetUp(HttpRequest const &request, std::uint64_t bodyLength) {
+void HttpTransfer::SetUp(HttpRequest const &request, std::uint64_t bodyLength, char const *body) {
   m_host = WideFromUtf8(request.host);
   m_ignoresDate = request.ignoresDate;
   m_connectLimit = request.connectLimit;
   m_sendLimit = request.sendLimit;
   m_declared = bodyLength;
-  m_held.reserve(kJoinSize);
   SetUpTarget(request);
   SetUpHeaders(request);
   SetUpCallbacks();
@@ -377,7 +405,7 @@ void HttpTransfer::SetUp(HttpRequest const &request, std::uint64_t bodyLength) {
   Set(CURLOPT_FORBID_REUSE, 1L);
   Set(CURLOPT_DNS_CACHE_TIMEOUT, 0L);
   Set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  Set(CURLOPT_UPLOAD_BUFFERSIZE, bodyLength > kSmallBody ? kUploadBufferSize : static_cast<long>(kSmallBody));
+  Set(CURLOPT_UPLOAD_BUFFERSIZE, m_mayReuse ? static_cast<long>(kSmallRequest) : kUploadBufferSize);
   Set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.connectLimit));
   Set(CURLOPT_ERRORBUFFER, m_message.data());
   Set(CURLOPT_SSL_SESSIONID_CACHE, 0L); // a session's resumption would skip the certificate checks
@@ -390,6 +418,7 @@ void HttpTransfer::SetUp(HttpRequest const &request, std::uint64_t bodyLength) {
     return;
   Set(CURLOPT_POST, 1L);
   Set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(bodyLength));
+  Set(CURLOPT_POSTFIELDS, body); // null: Supply gives it
 }
 
 void HttpTransfer::SetUpTarget(HttpRequest const &request) {
@@ -461,8 +490,11 @@ void HttpTransfer::SetUpCallbacks() {
 class HttpTransfer::Limits {
 public:
   Limits(HttpTransfer &transfer, Wait wait)
-      : m_transfer(transfer), m_wait(wait), m_begin(SteadyMilliseconds()), m_moved(m_begin),
-        m_progress(wait == Wait::Receive ? transfer.MeasureProgress() : Progress{}) {}
+      : m_transfer(transfer), m_wait(wait), m_begin(SteadyMilliseconds()), m_moved(m_begin) {
+    if (wait == Wait::Receive) // most sends end before the first look
+      m_line = transfer.MeasureLine();
+    m_ackLimit = m_line.acked + m_line.underWay;
+  }
   ~Limits() {
     if (m_wait == Wait::Receive)
       m_transfer.m_replyWait += SteadyMilliseconds() - m_begin;
@@ -473,13 +505,17 @@ public:
   /// Milliseconds that the wait may still last; 0 when its time is up.
   std::uint64_t Left() {
     std::uint64_t const now = SteadyMilliseconds();
-    Progress const progress = m_transfer.MeasureProgress();
     bool const isReceiving = m_wait == Wait::Receive;
-    if (progress.sent != m_progress.sent || (isReceiving && progress.received != m_progress.received))
+    Line line = m_transfer.MeasureLine();
+    if (line.handed != m_line.handed)
+      m_ackLimit = line.acked + line.underWay;
+    line.acked = std::min(line.acked, m_ackLimit); // what a peer makes TLS answer is no progress
+    bool const isSending = line.handed != m_line.handed || line.acked != m_line.acked;
+    if (isSending || (isReceiving && line.received != m_line.received))
       m_moved = now;
-    if (isReceiving && progress.sent != m_progress.sent)
-      m_begin = now; // what the system had buffered of the body still goes out
-    m_progress = progress;
+    if (isReceiving && isSending)
+      m_begin = now; // what the system had buffered of the request still goes out
+    m_line = line;
     auto const left = [now](std::uint64_t since, std::uint64_t limit) { return limit - std::min(now - since, limit); };
     if (!m_transfer.m_isRequested)
       return left(m_begin, m_transfer.m_connectLimit);
@@ -494,17 +530,27 @@ private:
   Wait const m_wait;
   std::uint64_t m_begin;
   std::uint64_t m_moved;
-  Progress m_progress; // as of the last look; most sends end before the first
+  std::uint64_t m_ackLimit; ///< acknowledgements count up to here
+  Line m_line{};            ///< as of the last look
 };
 
 /// The socket's own counters are part of it: libcurl counts a block as sent only when all of it is out, which takes
 /// long on a slow line, and what the system has buffered of the body takes longer still.
-HttpTransfer::Progress HttpTransfer::MeasureProgress() const {
+HttpTransfer::Line HttpTransfer::MeasureLine() const {
+  Line line{Sent() + static_cast<std::uint64_t>(Get<long>(CURLINFO_REQUEST_SIZE)) + (m_isRequested ? 1 : 0), 0, 0,
+            m_headSize + m_received};
+  if (m_connected == CURL_SOCKET_BAD)
+    return line;
+  int unacked = 0;
+  if (ioctl(m_connected, SIOCOUTQ, &unacked) == 0) // first: what is acked in between then counts twice, not never
+    line.underWay = static_cast<std::uint64_t>(unacked);
   tcp_info info{};
   socklen_t size = sizeof info;
-  if (m_connected != CURL_SOCKET_BAD && getsockopt(m_connected, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
-    info = {};
-  return {Sent() + info.tcpi_bytes_acked + (m_isRequested ? 1 : 0), m_headSize + m_received + info.tcpi_bytes_received};
+  if (getsockopt(m_connected, IPPROTO_TCP, TCP_INFO, &info, &size) == 0) {
+    line.acked = info.tcpi_bytes_acked;
+    line.received += info.tcpi_bytes_received;
+  }
+  return line;
 }
 
 /// Takes the transfer as far as it goes without waiting.
@@ -513,7 +559,7 @@ void HttpTransfer::Perform() {
     return Fail(ERROR_INTERNET_OPERATION_CANCELLED);
   if (m_isFinished)
     return;
-  if (m_isPaused && (IsRefused() || !m_source[0].empty() || !m_source[1].empty())) {
+  if (m_isPaused && (IsSendingOver() || !m_source[0].empty() || !m_source[1].empty())) {
     m_isPaused = false;
     curl_easy_pause(m_curl.easy.get(), CURLPAUSE_CONT);
   }
@@ -523,8 +569,17 @@ void HttpTransfer::Perform() {
   while (CURLMsg const *const message = curl_multi_info_read(m_curl.multi.get(), &count))
     if (message->msg == CURLMSG_DONE)
       Finish(message->data.result);
+  if (m_isCutShort)
+    ShutSendingSide();
   if (m_isAborted)
     Fail(ERROR_INTERNET_OPERATION_CANCELLED);
+}
+
+/// A service that reads on after its refusal learns so that nothing more comes, and ends its reply.
+void HttpTransfer::ShutSendingSide() {
+  m_isCutShort = false;
+  if (m_connected != CURL_SOCKET_BAD)
+    shutdown(m_connected, SHUT_WR);
 }
 
 /// Drives the transfer until `ready()`. Returns: false if it was ended, or ended by itself, before that.
@@ -555,7 +610,8 @@ void HttpTransfer::Finish(CURLcode code) {
   m_isFinished = true;
   if (m_error != ERROR_SUCCESS) // a callback has said why
     return;
-  if (code == CURLE_WEIRD_SERVER_REPLY && !m_isHeadIn && Get<long>(CURLINFO_RESPONSE_CODE) >= 200) {
+  bool const isLengthBad = code == CURLE_WEIRD_SERVER_REPLY && std::strstr(m_message.data(), "Content-Length");
+  if (isLengthBad && !m_isHeadIn && Get<long>(CURLINFO_RESPONSE_CODE) >= 200) {
     m_status = Get<long>(CURLINFO_RESPONSE_CODE); // an answer whose length is no number: its body counts as empty
     m_isHeadIn = true;
     return;
@@ -576,6 +632,8 @@ DWORD HttpTransfer::Failure() const { return m_error != ERROR_SUCCESS ? m_error 
 DWORD HttpTransfer::ErrorNumber(CURLcode code) const {
   if (code == CURLE_OUT_OF_MEMORY && m_isRequested && Sent() == m_declared && !m_isHeadIn)
     return ERROR_HTTP_INVALID_SERVER_RESPONSE; // libcurl's word for a header line over its own limit
+  if (!m_isRequested && Get<long>(CURLINFO_HTTP_CONNECTCODE) >= 300)
+    return ERROR_INTERNET_CANNOT_CONNECT; // the proxy refused the tunnel
   if (code == CURLE_PEER_FAILED_VERIFICATION) {
     for (VerifyRow const &row : kVerifyErrors)
       if (row.result == Get<long>(CURLINFO_SSL_VERIFYRESULT))
@@ -600,7 +658,7 @@ std::uint64_t HttpTransfer::Sent() const { return static_cast<std::uint64_t>(Get
 
 bool HttpTransfer::IsHeadOut() const {
   bool const isOut = m_isRequested && Get<long>(CURLINFO_REQUEST_SIZE) > m_sizeBeforeHead;
-  return m_isHeadIn || (isOut && (m_declared == 0 || m_isPaused));
+  return m_isHeadIn || (isOut && (m_isStreamed ? m_declared == 0 || m_isPaused : Sent() >= m_declared));
 }
 
 /// A refused body may be stuck half-way, so that libcurl does not finish with a reply that is all there.
@@ -610,27 +668,32 @@ bool HttpTransfer::IsReplyWhole() const {
   std::uint64_t length = 0;
   char const *const end = m_contentLength.data() + m_contentLength.size();
   bool const isLengthKnown = std::from_chars(m_contentLength.data(), end, length).ec == std::errc();
-  return IsRefused() && isLengthKnown && m_received >= length;
+  return IsSendingOver() && isLengthKnown && m_received >= length;
 }
 
 std::size_t HttpTransfer::Take(char *buffer, std::size_t size) {
   std::size_t const taken = m_reply.copy(buffer, size, m_taken);
   m_taken += taken;
   if (Buffered() == 0) {
-    m_reply.clear();
+    m_reply = {}; // its memory as well: a document is read before the handles are closed
     m_taken = 0;
   }
   return taken;
 }
 
-DWORD HttpTransfer::Begin(HttpRequest const &request, StatusSink const &sink, std::uint64_t bodyLength) {
+DWORD HttpTransfer::Start(HttpRequest const &request, StatusSink const &sink, std::uint64_t bodyLength,
+                          char const *body) {
   if (m_stage != Stage::Idle)
     return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   m_stage = Stage::Sending;
   m_sink = sink;
-  m_isKeeper = !request.isStreamed && bodyLength <= kSmallBody;
-  m_curl = m_isKeeper ? TakeCurlHandles() : MakeCurlHandles();
-  SetUp(request, bodyLength);
+  m_isStreamed = body == nullptr;
+  std::size_t const headSize = RequestHeadSize(request);
+  if (headSize > kRequestHeadLimit)
+    return ERROR_INTERNET_INVALID_URL;
+  m_mayReuse = !m_isStreamed && headSize + bodyLength <= kSmallRequest;
+  m_curl = MakeCurlHandles(m_mayReuse);
+  SetUp(request, bodyLength, body);
   if (curl_multi_add_handle(m_curl.multi.get(), m_curl.easy.get()) != CURLM_OK)
     return ERROR_NOT_ENOUGH_MEMORY;
   if (!PumpUntil(Wait::Send, [this] { return IsHeadOut(); }))
@@ -640,21 +703,32 @@ DWORD HttpTransfer::Begin(HttpRequest const &request, StatusSink const &sink, st
   return ERROR_SUCCESS;
 }
 
-/// Sends all that was accepted. Behind an early refusal, or when all is out, it does nothing.
+DWORD HttpTransfer::Send(HttpRequest const &request, StatusSink const &sink, std::string_view body) {
+  if (DWORD const error = Start(request, sink, body.size(), body.data() ? body.data() : ""))
+    return error;
+  return AwaitReply();
+}
+
+DWORD HttpTransfer::Begin(HttpRequest const &request, StatusSink const &sink, std::uint64_t bodyLength) {
+  m_held.reserve(kJoinSize);
+  return Start(request, sink, bodyLength, nullptr);
+}
+
+/// Sends all that was accepted. After an early reply, or when all is out, it does nothing.
 bool HttpTransfer::Flush() {
   m_source[0] = m_held;
-  bool const isSent = PumpUntil(Wait::Send, [this] { return IsRefused() || Sent() >= m_accepted; });
+  bool const isSent = PumpUntil(Wait::Send, [this] { return IsSendingOver() || Sent() >= m_accepted; });
   m_source[0] = m_source[1] = {};
   m_held.clear();
   return isSent;
 }
 
 DWORD HttpTransfer::Write(void const *data, std::size_t size) {
-  if (m_stage != Stage::Sending || size > m_declared - m_accepted)
+  if (m_stage != Stage::Sending || !m_isStreamed || size > m_declared - m_accepted)
     return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   if (m_isAborted)
     Fail(ERROR_INTERNET_OPERATION_CANCELLED);
-  if (m_error == ERROR_INTERNET_OPERATION_CANCELLED || (m_error != ERROR_SUCCESS && !IsRefused()))
+  if (m_error == ERROR_INTERNET_OPERATION_CANCELLED || (m_error != ERROR_SUCCESS && !IsSendingOver()))
     return m_error;
   m_sink.Tell(INTERNET_STATUS_SENDING_REQUEST);
   m_accepted += size;
@@ -671,14 +745,16 @@ DWORD HttpTransfer::Write(void const *data, std::size_t size) {
 }
 
 DWORD HttpTransfer::End() {
-  if (m_stage != Stage::Sending)
+  if (m_stage != Stage::Sending || !m_isStreamed)
     return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
   if (m_accepted < m_declared) {
     Fail(ERROR_INTERNET_INCORRECT_HANDLE_STATE);
     return Failure();
   }
-  if (!Flush())
-    return Failure();
+  return Flush() ? AwaitReply() : Failure();
+}
+
+DWORD HttpTransfer::AwaitReply() {
   m_sink.Tell(INTERNET_STATUS_RECEIVING_RESPONSE);
   if (!PumpUntil(Wait::Receive, [this] { return m_isHeadIn; }))
     return Failure();

@@ -22,7 +22,6 @@ struct HttpRequest {
   INTERNET_PORT port = 0;
   bool isSecure = false;
   bool isPost = false;
-  bool isStreamed = false; ///< the body comes in pieces, as it is sent
   bool ignoresDate = false;
   bool ignoresName = false;
   std::string target;                ///< path and query
@@ -51,9 +50,12 @@ public:
   /// Closes the connection. In a forked child it leaves the parent's connection alone.
   ~HttpTransfer();
 
-  /// Connects and sends the head, which declares the body's length.
+  /// Sends a whole request, head and body in one write where libcurl lets it, and waits for the end of the reply's
+  /// headers. The body is borrowed for the call; only a POST has one.
+  DWORD Send(HttpRequest const &request, StatusSink const &sink, std::string_view body);
+  /// Connects and sends the head, which declares the body's length. The body follows by Write and End.
   DWORD Begin(HttpRequest const &request, StatusSink const &sink, std::uint64_t bodyLength);
-  /// Sends body bytes, or holds a few; the caller may free them afterwards. Behind an early refusal they only count.
+  /// Sends body bytes, or holds a few; the caller may free them afterwards. After an early reply they only count.
   DWORD Write(void const *data, std::size_t size);
   /// Sends what is held and waits for the end of the reply's headers.
   DWORD End();
@@ -75,8 +77,11 @@ private:
   enum class Stage { Idle, Sending, Answered };
   enum class Wait { Send, Receive };
   class Limits;
-  struct Progress { ///< numbers that grow while bytes move
-    std::uint64_t sent, received;
+  struct Line {             ///< what the connection has moved so far, in bytes
+    std::uint64_t handed;   ///< to the system, of the request
+    std::uint64_t acked;    ///< by the peer's system, encryption and handshake included
+    std::uint64_t underWay; ///< handed over, not acked yet
+    std::uint64_t received;
   };
   struct ListCleanUp {
     void operator()(curl_slist *list) const { curl_slist_free_all(list); }
@@ -91,7 +96,8 @@ private:
   static void Append(List &list, std::string const &line);
   template <class Value> void Set(CURLoption option, Value value);
   template <class Value> Value Get(CURLINFO info) const;
-  void SetUp(HttpRequest const &request, std::uint64_t bodyLength);
+  DWORD Start(HttpRequest const &request, StatusSink const &sink, std::uint64_t bodyLength, char const *body);
+  void SetUp(HttpRequest const &request, std::uint64_t bodyLength, char const *body);
   void SetUpTarget(HttpRequest const &request);
   void SetUpHeaders(HttpRequest const &request);
   void SetUpCallbacks();
@@ -99,15 +105,19 @@ private:
   void Perform();
   template <class Ready> bool PumpUntil(Wait wait, Ready ready);
   bool Flush();
+  DWORD AwaitReply();
   void Finish(CURLcode code);
   void Fail(DWORD error);
   DWORD Failure() const;
   DWORD ErrorNumber(CURLcode code) const;
-  Progress MeasureProgress() const;
+  Line MeasureLine() const;
 
   std::uint64_t Sent() const;
   bool IsHeadOut() const;
-  bool IsRefused() const { return m_isHeadIn && m_status >= 300; }
+  /// An early final reply that ends the sending: a status of 300 or more, or any that came whole and ended the
+  /// connection.
+  bool IsSendingOver() const { return m_isHeadIn && (m_status >= 300 || (m_isFinished && m_error == 0)); }
+  void ShutSendingSide();
   bool IsReplyWhole() const;
   std::size_t Buffered() const { return m_reply.size() - m_taken; }
   std::size_t Take(char *buffer, std::size_t size);
@@ -148,7 +158,9 @@ private:
   std::uint64_t m_accepted = 0; ///< body bytes taken from the caller
   std::string m_held;           ///< small writes that wait for more
   std::string_view m_source[2]; ///< what goes out now: the held bytes, then the caller's; empty between calls
+  bool m_isStreamed = false;    ///< they come by Write
   bool m_isPaused = false;      ///< libcurl waits for body bytes
+  bool m_isCutShort = false;    ///< libcurl was told, after an early reply, that no more come
 
   long m_status = 0;
   bool m_isHeadIn = false;
@@ -163,5 +175,5 @@ private:
   List m_headers;
   List m_connectTo;
   CurlHandles m_curl;      ///< from Begin on
-  bool m_isKeeper = false; ///< they are kept for later
+  bool m_mayReuse = false; ///< the multi handle may serve a later transfer
 };

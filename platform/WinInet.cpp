@@ -2,7 +2,9 @@
 // HttpTransfer. Any thread; no exception leaves a function.
 #include "platform/WinInet.h"
 
+#include "platform/CString.h"
 #include "platform/HandleTable.h"
+#include "platform/HostName.h"
 #include "platform/HttpTransfer.h"
 #include "platform/LastError.h"
 #include "platform/Seam.h"
@@ -158,7 +160,8 @@ template <class Work> DWORD OnRequest(HINTERNET handle, Work work) {
 
 std::string Text(char const *szText) { return szText ? szText : ""; }
 
-std::string Narrow(WCHAR const *wszText) { return wszText ? Utf8FromWide(wszText) : std::string(); }
+/// In the calling thread's ANSI code page, as all text of the wide functions goes out.
+std::string Narrow(WCHAR const *wszText) { return CW2A(wszText).m_psz; }
 
 bool HasControl(std::string_view text) {
   return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; });
@@ -170,17 +173,12 @@ DWORD OpenSession(std::string agent, HINTERNET &handle) {
   return Enter(std::make_shared<Session>(std::move(agent)), handle);
 }
 
-DWORD CheckHost(std::string_view host) {
-  bool const isGood = !host.empty() && !HasControl(host) && host.find_first_of("/?#@\\% ") == host.npos;
-  return isGood ? ERROR_SUCCESS : ERROR_INTERNET_INVALID_URL;
-}
-
 DWORD Connect(HINTERNET hSession, std::string host, INTERNET_PORT port, HINTERNET &handle) {
   std::shared_ptr<Session> session;
   if (DWORD const dwError = Find(hSession, session))
     return dwError;
-  if (DWORD const dwError = CheckHost(host))
-    return dwError;
+  if (!ToWireHost(host))
+    return ERROR_INTERNET_INVALID_URL;
   return Enter(std::make_shared<Connection>(std::move(session), std::move(host), port), handle);
 }
 
@@ -246,20 +244,14 @@ DWORD AddHeaders(HttpRequest &head, std::string_view text) {
   return ERROR_SUCCESS;
 }
 
-DWORD Begin(Request &request, std::uint64_t bodyLength) {
-  if (bodyLength > 0 && !request.head.isPost)
-    return ERROR_INVALID_PARAMETER;
+DWORD CheckBody(Request &request, std::uint64_t length) {
   request.sink.handle = request.handle;
-  return request.transfer.Begin(request.head, request.sink, bodyLength);
+  return length > 0 && !request.head.isPost ? ERROR_INVALID_PARAMETER : ERROR_SUCCESS;
 }
 
-DWORD Send(Request &request, void const *body, std::size_t size) {
-  if (DWORD const dwError = Begin(request, size))
-    return dwError;
-  if (size > 0)
-    if (DWORD const dwError = request.transfer.Write(body, size))
-      return dwError;
-  return request.transfer.End();
+DWORD Send(Request &request, std::string_view body) {
+  DWORD const dwError = CheckBody(request, body.size());
+  return dwError != ERROR_SUCCESS ? dwError : request.transfer.Send(request.head, request.sink, body);
 }
 
 /// A GET request for the URL; what is behind a "#" stays here.
@@ -278,8 +270,8 @@ DWORD MakeUrlRequest(std::shared_ptr<Session> const &session, std::string_view u
     return ERROR_INTERNET_UNRECOGNIZED_SCHEME;
   head.host.resize(parts.dwHostNameLength);
   head.port = parts.nPort;
-  if (DWORD const dwError = CheckHost(head.host))
-    return dwError;
+  if (!ToWireHost(head.host))
+    return ERROR_INTERNET_INVALID_URL;
   url.remove_prefix(url.find("://") + 3);
   url = url.substr(0, url.find('#'));
   url.remove_prefix(std::min(url.find_first_of("/?"), url.size()));
@@ -299,7 +291,7 @@ DWORD OpenUrl(HINTERNET hSession, char const *szUrl, DWORD dwFlags, DWORD_PTR dw
     return dwError;
   if (DWORD const dwError = Enter(request, handle)) // from here on, closing the session ends the call
     return dwError;
-  DWORD const dwError = Send(*request, nullptr, 0);
+  DWORD const dwError = Send(*request, {});
   if (dwError != ERROR_SUCCESS)
     CloseTree(handle);
   return dwError;
@@ -442,9 +434,11 @@ BOOL HttpSendRequestW(HINTERNET hRequest, WCHAR const *wszHeaders, DWORD dwHeade
                       DWORD dwBodyLength) {
   return Call("HttpSendRequestW", [&] {
     return OnRequest(hRequest, [&](Request &request) {
-      std::wstring_view const headers = wszHeaders ? wszHeaders : L"";
-      DWORD const dwError = AddHeaders(request.head, Utf8FromWide(headers.substr(0, dwHeadersLength)));
-      return dwError != ERROR_SUCCESS ? dwError : Send(request, pBody, pBody ? dwBodyLength : 0);
+      std::wstring const headers(std::wstring_view(wszHeaders ? wszHeaders : L"").substr(0, dwHeadersLength));
+      DWORD const dwError = AddHeaders(request.head, Narrow(headers.c_str()));
+      if (dwError != ERROR_SUCCESS)
+        return dwError;
+      return Send(request, {static_cast<char const *>(pBody), pBody ? dwBodyLength : 0});
     });
   });
 }
@@ -453,8 +447,9 @@ BOOL HttpSendRequestExW(HINTERNET hRequest, INTERNET_BUFFERSW *pIn, INTERNET_BUF
                         DWORD_PTR /*dwContext*/) {
   return Call("HttpSendRequestExW", [&] {
     return OnRequest(hRequest, [&](Request &request) {
-      request.head.isStreamed = true;
-      return Begin(request, pIn ? pIn->dwBufferTotal : 0);
+      DWORD const dwLength = pIn ? pIn->dwBufferTotal : 0;
+      DWORD const dwError = CheckBody(request, dwLength);
+      return dwError != ERROR_SUCCESS ? dwError : request.transfer.Begin(request.head, request.sink, dwLength);
     });
   });
 }

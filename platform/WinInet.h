@@ -106,7 +106,8 @@ SKIFFPORT_PLATFORM_API INTERNET_STATUS_CALLBACK InternetSetStatusCallbackW(HINTE
                                                                            INTERNET_STATUS_CALLBACK pfnCallback);
 
 /// Names the server; nothing goes out yet. A host that is empty, or holds a control character or one that ends or
-/// escapes a host in a URL ("/?#@\\% "), is refused (12005).
+/// escapes a host in a URL ("/?#@\\% "), is refused (12005), also one that holds it only in the ASCII form of an
+/// international name (RFC 5891), which is what goes out.
 SKIFFPORT_PLATFORM_API HINTERNET InternetConnectA(HINTERNET hSession, char const *szServer, INTERNET_PORT nPort,
                                                   char const *szUser, char const *szPassword, DWORD dwService,
                                                   DWORD dwFlags, DWORD_PTR dwContext);
@@ -115,10 +116,10 @@ SKIFFPORT_PLATFORM_API HINTERNET InternetConnectW(HINTERNET hSession, WCHAR cons
                                                   DWORD dwFlags, DWORD_PTR dwContext);
 
 /// Makes a request; nothing goes out yet. The object is path and query; an empty one becomes "/", a leading slash is
-/// added, a space goes out as %20, nothing else is touched (wide text goes out as UTF-8). A control character is
-/// refused (12005). TLS with INTERNET_FLAG_SECURE, and always at port 443. INTERNET_FLAG_NO_CACHE_WRITE adds
-/// "Cache-Control: no-cache". Differs: GET (also for an empty verb) and POST only. Where the environment names a proxy
-/// for plain HTTP, bytes that a URL can't hold go out percent-encoded.
+/// added, a space goes out as %20, nothing else is touched (wide text goes out in the thread's ANSI code page). A
+/// control character is refused (12005). TLS with INTERNET_FLAG_SECURE, and always at port 443.
+/// INTERNET_FLAG_NO_CACHE_WRITE adds "Cache-Control: no-cache". Differs: GET (also for an empty verb) and POST only.
+/// Where the environment names a proxy for plain HTTP, bytes that a URL can't hold go out percent-encoded.
 SKIFFPORT_PLATFORM_API HINTERNET HttpOpenRequestA(HINTERNET hConnect, char const *szVerb, char const *szObject,
                                                   char const *szVersion, char const *szReferrer,
                                                   char const **pszAcceptTypes, DWORD dwFlags, DWORD_PTR dwContext);
@@ -144,8 +145,9 @@ SKIFFPORT_PLATFORM_API BOOL HttpSendRequestExW(HINTERNET hRequest, INTERNET_BUFF
                                                DWORD dwFlags, DWORD_PTR dwContext);
 
 /// Writes the next bytes of the body and returns when the system has them; fewer than 4 KiB may be held and joined with
-/// what follows. After a final status of 300 or more the bytes are taken as written. Fails beyond the declared length
-/// (12019). A failure of held bytes shows in the call that sends them.
+/// what follows. After an early final reply (a status of 300 or more, or one that ended the connection) the bytes are
+/// taken as written. Fails beyond the declared length (12019). A failure of held bytes shows in the call that sends
+/// them.
 SKIFFPORT_PLATFORM_API BOOL InternetWriteFile(HINTERNET hRequest, void const *pBuffer, DWORD dwBytes,
                                               DWORD *pdwWritten);
 
@@ -162,9 +164,9 @@ SKIFFPORT_PLATFORM_API BOOL HttpQueryInfoW(HINTERNET hRequest, DWORD dwInfoLevel
 SKIFFPORT_PLATFORM_API BOOL InternetQueryDataAvailable(HINTERNET hRequest, DWORD *pdwAvailable, DWORD dwFlags,
                                                        DWORD_PTR dwContext);
 
-/// Reads exactly `dwBytes` bytes, fewer only at the reply's end; TRUE with 0 there. A reply that the server ends short
-/// of its declared length simply ends. When the connection is lost, what came before is given out first, then the call
-/// fails.
+/// Reads exactly `dwBytes` bytes, fewer only at the reply's end; TRUE with 0 there. A reply that the server ends in
+/// order, short of its declared length, simply ends. A loss, a time-out or a limit first gives out what came before;
+/// the next call fails.
 SKIFFPORT_PLATFORM_API BOOL InternetReadFile(HINTERNET hFile, void *pBuffer, DWORD dwBytes, DWORD *pdwRead);
 
 /// Opens a URL with GET and returns when the reply's headers are in, whatever the status; null on failure.

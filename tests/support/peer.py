@@ -12,6 +12,8 @@ certificates, which "peer.py certificates" has made, with their authority (ca.pe
 from __future__ import annotations
 
 import argparse
+import contextlib
+import ctypes
 import datetime
 import os
 import re
@@ -114,7 +116,7 @@ class Exchange:
 
     def send_reply(self) -> None:
         """The whole reply in one go."""
-        self.send(self.head() + self.framed(self.body, b"0\r\n\r\n"))
+        self.send(self.options.raw or self.head() + self.framed(self.body, b"0\r\n\r\n"))
 
     def send_half(self) -> None:
         self.send(self.head() + self.framed(self.body[: self.half]))
@@ -148,6 +150,18 @@ class Exchange:
         while not self.stop.is_set():
             self.send(b"flood" * 65536)
 
+    def update_keys(self) -> None:
+        """Asks for new TLS keys again and again (RFC 8446, section 4.6.3): bytes go both ways, and none of them is a reply's."""
+        library = ctypes.CDLL("libssl.so.3")  # the ssl module's own library, which has no call for it
+        session = ctypes.c_void_p.from_address(id(self.connection._sslobj) + 3 * ctypes.sizeof(ctypes.c_void_p))
+        self.connection.settimeout(0.002)
+        while not self.stop.is_set():
+            library.SSL_key_update(session, 1)
+            library.SSL_do_handshake(session)
+            with contextlib.suppress(TimeoutError):
+                if not self.connection.recv(1):
+                    return
+
     def pause(self) -> None:
         self.stop.wait(self.options.pause)
 
@@ -166,7 +180,7 @@ class Exchange:
         os.close(self.connection.detach())
 
 
-# The steps of each scenario; the connection is closed behind the last.
+# The steps of each scenario; the connection is closed after the last.
 SCENARIOS = {
     "reply": (Exchange.read_request, Exchange.send_reply),
     "keep": (Exchange.read_request, Exchange.send_reply, Exchange.drain),
@@ -175,11 +189,14 @@ SCENARIOS = {
     "interim": (Exchange.read_request, Exchange.send_interim, Exchange.send_reply),
     "early-keep": (Exchange.read_some, Exchange.send_reply, Exchange.drain),
     "early-hold": (Exchange.read_some, Exchange.send_reply, Exchange.hold),
+    "early-close": (Exchange.read_some, Exchange.send_reply),
+    "first-bytes": (Exchange.receive, Exchange.send_reply, Exchange.drain),
     "reset-send": (Exchange.read_some, Exchange.reset),
     "reset-reply": (Exchange.read_request, Exchange.send_half, Exchange.pause, Exchange.reset),
     "silent-connect": (),  # no connection comes about
     "silent-tls": (Exchange.hold,),
     "silent-reply": (Exchange.read_request, Exchange.hold),
+    "update-keys": (Exchange.read_request, Exchange.update_keys),
     "silent-body": (Exchange.read_request, Exchange.send_half, Exchange.hold),
     "stall": (Exchange.read_some, Exchange.hold),
     "close": (Exchange.read_request,),
@@ -241,6 +258,11 @@ def serve(options: argparse.Namespace) -> None:
     os._exit(0)
 
 
+def unescaped(text: str) -> bytes:
+    """The bytes that a text with backslash escapes stands for."""
+    return text.encode("latin-1").decode("unicode_escape").encode("latin-1")
+
+
 def parse() -> argparse.Namespace:
     """The command line."""
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -256,6 +278,7 @@ def parse() -> argparse.Namespace:
     parser.add_argument("--fill", type=int, metavar="BYTES", help="a reply body of that many bytes instead")
     parser.add_argument("--length", default="right", help="the reply's Content-Length (default: %(default)s)",
                         choices=("right", "none", "short", "long", "negative", "garbage", "chunked"))  # fmt: skip
+    parser.add_argument("--raw", type=unescaped, metavar="BYTES", help="the whole reply, as a Python bytes literal has it")
     parser.add_argument("--pause", type=float, default=0.2, help="seconds of a pause (default: %(default)s)")
     parser.add_argument("--after", type=int, default=0, metavar="BYTES", help="bytes of the body to read first")
     parser.add_argument("--window", type=int, metavar="BYTES", help="receive buffer, for a peer that reads slowly")

@@ -1,17 +1,13 @@
 // The code pages.
 #include "platform/CString.h"
 #include "platform/CodePages.h"
+#include "thread_locale.h"
 
 #include <gtest/gtest.h>
 
-#include <clocale>
-#include <cstdlib>
-#include <filesystem>
+#include <optional>
 #include <string>
 #include <utility>
-
-#include <locale.h>
-#include <unistd.h>
 
 namespace {
 
@@ -50,33 +46,17 @@ TEST(CodePages, Utf8IsStrictBothWays) {
   EXPECT_EQ(Narrow(CP_UTF8, {0xDE00, 0xD83D, 'x', 0x110000, -1}), "\xEF\xBF\xBD\xEF\xBF\xBDx\xEF\xBF\xBD\xEF\xBF\xBD");
 }
 
-/// A locale of another character set, made for the test; null if the system has no character maps.
-locale_t MakeLocale() {
-  char szFolder[] = "/tmp/skiffport-locale-XXXXXX";
-  std::string const strFolder = mkdtemp(szFolder);
-  std::string const strMake = "localedef -c -i POSIX -f GBK " + strFolder + "/zz.GBK >/dev/null 2>&1";
-  setenv("LOCPATH", szFolder, 1); // setlocale, since newlocale loses memory with it
-  bool const bMade = std::system(strMake.c_str()) != -1 && setlocale(LC_CTYPE, "zz.GBK");
-  locale_t const locale = bMade ? duplocale(LC_GLOBAL_LOCALE) : nullptr;
-  setlocale(LC_CTYPE, "C");
-  unsetenv("LOCPATH");
-  std::filesystem::remove_all(strFolder);
-  return locale;
-}
-
 TEST(CodePages, TheThreadsLocaleGivesTheAnsiPage) {
-  locale_t const locale = MakeLocale();
-  if (!locale)
+  std::optional<ThreadLocale> locale("GBK");
+  if (!*locale)
     GTEST_SKIP() << "no character maps here (Debian package locales)";
-  uselocale(locale);
   EXPECT_EQ(Narrow(CP_THREAD_ACP, L"a\u4E2D\u0E01\U0001F600z"), "a\xD6\xD0??z");
   EXPECT_EQ(Widen(CP_ACP, "a\xD6\xD0\xFFz\xD6"), L"a\u4E2D\uFFFDz\uFFFD");
   EXPECT_STREQ(CString("\xD6\xD0"), L"\u4E2D");
   WCHAR wide[8];
   EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, "\xD6\xD0", -1, wide, 8), 2) << "the terminator counts";
   EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, "\xD6\xD0", -1, wide, 1), 0);
-  uselocale(LC_GLOBAL_LOCALE);
-  freelocale(locale);
+  locale.reset();
   EXPECT_EQ(Narrow(CP_THREAD_ACP, L"\u4E2D"), "\xE4\xB8\xAD");
 }
 

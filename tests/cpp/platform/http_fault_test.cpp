@@ -86,6 +86,15 @@ TEST(HttpFaults, TimeLimits) {
   }
 }
 
+TEST(HttpFaults, TlsChatterExtendsNoLimit) {
+  Peer peer("update-keys --tls good");
+  Client client(443);
+  std::uint64_t uNow = 1'000'000;
+  DrivenClock const clock([&] { return uNow += 500; });
+  EXPECT_EQ(12002u, client.Send());
+  EXPECT_LE(uNow, 1'000'000u + 320'000u);
+}
+
 TEST(HttpFaults, OneWholeReplyHasALimitThatPausesDoNotUse) {
   Peer peer("trickle --fill 40 --pause 0.02");
   Client client(80);

@@ -61,6 +61,7 @@ public:
   ~Peer() { pclose(m_pipe); }
   Peer(Peer const &) = delete;
 
+  int Port() const { return m_port; }
   std::string Received() const { return Content(Folder() + "/received"); }
 
 private:
@@ -93,6 +94,7 @@ inline DWORD Error(BOOL bDone) { return bDone ? ERROR_SUCCESS : GetLastError(); 
 
 struct Options {
   char const *szHost = "good.test";
+  std::string object = "/x";
   DWORD dwFlags = 0;
   DWORD dwLimit = 0; // ms, for connecting and for sending; 0 leaves the layer's own
 };
@@ -102,7 +104,7 @@ struct Client {
   explicit Client(INTERNET_PORT nPort, Options const &options = {})
       : session(Prepare(options)),
         connection(InternetConnectA(session, options.szHost, nPort, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 1)),
-        request(HttpOpenRequestA(connection, "POST", "/x", nullptr, nullptr, nullptr, options.dwFlags,
+        request(HttpOpenRequestA(connection, "POST", options.object.c_str(), nullptr, nullptr, nullptr, options.dwFlags,
                                  reinterpret_cast<DWORD_PTR>(&stages))) {}
   ~Client() { InternetCloseHandle(session); } // and what was made of it
 
@@ -126,7 +128,9 @@ struct Client {
     return Error(InternetWriteFile(request, bytes.data(), static_cast<DWORD>(bytes.size()), &dwWritten));
   }
   DWORD End() { return Error(HttpEndRequestW(request, nullptr, 0, 0)); }
-  DWORD Send() { return Error(HttpSendRequestW(request, nullptr, 0, nullptr, 0)); }
+  DWORD Send(std::string const &body = "") {
+    return Error(HttpSendRequestW(request, nullptr, 0, body.data(), static_cast<DWORD>(body.size())));
+  }
   DWORD Read(std::string &bytes, DWORD dwCount) {
     bytes.resize(dwCount);
     DWORD dwRead = 0;

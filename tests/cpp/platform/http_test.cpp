@@ -1,7 +1,10 @@
 // The HTTP interface against a peer: when writes go out, the number of each error, and which certificates count.
 #include "http_peer.h"
+#include "thread_locale.h"
 
 #include <gtest/gtest.h>
+
+#include <sys/resource.h>
 
 namespace {
 
@@ -31,6 +34,84 @@ TEST(Http, SmallWritesWaitAndLargeOnesAreOutOnReturn) {
     EXPECT_EQ(0u, client.End());
     EXPECT_EQ("head" + small + large + "tail\n", peer.Received().substr(head));
   }
+}
+
+TEST(Http, WholeRequestLeavesInOneWrite) {
+  for (std::size_t const size : {2, 40'000, 1'000'000}) {
+    std::string const object = "/" + std::string(size, 'o');
+    Peer peer("first-bytes" + kTls);
+    EXPECT_EQ(0u, Client(443, {.object = object}).Send(size == 2 ? "body" : ""));
+    std::string const end = size == 2 ? "Content-Length: 4\r\n\r\nbody" : "Content-Length: 0\r\n\r\n";
+    EXPECT_TRUE(WaitFor([&] { return peer.Received().ends_with(end); })) << size;
+  }
+  EXPECT_EQ(12005u, Client(443, {.object = std::string(2'000'000, 'o')}).Send()) << "too long for libcurl";
+}
+
+TEST(Http, MalformedReplies) {
+  struct Row {
+    char const *szReply;
+    DWORD dwSend, dwRead;
+  };
+  std::string const ok = "HTTP/1.1 200 OK\\r\\n", end = "\\r\\n\\r\\n", chunked = "Transfer-Encoding: chunked" + end;
+  for (Row const &row :
+       {Row{" X: y", 12152, 0}, Row{" X: y", 12152, 0}, Row{"X: a\\0b", 12152, 0}, Row{"Content-Length: -5", 0, 0},
+        Row{"Content-Length: x5", 0, 0}, Row{"Content-Length: 99999999999999999999", 0, 12152}}) {
+    Peer peer("reply --raw '" + ok + row.szReply + end + "body'");
+    for (int n = 0; n < 2; ++n) { // what one exchange leaves behind must not reach the next
+      Client client(80);
+      std::string bytes;
+      EXPECT_EQ(row.dwSend, client.Send()) << row.szReply;
+      EXPECT_EQ(row.dwSend != 0 ? 12019u : row.dwRead, client.Read(bytes, 10)) << row.szReply;
+      EXPECT_EQ("", bytes);
+    }
+  }
+  for (std::string const size : {"zz", "-4", "ffffffffffffffffffff"}) {
+    Peer peer("reply --raw '" + ok + chunked + size + "\\r\\nbody\\r\\n0" + end + "'");
+    Client client(80);
+    std::string bytes;
+    EXPECT_EQ(0u, client.Send());
+    EXPECT_EQ(12152u, client.Read(bytes, 10)) << size;
+  }
+}
+
+TEST(Http, ProxyThatRefusesTheTunnel) {
+  for (std::string const status : {"407", "503"}) {
+    Peer peer("reply --status " + status);
+    setenv("https_proxy", ("http://127.0.0.1:" + std::to_string(peer.Port())).c_str(), 1);
+    EXPECT_EQ(12029u, Client(443).Send()) << status;
+    unsetenv("https_proxy");
+  }
+}
+
+TEST(Http, HostIsCheckedAsItGoesOut) {
+  ThreadLocale const locale("UTF-8"); // international names are mapped in the thread's character set
+  HINTERNET const session = InternetOpenW(nullptr, 0, nullptr, nullptr, 0);
+  for (char const *szHost : {"", "a b", "a/b", "a%41", "a\u00A0b", "a\uFF0Fb", "a\uFF20b", "\u2028"})
+    EXPECT_EQ(12005u, Error(InternetConnectA(session, szHost, 80, nullptr, nullptr, 3, 0, 1) != nullptr)) << szHost;
+  InternetCloseHandle(session);
+  Peer peer("reply");
+  EXPECT_EQ(0u, Client(80, {.szHost = "\uFF47ood.test"}).Send()) << "a full-width g is a g";
+  EXPECT_NE(std::string::npos, peer.Received().find("Host: good.test\r\n"));
+}
+
+TEST(Http, FailedReadOfTheRootsIsThatConnectionsAlone) {
+  Peer peer("reply" + kTls);
+  std::string const roots = Folder() + "/other_ca.pem";
+  std::filesystem::copy_file(Folder() + "/ca.pem", roots);
+  setenv("SSL_CERT_FILE", roots.c_str(), 1);
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  {
+    Client client(443);
+    client.stages.onStage = [&](DWORD dwStatus) {
+      rlimit const none{0, before.rlim_max};
+      if (dwStatus == INTERNET_STATUS_CONNECTED_TO_SERVER)
+        setrlimit(RLIMIT_NOFILE, &none);
+    };
+    EXPECT_EQ(12045u, client.Send());
+  }
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(0u, Client(443).Send());
 }
 
 TEST(Http, SendErrors) {

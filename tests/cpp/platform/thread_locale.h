@@ -1,0 +1,39 @@
+// A locale of another character set, made for a test and the calling thread's while the object lives.
+#pragma once
+
+#include <clocale>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include <locale.h>
+#include <unistd.h>
+
+class ThreadLocale {
+public:
+  /// False afterwards if the system has no character maps (Debian package locales).
+  explicit ThreadLocale(std::string const &charset) {
+    char szFolder[] = "/tmp/skiffport-locale-XXXXXX";
+    std::string const folder = mkdtemp(szFolder), name = "zz." + charset;
+    std::string const make = "localedef -c -i POSIX -f " + charset + " " + folder + "/" + name + " >/dev/null 2>&1";
+    setenv("LOCPATH", szFolder, 1); // setlocale, since newlocale loses memory with it
+    bool const isMade = std::system(make.c_str()) != -1 && setlocale(LC_CTYPE, name.c_str());
+    m_locale = isMade ? duplocale(LC_GLOBAL_LOCALE) : nullptr;
+    setlocale(LC_CTYPE, "C");
+    unsetenv("LOCPATH");
+    std::filesystem::remove_all(folder);
+    if (m_locale)
+      uselocale(m_locale);
+  }
+  ~ThreadLocale() {
+    if (!m_locale)
+      return;
+    uselocale(LC_GLOBAL_LOCALE);
+    freelocale(m_locale);
+  }
+  ThreadLocale(ThreadLocale const &) = delete;
+  explicit operator bool() const { return m_locale != nullptr; }
+
+private:
+  locale_t m_locale;
+};

@@ -56,16 +56,19 @@ void KHLoginData::EnsureKHServerURL() {
 void KHLoginData::UpdateKHURLFromServer() {
   if (!CheckServerReachable(DetectionProbeUrl))
     return;
-  CString strObject(L"khserver.jsp?ap=tintwright&version=");
-  strObject += m_strProdVersion;
-  if (!m_strVersionType.IsEmpty()) {
-    strObject += L"&versionType=";
-    strObject += m_strVersionType;
-  }
-  ExchangeResult const result = RunExchange(RequestKind::AddressDetection, DetectionHost, strObject);
-  if (result.outcome != ExchangeResult::Replied)
-    return;
-  CComPtr<IXMLDOMDocument> const pDocument = LoadReply(result.strReply);
+  RunExchange(RequestKind::AddressDetection, [this](ServiceExchange &exchange) {
+    CString strObject(L"khserver.jsp?ap=tintwright&version=");
+    strObject += m_strProdVersion;
+    if (!m_strVersionType.IsEmpty()) {
+      strObject += L"&versionType=";
+      strObject += m_strVersionType;
+    }
+    exchange.Send(DetectionHost, strObject); // the reply tells whether it was sent
+    ReadAddressDocument(exchange.ReadDocument());
+  });
+}
+
+void KHLoginData::ReadAddressDocument(IXMLDOMDocument *pDocument) {
   for (DiscoveryElement const &element : DiscoveryElement::kElements) {
     ElementState const state = ReadElement(pDocument, element.wszPath, this->*element.pMember);
     if (state == ElementState::QueryFailed && element.wszQueryFailed)

@@ -30,17 +30,17 @@ PyObject *KHLoginData::GetEffectByGUID(WCHAR const *wszPresetGUID) {
 }
 
 CString KHLoginData::FindEffect(WCHAR const *wszPresetGUID) {
-  CString const strToken = CopyLoginTokenID();
-  EnsureKHServerURL();
-  CString strObject(L"/servlet/GetEffectByGUIDForTWR?token=");
-  strObject += strToken;
-  strObject += L"&guid=";
-  strObject += wszPresetGUID;
   CString strPipURL;
-  ExchangeResult const result = RunExchange(RequestKind::EffectByGuid, m_strKHServerUrl, strObject);
-  if (result.outcome != ExchangeResult::Replied)
-    return strPipURL;
-  CComPtr<IXMLDOMDocument> const pDocument = LoadReply(result.strReply);
-  ForEachChild(pDocument, L"PIP", [&strPipURL](IXMLDOMNode *pNode) { ParseEffectPIP(pNode, strPipURL); });
+  CString const strToken = CopyLoginTokenID();
+  RunExchange(RequestKind::EffectByGuid, [&](ServiceExchange &exchange) {
+    EnsureKHServerURL();
+    CString strObject(L"/servlet/GetEffectByGUIDForTWR?token=");
+    strObject += strToken;
+    strObject += L"&guid=";
+    strObject += wszPresetGUID;
+    exchange.Send(m_strKHServerUrl, strObject); // the reply tells whether it was sent
+    ForEachChild(exchange.ReadDocument(), L"PIP",
+                 [&strPipURL](IXMLDOMNode *pNode) { ParseEffectPIP(pNode, strPipURL); });
+  });
   return strPipURL;
 }

@@ -75,11 +75,12 @@ private:
   // Address discovery. None of it touches Python.
   void EnsureKHServerURL(); ///< Afterwards m_strKHServerUrl is not empty, except when memory is short.
   void UpdateKHURLFromServer();
+  void ReadAddressDocument(IXMLDOMDocument *pDocument);
   BOOL CheckServerReachable(char const *szUrl);
 
   // Login. None of it touches Python.
   UINT Login(WCHAR const *wszUserName, WCHAR const *wszPassword);
-  UINT ReadLoginReply(IXMLDOMDocument *pDocument);
+  UINT ReadLoginReply(IXMLDOMDocument *pDocument, CString &strToken);
 
   void FetchCategories(WCHAR const *wszLocationID);
   void ParseCategories(struct IXMLDOMNode *pNode);

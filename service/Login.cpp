@@ -103,25 +103,26 @@ UINT KHLoginData::Login(WCHAR const *wszUserName, WCHAR const *wszPassword) {
     return 0;
   }
   CW2A const form(MakeLoginForm(wszUserName, wszPassword, m_strProdVersion, m_strVersionType, m_strUUID));
-  ExchangeResult const result = RunExchange(RequestKind::Login, m_strKHServerUrl, L"/servlet/memLogin", form);
-  switch (result.outcome) {
-  case ExchangeResult::Replied:
-    return ReadLoginReply(LoadReply(result.strReply));
-  case ExchangeResult::Exception:
-    return result.dwError;
-  case ExchangeResult::SendRefused:
-    TraceMsgW(L"Login KH fail: Get <false response> when send request to KH");
-    return 0;
-  case ExchangeResult::OutOfMemory:
-    break;
+  UINT uResult = 0;
+  CString strToken;
+  DWORD const dwError = RunExchange(RequestKind::Login, [&](ServiceExchange &exchange) {
+    if (exchange.Send(m_strKHServerUrl, L"/servlet/memLogin", form))
+      uResult = ReadLoginReply(exchange.ReadDocument(), strToken);
+    else
+      TraceMsgW(L"Login KH fail: Get <false response> when send request to KH");
+  });
+  if (dwError != 0)
+    return dwError;
+  if (uResult == 1) {
+    m_bLoggedIn = TRUE;
+    SetLoginTokenID(std::move(strToken));
   }
-  return 0;
+  return uResult;
 }
 
-// Stores what the reply holds, also when the login fails; the token and the state only when it succeeds.
-UINT KHLoginData::ReadLoginReply(IXMLDOMDocument *pDocument) {
+// Stores what the reply holds, also when it is no login. Returns: 1 with the token for a login, else 0.
+UINT KHLoginData::ReadLoginReply(IXMLDOMDocument *pDocument, CString &strToken) {
   bool const bFirstLogin = OpenFirstLogin(pDocument);
-  CString strToken;
   UINT uResult = ReadToken(pDocument, strToken);
   for (LoginElement const &element : LoginElement::kElements) {
     CString strDropped;
@@ -135,13 +136,7 @@ UINT KHLoginData::ReadLoginReply(IXMLDOMDocument *pDocument) {
       TraceMsgW(element.wszStored, strText.GetString());
     }
   }
-  if (bFirstLogin)
-    return 0;
-  if (uResult == 1) {
-    m_bLoggedIn = TRUE;
-    SetLoginTokenID(std::move(strToken));
-  }
-  return uResult;
+  return bFirstLogin ? 0 : uResult;
 }
 
 void KHLoginData::LogoutKestrelhub() {

@@ -31,11 +31,7 @@ PyObject *KHLoginData::GetPresetCategory(WCHAR const *wszLocationID) {
     PyErr_Clear();
     Py_RETURN_NONE;
   }
-  try {
-    FetchCategories(wszLocationID);
-  } catch (std::bad_alloc const &) {
-    // the cache holds what was merged so far
-  }
+  FetchCategories(wszLocationID);
   // An entry that can't be copied ends the copy there.
   for (auto const &[strId, strName] : m_mapCategory)
     if (!AddEntry(pDict, strId, strName))
@@ -44,16 +40,15 @@ PyObject *KHLoginData::GetPresetCategory(WCHAR const *wszLocationID) {
 }
 
 void KHLoginData::FetchCategories(WCHAR const *wszLocationID) {
-  EnsureKHServerURL();
-  CString strObject(L"/servlet/getPresetCategory?ap=TWR&Locid=");
-  strObject += wszLocationID ? wszLocationID : L"(null)"; // as the formatter prints a null string
-  strObject += L"&version=";
-  strObject += m_strProdVersion;
-  ExchangeResult const result = RunExchange(RequestKind::PresetCategories, m_strKHServerUrl, strObject);
-  if (result.outcome != ExchangeResult::Replied)
-    return;
-  CComPtr<IXMLDOMDocument> const pDocument = LoadReply(result.strReply);
-  ForEachChild(pDocument, L"categories", [this](IXMLDOMNode *pNode) { ParseCategories(pNode); });
+  RunExchange(RequestKind::PresetCategories, [&](ServiceExchange &exchange) {
+    EnsureKHServerURL();
+    CString strObject(L"/servlet/getPresetCategory?ap=TWR&Locid=");
+    strObject += wszLocationID ? wszLocationID : L"(null)"; // as the formatter prints a null string
+    strObject += L"&version=";
+    strObject += m_strProdVersion;
+    exchange.Send(m_strKHServerUrl, strObject); // the reply tells whether it was sent
+    ForEachChild(exchange.ReadDocument(), L"categories", [this](IXMLDOMNode *pNode) { ParseCategories(pNode); });
+  });
 }
 
 void KHLoginData::ParseCategories(IXMLDOMNode *pNode) {

@@ -43,23 +43,26 @@ PyObject *KHLoginData::SetRelateVideo(WCHAR const *wszVideoURL, WCHAR const *wsz
       TraceMsgW(L"SetRelateVideo GetVideoID fail");
       return NewText(L" ");
     }
-    EnsureKHServerURL();
-    CString strObject(kServlet);
-    Append(strObject, {{L"?tokenid=", strToken},
-                       {L"&videoID=", strVideoID},
-                       {L"&videoURL=", wszVideoURL},
-                       {L"&website=", wszWebsite},
-                       {L"&AP=TWR&Version=", m_strProdVersion},
-                       {L"&versionType=", m_strVersionType},
-                       {L"&uuid=", m_strUUID},
-                       {L"&", wszVideoInfo}});
-    ExchangeResult const result = RunExchange(RequestKind::RelatedVideo, m_strKHServerUrl, strObject);
-    if (result.outcome == ExchangeResult::Replied && result.strReply.empty())
-      return nullptr; // no Python error: the interpreter raises its own SystemError
     CString strAnswer(L" ");
-    if (result.outcome == ExchangeResult::Replied)
-      ReadElement(LoadReply(result.strReply), L"info/videoUrl", strAnswer);
-    return NewText(strAnswer);
+    bool bEmpty = false;
+    RunExchange(RequestKind::RelatedVideo, [&](ServiceExchange &exchange) {
+      EnsureKHServerURL();
+      CString strObject(kServlet);
+      Append(strObject, {{L"?tokenid=", strToken},
+                         {L"&videoID=", strVideoID},
+                         {L"&videoURL=", wszVideoURL},
+                         {L"&website=", wszWebsite},
+                         {L"&AP=TWR&Version=", m_strProdVersion},
+                         {L"&versionType=", m_strVersionType},
+                         {L"&uuid=", m_strUUID},
+                         {L"&", wszVideoInfo}});
+      exchange.Send(m_strKHServerUrl, strObject); // the reply tells whether it was sent
+      std::string strReply = exchange.ReadReply();
+      bEmpty = strReply.empty();
+      if (!bEmpty)
+        ReadElement(LoadReply(std::move(strReply)), L"info/videoUrl", strAnswer);
+    });
+    return bEmpty ? nullptr : NewText(strAnswer); // null without a Python error: the interpreter raises SystemError
   } catch (std::bad_alloc const &) {
     return NewText(L" ");
   }
@@ -67,13 +70,15 @@ PyObject *KHLoginData::SetRelateVideo(WCHAR const *wszVideoURL, WCHAR const *wsz
 
 void KHLoginData::GetVideoID(CString &strVideoID) {
   CString const strToken = CopyLoginTokenID();
-  EnsureKHServerURL();
-  CString strObject(kServlet);
-  Append(strObject, {{L"?tokenid=", strToken},
-                     {L"&AP=TWR&Version=", m_strProdVersion},
-                     {L"&versionType=", m_strVersionType},
-                     {L"&uuid=", m_strUUID}});
-  ExchangeResult const result = RunExchange(RequestKind::VideoId, m_strKHServerUrl, strObject);
-  if (result.outcome == ExchangeResult::Replied && !result.strReply.empty())
-    ReadElement(LoadReply(result.strReply), L"info/videoId", strVideoID);
+  RunExchange(RequestKind::VideoId, [&](ServiceExchange &exchange) {
+    EnsureKHServerURL();
+    CString strObject(kServlet);
+    Append(strObject, {{L"?tokenid=", strToken},
+                       {L"&AP=TWR&Version=", m_strProdVersion},
+                       {L"&versionType=", m_strVersionType},
+                       {L"&uuid=", m_strUUID}});
+    exchange.Send(m_strKHServerUrl, strObject); // as above
+    if (std::string strReply = exchange.ReadReply(); !strReply.empty())
+      ReadElement(LoadReply(std::move(strReply)), L"info/videoId", strVideoID);
+  });
 }

@@ -19,19 +19,20 @@ constexpr DWORD kSecurityOption =
     SECURITY_FLAG_IGNORE_CERT_DATE_INVALID | SECURITY_FLAG_IGNORE_CERT_CN_INVALID | SECURITY_FLAG_IGNORE_REVOCATION;
 constexpr int POST = CHttpConnection::HTTP_VERB_POST;
 constexpr int GET = CHttpConnection::HTTP_VERB_GET;
+constexpr std::size_t kMostDocument = 8 * 1024 * 1024; // bytes
 constexpr std::size_t kReadBlock = 0x10000; // bytes; a declared length costs no memory before its bytes are there
 
 // clang-format off
 constexpr ExchangeVariant kVariants[] = {
-    // kind                            operation                agent    verb  port flags                           option form   reply size                 limit
-    {RequestKind::AddressDetection,    L"UpdateKHURLFromServer", nullptr, GET,  443, INTERNET_FLAG_EXISTING_CONNECT, false, false, ReplySize::ContentLength, 0},
-    {RequestKind::Login,               L"LoginKestrelhub",       L"",     POST, 443, kSecureFlags,                   true,  true,  ReplySize::ContentLength, 0},
-    {RequestKind::PresetCategories,    L"GetPresetCategory",     nullptr, POST, 80,  INTERNET_FLAG_EXISTING_CONNECT, false, false, ReplySize::Available,     254},
-    {RequestKind::EffectByGuid,        L"GetEffectByGUID",       nullptr, POST, 80,  INTERNET_FLAG_EXISTING_CONNECT, false, false, ReplySize::Available,     254},
-    {RequestKind::VideoId,             L"GetVideoID",            nullptr, POST, 80,  INTERNET_FLAG_RELOAD,           false, false, ReplySize::AvailableLoop, 254},
-    {RequestKind::RelatedVideo,        L"SetRelateVideo",        nullptr, POST, 80,  INTERNET_FLAG_EXISTING_CONNECT, false, false, ReplySize::AvailableLoop, 2047},
-    {RequestKind::BlockingRequestSecure, L"SyncSendHttpRequest", L"",     POST, 443, kSecureFlags,                   true,  true,  ReplySize::ContentLength, 0},
-    {RequestKind::BlockingRequestPlain,  L"SyncSendHttpRequest", L"",     POST, 80,  INTERNET_FLAG_EXISTING_CONNECT, false, true,  ReplySize::ContentLength, 0},
+    // kind                            operation                agent    verb  port flags                           option form   reply size                 object, reply
+    {RequestKind::AddressDetection,    L"UpdateKHURLFromServer", nullptr, GET,  443, INTERNET_FLAG_EXISTING_CONNECT, false, false, ReplySize::ContentLength, 0, kMostDocument},
+    {RequestKind::Login,               L"LoginKestrelhub",       L"",     POST, 443, kSecureFlags,                   true,  true,  ReplySize::ContentLength, 0, kMostDocument},
+    {RequestKind::PresetCategories,    L"GetPresetCategory",     nullptr, POST, 80,  INTERNET_FLAG_EXISTING_CONNECT, false, false, ReplySize::Available,     254, kMostDocument},
+    {RequestKind::EffectByGuid,        L"GetEffectByGUID",       nullptr, POST, 80,  INTERNET_FLAG_EXISTING_CONNECT, false, false, ReplySize::Available,     254, kMostDocument},
+    {RequestKind::VideoId,             L"GetVideoID",            nullptr, POST, 80,  INTERNET_FLAG_RELOAD,           false, false, ReplySize::AvailableLoop, 254, kMostDocument},
+    {RequestKind::RelatedVideo,        L"SetRelateVideo",        nullptr, POST, 80,  INTERNET_FLAG_EXISTING_CONNECT, false, false, ReplySize::AvailableLoop, 2047, kMostDocument},
+    {RequestKind::BlockingRequestSecure, L"SyncSendHttpRequest", L"",     POST, 443, kSecureFlags,                   true,  true,  ReplySize::ContentLength, 0, 0},
+    {RequestKind::BlockingRequestPlain,  L"SyncSendHttpRequest", L"",     POST, 80,  INTERNET_FLAG_EXISTING_CONNECT, false, true,  ReplySize::ContentLength, 0, 0},
 };
 // clang-format on
 
@@ -45,14 +46,6 @@ constexpr bool RowsAreInOrder() {
 static_assert(RowsAreInOrder(), "a kind is the index of its row");
 
 bool IsTestHost(CString const &strHost) { return strHost.Find(L"demo") >= 0 || strHost.Find(L"stage") >= 0; }
-
-// Traces and frees the exception. Returns: its number.
-DWORD Dispose(CInternetException *pException, WCHAR const *wszOperation) {
-  DWORD const dwError = pException->m_dwError;
-  pException->Delete();
-  TraceMsgW(L"[%s] Internet Exception! Error code: %d", wszOperation, dwError);
-  return dwError;
-}
 
 } // namespace
 
@@ -69,9 +62,9 @@ void ServiceExchange::SetTimeouts(DWORD dwConnect, DWORD dwSend) {
 }
 
 BOOL ServiceExchange::Send(WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm) {
+  m_pConnection.reset(m_session.GetHttpConnection(wszHost, m_variant.nPort, nullptr, nullptr));
   if (m_variant.cchMostObject && std::wcslen(wszObject) > m_variant.cchMostObject)
     throw new CInternetException(ERROR_INTERNET_INVALID_URL);
-  m_pConnection.reset(m_session.GetHttpConnection(wszHost, m_variant.nPort, nullptr, nullptr));
   m_pFile.reset(
       m_pConnection->OpenRequest(m_variant.nVerb, wszObject, nullptr, 1, nullptr, nullptr, m_variant.dwFlags));
   if (m_variant.bSecurityOption && IsTestHost(wszHost)) {
@@ -85,60 +78,77 @@ BOOL ServiceExchange::Send(WCHAR const *wszHost, WCHAR const *wszObject, char co
 }
 
 std::string ServiceExchange::ReadReply() {
+  std::string strReply;
   if (m_variant.replySize == ReplySize::ContentLength) {
     CString strLength;
     m_pFile->QueryInfo(HTTP_QUERY_CONTENT_LENGTH, strLength);
     int const nLength = _wtoi(strLength);
-    return ReadUpTo(nLength > 0 ? static_cast<std::size_t>(nLength) : 0); // a negative length is no body
+    strReply = ReadUpTo(nLength > 0 ? static_cast<std::size_t>(nLength) : 0); // a negative length is no body
+  } else if (m_variant.replySize == ReplySize::Available) {
+    strReply = ReadAvailable();
+  } else {
+    std::size_t cbRead = 0;
+    for (std::string strBlock; !(strBlock = ReadAvailable()).empty(); CheckLimit(cbRead += strBlock.size()))
+      strReply += strBlock.c_str();
   }
-  if (m_variant.replySize == ReplySize::Available)
-    return ReadUpTo(static_cast<DWORD>(m_pFile->GetLength()));
-  std::string strReply;
-  while (DWORD const dwAvailable = static_cast<DWORD>(m_pFile->GetLength()))
-    strReply += ReadUpTo(dwAvailable).c_str();
   return strReply;
 }
 
-// What one read of `cb` bytes gives, taken in blocks: what came before a failure, or the failure if nothing came.
+CComPtr<IXMLDOMDocument> ServiceExchange::ReadDocument() { return LoadReply(ReadReply()); }
+
+// What is there when the first byte is; empty at the end.
+std::string ServiceExchange::ReadAvailable() {
+  auto const cb = static_cast<DWORD>(m_pFile->GetLength());
+  if (cb == 0)
+    CheckEnd(); // GetLength gives 0 for a failure, too
+  return ReadUpTo(cb);
+}
+
+// What one read of `cb` bytes gives, taken in blocks; less only at the reply's orderly end.
 std::string ServiceExchange::ReadUpTo(std::size_t cb) {
   std::string strRead;
   while (strRead.size() < cb) {
     std::size_t const at = strRead.size();
     std::size_t const block = std::min(cb - at, kReadBlock);
     strRead.resize(at + block);
-    UINT uRead = 0;
-    try {
-      uRead = m_pFile->Read(strRead.data() + at, static_cast<UINT>(block));
-    } catch (CInternetException *pException) {
-      if (at == 0)
-        throw;
-      pException->Delete();
-    }
+    UINT const uRead = m_pFile->Read(strRead.data() + at, static_cast<UINT>(block));
     strRead.resize(at + uRead);
-    if (uRead < block)
+    CheckLimit(strRead.size());
+    if (uRead < block) {
+      CheckEnd();
       break;
+    }
   }
   return strRead;
 }
 
-ExchangeResult RunExchange(RequestKind kind, WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm) {
-  try {
-    ServiceExchange exchange(VariantOf(kind));
-    if (!exchange.Send(wszHost, wszObject, szForm))
-      return {ExchangeResult::SendRefused, 0, {}};
-    return {ExchangeResult::Replied, 0, exchange.ReadReply()};
-  } catch (CInternetException *pException) {
-    return {ExchangeResult::Exception, Dispose(pException, VariantOf(kind).wszOperation), {}};
-  } catch (std::bad_alloc const &) {
-    return {ExchangeResult::OutOfMemory, 0, {}};
-  }
+// A short read may be what came before a loss, a time-out or a limit: the next one then throws.
+void ServiceExchange::CheckEnd() {
+  char c = 0;
+  m_pFile->Read(&c, sizeof c);
 }
 
-CComPtr<IXMLDOMDocument> LoadReply(std::string const &strReply) {
+void ServiceExchange::CheckLimit(std::size_t cb) const {
+  if (m_variant.cbMostReply && cb > m_variant.cbMostReply)
+    throw new CInternetException(ERROR_HTTP_INVALID_SERVER_RESPONSE);
+}
+
+DWORD TraceAndDelete(CInternetException *pException, WCHAR const *wszOperation) {
+  DWORD const dwError = pException->m_dwError;
+  pException->Delete();
+  TraceMsgW(L"[%s] Internet Exception! Error code: %d", wszOperation, dwError);
+  return dwError;
+}
+
+CComPtr<IXMLDOMDocument> LoadReply(std::string strReply) {
   CComPtr<IXMLDOMDocument> pDocument;
-  if (SUCCEEDED(CoCreateInstance(CLSID_DOMDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
-                                 reinterpret_cast<void **>(&pDocument))))
-    pDocument->loadXML(CComBSTR(strReply.c_str()), nullptr);
+  if (FAILED(CoCreateInstance(CLSID_DOMDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
+                              reinterpret_cast<void **>(&pDocument))))
+    return pDocument;
+  CComBSTR const bstrReply(strReply.c_str());
+  strReply = {}; // a large reply is not held twice while the tree grows
+  VARIANT_BOOL bLoaded = 0;
+  pDocument->loadXML(bstrReply, &bLoaded);
   return pDocument;
 }
 

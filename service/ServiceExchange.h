@@ -7,6 +7,7 @@
 #include "platform/XmlDom.h"
 
 #include <memory>
+#include <new>
 #include <string>
 
 enum class RequestKind {
@@ -39,6 +40,7 @@ struct ExchangeVariant {
   bool bForm;           ///< Goes out with the fixed headers and a form body.
   ReplySize replySize;
   std::size_t cchMostObject; ///< Longest object name in characters; a longer one is refused. 0: no limit.
+  std::size_t cbMostReply;   ///< Longest reply in bytes; more is no reply. 0: the HTTP layer's limit.
 };
 
 ExchangeVariant const &VariantOf(RequestKind kind);
@@ -57,12 +59,19 @@ public:
   /// Connects, opens the request and sends it; `szForm` is the body of a row with a form, null for none. Returns: what
   /// SendRequest returned. Throws CInternetException *, ERROR_INTERNET_INVALID_URL for an object name over the row's
   /// limit, too.
-  BOOL Send(WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm);
-  /// Reads the reply's bytes as the row says. Call after Send. Throws CInternetException * and std::bad_alloc.
+  BOOL Send(WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm = nullptr);
+  /// Reads the reply's bytes as the row says. Call after Send. A reply that breaks off is an exception, whatever came
+  /// before: only an orderly end is an end. Throws CInternetException * (ERROR_HTTP_INVALID_SERVER_RESPONSE for a reply
+  /// over the row's limit) and std::bad_alloc.
   std::string ReadReply();
+  /// The same, as a document (LoadReply).
+  CComPtr<IXMLDOMDocument> ReadDocument();
 
 private:
+  std::string ReadAvailable();
   std::string ReadUpTo(std::size_t cb);
+  void CheckEnd();
+  void CheckLimit(std::size_t cb) const;
 
   ExchangeVariant const &m_variant;
   CInternetSession m_session;
@@ -70,27 +79,29 @@ private:
   std::unique_ptr<CHttpFile> m_pFile;
 };
 
-struct ExchangeResult {
-  enum Outcome {
-    Replied,
-    SendRefused, ///< SendRequest returned FALSE.
-    OutOfMemory,
-    Exception, ///< dwError tells which; it has been traced.
-  };
-  Outcome outcome;
-  DWORD dwError;
-  std::string strReply;
-};
+/// Traces "[<operation>] Internet Exception! Error code: %d" and frees the exception. Returns: its number.
+DWORD TraceAndDelete(CInternetException *pException, WCHAR const *wszOperation);
 
-/// The whole exchange in its guarded region. An Internet exception is traced as
-/// "[<operation>] Internet Exception! Error code: %d". Nothing escapes.
-ExchangeResult RunExchange(RequestKind kind, WCHAR const *wszHost, WCHAR const *wszObject,
-                           char const *szForm = nullptr);
+/// A whole exchange in its guarded region: makes the session and hands the exchange to `work`, which finds the host,
+/// sends, and reads the reply while the handles are open. Nothing escapes. Returns: the number of the Internet
+/// exception that ended it, which has been traced; else 0, also when memory ran out before `work` was through.
+template <class Work> DWORD RunExchange(RequestKind kind, Work work) {
+  ExchangeVariant const &variant = VariantOf(kind);
+  try {
+    ServiceExchange exchange(variant);
+    work(exchange);
+  } catch (CInternetException *pException) {
+    return TraceAndDelete(pException, variant.wszOperation);
+  } catch (std::bad_alloc const &) {
+    // as a reply without content
+  }
+  return 0;
+}
 
 /// The reply, up to its first zero byte, as a document; its bytes count as the calling thread's ANSI code page.
 /// Returns: an empty document for a reply that does not parse; null if no document can be made. May throw
 /// std::bad_alloc.
-CComPtr<IXMLDOMDocument> LoadReply(std::string const &strReply);
+CComPtr<IXMLDOMDocument> LoadReply(std::string strReply);
 
 enum class ElementState { Found, Missing, QueryFailed };
 

@@ -175,6 +175,8 @@ class BlockingRequests(RequestTest):
             self.assertEqual(util.SyncSendHttpRequest(HOST, 80, "/", "", ""), {"bSucc": 1, "data": data}, options)
         self.plain("abcdef", scenario="pieces")
         self.assertEqual(util.SyncSendHttpRequest(HOST, 80, "/", "", "")["data"], "abcdef", "whole, however it comes")
+        self.plain("abcdef", scenario="reset-reply")
+        self.assertEqual(set(util.SyncSendHttpRequest(HOST, 80, "/", "", "")), {"bSucc", "errMsg"}, "a lost half is no body")
         self.plain(b"a\xff\xe4b".decode("utf-8", "surrogateescape"))
         self.assertEqual(util.SyncSendHttpRequest(HOST, 80, "/", "", "")["data"], "a\ufffd\ufffdb")
         self.plain("", "--fill", "600")  # has a zero byte every 251

@@ -3,6 +3,7 @@
 #include "service/ReachabilityProbe.h"
 #include "service/ServiceExchange.h"
 #include "tests/cpp/platform/http_peer.h"
+#include "tests/cpp/platform/thread_locale.h"
 
 #include <gtest/gtest.h>
 
@@ -26,28 +27,78 @@ private:
   PlatformTestHooks m_hooks;
 };
 
+struct Outcome {
+  DWORD dwError;
+  BOOL bSent;
+  std::string strReply;
+  bool operator==(Outcome const &) const = default;
+};
+
+Outcome Exchange(RequestKind kind, std::wstring const &object = L"/x") {
+  Outcome outcome = {};
+  outcome.dwError = RunExchange(kind, [&](ServiceExchange &exchange) {
+    outcome.bSent = exchange.Send(L"good.test", object.c_str(), "");
+    outcome.strReply = exchange.ReadReply();
+  });
+  return outcome;
+}
+
 TEST(ServiceExchange, TellsItsOutcomesApart) {
   Peer const peer("reply --body '<a/>'");
   struct Case {
     char const *szCall;
     DWORD dwError;
-    ExchangeResult::Outcome outcome;
+    Outcome outcome;
   };
   Case const cases[] = {
-      {"InternetOpenW", 1450, ExchangeResult::Exception},     {"InternetConnectW", 12005, ExchangeResult::Exception},
-      {"HttpOpenRequestW", 12005, ExchangeResult::Exception}, {"HttpSendRequestW", 12002, ExchangeResult::Exception},
-      {"HttpSendRequestW", 0, ExchangeResult::SendRefused},   {"InternetReadFile", 12031, ExchangeResult::Exception},
+      {"InternetOpenW", 1450, {1450, 0, ""}},      {"InternetConnectW", 12005, {12005, 0, ""}},
+      {"HttpOpenRequestW", 12005, {12005, 0, ""}}, {"HttpSendRequestW", 12002, {12002, 0, ""}},
+      {"HttpSendRequestW", 0, {12019, 0, ""}},     {"InternetQueryDataAvailable", 12002, {0, 1, ""}},
+      {"InternetReadFile", 12031, {12031, 1, ""}},
   };
   for (Case const &c : cases) {
     Fault const fault(c.szCall, c.dwError);
-    ExchangeResult const result = RunExchange(RequestKind::PresetCategories, L"good.test", L"/x");
-    EXPECT_EQ(result.outcome, c.outcome) << c.szCall;
-    EXPECT_EQ(result.dwError, c.dwError) << c.szCall;
-    EXPECT_EQ(result.strReply, "");
+    EXPECT_EQ(Exchange(RequestKind::PresetCategories), c.outcome) << c.szCall;
   }
-  EXPECT_EQ(RunExchange(RequestKind::PresetCategories, L"good.test", std::wstring(255, L'/').c_str()).outcome,
-            ExchangeResult::Exception);
-  EXPECT_EQ(RunExchange(RequestKind::PresetCategories, L"good.test", std::wstring(254, L'/').c_str()).strReply, "<a/>");
+  EXPECT_EQ(Exchange(RequestKind::PresetCategories, std::wstring(255, L'/')), (Outcome{12005, 0, ""}));
+  EXPECT_EQ(Exchange(RequestKind::PresetCategories, std::wstring(254, L'/')), (Outcome{0, 1, "<a/>"}));
+}
+
+TEST(ServiceExchange, BrokenReplyIsAnExceptionWhateverCameBefore) {
+  struct Case {
+    std::string scenario;
+    RequestKind kind;
+    DWORD dwError; // 1: lost, which of the two numbers the system's timing decides
+  };
+  std::string const over = std::to_string(8 * 1024 * 1024 + 1), most = std::to_string(8 * 1024 * 1024);
+  std::string const half = " --body abcdefgh", none = half + " --length none";
+  for (Case const &c : {Case{"reset-reply" + half, RequestKind::BlockingRequestPlain, 1},
+                        Case{"reset-reply" + none, RequestKind::VideoId, 1},
+                        Case{"silent-body" + half, RequestKind::BlockingRequestPlain, 12002},
+                        Case{"reply --fill " + over, RequestKind::AddressDetection, 12152},
+                        Case{"reply --fill " + over + " --length none", RequestKind::VideoId, 12152},
+                        Case{"reply --fill " + most, RequestKind::AddressDetection, 0},
+                        Case{"reply --fill " + over, RequestKind::BlockingRequestPlain, 0},
+                        Case{"reply --length long" + half, RequestKind::BlockingRequestPlain, 0}}) {
+    Peer const peer(c.scenario + (VariantOf(c.kind).nPort == 443 ? " --tls good" : ""));
+    std::uint64_t now = 1'000'000;
+    PlatformTestHooks hooks;
+    if (c.dwError == 12002)
+      hooks.now = [&now] { return now += 500; };
+    SetPlatformTestHooks(&hooks);
+    DWORD const dwError = Exchange(c.kind).dwError;
+    SetPlatformTestHooks(nullptr);
+    EXPECT_EQ(dwError == 12030 || dwError == 12031 ? 1 : dwError, c.dwError) << c.scenario;
+  }
+}
+
+TEST(ServiceExchange, NarrowsAllTextInTheCodePageOfTheThread) {
+  ThreadLocale const locale("ISO-8859-1");
+  if (!locale)
+    GTEST_SKIP() << "no character maps here (Debian package locales)";
+  Peer const peer("reply");
+  EXPECT_EQ(Exchange(RequestKind::EffectByGuid, L"/x?\u00E4\u4E2D").dwError, 0u);
+  EXPECT_TRUE(peer.Received().starts_with("POST /x?\xE4? HTTP/1.1\r\n")) << peer.Received();
 }
 
 TEST(ServiceExchange, KeepsAMissingElementApartFromAFailedQuery) {

@@ -1,16 +1,31 @@
 # Finds the interpreters to build for and their headers. One build tree serves them all: what includes Python.h is compiled
 # once for each, and everything else once. Sets SKIFFPORT_PYTHON_TAGS (such as "cpython-311-x86_64-linux-gnu") and, for
 # each tag, SKIFFPORT_PYTHON_<tag>_EXECUTABLE and _INCLUDE.
-if(NOT SKIFFPORT_PYTHONS)
-  # A python3.8 on the PATH may be a version manager's stand-in that does not run; then the manager's own folder is tried.
-  find_program(_python38 python3.8)
-  file(GLOB _managed $ENV{PYENV_ROOT}/versions/3.8.*/bin/python3.8 $ENV{HOME}/.pyenv/versions/3.8.*/bin/python3.8)
-  set(SKIFFPORT_PYTHONS /usr/bin/python3 ${_python38} ${_managed})
-  list(FILTER SKIFFPORT_PYTHONS EXCLUDE REGEX NOTFOUND)
+set(_pythons ${SKIFFPORT_PYTHONS})
+if(NOT _pythons)
+  set(_pythons $ENV{SKIFFPORT_PYTHONS})
+endif()
+set(_versions "") # to look for
+if(NOT _pythons)
+  set(_versions 3.8)
+elseif(_pythons STREQUAL "all")
+  set(_versions 3.8 3.9 3.10 3.11 3.12 3.13)
+endif()
+if(_versions)
+  set(_pythons /usr/bin/python3)
+  foreach(_version IN LISTS _versions)
+    # One on the PATH may be a version manager's stand-in that does not run; then the manager's own folder is tried.
+    find_program(_on_path python${_version} NO_CACHE)
+    file(GLOB _managed $ENV{PYENV_ROOT}/versions/${_version}.*/bin/python${_version}
+      $ENV{HOME}/.pyenv/versions/${_version}.*/bin/python${_version})
+    list(APPEND _pythons ${_on_path} ${_managed})
+    unset(_on_path)
+  endforeach()
+  list(FILTER _pythons EXCLUDE REGEX NOTFOUND)
 endif()
 
 set(SKIFFPORT_PYTHON_TAGS "")
-foreach(_python IN LISTS SKIFFPORT_PYTHONS)
+foreach(_python IN LISTS _pythons)
   execute_process(
     COMMAND ${_python} -c "import sys, sysconfig; print(sys.executable, sysconfig.get_config_var('SOABI'), \
 sysconfig.get_path('include'), sys.version_info >= (3, 8), sep=';')"

@@ -6,9 +6,11 @@
 #include "platform/LastError.h"
 #include "platform/Utf8.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cwchar>
 #include <future>
+#include <iterator>
 #include <memory>
 #include <new>
 
@@ -22,16 +24,41 @@ namespace {
 
 constexpr std::uintptr_t kOpened = 33; // any value over 32 is success
 
-/// An absolute http or https address with a host, without blanks and control characters.
+/// What no page address may hold: it would steer the opener, or show the user another address than the one that opens.
+struct Range {
+  char32_t first, last;
+};
+constexpr Range kRefused[] = {
+    {0x00, 0x1F},     // controls
+    {0x7F, 0x9F},     // controls
+    {0x061C, 0x061C}, // marks of direction
+    {0x200B, 0x200F}, // no width, and marks of direction
+    {0x2028, 0x202E}, // separators of lines and paragraphs, embeddings and overrides of direction
+    {0x2060, 0x2060}, // word joiner
+    {0x2066, 0x2069}, // isolates of direction
+    {0xFEFF, 0xFEFF}, // no width, no break
+};
+
+bool IsRefused(WCHAR unit) {
+  auto const character = static_cast<char32_t>(unit);
+  return std::any_of(std::begin(kRefused), std::end(kRefused),
+                     [=](Range const &range) { return range.first <= character && character <= range.last; });
+}
+
+/// `rest` is what follows "://": [user@]host[:port], up to the first delimiter. Browsers take a backslash for a slash.
+bool HasHost(std::wstring_view rest) {
+  std::wstring_view const authority = rest.substr(0, rest.find_first_of(L"/\\?#"));
+  std::wstring_view const host = authority.substr(authority.rfind(L'@') + 1); // all of it without a user
+  auto const uFirst = host.find_first_not_of(L' ');
+  return uFirst != std::wstring_view::npos && host[uFirst] != L':';
+}
+
+/// An absolute http or https address with a host and without characters that are refused. It may hold blanks.
 bool IsWebAddress(std::wstring_view address) {
-  for (WCHAR const unit : address) {
-    auto const character = static_cast<char32_t>(unit);
-    if (character <= 0x20 || (character >= 0x7F && character <= 0x9F))
-      return false;
-  }
+  if (std::any_of(address.begin(), address.end(), IsRefused))
+    return false;
   auto const uColon = address.find(L"://");
-  if (uColon > 5 || // none, or no scheme that is opened
-      uColon + 3 == address.size() || address[uColon + 3] == L'/')
+  if (uColon > 5 || !HasHost(address.substr(uColon + 3))) // none, or no scheme that is opened
     return false;
   std::wstring strScheme(address.substr(0, uColon));
   for (WCHAR &unit : strScheme)

@@ -1,11 +1,12 @@
 #!/usr/bin/python3
-"""A window that logs a member in and publishes a preset's folder, with PyQt6 or PySide2: qt_publish.py [FOLDER]
+"""A window that logs a member in and publishes a preset's folder, with PyQt6 or PySide2: qt_publish.py [FOLDER]. Ctrl-C closes it.
 
 To try it on a stand-in of the service: scripts/with-standin /usr/bin/python3 examples/qt_publish.py
 """
 
 import html
 import os
+import signal
 import sys
 import threading
 import uuid
@@ -26,6 +27,7 @@ from skiffhost.progress import describe, from_event
 from skiffhost.session import check_login
 
 PRODUCT = ("10.5", "retail", "4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10")  # version, its type, this installation
+SIGNAL_MILLISECONDS = 200  # how long Ctrl-C may wait
 
 
 class PublishWindow(QtWidgets.QWidget):
@@ -181,6 +183,11 @@ def main():
     application = QtWidgets.QApplication(sys.argv)
     window = PublishWindow(*application.arguments()[1:2])
     window.show()
+    # Raises nothing: what a handler raises while an event runs is dropped. Python handles signals while Python runs only.
+    signal.signal(signal.SIGINT, lambda *_: QtCore.QTimer.singleShot(0, window.close))
+    waking = QtCore.QTimer()
+    waking.timeout.connect(lambda: None)
+    waking.start(SIGNAL_MILLISECONDS)
     with loop.attach_qt():
         return application.exec() if hasattr(application, "exec") else application.exec_()
 

@@ -17,7 +17,8 @@ char const kFilenoDoc[] = "fileno() -> int\n\n"
 char const kPumpDoc[] =
     "pump(limit=64) -> int\n\n"
     "Runs at most `limit` of the messages that the calling thread's queue holds now, in order, and\n"
-    "returns how many ran. Callbacks run inside; their exceptions are printed, not raised.";
+    "returns how many ran. Callbacks run inside; what they raise is printed and dropped, also what a\n"
+    "signal handler raises inside them. SystemExit in a callback ends the process at once.";
 
 char const kWaitDoc[] = "wait(timeout=None) -> bool\n\n"
                         "Waits until the calling thread's queue holds a message, at most `timeout` seconds, with the\n"

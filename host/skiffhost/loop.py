@@ -4,6 +4,10 @@ An uploader belongs to the thread that makes it, and its events run when that th
 a loop of its own alternates ``wait`` and ``pump``; one with a loop attaches it: asyncio, Qt, GLib and Tk have a function
 each, any other loop makes an ``Attachment``. Every function speaks of the calling thread. Needs the standard library
 alone; a toolkit is looked for when it is attached.
+
+What an uploader's callable raises is printed and dropped, also what a signal handler raises inside it: no loop sees that
+KeyboardInterrupt, so let the handler of SIGINT raise nothing and call ``CancelUpload`` or set a flag. SystemExit in the
+callable ends the process at once, without a ``finally`` of its callers.
 """
 
 from __future__ import annotations
@@ -53,8 +57,8 @@ class Attachment:
     """A loop's watch of the thread's queue: events run on the loop's thread, also those that waited before.
 
     There may be several. It lasts until ``detach``, or to the end of a ``with`` block, whether or not it is kept. What a
-    signal handler raises during an event goes where the loop sends such things, and the watch goes on. An event may run
-    the loop itself, for a dialog or to draw: the next events then run inside it.
+    signal handler raises goes where the loop sends such things, and the watch goes on; inside an uploader's callable it is
+    printed and dropped. An event may run the loop itself, for a dialog or to draw: the next events then run inside it.
     """
 
     def __init__(self, watch: Watch) -> None:

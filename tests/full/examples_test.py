@@ -1,5 +1,6 @@
 """The examples, as a user starts them: the asyncio script's three outcomes, and the window's states with both bindings."""
 
+import os
 import pathlib
 import signal
 import subprocess
@@ -11,13 +12,25 @@ import common  # noqa: E402
 import service  # noqa: E402
 
 EXAMPLES = service.REPOSITORY / "examples"
-SCREENSHOTS = """
+INTERRUPTED = str(service.REPOSITORY / "tests" / "support" / "interrupted.py")
+BINDING = """
 import sys
-for binding in sys.argv[1:-1]:
+for binding in sys.argv[2:]:
     sys.modules[binding] = None  # cannot be imported
-sys.path.insert(0, "{folder}")
+"""
+SCREENSHOTS = BINDING + """
 import make_screenshots
-make_screenshots.main(sys.argv[-1])
+make_screenshots.main(sys.argv[1])
+"""
+INTERRUPTED_WINDOW = BINDING + """
+import interrupted, qt_publish
+class Window(qt_publish.PublishWindow):
+    def __init__(self, folder):
+        super().__init__(folder)
+        self.title.setText("Never")
+        qt_publish.QtCore.QTimer.singleShot(0, self.publish)
+qt_publish.PublishWindow = Window
+sys.exit(qt_publish.main())
 """
 
 
@@ -25,10 +38,12 @@ class ExamplesTest(common.StandinCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.env = {**cls.standin.env, "SKIFFHOST_USER": service.USER, "SKIFFHOST_PASSWORD": service.PASSWORD}
+        cls.env = {**cls.standin.env, "SKIFFHOST_USER": service.USER, "SKIFFHOST_PASSWORD": service.PASSWORD,
+                   "PYTHONPATH": os.pathsep.join((*common.PATH, str(EXAMPLES)))}
+        cls.large = service.write_preset(cls.scratch / "large", {"effect": 80_000_000})
 
-    def start(self, folder, title):
-        command = [sys.executable, "-B", str(EXAMPLES / "asyncio_publish.py"), str(folder), title]
+    def start(self, folder, title, *program):
+        command = [sys.executable, "-B", *(program or [str(EXAMPLES / "asyncio_publish.py")]), str(folder), title]
         process = subprocess.Popen(command, env=self.env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         self.addCleanup(process.__exit__, None, None, None)
         self.addCleanup(process.kill)
@@ -41,23 +56,31 @@ class ExamplesTest(common.StandinCase):
         process = self.start(small, " ")
         errors = process.communicate(timeout=service.DEADLINE_SECONDS)[1]
         self.assertTrue(errors.endswith("not published: A preset needs a title.\n"), errors)
-        process = self.start(service.write_preset(self.scratch / "large", {"effect": 80_000_000}), "Never")
-        self.assertIn("uploading", process.stderr.readline())
-        process.send_signal(signal.SIGINT)
-        errors = process.communicate(timeout=service.DEADLINE_SECONDS)[1]
-        self.assertTrue(errors.endswith("not published: cancelled\n"), errors)
-        self.assertEqual(process.returncode, 130)
+        for program in ((), (INTERRUPTED, "asyncio_publish")):
+            process = self.start(self.large, "Never", *program)
+            if not program:
+                self.assertIn("uploading", process.stderr.readline())
+                process.send_signal(signal.SIGINT)
+            errors = process.communicate(timeout=service.DEADLINE_SECONDS)[1]
+            self.assertTrue(errors.endswith("not published: cancelled\n"), errors)
+            self.assertEqual(process.returncode, 130)
         self.assertEqual(len(self.standin.presets()), 1)
 
-    def test_the_window_comes_to_every_state(self):
+    def run_window(self, script, *arguments):
+        done = subprocess.run([sys.executable, "-B", "-c", script, *arguments], env=self.env, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, timeout=120)
+        self.assertEqual(done.returncode, 0, done.stdout.decode())
+        return done.stdout.decode()
+
+    def test_the_window_comes_to_every_state_and_an_interrupt_closes_it(self):
         for binding, others in (("PyQt6", ()), ("PySide2", ("PyQt6",))):
             with self.subTest(binding):
                 pictures = self.scratch / binding
                 pictures.mkdir()
-                done = subprocess.run([sys.executable, "-B", "-c", SCREENSHOTS.format(folder=EXAMPLES), *others, str(pictures)],
-                                      env=self.env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=120)
-                self.assertEqual(done.returncode, 0, done.stdout.decode())
+                self.run_window(SCREENSHOTS, str(pictures), *others)
                 self.assertEqual(len(list(pictures.glob("*.png"))), 6)
+                self.assertNotIn("Traceback", self.run_window(INTERRUPTED_WINDOW, str(self.large), *others))
+        self.assertNotIn("Never", [record["fields"]["title"] for record in self.standin.presets()])
 
 
 if __name__ == "__main__":

@@ -25,9 +25,9 @@ class CommandLineCase(common.StandinCase):
         cls.env = {**cls.standin.env, "SKIFFHOST_PASSWORD": service.PASSWORD, "TERM": "xterm"}
         cls.preset = service.write_preset(cls.scratch / "small", {"cover_after": 300000})
 
-    def start(self, *arguments, **options):
+    def start(self, *arguments, program=("-m", "skiffhost"), **options):
         options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "env": self.env, **options}
-        process = subprocess.Popen([sys.executable, "-m", "skiffhost", *arguments], stdin=subprocess.DEVNULL,
+        process = subprocess.Popen([sys.executable, *program, *arguments], stdin=subprocess.DEVNULL,
                                    universal_newlines=True, encoding="utf-8", **options)
         self.addCleanup(process.__exit__, None, None, None)  # waits and closes the pipes
         self.addCleanup(process.kill)
@@ -121,14 +121,16 @@ class PublishTest(CommandLineCase):
     def test_interrupts_cancel_and_publish_nothing(self):
         large = service.write_preset(self.scratch / "large", dict.fromkeys(service.FILES, 3 << 20))
         published = len(self.standin.presets())
-        process = self.start("publish", service.USER, str(large), "--progress", "lines", *FIELDS)
-        self.assertIn("uploading", process.stderr.readline())
-        for _ in range(3):
-            process.send_signal(signal.SIGINT)
-        errors = process.stderr.read()
-        self.assertEqual((process.wait(service.DEADLINE_SECONDS), process.stdout.read()), (130, ""), errors)
-        self.assertTrue(errors.endswith("skiffhost: cancelled\n"), errors)
-        self.assertNotIn("Traceback", errors)
+        inside = (str(service.REPOSITORY / "tests" / "support" / "interrupted.py"), "skiffhost")
+        for program, sent, label in ((("-m", "skiffhost"), 3, "uploading"), (inside, 0, "cancelling")):
+            process = self.start("publish", service.USER, str(large), "--progress", "lines", *FIELDS, program=program)
+            self.assertIn(label, process.stderr.readline())
+            for _ in range(sent):
+                process.send_signal(signal.SIGINT)
+            errors = process.stderr.read()
+            self.assertEqual((process.wait(service.DEADLINE_SECONDS), process.stdout.read()), (130, ""), errors)
+            self.assertTrue(errors.endswith("skiffhost: cancelled\n"), errors)
+            self.assertNotIn("Traceback", errors)
         self.assertEqual(len(self.standin.presets()), published)
         service.wait_until(lambda: not list(self.standin.folder.glob(".*")), "removal of what had arrived")
 

@@ -92,6 +92,16 @@ class FunctionsTest(LoopCase):
             stop.set()
             thread.join()
 
+    def test_what_is_raised_inside_a_callable_reaches_no_loop(self):
+        script = ("import signal, sys\nfrom publication import Publication\nfrom skiffhost import loop\n"
+                  "p = Publication(sys.argv[1])\np.uploader.SetCallback(lambda *_: {})\n"
+                  "assert p.start(sys.argv[2:]) != 0 and loop.wait()\n"
+                  "try:\n    assert loop.pump() == 1\n"
+                  "finally:\n    print('after', flush=True)\n")
+        for action, status, goes_on in (("signal.raise_signal(signal.SIGINT)", 0, True), ("sys.exit(3)", 3, False)):
+            found, output = self.run_python(script.format(action), NO_SERVICE, *FILES)
+            self.assertEqual((found, "KeyboardInterrupt" in output, "after" in output), (status, goes_on, goes_on), output)
+
 
 class AsyncioTest(LoopCase):
     def run_to_end(self, program):

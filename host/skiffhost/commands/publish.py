@@ -95,6 +95,7 @@ class Upload:
                 self._uploader.SetCallback(None)  # the two hold each other, and no collector sees it
 
     def _cancel(self, *_signal: Any) -> None:
+        """Raises nothing: it may run inside ``_on_event``, where what is raised is printed and dropped."""
         self._uploader.CancelUpload()
         self.cancelled = self._view.cancelling = True
 

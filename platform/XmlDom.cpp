@@ -1,26 +1,21 @@
-// The document object model over libxml2's tree. A wrapper object holds the tree it points into, so that a node
-// outlives its document. One thread at a time works with a document; different documents are independent.
+// The document object model's objects. Each holds the tree it points into, so that a node outlives its document. One
+// thread at a time works with a document; different documents are independent.
 #include "platform/XmlDom.h"
 
 #include "platform/CodePages.h"
 #include "platform/LastError.h"
 #include "platform/Seam.h"
 #include "platform/Utf8.h"
+#include "platform/XmlTree.h"
 
 #include <algorithm>
 #include <atomic>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <vector>
-
-#include <libxml/parser.h>
-#include <libxml/tree.h>
-#include <libxml/valid.h>
 
 CLSID const CLSID_DOMDocument = {0x2933BF90, 0x7B36, 0x11D2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
 IID const IID_IXMLDOMDocument = {0x2933BF81, 0x7B36, 0x11D2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
@@ -30,22 +25,6 @@ namespace {
 constexpr HRESULT E_NOINTERFACE = static_cast<HRESULT>(0x80004002U);
 constexpr HRESULT CLASS_E_NOAGGREGATION = static_cast<HRESULT>(0x80040110U);
 constexpr HRESULT REGDB_E_CLASSNOTREG = static_cast<HRESULT>(0x80040154U);
-
-std::string_view TextOf(xmlChar const *szText) {
-  return szText ? reinterpret_cast<char const *>(szText) : std::string_view();
-}
-
-bool IsBlankUnit(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; } // what XML calls white space
-
-bool IsBlank(std::string_view text) { return std::all_of(text.begin(), text.end(), IsBlankUnit); }
-
-std::string_view Trim(std::string_view text) {
-  while (!text.empty() && IsBlankUnit(text.front()))
-    text.remove_prefix(1);
-  while (!text.empty() && IsBlankUnit(text.back()))
-    text.remove_suffix(1);
-  return text;
-}
 
 /// The result for a failure that a test asked for.
 HRESULT FaultResult() {
@@ -66,114 +45,21 @@ BSTR AllocString(std::string_view text) {
   return wide.release();
 }
 
-// --- The tree ------------------------------------------------------------------------------------------------------
+// --- Paths ---------------------------------------------------------------------------------------------------------
 
-/// A place in a tree: the tree, kept alive, and a node of it (or the document itself). An empty document has neither.
-struct Place {
-  std::shared_ptr<xmlDoc> tree;
-  xmlNode *pNode = nullptr;
-};
-
-std::string QualifiedName(xmlNode const *pNode) {
-  std::string name;
-  if (pNode->ns && pNode->ns->prefix)
-    name.append(TextOf(pNode->ns->prefix)).append(":");
-  return name.append(TextOf(pNode->name));
-}
-
-bool HasName(xmlNode const *pNode, std::string_view name) {
-  std::string_view const prefix = pNode->ns ? TextOf(pNode->ns->prefix) : std::string_view();
-  std::string_view const local = TextOf(pNode->name);
-  if (prefix.empty())
-    return name == local;
-  return name.size() == prefix.size() + 1 + local.size() && name.starts_with(prefix) && name[prefix.size()] == ':' &&
-         name.ends_with(local);
-}
-
-bool KeepsBlanks(xmlNode const *pNode) { return xmlNodeGetSpacePreserve(pNode) == 1; }
-
-/// White space between elements is no node, unless xml:space keeps it.
-bool IsVisible(xmlNode const *pNode) {
-  switch (pNode->type) {
-  case XML_ELEMENT_NODE:
-  case XML_CDATA_SECTION_NODE:
-  case XML_PI_NODE:
-  case XML_COMMENT_NODE:
-    return true;
-  case XML_TEXT_NODE:
-    return !IsBlank(TextOf(pNode->content)) || KeepsBlanks(pNode->parent);
-  default:
-    return false;
+/// Whether the text is a name, perhaps after a prefix and a colon. Beyond ASCII everything counts as a letter: no
+/// document holds a name that is none.
+bool IsName(std::string_view text) {
+  auto const isLetter = [](unsigned char c) { return c >= 0x80 || c == '_' || unsigned(c | 0x20) - 'a' < 26; };
+  bool bStarts = true;
+  int nColons = 0;
+  for (unsigned char const c : text) {
+    if (bStarts ? !isLetter(c) : !isLetter(c) && unsigned(c) - '0' > 9 && !std::strchr("-.:", c))
+      return false;
+    bStarts = c == ':';
+    nColons += bStarts;
   }
-}
-
-xmlNode *FirstVisible(xmlNode *pNode) {
-  while (pNode && !IsVisible(pNode))
-    pNode = pNode->next;
-  return pNode;
-}
-
-bool IsText(xmlNode const *pNode) { return pNode->type == XML_TEXT_NODE || pNode->type == XML_CDATA_SECTION_NODE; }
-
-/// White space counts as text only beside other text, or where xml:space keeps it.
-bool CountsBlanks(xmlNode const *pParent) {
-  for (xmlNode const *pChild = pParent->children; pChild; pChild = pChild->next)
-    if (IsText(pChild) && !IsBlank(TextOf(pChild->content)))
-      return true;
-  return KeepsBlanks(pParent);
-}
-
-void AppendText(xmlNode const *pParent, std::string &text) {
-  bool const bCountsBlanks = CountsBlanks(pParent);
-  for (xmlNode const *pChild = pParent->children; pChild; pChild = pChild->next) {
-    if (pChild->type == XML_ELEMENT_NODE)
-      AppendText(pChild, text);
-    else if (pChild->type == XML_CDATA_SECTION_NODE || (pChild->type == XML_TEXT_NODE && bCountsBlanks))
-      text.append(TextOf(pChild->content));
-  }
-}
-
-std::string AttributeValue(xmlNode const *pAttribute) {
-  std::string text;
-  for (xmlNode const *pChild = pAttribute->children; pChild; pChild = pChild->next)
-    if (IsText(pChild))
-      text.append(TextOf(pChild->content));
-  return text;
-}
-
-std::string NodeText(xmlNode const *pNode) {
-  switch (pNode->type) {
-  case XML_ATTRIBUTE_NODE:
-    return AttributeValue(pNode);
-  case XML_ELEMENT_NODE:
-  case XML_DOCUMENT_NODE: {
-    std::string text;
-    AppendText(pNode, text);
-    std::string_view const trimmed = Trim(text);
-    return trimmed.size() == text.size() || KeepsBlanks(pNode) ? text : std::string(trimmed);
-  }
-  case XML_TEXT_NODE:
-    return std::string(KeepsBlanks(pNode->parent) ? TextOf(pNode->content) : Trim(TextOf(pNode->content)));
-  default:
-    return std::string(TextOf(pNode->content));
-  }
-}
-
-/// The text of the only child, if that is text: what most elements and attributes have. Null for others.
-xmlChar const *OnlyText(xmlNode const *pNode) {
-  bool const bHasChildren = pNode->type == XML_ELEMENT_NODE || pNode->type == XML_ATTRIBUTE_NODE;
-  xmlNode const *const pChild = bHasChildren ? pNode->children : nullptr;
-  return pChild && !pChild->next && pChild->type == XML_TEXT_NODE ? pChild->content : nullptr;
-}
-
-/// The value of a node's text as a new string.
-BSTR AllocNodeText(xmlNode const *pNode) {
-  if (xmlChar const *const szOnly = pNode->type == XML_ELEMENT_NODE ? OnlyText(pNode) : nullptr) {
-    std::string_view const trimmed = Trim(TextOf(szOnly));
-    if (trimmed.size() == TextOf(szOnly).size() || !KeepsBlanks(pNode))
-      return AllocString(trimmed);
-  }
-  return AllocString(NodeText(pNode));
+  return !bStarts && nColons <= 1;
 }
 
 /// The steps of a path of element names; none if it is no such path.
@@ -182,73 +68,11 @@ std::vector<std::string> PathSteps(std::string const &path) {
   for (std::size_t uStart = 0; uStart <= path.size();) {
     std::size_t const uEnd = std::min(path.find('/', uStart), path.size());
     steps.push_back(path.substr(uStart, uEnd - uStart));
-    if (xmlValidateQName(reinterpret_cast<xmlChar const *>(steps.back().c_str()), 0) != 0)
+    if (!IsName(steps.back()))
       return {};
     uStart = uEnd + 1;
   }
   return steps;
-}
-
-/// The first node in document order that the steps from `uStep` on lead to; null for none.
-xmlNode *FindByPath(xmlNode const *pParent, std::vector<std::string> const &steps, std::size_t uStep) {
-  for (xmlNode *pChild = pParent->children; pChild; pChild = pChild->next) {
-    if (pChild->type != XML_ELEMENT_NODE || !HasName(pChild, steps[uStep]))
-      continue;
-    xmlNode *const pFound = uStep + 1 == steps.size() ? pChild : FindByPath(pChild, steps, uStep + 1);
-    if (pFound)
-      return pFound;
-  }
-  return nullptr;
-}
-
-// --- Parsing -------------------------------------------------------------------------------------------------------
-
-/// What a tree frees, the C library would hand back to the system and take anew for the next one, page by page, which
-/// costs more than all the parsing. Once it has seen a mapped block of this size freed, it keeps twice as much.
-void LetHeapKeepTrees() {
-  constexpr std::size_t kBlock = 1 << 20;
-  void *volatile pBlock = std::malloc(kBlock); // volatile: else the pair would be optimized away
-  std::free(pBlock);
-}
-
-void InitialiseParser() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    xmlInitParser();
-    LetHeapKeepTrees();
-  });
-}
-
-/// A document type declaration ends the parsing: no entity of the sender's is ever expanded or loaded.
-void RefuseDocumentType(void *pContext, xmlChar const *, xmlChar const *, xmlChar const *) {
-  auto *const pParser = static_cast<xmlParserCtxt *>(pContext);
-  xmlStopParser(pParser);
-  pParser->wellFormed = 0;
-}
-
-std::shared_ptr<xmlDoc> ParseUtf8(std::string const &text) {
-  std::unique_ptr<xmlParserCtxt, decltype(&xmlFreeParserCtxt)> const parser(xmlNewParserCtxt(), xmlFreeParserCtxt);
-  if (!parser || text.size() > INT_MAX)
-    return nullptr;
-  parser->sax->internalSubset = RefuseDocumentType;
-  xmlDoc *const pTree = xmlCtxtReadMemory(parser.get(), text.data(), static_cast<int>(text.size()), nullptr, "UTF-8",
-                                          XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING |
-                                              XML_PARSE_IGNORE_ENC | XML_PARSE_COMPACT);
-  return {pTree, [](xmlDoc *pDoc) {
-            if (pDoc)
-              xmlFreeDoc(pDoc);
-          }};
-}
-
-/// Null for a text that does not parse.
-std::shared_ptr<xmlDoc> ParseWide(std::wstring_view text) {
-  auto const uFirst = text.find_first_not_of(L" \t\r\n\uFEFF");
-  text.remove_prefix(uFirst == std::wstring_view::npos ? text.size() : uFirst);
-  // Pairs become characters; a surrogate that is left alone is no character of XML.
-  for (WCHAR const *p = text.data() + AsciiPrefix(text), *const pEnd = text.data() + text.size(); p != pEnd;)
-    if (IsSurrogate(NextCharacter(p, pEnd)))
-      return nullptr;
-  return text.empty() ? nullptr : ParseUtf8(Utf8FromWide(text));
 }
 
 // --- The objects ---------------------------------------------------------------------------------------------------
@@ -275,6 +99,12 @@ private:
   std::atomic<ULONG> m_uReferences = 1;
 };
 
+/// A node, or the document, of a tree that is kept alive.
+struct Place {
+  std::shared_ptr<XmlTree const> tree;
+  XmlTree::Index uNode;
+};
+
 HRESULT StoreNode(Place place, IXMLDOMNode **ppNode);
 
 class AttributeMap final : public Counted<IXMLDOMNamedNodeMap> {
@@ -286,11 +116,8 @@ public:
       return E_INVALIDARG;
     *ppNode = nullptr;
     return Guarded([&] {
-      std::string const name = Utf8FromWide(bstrName);
-      for (xmlAttr *pAttribute = m_element.pNode->properties; pAttribute; pAttribute = pAttribute->next)
-        if (HasName(reinterpret_cast<xmlNode *>(pAttribute), name))
-          return StoreNode({m_element.tree, reinterpret_cast<xmlNode *>(pAttribute)}, ppNode);
-      return S_FALSE;
+      XmlTree const &tree = *m_element.tree;
+      return StoreNode({m_element.tree, tree.FindAttribute(m_element.uNode, Utf8FromWide(bstrName))}, ppNode);
     });
   }
 
@@ -306,9 +133,7 @@ public:
       return E_INVALIDARG;
     *pbstrName = nullptr;
     return Guarded([&] {
-      xmlNode const *const pNode = m_place.pNode;
-      bool const bPlain = pNode && pNode->type == XML_ELEMENT_NODE && !pNode->ns;
-      *pbstrName = bPlain ? AllocString(TextOf(pNode->name)) : AllocString(Name());
+      *pbstrName = AllocString(Tree().Name(m_place.uNode));
       return S_OK;
     });
   }
@@ -316,13 +141,11 @@ public:
     if (!pValue)
       return E_INVALIDARG;
     *pValue = {VT_NULL, nullptr};
-    xmlNode const *const pNode = m_place.pNode;
-    if (!pNode || pNode->type == XML_DOCUMENT_NODE || pNode->type == XML_ELEMENT_NODE)
+    DOMNodeType const type = Tree().Type(m_place.uNode);
+    if (type == NODE_DOCUMENT || type == NODE_ELEMENT)
       return S_FALSE;
     return Guarded([&] {
-      xmlChar const *const szOnly = pNode->type == XML_ATTRIBUTE_NODE ? OnlyText(pNode) : pNode->content;
-      BSTR const bstrValue =
-          AllocString(szOnly || pNode->type != XML_ATTRIBUTE_NODE ? TextOf(szOnly) : AttributeValue(pNode));
+      BSTR const bstrValue = AllocString(Tree().Value(m_place.uNode));
       *pValue = {VT_BSTR, bstrValue};
       return S_OK;
     });
@@ -330,27 +153,20 @@ public:
   HRESULT get_nodeType(DOMNodeType *pType) override {
     if (!pType)
       return E_INVALIDARG;
-    *pType = m_place.pNode ? static_cast<DOMNodeType>(m_place.pNode->type) : NODE_DOCUMENT; // the same numbers
+    *pType = Tree().Type(m_place.uNode);
     return S_OK;
   }
   HRESULT get_firstChild(IXMLDOMNode **ppChild) override {
-    if (!ppChild)
-      return E_INVALIDARG;
-    bool const bHasChildren =
-        m_place.pNode && (m_place.pNode->type == XML_ELEMENT_NODE || m_place.pNode->type == XML_DOCUMENT_NODE);
-    return StoreNode({m_place.tree, bHasChildren ? FirstVisible(m_place.pNode->children) : nullptr}, ppChild);
+    return ppChild ? StoreNode({m_place.tree, Tree().FirstChild(m_place.uNode)}, ppChild) : E_INVALIDARG;
   }
   HRESULT get_nextSibling(IXMLDOMNode **ppSibling) override {
-    if (!ppSibling)
-      return E_INVALIDARG;
-    // The siblings of an attribute are attributes, which are no nodes of the tree.
-    return StoreNode({m_place.tree, m_place.pNode ? FirstVisible(m_place.pNode->next) : nullptr}, ppSibling);
+    return ppSibling ? StoreNode({m_place.tree, Tree().NextSibling(m_place.uNode)}, ppSibling) : E_INVALIDARG;
   }
   HRESULT get_attributes(IXMLDOMNamedNodeMap **ppAttributes) override {
     if (!ppAttributes)
       return E_INVALIDARG;
     *ppAttributes = nullptr;
-    if (!m_place.pNode || m_place.pNode->type != XML_ELEMENT_NODE)
+    if (Tree().Type(m_place.uNode) != NODE_ELEMENT)
       return S_FALSE;
     *ppAttributes = new (std::nothrow) AttributeMap(m_place);
     return *ppAttributes ? S_OK : E_OUTOFMEMORY;
@@ -362,7 +178,8 @@ public:
     if (FaultAt("get_text"))
       return FaultResult();
     return Guarded([&] {
-      *pbstrText = m_place.pNode ? AllocNodeText(m_place.pNode) : AllocString({});
+      std::string store;
+      *pbstrText = AllocString(Tree().Text(m_place.uNode, store));
       return S_OK;
     });
   }
@@ -376,36 +193,16 @@ public:
       return E_INVALIDARG;
     return Guarded([&] {
       std::vector<std::string> const steps = PathSteps(Utf8FromWide(bstrPath));
-      if (steps.empty())
-        return E_FAIL;
-      return StoreNode({m_place.tree, m_place.pNode ? FindByPath(m_place.pNode, steps, 0) : nullptr}, ppNode);
+      return steps.empty() ? E_FAIL : StoreNode({m_place.tree, Tree().FindByPath(m_place.uNode, steps)}, ppNode);
     });
   }
 
 protected:
   explicit NodeOf(Place place) : m_place(std::move(place)) {}
 
-  Place m_place;
+  XmlTree const &Tree() const { return *m_place.tree; }
 
-private:
-  std::string Name() const {
-    if (!m_place.pNode)
-      return "#document";
-    switch (m_place.pNode->type) {
-    case XML_DOCUMENT_NODE:
-      return "#document";
-    case XML_TEXT_NODE:
-      return "#text";
-    case XML_CDATA_SECTION_NODE:
-      return "#cdata-section";
-    case XML_COMMENT_NODE:
-      return "#comment";
-    case XML_PI_NODE:
-      return std::string(TextOf(m_place.pNode->name));
-    default:
-      return QualifiedName(m_place.pNode);
-    }
-  }
+  Place m_place;
 };
 
 class Node final : public NodeOf<IXMLDOMNode> {
@@ -415,28 +212,31 @@ public:
 
 class Document final : public NodeOf<IXMLDOMDocument> {
 public:
-  Document() : NodeOf(Place{}) {}
+  explicit Document(std::shared_ptr<XmlTree const> empty) : NodeOf({empty, XmlTree::kDocument}), m_empty(empty) {}
 
   HRESULT loadXML(BSTR bstrXml, VARIANT_BOOL *pbSuccess) override {
-    m_place = {};
+    m_place.tree = m_empty;
     if (pbSuccess)
       *pbSuccess = 0;
     return Guarded([&] {
-      auto const tree = ParseWide(bstrXml ? bstrXml : L"");
+      auto tree = XmlTree::Parse(bstrXml ? bstrXml : L"");
       if (!tree)
         return S_FALSE;
-      m_place = {tree, reinterpret_cast<xmlNode *>(tree.get())};
+      m_place.tree = std::move(tree);
       if (pbSuccess)
         *pbSuccess = -1;
       return S_OK;
     });
   }
+
+private:
+  std::shared_ptr<XmlTree const> const m_empty;
 };
 
 /// S_OK with a new object for the place, S_FALSE with null for none.
 HRESULT StoreNode(Place place, IXMLDOMNode **ppNode) {
   *ppNode = nullptr;
-  if (!place.pNode)
+  if (place.uNode == XmlTree::kNone)
     return S_FALSE;
   *ppNode = new (std::nothrow) Node(std::move(place));
   return *ppNode ? S_OK : E_OUTOFMEMORY;
@@ -467,9 +267,10 @@ HRESULT CoCreateInstance(CLSID const &clsid, IUnknown *pOuter, DWORD /*dwContext
     return REGDB_E_CLASSNOTREG;
   if (!IsSame(iid, IID_IXMLDOMDocument))
     return E_NOINTERFACE;
-  InitialiseParser();
-  *ppObject = static_cast<IXMLDOMDocument *>(new (std::nothrow) Document);
-  return *ppObject ? S_OK : E_OUTOFMEMORY;
+  return Guarded([&] {
+    *ppObject = static_cast<IXMLDOMDocument *>(new Document(std::make_shared<XmlTree>()));
+    return S_OK;
+  });
 }
 
 BSTR SysAllocString(WCHAR const *wszText) {

@@ -35,12 +35,13 @@ HRESULT FaultResult() {
 /// A new string of the UTF-8 text's characters.
 BSTR AllocString(std::string_view text) {
   std::unique_ptr<WCHAR[]> wide(new WCHAR[text.size() + 1]);
-  std::size_t cch = text.size();
-  if (AsciiPrefix(text) == text.size())
-    CopyAscii(text, wide.get());
-  else
-    cch = static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                                       wide.get(), static_cast<int>(text.size())));
+  std::size_t cch = 0;
+  for (; cch < text.size() && static_cast<unsigned char>(text[cch]) < 0x80; ++cch)
+    wide[cch] = static_cast<WCHAR>(text[cch]); // most are short: one pass of single steps is the fastest
+  text.remove_prefix(cch);
+  if (!text.empty())
+    cch += static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                        wide.get() + cch, static_cast<int>(text.size())));
   wide[cch] = 0;
   return wide.release();
 }
@@ -54,7 +55,9 @@ bool IsName(std::string_view text) {
   bool bStarts = true;
   int nColons = 0;
   for (unsigned char const c : text) {
-    if (bStarts ? !isLetter(c) : !isLetter(c) && unsigned(c) - '0' > 9 && !std::strchr("-.:", c))
+    if (bStarts ? !isLetter(c)
+                : !isLetter(c) && unsigned(c) - '0' > 9 &&
+                      std::string_view("-.:").find(static_cast<char>(c)) == std::string_view::npos)
       return false;
     bStarts = c == ':';
     nColons += bStarts;

@@ -7,7 +7,7 @@ namespace {
 
 bool IsText(DOMNodeType type) { return type == NODE_TEXT || type == NODE_CDATA_SECTION; }
 
-bool HasName(DOMNodeType type) {
+bool IsNamed(DOMNodeType type) {
   return type == NODE_ELEMENT || type == NODE_ATTRIBUTE || type == NODE_PROCESSING_INSTRUCTION;
 }
 
@@ -53,7 +53,7 @@ std::string_view XmlTree::Value(Index uNode) const {
   if (Type(uNode) == NODE_ELEMENT)
     return {};
   std::uint32_t const uText = At(uNode).uText;
-  return TextAt(HasName(Type(uNode)) ? uText + TextAt(uText).size() + 1 : uText);
+  return TextAt(IsNamed(Type(uNode)) ? uText + TextAt(uText).size() + 1 : uText);
 }
 
 std::string_view XmlTree::Text(Index uNode, std::string &store) const {
@@ -108,9 +108,9 @@ XmlTree::Index XmlTree::NextSibling(Index uNode) const {
   return Type(uNode) == NODE_ATTRIBUTE ? kNone : SkipHidden(At(uNode).uEnd, At(uNode).uParent);
 }
 
-XmlTree::Index XmlTree::FindAttribute(Index uElement, std::string_view name) const {
+XmlTree::Index XmlTree::FindAttribute(Index uElement, std::string const &name) const {
   for (Index uNode = uElement + 1; uNode < m_uCount && Type(uNode) == NODE_ATTRIBUTE; ++uNode)
-    if (Name(uNode) == name)
+    if (HasName(uNode, name))
       return uNode;
   return kNone;
 }
@@ -125,7 +125,7 @@ XmlTree::Index XmlTree::FindByPath(Index uNode, std::vector<std::string> const &
       --uStep;
       uNode = NextSibling(uParent);
       uParent = At(uParent).uParent;
-    } else if (Type(uNode) != NODE_ELEMENT || Name(uNode) != names[uStep]) {
+    } else if (Type(uNode) != NODE_ELEMENT || !HasName(uNode, names[uStep])) {
       uNode = NextSibling(uNode);
     } else if (++uStep == names.size()) {
       return uNode;

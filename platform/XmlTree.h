@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -41,7 +42,7 @@ public:
   /// Attributes are no children, and neither is white space between nodes, unless xml:space keeps it.
   Index FirstChild(Index uNode) const;
   Index NextSibling(Index uNode) const;
-  Index FindAttribute(Index uElement, std::string_view name) const;
+  Index FindAttribute(Index uElement, std::string const &name) const;
   /// The first node in document order that a chain of element names leads to, from the children of `uNode` on.
   Index FindByPath(Index uNode, std::vector<std::string> const &names) const;
 
@@ -66,6 +67,9 @@ private:
   /// Appends a node without descendants and text.
   Index Append(DOMNodeType type, Index uParent);
   std::string_view TextAt(std::size_t uText) const { return m_texts.get() + uText; }
+  bool HasName(Index uNode, std::string const &name) const {
+    return std::strcmp(m_texts.get() + At(uNode).uText, name.c_str()) == 0;
+  }
   Index SkipHidden(Index uNode, Index uParent) const;
   std::string_view GatherText(Index uNode, std::string &store) const;
 

@@ -17,7 +17,7 @@
 namespace {
 
 constexpr std::size_t kLongestDocument = 8 * 1024 * 1024; // characters
-constexpr std::size_t kSmallestBlock = 4 * 1024;          // characters handed to the parser at a time
+constexpr std::size_t kSmallestBlock = 64 * 1024;         // characters handed to the parser at a time
 constexpr std::size_t kLongestCharacter = 4;              // bytes
 constexpr std::size_t kParserMemory = 64 * 1024 * 1024;   // bytes
 

@@ -59,7 +59,7 @@ private:
     bool bHasElements; // in an element: among its children
     bool bHidden;      // white space that is no child
   };
-  static constexpr unsigned kBlockShift = 10;
+  static constexpr unsigned kBlockShift = 8;
   static constexpr Index kBlockSize = Index{1} << kBlockShift; // nodes
 
   Node const &At(Index uNode) const { return m_blocks[uNode >> kBlockShift][uNode & (kBlockSize - 1)]; }

@@ -215,7 +215,8 @@ public:
 
 class Document final : public NodeOf<IXMLDOMDocument> {
 public:
-  explicit Document(std::shared_ptr<XmlTree const> empty) : NodeOf({empty, XmlTree::kDocument}), m_empty(empty) {}
+  explicit Document(std::shared_ptr<XmlTree const> const &empty)
+      : NodeOf({empty, XmlTree::kDocument}), m_empty(empty) {}
 
   HRESULT loadXML(BSTR bstrXml, VARIANT_BOOL *pbSuccess) override {
     m_place.tree = m_empty;

@@ -50,8 +50,8 @@ struct IXMLDOMNode : IUnknown {
   virtual HRESULT get_firstChild(IXMLDOMNode **ppChild) = 0;
   virtual HRESULT get_nextSibling(IXMLDOMNode **ppSibling) = 0;
   virtual HRESULT get_attributes(IXMLDOMNamedNodeMap **ppAttributes) = 0;
-  /// All descendants' text and CDATA in order, outer white space trimmed. White space between elements counts only
-  /// where the element holds other text too.
+  /// All descendants' text and CDATA in order, outer white space trimmed. Between child elements and what is in
+  /// them, white space alone counts as one blank; an element without child elements gives its text as it stands.
   virtual HRESULT get_text(BSTR *pbstrText) = 0;
   /// The first node at a path of element names divided by "/", relative to this node; names compare exactly.
   /// S_OK with the node, S_FALSE with null for no match, negative for a query that failed. Differs: no other XPath.
@@ -69,8 +69,10 @@ protected:
 };
 
 struct IXMLDOMDocument : IXMLDOMNode {
-  /// Replaces the document by the parsed text; a text that does not parse, or holds a DOCTYPE, leaves it empty
-  /// (S_FALSE). The encoding that the text declares plays no part. `*pbSuccess` may be asked for or not (null).
+  /// Replaces the document by the parsed text, up to its first zero. A text that does not parse, holds a DOCTYPE or has
+  /// more than 8 * 1024 * 1024 characters leaves it empty (S_FALSE); so does one for which the parser would need more
+  /// than 64 MiB (E_OUTOFMEMORY). The encoding that the text declares plays no part. `*pbSuccess` may be asked for or
+  /// not (null).
   virtual HRESULT loadXML(BSTR bstrXml, VARIANT_BOOL *pbSuccess) = 0;
 
 protected:

@@ -175,7 +175,7 @@ private:
     std::string_view const text(m_pTree->m_texts.get() + node.uText, m_uUsed - node.uText);
     node.bHidden = node.type == NODE_TEXT && !m_pTree->At(node.uParent).bKeepsBlanks && IsBlank(text);
     m_uOpenText = XmlTree::kNone;
-    Put({"", 1});
+    Put({"\0", 1});
   }
 
   XmlTree::Index AddLeaf(DOMNodeType type, std::initializer_list<char const *> texts) {

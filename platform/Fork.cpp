@@ -1,7 +1,7 @@
 // See Fork.h.
 #include "platform/Fork.h"
 
-#include <atomic>
+#include <new>
 #include <vector>
 
 #include <pthread.h>
@@ -21,10 +21,16 @@ ForkGuards &Guards() {
   return guards;
 }
 
+// The list's own mutex comes last: whoever holds one of the others may be about to register the next.
 void LockAll() {
-  Guards().mutex.lock();
-  for (std::mutex *mutex : Guards().held)
-    mutex->lock();
+  ForkGuards &guards = Guards();
+  guards.mutex.lock();
+  for (std::size_t n = 0; n < guards.held.size(); ++n) {
+    std::mutex *const next = guards.held[n];
+    guards.mutex.unlock();
+    next->lock();
+    guards.mutex.lock();
+  }
 }
 
 void UnlockAll() {
@@ -50,6 +56,18 @@ void HoldAcrossFork(std::mutex &mutex) {
   RegisterHandlers();
   std::lock_guard<std::mutex> const lock(Guards().mutex);
   Guards().held.push_back(&mutex);
+}
+
+void HoldAcrossFork(std::mutex &mutex, std::atomic<bool> &bHeld) noexcept try {
+  if (bHeld)
+    return;
+  RegisterHandlers();
+  std::lock_guard<std::mutex> const lock(Guards().mutex);
+  if (bHeld) // by another thread meanwhile
+    return;
+  Guards().held.push_back(&mutex);
+  bHeld = true;
+} catch (std::bad_alloc const &) {
 }
 
 pid_t CurrentProcess() {

@@ -3,13 +3,19 @@
 // that made them.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 
 #include <sys/types.h>
 
-/// Locks the mutex before each later fork and unlocks it behind it, on both sides. The mutex must live as long as the
-/// process. Mutexes are locked in the order of their registration: a mutex that is taken inside another comes later.
+/// Locks the mutex before each later fork and unlocks it after it, on both sides. The mutex must live as long as the
+/// process. Mutexes are locked in the order of their registration: a mutex that is taken inside another comes later,
+/// and may be registered while the other is held. May throw std::bad_alloc.
 void HoldAcrossFork(std::mutex &mutex);
+
+/// The same for a mutex without a constructor of its own, called before each use: `bHeld`, false at first, tells
+/// whether it is registered. Without memory it stays unregistered until the next call.
+void HoldAcrossFork(std::mutex &mutex, std::atomic<bool> &bHeld) noexcept;
 
 /// The calling process, cheap enough for every call.
 pid_t CurrentProcess();

@@ -157,6 +157,25 @@ BOOL GetExitCodeThread(HANDLE hThread, DWORD *pdwExitCode) {
   return TRUE;
 }
 
+BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProcess, HANDLE *phTarget, DWORD /*dwAccess*/,
+                     BOOL bInherit, DWORD dwOptions) try {
+  if (FaultAt("DuplicateHandle"))
+    return FALSE;
+  bool const bOurs = hSourceProcess == GetCurrentProcess() && hTargetProcess == GetCurrentProcess();
+  if (!bOurs || !phTarget || bInherit || dwOptions != DUPLICATE_SAME_ACCESS) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  auto object = FindKernelObject<KernelObject>(hSource);
+  if (!object)
+    return FALSE;
+  *phTarget = KernelObjects().Add(std::move(object));
+  return TRUE;
+} catch (std::bad_alloc const &) {
+  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  return FALSE;
+}
+
 BOOL CloseHandle(HANDLE hObject) {
   if (FaultAt("CloseHandle"))
     return FALSE;
@@ -165,6 +184,18 @@ BOOL CloseHandle(HANDLE hObject) {
   SetLastError(ERROR_INVALID_HANDLE);
   return FALSE;
 }
+
+void AcquireSRWLockExclusive(SRWLOCK *pLock) {
+  HoldAcrossFork(pLock->mutex, pLock->bHeldAcrossFork);
+  pLock->mutex.lock();
+}
+
+BOOLEAN TryAcquireSRWLockExclusive(SRWLOCK *pLock) {
+  HoldAcrossFork(pLock->mutex, pLock->bHeldAcrossFork);
+  return pLock->mutex.try_lock();
+}
+
+void ReleaseSRWLockExclusive(SRWLOCK *pLock) { pLock->mutex.unlock(); }
 
 void Sleep(DWORD dwMilliseconds) { SleepMilliseconds(dwMilliseconds); }
 

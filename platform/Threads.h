@@ -3,7 +3,10 @@
 
 #include "platform/Types.h"
 
+#include <atomic>
 #include <mutex>
+
+using BOOLEAN = BYTE;
 
 constexpr unsigned CREATE_SUSPENDED = 4;
 constexpr DWORD INFINITE = 0xFFFFFFFF;
@@ -11,6 +14,7 @@ constexpr DWORD WAIT_OBJECT_0 = 0;
 constexpr DWORD WAIT_TIMEOUT = 258;
 constexpr DWORD WAIT_FAILED = 0xFFFFFFFF;
 constexpr DWORD STILL_ACTIVE = 259;
+constexpr DWORD DUPLICATE_SAME_ACCESS = 2;
 
 /// Starts a thread that runs `pfnStart(pArg)`; its result is the exit code. `*puThreadId` is set, and never 0, when the
 /// call returns.
@@ -37,8 +41,29 @@ SKIFFPORT_PLATFORM_API BOOL CloseHandle(HANDLE hObject);
 /// Blocks the calling thread for that many ms, punctually: the last 0.3 ms are spent awake. 0 yields the processor.
 SKIFFPORT_PLATFORM_API void Sleep(DWORD dwMilliseconds);
 
+/// The pseudo handle of the calling process, for DuplicateHandle alone.
+inline HANDLE GetCurrentProcess() { return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(-1)); }
+
+/// A second handle to the same object, closed on its own. Errors: FALSE with ERROR_INVALID_HANDLE, or 8.
+/// Differs: within the calling process, with DUPLICATE_SAME_ACCESS and no inheritance.
+SKIFFPORT_PLATFORM_API BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProcess,
+                                            HANDLE *phTarget, DWORD dwAccess, BOOL bInherit, DWORD dwOptions);
+
 /// Milliseconds of a steady clock, modulo 2^32.
 SKIFFPORT_PLATFORM_API DWORD GetTickCount();
+
+/// A lock for state of the whole process: initialised statically and never destroyed. Not recursive.
+/// Differs: exclusive only. From its first use on it is held across each fork, so that a forked child finds it free and
+/// what it guards whole.
+struct SRWLOCK {
+  std::mutex mutex;
+  std::atomic<bool> bHeldAcrossFork = false;
+};
+#define SRWLOCK_INIT                                                                                                   \
+  {}
+SKIFFPORT_PLATFORM_API void AcquireSRWLockExclusive(SRWLOCK *pLock);
+SKIFFPORT_PLATFORM_API BOOLEAN TryAcquireSRWLockExclusive(SRWLOCK *pLock);
+SKIFFPORT_PLATFORM_API void ReleaseSRWLockExclusive(SRWLOCK *pLock);
 
 /// A recursive lock of one process.
 struct CRITICAL_SECTION {

@@ -11,6 +11,7 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
@@ -35,9 +36,25 @@ HandleTable<std::string const> &Providers() {
   return table;
 }
 
+// A pipe keeps only so much in one piece; a longer text could be mixed with another thread's. It is cut before a whole
+// character, and keeps its line end.
+std::string CutToOnePiece(std::string_view text) {
+  std::size_t uEnd = PIPE_BUF - 1;
+  while (uEnd > 0 && (static_cast<BYTE>(text[uEnd]) & 0xC0) == 0x80)
+    --uEnd;
+  return std::string(text.substr(0, uEnd)) + (text.back() == '\n' ? "\n" : "");
+}
+
 void WriteDebug(std::string_view text) {
   while (write(STDERR_FILENO, text.data(), text.size()) < 0 && errno == EINTR) {
   }
+}
+
+void WriteInOnePiece(std::string_view text) {
+  if (text.size() <= PIPE_BUF)
+    WriteDebug(text);
+  else
+    WriteDebug(CutToOnePiece(text));
 }
 
 bool HasJournal() {
@@ -107,14 +124,15 @@ ExportRow const kExports[] = {
 
 } // namespace
 
-void OutputDebugStringA(char const *szText) {
+void OutputDebugStringA(char const *szText) try {
   if (szText)
-    WriteDebug(szText);
+    WriteInOnePiece(szText);
+} catch (std::bad_alloc const &) { // the line is lost
 }
 
 void OutputDebugStringW(WCHAR const *wszText) try {
   if (wszText)
-    WriteDebug(Utf8FromWide(wszText));
+    WriteInOnePiece(Utf8FromWide(wszText));
 } catch (std::bad_alloc const &) { // the line is lost
 }
 

@@ -7,7 +7,8 @@ using HMODULE = void *;
 using REGHANDLE = std::uint64_t;
 using FARPROC = void (*)();
 
-/// Writes the text to the debug output, here standard error, in one write. Thread: any. Cannot fail.
+/// Writes the text to the debug output, here standard error, in one write, which other threads' texts don't mix with; a
+/// text of more than 4,096 bytes is cut for that. Thread: any. Blocks while standard error does. Cannot fail.
 SKIFFPORT_PLATFORM_API void OutputDebugStringA(char const *szText);
 SKIFFPORT_PLATFORM_API void OutputDebugStringW(WCHAR const *wszText);
 

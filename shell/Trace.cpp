@@ -1,10 +1,13 @@
-// The trace's state and its two roads. Runs on any thread: the switches are atomic, everything else is behind one
-// mutex, and the text is formatted into buffers of the call.
+// The trace's state and its two roads. Runs on any thread: the switches are atomic, one lock guards everything else,
+// and the text is formatted into buffers of the call. Lines are written after the lock was released: a reader who has
+// stalled then holds up the threads that trace, but no fork and no exit. That lines don't mix is left to the road,
+// which takes each in one piece.
 #include "shell/Trace.h"
 
 #include "platform/CodePages.h"
 #include "platform/Debug.h"
 #include "platform/Registry.h"
+#include "platform/SlimLock.h"
 #include "platform/Text.h"
 
 #include <atomic>
@@ -28,8 +31,7 @@ constexpr WCHAR kRegistryPath[] = L"SoftWare\\Quillon\\Tintwright";
 constinit std::atomic<bool> g_bDump = false;
 constinit std::atomic<bool> g_bEtw = false;
 
-// Everything below is behind g_mutex.
-constinit std::mutex g_mutex;
+constinit SlimLock g_lock; // guards everything below
 constinit char g_szPrefix[kPrefixSize] = {};
 constinit WCHAR g_wszPrefix[kPrefixSize] = {};
 constinit REGHANDLE g_hProvider = 0;
@@ -38,10 +40,13 @@ constinit EventWriteStringFunction g_pfnWriteString = nullptr;
 constinit EventRegisterFunction g_pfnRegister = nullptr;
 constinit EventUnregisterFunction g_pfnUnregister = nullptr;
 
-// Ends the provider at unload. A thread that still traces afterwards finds the road closed.
+// Ends the provider at unload. A thread that still traces afterwards finds the road closed. A thread that was ended
+// inside the lock leaves it locked for ever: the provider then goes with the process.
 struct ProviderCleanup {
   ~ProviderCleanup() {
-    std::lock_guard<std::mutex> const lock(g_mutex);
+    std::unique_lock<SlimLock> const lock(g_lock, std::try_to_lock);
+    if (!lock)
+      return;
     if (g_hProvider && g_pfnUnregister)
       g_pfnUnregister(g_hProvider);
     g_hProvider = 0;
@@ -82,10 +87,34 @@ bool RegisterProvider() {
   return g_hLibrary != nullptr;
 }
 
+// The event-trace road as it is at the moment. The library stays usable without the lock: it is never unmapped, and a
+// provider that was ended meanwhile takes no line.
+struct EventRoad {
+  REGHANDLE hProvider = g_hProvider;
+  EventWriteStringFunction pfnWriteString = g_pfnWriteString;
+
+  void Write(WCHAR const *wszLine) const {
+    if (pfnWriteString)
+      pfnWriteString(hProvider, kEventLevel, 0, wszLine);
+  }
+};
+
+// The whole line in the caller's buffer. Returns: the event-trace road as it was when the line took its prefix.
+EventRoad MakeLine(char *szLine, char const *szText) {
+  std::lock_guard<SlimLock> const lock(g_lock);
+  _snprintf_s(szLine, kLineSize, _TRUNCATE, "%s%s\n", g_szPrefix, szText);
+  return {};
+}
+EventRoad MakeLine(WCHAR *wszLine, WCHAR const *wszText) {
+  std::lock_guard<SlimLock> const lock(g_lock);
+  _snwprintf_s(wszLine, kLineSize, _TRUNCATE, L"%s%s\n", g_wszPrefix, wszText);
+  return {};
+}
+
 } // namespace
 
 void TraceInit(char const *szPrefix) {
-  std::lock_guard<std::mutex> const lock(g_mutex);
+  std::lock_guard<SlimLock> const lock(g_lock);
   bool bDump = g_bDump;
   bool bEtw = g_bEtw;
   if (ReadSwitches(bDump, bEtw)) {
@@ -112,8 +141,7 @@ void TraceMsgA(char const *szFormat, ...) {
   va_end(args);
 
   char szLine[kLineSize];
-  std::lock_guard<std::mutex> const lock(g_mutex);
-  _snprintf_s(szLine, kLineSize, _TRUNCATE, "%s%s\n", g_szPrefix, szText);
+  EventRoad const road = MakeLine(szLine, szText);
   if (!g_bEtw) {
     OutputDebugStringA(szLine);
     return;
@@ -121,8 +149,7 @@ void TraceMsgA(char const *szFormat, ...) {
   WCHAR wszLine[kTextSize] = {};
   szLine[kTextSize - 1] = 0; // a line of 1024 bytes or more is cut to the wide buffer
   MultiByteToWideChar(CP_THREAD_ACP, 0, szLine, -1, wszLine, static_cast<int>(kTextSize));
-  if (g_pfnWriteString)
-    g_pfnWriteString(g_hProvider, kEventLevel, 0, wszLine);
+  road.Write(wszLine);
 }
 
 void TraceMsgW(wchar_t const *wszFormat, ...) {
@@ -135,10 +162,9 @@ void TraceMsgW(wchar_t const *wszFormat, ...) {
   va_end(args);
 
   WCHAR wszLine[kLineSize];
-  std::lock_guard<std::mutex> const lock(g_mutex);
-  _snwprintf_s(wszLine, kLineSize, _TRUNCATE, L"%s%s\n", g_wszPrefix, wszText);
-  if (!g_bEtw)
+  EventRoad const road = MakeLine(wszLine, wszText);
+  if (g_bEtw)
+    road.Write(wszLine);
+  else
     OutputDebugStringW(wszLine);
-  else if (g_pfnWriteString)
-    g_pfnWriteString(g_hProvider, kEventLevel, 0, wszLine);
 }

@@ -4,12 +4,17 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <thread>
 #include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -76,6 +81,34 @@ TEST_F(TraceTest, KeepsItsSwitchesAndPrefixWhereNothingNewIsSaidAndCutsALongText
   std::string const line = "[Second] " + std::string(1023, 'y') + "\n";
   EXPECT_EQ(Lines([] { TraceMsgA("%s", std::string(2000, 'y').c_str()); }), line) << "cut";
   EXPECT_EQ(Lines([] { TraceMsgW(L"%s", std::wstring(2000, L'y').c_str()); }), line) << "cut";
+}
+
+TEST_F(TraceTest, AForkedChildTracesWhateverItsParentsThreadsWereDoing) {
+  Switches("\"DumpMsg\"=dword:1\n\"DumpInETW\"=dword:1");
+  std::atomic<bool> bInside = false, bForked = false;
+  PlatformTestHooks hooks;
+  hooks.fault = [&](char const *szCall, DWORD *) {
+    auto const limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+    bool const bFirst = std::strcmp(szCall, "LoadLibraryA") == 0 && !bInside.exchange(true); // inside the lock
+    while (bFirst && !bForked && std::chrono::steady_clock::now() < limit) // the fork comes now, or waits for the lock
+      std::this_thread::yield();
+    return std::strcmp(szCall, "LoadLibraryA") == 0;
+  };
+  SetPlatformTestHooks(&hooks);
+  std::thread starting([] { TraceInit("T"); });
+  while (!bInside)
+    std::this_thread::yield();
+  pid_t const child = fork();
+  if (child == 0) {
+    alarm(20);
+    TraceInit("Child");
+    _exit(Lines([] { TraceMsgA("a"); }) != "[Child] a\n");
+  }
+  bForked = true;
+  int nStatus = -1;
+  EXPECT_TRUE(waitpid(child, &nStatus, 0) == child && nStatus == 0);
+  starting.join();
+  SetPlatformTestHooks(nullptr);
 }
 
 TEST_F(TraceTest, DoesNotMixTheLinesOfThreads) {

@@ -98,7 +98,7 @@ public:
   /// Null if the thread has none, or the parent's.
   std::shared_ptr<Queue> Ours() const { return m_queue && m_queue->IsOurs() ? m_queue : nullptr; }
   bool IsParents() const { return m_queue && !m_queue->IsOurs(); }
-  /// Makes the queue if there is none. Null if it can't be made; may throw std::bad_alloc.
+  /// Makes the queue if there is none, or only the parent's. Null if it can't be made; may throw std::bad_alloc.
   std::shared_ptr<Queue> Make() {
     if (Ours())
       return m_queue;
@@ -282,7 +282,7 @@ BOOL PeekMessageW(MSG *pMessage, HWND hWnd, UINT uFirst, UINT uLast, UINT uRemov
 int MessageQueueDescriptor() try {
   if (FaultAt("MessageQueueDescriptor"))
     return -1;
-  auto const queue = t_queue.IsParents() ? nullptr : t_queue.Make();
+  auto const queue = t_queue.Make();
   return queue ? queue->fd : -1;
 } catch (std::bad_alloc const &) {
   return Fail(ERROR_NOT_ENOUGH_MEMORY, -1);
@@ -305,6 +305,8 @@ int PumpMessages(int nLimit) {
 }
 
 int WaitForMessages(int nMilliseconds) {
+  if (t_queue.IsParents())
+    return 0;
   pollfd entry = {MessageQueueDescriptor(), POLLIN, 0};
   if (entry.fd < 0)
     return 0;

@@ -78,17 +78,17 @@ SKIFFPORT_PLATFORM_API BOOL PeekMessageW(MSG *pMessage, HWND hWnd, UINT uFirst, 
 // What the host's event loop needs; it stands where the native platform has the message loop itself.
 
 /// A descriptor that is readable while the calling thread's queue holds messages. The queue owns it; do not read, write
-/// or close it. Makes the queue if the thread has none. Returns: -1 if none can be had, and in a forked child for the
-/// parent's queue.
+/// or close it. Makes the queue if the thread has none; in a forked child a new one replaces the parent's. Returns: -1
+/// if none can be had.
 SKIFFPORT_PLATFORM_API int MessageQueueDescriptor();
 
 /// Runs up to `nLimit` messages that were queued at entry, in order. May be nested. Returns: how many ran; 0 for a
-/// thread without a queue and in a forked child.
+/// thread without a queue, and in a forked child until it has a queue of its own.
 SKIFFPORT_PLATFORM_API int PumpMessages(int nLimit);
 
 /// Waits until the calling thread's queue holds a message, at most `nMilliseconds` (-1: without limit).
-/// Returns: 1 if it holds one; 0 if the time is up, and at once where MessageQueueDescriptor gives none; -1 if a signal
-/// came first.
+/// Returns: 1 if it holds one; 0 if the time is up, and at once where no queue can be had and in a forked child until
+/// it has a queue of its own; -1 if a signal came first.
 SKIFFPORT_PLATFORM_API int WaitForMessages(int nMilliseconds);
 
 /// Gives up the calling thread's queue and its descriptor if no window needs it any more. Returns: TRUE if it is gone.

@@ -16,8 +16,8 @@ struct ReachabilityProbe {
 
   /// Returns: TRUE as soon as the server answered with any status; FALSE on failure, or after 11 waits of 500 ms and
   /// the time that the helper thread takes to end; FALSE for a URL of 260 bytes or more. If the thread can't be had:
-  /// the last answer.
+  /// the last answer. A wait that fails ends the probe with the answer as it is; the thread then ends on its own.
   BOOL CheckServerReachable(char const *szUrl);
-  /// The helper thread's body; `pArg` is the probe. Exit code 0.
+  /// The helper thread's body; `pArg` is what CheckServerReachable shares with it. Exit code 0.
   static unsigned ReachabilityThreadProc(void *pArg);
 };

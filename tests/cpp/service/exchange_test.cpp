@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
+#include <thread>
 
 namespace {
 
@@ -142,6 +144,31 @@ TEST_F(ProbeTest, TakesAnyAnswerAsReachable) {
     EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
   }
   EXPECT_FALSE(probe.CheckServerReachable(("https://" + std::string(260, 'h')).c_str()));
+}
+
+TEST_F(ProbeTest, LeavesItsOwnerAloneOnceAWaitHasFailed) {
+  Peer const peer("reply --tls good");
+  auto const uTasks = std::filesystem::hard_link_count("/proc/self/task"); // grows with each thread
+  std::atomic<int> nStage = 0; // 1: the session is there, 2: the waiter has left
+  PlatformTestHooks hooks;
+  hooks.fault = [&](char const *szCall, DWORD *) {
+    bool const bWait = std::strcmp(szCall, "WaitForSingleObject") == 0;
+    bool const bOpen = std::strcmp(szCall, "InternetOpenUrlA") == 0;
+    nStage = bOpen ? 1 : nStage.load();
+    while ((bWait && nStage == 0) || (bOpen && nStage == 1))
+      std::this_thread::yield();
+    return bWait;
+  };
+  SetPlatformTestHooks(&hooks);
+  EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
+  EXPECT_FALSE(m_hInternet || m_hConnect);
+  m_bReachable = 7; // in the owner's memory, whatever it is now
+  nStage = 2;
+  while (std::filesystem::hard_link_count("/proc/self/task") > uTasks)
+    std::this_thread::yield();
+  SetPlatformTestHooks(nullptr);
+  EXPECT_EQ(m_bReachable, 7);
+  EXPECT_FALSE(m_hInternet || m_hConnect);
 }
 
 } // namespace

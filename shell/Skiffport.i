@@ -11,6 +11,31 @@
 
 #include <map>
 #include <new>
+
+namespace {
+
+// Null, with a MemoryError, where memory is short.
+template <class Value> Value *CopyOrReport(Value const &value) {
+  try {
+    return new Value(value);
+  } catch (std::bad_alloc const &) {
+    PyErr_NoMemory();
+    return nullptr;
+  }
+}
+
+// False, with a MemoryError, where memory is short.
+template <class Value> bool AssignOrReport(Value &target, Value const &value) {
+  try {
+    target = value;
+    return true;
+  } catch (std::bad_alloc const &) {
+    PyErr_NoMemory();
+    return false;
+  }
+}
+
+} // namespace
 %}
 
 // Wide arguments: a str becomes a zeroed array of its own for the length of the call. The library's fragment of this name
@@ -64,18 +89,74 @@ SWIGINTERN int SWIG_AsWCharPtrAndSize(PyObject *obj, wchar_t **cptr, size_t *psi
   $1 = %reinterpret_cast(argp, $ltype);
 }
 
-%define MAKES_OR_REPORTS(Class)
-%exception Class::Class {
+// Nothing escapes into the interpreter: neither what an operation throws, nor the copies around it that the library's
+// typemaps would make unguarded.
+%allowexception; // for the members, too
+%exception {
   try {
     $action
   } catch (std::bad_alloc const &) {
     SWIG_exception_fail(SWIG_MemoryError, "out of memory");
   }
 }
+
+%define BY_VALUE(Type...)
+%typemap(in) Type (void *argp = 0, int res = 0) {
+  res = SWIG_ConvertPtr($input, &argp, $&descriptor, 0);
+  if (!SWIG_IsOK(res)) {
+    %argument_fail(res, "$type", $symname, $argnum);
+  }
+  if (!argp) {
+    %argument_nullref("$type", $symname, $argnum);
+  }
+  if (!AssignOrReport($1, *%reinterpret_cast(argp, $&ltype)))
+    SWIG_fail;
+}
+%typemap(out) Type {
+  $&1_ltype copy = CopyOrReport<$1_ltype>($1);
+  if (!copy)
+    SWIG_fail;
+  $result = SWIG_NewPointerObj(copy, $&1_descriptor, SWIG_POINTER_OWN | 0);
+}
 %enddef
-MAKES_OR_REPORTS(KHLoginData)
-MAKES_OR_REPORTS(KHConnectUtil)
-MAKES_OR_REPORTS(PyPresetUploader)
+BY_VALUE(HINTERNET)
+BY_VALUE(std::map< unsigned int,int >)
+
+// A str goes from Python's own bytes into the array; the library's typemap would copy it once more, and throw when memory
+// is short.
+%fragment("SWIG_IntoCharArray", "header", fragment="SWIG_pchar_descriptor") {
+SWIGINTERN int SWIG_IntoCharArray(PyObject *obj, char *array, size_t capacity) {
+  PyObject *bytes = 0; // new
+  void *pointer = 0;
+  size_t size = 0;
+  if (PyUnicode_Check(obj)) {
+    bytes = PyUnicode_AsUTF8String(obj);
+    if (!bytes)
+      return PyErr_ExceptionMatches(PyExc_MemoryError) ? SWIG_MemoryError : SWIG_TypeError;
+    pointer = PyBytes_AsString(bytes);
+    size = (size_t)PyBytes_Size(bytes) + 1;
+  } else {
+    swig_type_info *descriptor = SWIG_pchar_descriptor();
+    if (!descriptor || SWIG_ConvertPtr(obj, &pointer, descriptor, 0) != SWIG_OK)
+      return SWIG_TypeError;
+    size = pointer ? strlen((char *)pointer) + 1 : 0;
+  }
+  if (size <= capacity) {
+    if (size)
+      memcpy(array, pointer, size);
+    memset(array + size, 0, capacity - size);
+  }
+  Py_XDECREF(bytes);
+  return size <= capacity ? SWIG_OK : SWIG_TypeError;
+}
+}
+%typemap(in, fragment="SWIG_IntoCharArray") char [ANY] (char temp[$1_dim0], int res) {
+  res = SWIG_IntoCharArray($input, temp, $1_dim0);
+  if (!SWIG_IsOK(res)) {
+    %argument_fail(res, "$type", $symname, $argnum);
+  }
+  $1 = temp;
+}
 
 typedef wchar_t WCHAR;
 typedef int BOOL;

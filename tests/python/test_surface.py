@@ -1,5 +1,7 @@
 """The module's flat table as a caller sees it: names, documentation, conversions and their errors, lifetime."""
 
+import os
+import unittest
 
 import common
 
@@ -61,6 +63,29 @@ PyPresetUploader_GetUploadedFileUrl(PyPresetUploader self) -> PyObject *
 PyPresetUploader_m_mapTID2KHID_set(PyPresetUploader self, std::map< unsigned int,int > m_mapTID2KHID)
 PyPresetUploader_m_mapTID2KHID_get(PyPresetUploader self) -> std::map< unsigned int,int >
 """.splitlines()
+# Takes all the memory that there is in copies. Nothing after the limit needs memory of Python's.
+SHORT_OF_MEMORY = """
+import os, resource, sys
+import _Skiffport, Skiffport
+from skiffhost import loop
+data, uploader = Skiffport.KHLoginData("1", "r", "u"), Skiffport.PyPresetUploader("no-host:1", "", "1", "r", "u")
+for _ in range(20):  # one pair more each
+    assert uploader.StartUpload(*[sys.argv[1]] * 13, *[""] * 7, 1)
+    numbers = uploader.m_mapTID2KHID
+    loop.wait(), loop.pump()
+    uploader.m_mapTID2KHID = numbers
+outcomes = 0
+resource.setrlimit(resource.RLIMIT_AS, (0, 0))
+try:
+    while True: _Skiffport.KHLoginData_m_hInternet_get(data).disown()
+except MemoryError: outcomes += 1
+try:
+    while True: _Skiffport.PyPresetUploader_m_mapTID2KHID_get(uploader).disown()
+except MemoryError: outcomes += 1
+try: _Skiffport.PyPresetUploader_m_mapTID2KHID_set(uploader, numbers)
+except MemoryError: outcomes += 1
+os._exit(outcomes)
+"""
 CLASSES = ("KHLoginData", "KHConnectUtil", "PyPresetUploader")
 
 
@@ -118,3 +143,7 @@ class Surface(common.Case):
         self.assertEqual(data.GetSignUpURL(), "https://hhttps://www.kestrelhub.example/signUp&uuid=uuid")
         self.assertEqual(data.GetTutorialURL(), "https://h&uuid=uuid")
         self.assertEqual(self.proxy.KHLoginData(None, None, None).GetUserName(), "")
+
+    @unittest.skipIf("asan" in os.environ.get("LD_PRELOAD", ""), "needs more address space than the limit, and never throws")
+    def test_short_memory_is_a_memory_error(self):
+        self.assertEqual(self.run_python(SHORT_OF_MEMORY, __file__)[0], 3)

@@ -4,9 +4,9 @@
 #include "platform/CString.h"
 #include "platform/Files.h"
 
-#include <algorithm>
 #include <memory>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -103,8 +103,11 @@ void AddField(UploadJob &job, FieldRow const &row, PresetIdentity const &identit
 } // namespace
 
 bool PresetFilesExist(PresetArguments const &arguments) {
-  return std::all_of(std::begin(kFiles), std::end(kFiles),
-                     [&arguments](FileRow const &row) { return PathFileExistsW(arguments.*row.path); });
+  Argument asked = nullptr; // the rows of one path stand side by side, and it is asked for once
+  for (FileRow const &row : kFiles)
+    if (row.path != std::exchange(asked, row.path) && !PathFileExistsW(arguments.*row.path))
+      return false;
+  return true;
 }
 
 void FillPresetForm(UploadJob &job, PresetIdentity const &identity, PresetArguments const &arguments) {

@@ -13,9 +13,9 @@ namespace {
 constexpr std::size_t kErrorSize = 260; // wide characters, terminator included; a longer text is cut
 constexpr std::size_t kUrlSize = 2048;  // wide characters, terminator included, as the decoder gives it
 
-// For the trace: the nearest integer. 0 while the total is 0.
+// For the trace: the nearest integer. -1 while the total is 0.
 int RoundedPercent(DWORD dwSent, DWORD dwTotal) {
-  return dwTotal ? MulDiv(100, static_cast<int>(dwSent), static_cast<int>(dwTotal)) : 0;
+  return MulDiv(100, static_cast<int>(dwSent), static_cast<int>(dwTotal));
 }
 
 // For the event: truncated, in single precision. 0 while the total is 0.

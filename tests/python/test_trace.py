@@ -41,7 +41,7 @@ class Trace(common.NetworkCase):
         self.network.reply(DETECT, "<INFO><APIUrl>good.test</APIUrl><SignUp>/su</SignUp></INFO>")
         self.network.reply("good.test", LOGIN)
         self.network.lead("good.test:80:127.0.0.1:1")
-        paths = self.preset({"effect": 100_000})
+        paths = self.preset({"effect": 100_000, "cover_after": 0})
         self.assertEqual(self.run_traced('"DumpMsg"=dword:00000000\r\n', SCRIPT, *paths), "")
         printed = self.run_traced('"DumpMsg"=dword:00000001\r\n"DumpInETW"=dword:00000000\r\n', SCRIPT, *paths)
         self.assertNotIn("planted-secret", printed)
@@ -57,7 +57,8 @@ class Trace(common.NetworkCase):
             "[PyPresetUploader]  upload address https://good.test/servlet/uploadTemplate ",
             "[PyPresetUploader] PyPresetUploader::StartUpload() end",
             "[PyPresetUploader]  Cur File\t:: (0)BytesSent / (100000)BytesTotal / (0)%, 17 sec. remaining.",
-            "[PyPresetUploader]  All Files  :: (0)BytesSent / (101300)BytesTotal / (0)%, 18 sec. remaining.",
+            "[PyPresetUploader]  All Files  :: (0)BytesSent / (101100)BytesTotal / (0)%, 18 sec. remaining.",
+            "[PyPresetUploader]  Cur File\t:: (0)BytesSent / (0)BytesTotal / (-1)%, 0 sec. remaining.",
             "[PyPresetUploader]  Background Upload (End) hr(0x0) ! ",
             "[PyPresetUploader] PyPresetUploader::~PyPresetUploader() enter", "[PyPresetUploader] PyPresetUploader::~PyPresetUploader() end",
         ]

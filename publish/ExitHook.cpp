@@ -1,13 +1,16 @@
 // See ExitHook.h.
-#include "publish/PyPresetUploader.h" // Python.h comes first
+#include <Python.h>
 
 #include "publish/ExitHook.h"
 
+#include "platform/SlimLock.h"
 #include "shell/ScopedGILRelease.h"
 
-#include <atomic>
+#include <cstddef>
+#include <map>
+#include <mutex>
 #include <new>
-#include <set>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -16,33 +19,71 @@ constexpr DWORD kExitWait = 5000; // ms, for all uploads together
 
 std::atomic<bool> g_bExiting = false;
 
-// Made with the first upload, never destroyed: a destructor may come after everything else.
-std::set<PyPresetUploader *> &RunningUploads() {
-  static std::set<PyPresetUploader *> &uploads = *new std::set<PyPresetUploader *>;
+/// What the hook needs of an upload: it stays whole when the uploader goes meanwhile.
+class RunningUpload {
+public:
+  /// Without a handle of its own, the upload is cancelled but not waited for.
+  RunningUpload(CancelFlag pCancel, HANDLE hThread) : m_pCancel(std::move(pCancel)) {
+    DuplicateHandle(GetCurrentProcess(), hThread, GetCurrentProcess(), &m_hThread, 0, FALSE, DUPLICATE_SAME_ACCESS);
+  }
+  RunningUpload(RunningUpload const &) = delete;
+  RunningUpload &operator=(RunningUpload const &) = delete;
+  ~RunningUpload() {
+    if (m_hThread)
+      CloseHandle(m_hThread);
+  }
+  void Cancel() const { *m_pCancel = 1; }
+  void Wait(DWORD dwMilliseconds) const {
+    if (m_hThread)
+      WaitForSingleObject(m_hThread, dwMilliseconds);
+  }
+
+private:
+  CancelFlag m_pCancel;
+  HANDLE m_hThread = nullptr;
+};
+
+// Innermost: no Python code, no waiting for the GIL and no platform call while it is held.
+constinit SlimLock g_lock;
+
+using Uploads = std::map<std::atomic<BYTE> const *, std::shared_ptr<RunningUpload const>>;
+
+// Under g_lock. Never destroyed: an uploader's destructor may come after everything else. Made without allocating,
+// since a destructor may be the first to ask.
+Uploads &RunningUploads() {
+  alignas(Uploads) static std::byte s_storage[sizeof(Uploads)];
+  static Uploads &uploads = *new (s_storage) Uploads;
   return uploads;
 }
 
-void WaitForAll(std::vector<HANDLE> const &threads) {
+// Returns: the uploads that were running; an empty vector where memory is short.
+std::vector<std::shared_ptr<RunningUpload const>> CancelAll() {
+  std::vector<std::shared_ptr<RunningUpload const>> running;
+  std::lock_guard<SlimLock> const lock(g_lock);
+  for (auto const &[pKey, pUpload] : RunningUploads())
+    pUpload->Cancel();
+  try {
+    for (auto const &[pKey, pUpload] : RunningUploads())
+      running.push_back(pUpload);
+  } catch (std::bad_alloc const &) {
+    // then they are not all waited for
+  }
+  return running;
+}
+
+void CancelAllAndWait() {
   ScopedGILRelease const release;
+  auto const running = CancelAll();
   DWORD const dwStart = GetTickCount();
-  for (HANDLE const hThread : threads) {
+  for (auto const &pUpload : running) {
     DWORD const dwSpent = GetTickCount() - dwStart;
-    WaitForSingleObject(hThread, dwSpent < kExitWait ? kExitWait - dwSpent : 0);
+    pUpload->Wait(dwSpent < kExitWait ? kExitWait - dwSpent : 0);
   }
 }
 
 PyObject *AtExit(PyObject *, PyObject *) {
   g_bExiting = true;
-  try {
-    std::vector<HANDLE> threads; // handles, since another thread may delete an uploader meanwhile
-    for (PyPresetUploader *const pUploader : RunningUploads()) {
-      pUploader->CancelUpload();
-      threads.push_back(pUploader->UploadThread());
-    }
-    WaitForAll(threads);
-  } catch (std::bad_alloc const &) {
-    // then they are cancelled but not waited for
-  }
+  CancelAllAndWait();
   Py_RETURN_NONE;
 }
 
@@ -63,17 +104,23 @@ bool RegisterHook() {
 
 } // namespace
 
-void NoteRunningUpload(PyPresetUploader *pUploader) {
-  static bool bRegistered = false;
-  if (!bRegistered)
-    bRegistered = RegisterHook();
+void NoteRunningUpload(CancelFlag const &pCancel, HANDLE hThread) {
+  static std::atomic<bool> s_bRegistered = false;
+  if (!s_bRegistered.exchange(true) && !RegisterHook()) // registering runs Python code, and with it other threads
+    s_bRegistered = false;
   try {
-    RunningUploads().insert(pUploader);
+    auto pUpload = std::make_shared<RunningUpload const>(pCancel, hThread);
+    std::lock_guard<SlimLock> const lock(g_lock);
+    RunningUploads().emplace(pCancel.get(), std::move(pUpload));
   } catch (std::bad_alloc const &) {
     // then it is not cancelled at exit
   }
 }
 
-void ForgetRunningUpload(PyPresetUploader *pUploader) { RunningUploads().erase(pUploader); }
+void ForgetRunningUpload(CancelFlag const &pCancel) {
+  Uploads::node_type node; // freed after the lock, with the handle in it
+  std::lock_guard<SlimLock> const lock(g_lock);
+  node = RunningUploads().extract(pCancel.get());
+}
 
 bool ProcessIsExiting() { return g_bExiting; }

@@ -3,7 +3,6 @@
 
 #include "platform/CString.h"
 #include "platform/Text.h"
-#include "publish/ExitHook.h"
 #include "publish/PresetForm.h"
 #include "shell/Trace.h"
 
@@ -30,12 +29,12 @@ PyPresetUploader::PyPresetUploader(WCHAR const *szKHServerUrl, WCHAR const *szKH
 
 PyPresetUploader::~PyPresetUploader() {
   TraceMsgA("PyPresetUploader::~PyPresetUploader() enter\n");
-  m_bCancel = 1;
+  *m_bCancel = 1;
   if (m_pUploadThread) {
     m_pUploadThread->Wait();
     m_pUploadThread.reset();
   }
-  ForgetRunningUpload(this);
+  ForgetRunningUpload(m_bCancel);
   m_pProgressProxy.reset(); // only now: the thread posts to the window up to its last moment
   TraceMsgA("PyPresetUploader::~PyPresetUploader() end\n");
 }
@@ -50,9 +49,9 @@ bool PyPresetUploader::ThreadCantBeAwaited() const {
 
 void PyPresetUploader::operator delete(PyPresetUploader *pUploader, std::destroying_delete_t) {
   if (pUploader->ThreadCantBeAwaited()) {
-    pUploader->m_bCancel = 1;
+    *pUploader->m_bCancel = 1;
     pUploader->SetCallable(nullptr);
-    ForgetRunningUpload(pUploader);
+    ForgetRunningUpload(pUploader->m_bCancel);
     return;
   }
   pUploader->~PyPresetUploader();
@@ -110,7 +109,7 @@ UINT PyPresetUploader::PrepareAndStart(PresetArguments const &arguments, int nKH
   // One upload at a time, and its completion belongs to it; without a window no completion would ever come.
   if (UploadThread() || !m_pProgressProxy->m_hWnd)
     return 0;
-  m_bCancel = 0;
+  *m_bCancel = 0;
   m_strUploadedFileUrl.clear();
   m_result.m_nHttpStatus = -1; // an earlier upload's status names no success of this one
   m_job.ClearFields();
@@ -138,7 +137,7 @@ void PyPresetUploader::NoteUpload(UINT uThreadId, int nKHID) {
     // as above
   }
   if (uThreadId != 0)
-    NoteRunningUpload(this);
+    NoteRunningUpload(m_bCancel, UploadThread());
 }
 
 void PyPresetUploader::SetUploadAddress() {

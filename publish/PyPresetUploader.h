@@ -5,9 +5,9 @@
 #include "publish/PyCallbackWnd.h" // Python.h comes first
 
 #include "publish/CUploadProgressProxyWindow.h"
+#include "publish/ExitHook.h"
 #include "upload/UploadThread2.h"
 
-#include <atomic>
 #include <map>
 #include <memory>
 #include <new>
@@ -40,12 +40,9 @@ public:
                    WCHAR const *szCategory, WCHAR const *szTags, WCHAR const *szDescription, WCHAR const *szCollections,
                    WCHAR const *szPIPtype, int nKHID);
   /// Asks a running upload to stop; it ends with its ordinary completion event. Does nothing to a later one.
-  void CancelUpload() { m_bCancel = 1; }
+  void CancelUpload() { *m_bCancel = 1; }
   /// New reference to a str: the published address of the last upload, empty before its completion.
   PyObject *GetUploadedFileUrl();
-
-  /// The running upload's thread, null for none. Borrowed.
-  HANDLE UploadThread() const { return m_pUploadThread ? m_pUploadThread->m_hThread : nullptr; }
 
   std::map<unsigned int, int> m_mapTID2KHID; ///< Thread id of a running upload to the caller's number for it.
 
@@ -74,6 +71,7 @@ private:
   void NoteUpload(UINT uThreadId, int nKHID);
   std::string EndThread(UINT &uThreadId, int &nKHID);
   void ReadUploadReply(std::string const &strReply, WCHAR *wszError, std::size_t cchError);
+  HANDLE UploadThread() const { return m_pUploadThread ? m_pUploadThread->m_hThread : nullptr; }
   bool ThreadCantBeAwaited() const;
 
   std::string m_strKHServerUrl;
@@ -86,5 +84,6 @@ private:
   UploadResult m_result; // the same
   std::unique_ptr<UploadThread2> m_pUploadThread;
   std::unique_ptr<CUploadProgressProxyWindow> m_pProgressProxy;
-  std::atomic<BYTE> m_bCancel = 0; // set on the owner thread, read on the upload thread
+  // Set on the owner thread and by the exit hook, read on the upload thread.
+  CancelFlag const m_bCancel = std::make_shared<std::atomic<BYTE>>(BYTE(0));
 };

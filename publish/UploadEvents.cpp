@@ -4,7 +4,6 @@
 
 #include "platform/Text.h"
 #include "platform/XmlDom.h"
-#include "publish/ExitHook.h"
 #include "service/UrlText.h"
 #include "shell/Trace.h"
 
@@ -60,7 +59,7 @@ void PyPresetUploader::OnFileProgress(WCHAR const *wszPath, DWORD dwFileSent, DW
        dwAllSent, dwAllTotal, dwAllTimeRemaining, dwRate, wszPath);
 }
 
-bool PyPresetUploader::IsCancelled() { return m_bCancel != 0; }
+bool PyPresetUploader::IsCancelled() { return *m_bCancel != 0; }
 
 void PyPresetUploader::OnBackgroundUploadBegin() { TraceMsgW(L" Background Upload (Begin) ! "); }
 
@@ -97,7 +96,7 @@ std::string PyPresetUploader::EndThread(UINT &uThreadId, int &nKHID) {
   m_pUploadThread->Wait();
   std::string strReply = std::move(m_pUploadThread->m_strReply);
   m_pUploadThread.reset();
-  ForgetRunningUpload(this);
+  ForgetRunningUpload(m_bCancel);
   return strReply;
 }
 

@@ -209,6 +209,22 @@ class Upload(common.StandinCase):
             thread.join()
         self.assertEqual(sorted(results), [(number, (1, number)) for number in range(4)])
 
+    def test_owners_may_pump_side_by_side_without_the_gil(self):
+        script = """
+import ctypes, os, sys, threading, Skiffport
+library = ctypes.CDLL(os.path.join(os.path.dirname(Skiffport.__file__), "libskiffport_platform.so"))
+pump, wait = library._Z12PumpMessagesi, library._Z15WaitForMessagesi  # ctypes releases the GIL
+sys.setswitchinterval(1e-5)
+def publish():
+    uploaders = [Skiffport.PyPresetUploader("no-host:1", "", "1", "r", "u") for _ in range(100)]
+    for _ in range(40):
+        for uploader in uploaders: uploader.StartUpload(*[sys.argv[1]] * 13, *[""] * 7, 1)
+        ran = 0
+        while ran < 100: wait(1000); ran += pump(100)
+for _ in range(4): threading.Thread(target=publish).start()
+"""
+        self.assertEqual(self.run_python(script, __file__), (0, ""))
+
     def run_script(self, lines, **env):
         """Runs a script that has a started, slow upload in `p`. Returns: its exit status and output."""
         head = ("import os, sys\nfrom publication import Publication\nfrom skiffhost import loop\n"

@@ -5,7 +5,6 @@
 #include "platform/Threads.h"
 #include "publish/Command.h"
 
-#include <atomic>
 #include <new>
 
 namespace {
@@ -60,21 +59,25 @@ LRESULT CUploadProgressProxyWindow::OnCommandMessage(WPARAM, LPARAM lParam) {
   return 0; // the receiver may have destroyed this object
 }
 
-bool CUploadProgressProxyWindow::PostOwned(std::unique_ptr<Command> pCommand) {
-  if (!m_hWnd || !PostMessageW(m_hWnd, WM_UPLOAD_COMMAND, 0, reinterpret_cast<LPARAM>(pCommand.get())))
-    return false;
-  static_cast<void>(pCommand.release()); // the queue's now
+CUploadProgressProxyWindow::Posted CUploadProgressProxyWindow::PostOwned(std::unique_ptr<Command> pCommand) {
+  if (!m_hWnd)
+    return Posted::No;
+  Posted posted = Posted::Yes;
+  if (PostMessageW(m_hWnd, WM_UPLOAD_COMMAND, 0, reinterpret_cast<LPARAM>(pCommand.get())))
+    static_cast<void>(pCommand.release()); // the queue's now
+  else
+    posted = GetLastError() == ERROR_NOT_ENOUGH_MEMORY ? Posted::NoMemory : Posted::No;
   Sleep(0);
-  return true;
+  return posted;
 }
 
-// False, with the last error, if the call could not be queued and is lost.
-template <class SomeCommand, class... Arguments> bool CUploadProgressProxyWindow::Post(Arguments... arguments) {
+// A call that could not be queued is lost.
+template <class SomeCommand, class... Arguments>
+CUploadProgressProxyWindow::Posted CUploadProgressProxyWindow::Post(Arguments... arguments) {
   try {
     return PostOwned(std::make_unique<SomeCommand>(m_pTarget, arguments...));
   } catch (std::bad_alloc const &) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return false;
+    return Posted::NoMemory;
   }
 }
 
@@ -151,10 +154,12 @@ void CUploadProgressProxyWindow::OnBackgroundUploadComplete(long hr) {
   private:
     long m_hr;
   };
-  // The host waits for this one: short memory may pass, a window that is gone does not come back.
-  for (int nTry = 0; nTry < kCompletionTries; ++nTry) {
-    if (Post<OnBackgroundUploadCompleteCommand>(hr) || GetLastError() != ERROR_NOT_ENOUGH_MEMORY)
-      return;
+  // No other call is posted twice. The host waits for this one, and there is no later one that could take its place, so
+  // that short memory, which may pass, must not lose it; a window that is gone does not come back.
+  Posted posted = Post<OnBackgroundUploadCompleteCommand>(hr);
+  for (int nTry = 1; posted == Posted::NoMemory && nTry < kCompletionTries; ++nTry) {
     Sleep(kCompletionPause);
+    posted = Post<OnBackgroundUploadCompleteCommand>(hr);
   }
+  m_bCompletionLost = posted != Posted::Yes;
 }

@@ -6,6 +6,7 @@
 #include "platform/Wnd.h"
 #include "upload/UploadProgress.h"
 
+#include <atomic>
 #include <memory>
 
 class Command;
@@ -29,6 +30,8 @@ public:
   void CreateProxyWindow();
   /// Message handler: runs the command in lParam and frees it. The receiver may destroy the proxy meanwhile.
   LRESULT OnCommandMessage(WPARAM wParam, LPARAM lParam);
+  /// True, once, after a completion that could not be queued: the receiver will not see it.
+  bool TakeLostCompletion() { return m_bCompletionLost.exchange(false); }
 
   // The slots. Thread: any, in practice the upload thread. Nothing escapes: a call that can't be queued is lost, except
   // that the completion is tried again for some seconds while memory is short.
@@ -54,10 +57,12 @@ protected:
   AFX_MSGMAP const *GetMessageMap() const override;
 
 private:
-  template <class SomeCommand, class... Arguments> bool Post(Arguments... arguments);
-  bool PostOwned(std::unique_ptr<Command> pCommand);
+  enum class Posted { Yes, NoMemory, No };
+  template <class SomeCommand, class... Arguments> Posted Post(Arguments... arguments);
+  Posted PostOwned(std::unique_ptr<Command> pCommand);
   void DropQueued();
 
   BackgroundUploadProgress *m_pTarget;
   DWORD m_dwNotifyMask = 0xFFFFFFFF;
+  std::atomic<bool> m_bCompletionLost = false;
 };

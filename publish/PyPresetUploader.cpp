@@ -39,17 +39,20 @@ PyPresetUploader::~PyPresetUploader() {
   TraceMsgA("PyPresetUploader::~PyPresetUploader() end\n");
 }
 
-bool PyPresetUploader::ThreadCantBeAwaited() const {
+// False if the thread can't be waited for. One that its start left suspended runs from here on.
+bool PyPresetUploader::MakeThreadEndSomeTime() {
   HANDLE const hThread = UploadThread();
   if (!hThread)
-    return false;
+    return true;
   DWORD const dwState = WaitForSingleObject(hThread, 0);
-  return dwState == WAIT_FAILED || (dwState == WAIT_TIMEOUT && ProcessIsExiting());
+  if (dwState != WAIT_TIMEOUT)
+    return dwState != WAIT_FAILED;
+  return !ProcessIsExiting() && m_pUploadThread->MakeRun();
 }
 
 void PyPresetUploader::operator delete(PyPresetUploader *pUploader, std::destroying_delete_t) {
-  if (pUploader->ThreadCantBeAwaited()) {
-    *pUploader->m_bCancel = 1;
+  if (!pUploader->MakeThreadEndSomeTime()) {
+    pUploader->CancelUpload();
     pUploader->SetCallable(nullptr);
     ForgetRunningUpload(pUploader->m_bCancel);
     return;
@@ -98,7 +101,7 @@ UINT PyPresetUploader::StartUpload(WCHAR const *szEffectFilePath, WCHAR const *s
   try {
     return PrepareAndStart(arguments, nKHID);
   } catch (std::bad_alloc const &) {
-    m_pUploadThread.reset(); // not started: nothing behind the start throws
+    m_pUploadThread.reset(); // not started: nothing after the start throws
     return 0;
   }
 }
@@ -107,7 +110,7 @@ UINT PyPresetUploader::PrepareAndStart(PresetArguments const &arguments, int nKH
   if (!PresetFilesExist(arguments))
     return 0;
   // One upload at a time, and its completion belongs to it; without a window no completion would ever come.
-  if (UploadThread() || !m_pProgressProxy->m_hWnd)
+  if (!UploadIsOver() || !m_pProgressProxy->m_hWnd)
     return 0;
   *m_bCancel = 0;
   m_strUploadedFileUrl.clear();
@@ -126,6 +129,20 @@ UINT PyPresetUploader::PrepareAndStart(PresetArguments const &arguments, int nKH
   NoteUpload(uThreadId, nKHID);
   TraceMsgA("PyPresetUploader::StartUpload() end\n");
   return uThreadId;
+}
+
+// False while an upload runs or its completion waits. An upload whose completion was lost ends here.
+bool PyPresetUploader::UploadIsOver() {
+  if (!UploadThread())
+    return true;
+  if (m_pProgressProxy->TakeLostCompletion()) {
+    UINT uThreadId = 0;
+    int nKHID = 0;
+    EndThread(uThreadId, nKHID);
+    return true;
+  }
+  m_pUploadThread->MakeRun(); // where its start could not, it is under way only now
+  return false;
 }
 
 // The thread runs by now, so that short memory must not look like a refusal: a pair that is missing reads as 0 at the

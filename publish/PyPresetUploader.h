@@ -22,7 +22,7 @@ public:
   /// Cancels a running upload and waits for its thread, as long as one blocking write may take; no event follows.
   ~PyPresetUploader() override;
   /// Destroys the object, unless a thread that can't be waited for still uses it: then it is left alone. That is so in
-  /// a forked child, and at exit behind the exit hook.
+  /// a forked child, at exit after the exit hook, and for a thread that can't be made to run.
   static void operator delete(PyPresetUploader *pUploader, std::destroying_delete_t);
 
   /// Sets the callable of the events; None takes it away. Returns: 1.
@@ -30,7 +30,8 @@ public:
 
   /// Starts the upload of thirteen files and seven texts in the background. Everything is copied.
   /// Returns: the upload's thread id; 0 if a path is null or names nothing, while an upload runs or its completion
-  /// waits, or if the thread can't be had. After 0 no event follows.
+  /// waits, or if the thread can't be had. After 0 no event follows. An upload whose completion was lost is over, and
+  /// has no event any more.
   UINT StartUpload(WCHAR const *szEffectFilePath, WCHAR const *szEffectCoverFilePathAfter,
                    WCHAR const *szEffectCoverFilePathBefore, WCHAR const *szEffectThumbnailAfter,
                    WCHAR const *szEffectThumbnailBefore, WCHAR const *szEffectCurveRGBImg,
@@ -72,7 +73,8 @@ private:
   std::string EndThread(UINT &uThreadId, int &nKHID);
   void ReadUploadReply(std::string const &strReply, WCHAR *wszError, std::size_t cchError);
   HANDLE UploadThread() const { return m_pUploadThread ? m_pUploadThread->m_hThread : nullptr; }
-  bool ThreadCantBeAwaited() const;
+  bool UploadIsOver();
+  bool MakeThreadEndSomeTime();
 
   std::string m_strKHServerUrl;
   std::string m_strLoginTokenID;

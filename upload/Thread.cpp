@@ -16,6 +16,8 @@ bool Thread::Start() {
   return true;
 }
 
+bool Thread::MakeRun() { return ResumeThread(m_hThread) != 0xFFFFFFFF; }
+
 DWORD Thread::Wait() {
   DWORD dwExitCode = 0xFFFFFFFF;
   if (!m_hThread || WaitForSingleObject(m_hThread, INFINITE) == WAIT_FAILED)

@@ -20,6 +20,10 @@ public:
   /// parent's objects but not its threads), which then stays.
   DWORD Wait();
 
+  /// Lets a started thread run that Start's ResumeThread failed to; nothing changes for one that runs.
+  /// Returns: false if it can't be made to run, or is the parent's in a forked child.
+  bool MakeRun();
+
   HANDLE m_hThread = nullptr; ///< Null until Start, and again after Wait. Owned.
   unsigned m_uThreadId = 0;   ///< The platform's id; 0 until Start.
 

@@ -2,6 +2,7 @@
 #include "platform/LastError.h"
 #include "platform/TestSeam.h"
 #include "publish/CUploadProgressProxyWindow.h"
+#include "publish/PresetForm.h"
 #include "tests/cpp/upload/receiver.h"
 
 #include <gtest/gtest.h>
@@ -69,10 +70,10 @@ TEST(ProgressProxy, DropsAndFreesWhatWaitsWhenItGoes) { // the leak check sees c
 
 TEST(ProgressProxy, TriesTheCompletionAgainWhileMemoryIsShort) {
   int nFailures = 0;
-  int nSlept = 0;
+  int nSlept = 0, nYielded = 0;
   DWORD dwFailure = ERROR_NOT_ENOUGH_MEMORY;
   PlatformTestHooks hooks;
-  hooks.sleep = [&nSlept](DWORD ms) { nSlept += ms > 0; };
+  hooks.sleep = [&](DWORD ms) { ++(ms > 0 ? nSlept : nYielded); };
   hooks.fault = [&](char const *szCall, DWORD *pdwError) {
     *pdwError = dwFailure;
     return std::strcmp(szCall, "PostMessageW") == 0 && nFailures-- > 0;
@@ -84,14 +85,29 @@ TEST(ProgressProxy, TriesTheCompletionAgainWhileMemoryIsShort) {
   nFailures = 3;
   proxy.OnBackgroundUploadComplete(0);
   EXPECT_EQ(nSlept, 3);
+  EXPECT_EQ(nYielded, 4) << "after every post, also one that failed";
+  EXPECT_FALSE(proxy.TakeLostCompletion());
   dwFailure = ERROR_INVALID_WINDOW_HANDLE; // a window that is gone does not come back
   nFailures = 1;
   proxy.OnBackgroundUploadComplete(1);
+  EXPECT_TRUE(proxy.TakeLostCompletion());
+  EXPECT_FALSE(proxy.TakeLostCompletion());
   nFailures = 1;
   proxy.OnReceivingResponse(); // any other call is simply lost
   SetPlatformTestHooks(nullptr);
   PumpMessages(64);
   EXPECT_EQ(receiver.calls, L"upload complete 0; ");
+}
+
+TEST(PresetForm, AsksForEachPathOnce) {
+  constexpr WCHAR const *p = L"/";
+  int nAsked = 0;
+  PlatformTestHooks hooks;
+  hooks.fault = [&nAsked](char const *, DWORD *) { return ++nAsked > 13; };
+  SetPlatformTestHooks(&hooks);
+  EXPECT_TRUE(PresetFilesExist({p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p}));
+  EXPECT_EQ(nAsked, 13);
+  SetPlatformTestHooks(nullptr);
 }
 
 } // namespace

@@ -85,7 +85,7 @@ TEST_F(TraceTest, KeepsItsSwitchesAndPrefixWhereNothingNewIsSaidAndCutsALongText
 
 TEST_F(TraceTest, AForkedChildTracesWhateverItsParentsThreadsWereDoing) {
   Switches("\"DumpMsg\"=dword:1\n\"DumpInETW\"=dword:1");
-  std::atomic<bool> bInside = false, bForked = false;
+  std::atomic<bool> bInside = false, bForked = false, bDone = false;
   PlatformTestHooks hooks;
   hooks.fault = [&](char const *szCall, DWORD *) {
     auto const limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
@@ -95,7 +95,11 @@ TEST_F(TraceTest, AForkedChildTracesWhateverItsParentsThreadsWereDoing) {
     return std::strcmp(szCall, "LoadLibraryA") == 0;
   };
   SetPlatformTestHooks(&hooks);
-  std::thread starting([] { TraceInit("T"); });
+  std::thread([&bDone] { // detached: a checker would have the child join it
+    TraceInit("T");
+    bDone = true;
+  })
+      .detach();
   while (!bInside)
     std::this_thread::yield();
   pid_t const child = fork();
@@ -107,7 +111,8 @@ TEST_F(TraceTest, AForkedChildTracesWhateverItsParentsThreadsWereDoing) {
   bForked = true;
   int nStatus = -1;
   EXPECT_TRUE(waitpid(child, &nStatus, 0) == child && nStatus == 0);
-  starting.join();
+  while (!bDone)
+    std::this_thread::yield();
   SetPlatformTestHooks(nullptr);
 }
 

@@ -65,8 +65,7 @@ PyPresetUploader_m_mapTID2KHID_get(PyPresetUploader self) -> std::map< unsigned 
 """.splitlines()
 # Takes all the memory that there is in copies. Nothing after the limit needs memory of Python's.
 SHORT_OF_MEMORY = """
-import os, resource, sys
-import _Skiffport, Skiffport
+import os, resource, sys, _Skiffport, Skiffport
 from skiffhost import loop
 data, uploader = Skiffport.KHLoginData("1", "r", "u"), Skiffport.PyPresetUploader("no-host:1", "", "1", "r", "u")
 for _ in range(20):  # one pair more each

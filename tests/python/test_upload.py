@@ -217,7 +217,7 @@ pump, wait = library._Z12PumpMessagesi, library._Z15WaitForMessagesi  # ctypes r
 sys.setswitchinterval(1e-5)
 def publish():
     uploaders = [Skiffport.PyPresetUploader("no-host:1", "", "1", "r", "u") for _ in range(100)]
-    for _ in range(40):
+    for _ in range(25):
         for uploader in uploaders: uploader.StartUpload(*[sys.argv[1]] * 13, *[""] * 7, 1)
         ran = 0
         while ran < 100: wait(1000); ran += pump(100)

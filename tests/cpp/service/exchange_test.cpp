@@ -168,7 +168,6 @@ TEST_F(ProbeTest, LeavesItsOwnerAloneOnceAWaitHasFailed) {
     std::this_thread::yield();
   SetPlatformTestHooks(nullptr);
   EXPECT_EQ(m_bReachable, 7);
-  EXPECT_FALSE(m_hInternet || m_hConnect);
 }
 
 } // namespace

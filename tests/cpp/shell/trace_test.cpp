@@ -85,21 +85,17 @@ TEST_F(TraceTest, KeepsItsSwitchesAndPrefixWhereNothingNewIsSaidAndCutsALongText
 
 TEST_F(TraceTest, AForkedChildTracesWhateverItsParentsThreadsWereDoing) {
   Switches("\"DumpMsg\"=dword:1\n\"DumpInETW\"=dword:1");
-  std::atomic<bool> bInside = false, bForked = false, bDone = false;
+  std::atomic<bool> bInside = false, bDone = false;
   PlatformTestHooks hooks;
   hooks.fault = [&](char const *szCall, DWORD *) {
-    auto const limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
     bool const bFirst = std::strcmp(szCall, "LoadLibraryA") == 0 && !bInside.exchange(true); // inside the lock
-    while (bFirst && !bForked && std::chrono::steady_clock::now() < limit) // the fork comes now, or waits for the lock
+    auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(bFirst ? 200 : 0);
+    while (std::chrono::steady_clock::now() < end) // time for the fork to come, which has to wait for the lock
       std::this_thread::yield();
     return std::strcmp(szCall, "LoadLibraryA") == 0;
   };
   SetPlatformTestHooks(&hooks);
-  std::thread([&bDone] { // detached: a checker would have the child join it
-    TraceInit("T");
-    bDone = true;
-  })
-      .detach();
+  std::thread([&bDone] { TraceInit("T"), bDone = true; }).detach(); // a checker would have the child join it
   while (!bInside)
     std::this_thread::yield();
   pid_t const child = fork();
@@ -108,7 +104,6 @@ TEST_F(TraceTest, AForkedChildTracesWhateverItsParentsThreadsWereDoing) {
     TraceInit("Child");
     _exit(Lines([] { TraceMsgA("a"); }) != "[Child] a\n");
   }
-  bForked = true;
   int nStatus = -1;
   EXPECT_TRUE(waitpid(child, &nStatus, 0) == child && nStatus == 0);
   while (!bDone)

@@ -149,12 +149,13 @@ TEST_F(ProbeTest, TakesAnyAnswerAsReachable) {
 TEST_F(ProbeTest, LeavesItsOwnerAloneOnceAWaitHasFailed) {
   Peer const peer("reply --tls good");
   auto const uTasks = std::filesystem::hard_link_count("/proc/self/task"); // grows with each thread
-  std::atomic<int> nStage = 0; // 1: the session is there, 2: the waiter has left
-  PlatformTestHooks hooks;
-  hooks.fault = [&](char const *szCall, DWORD *) {
+  static std::atomic<int> nStage = 0; // 1: the session is there, 2: the waiter has left
+  static PlatformTestHooks hooks;     // static, as the stage: nothing tells when the thread is done with them
+  hooks.fault = [](char const *szCall, DWORD *) {
     bool const bWait = std::strcmp(szCall, "WaitForSingleObject") == 0;
     bool const bOpen = std::strcmp(szCall, "InternetOpenUrlA") == 0;
-    nStage = bOpen ? 1 : nStage.load();
+    if (bOpen)
+      nStage = 1;
     while ((bWait && nStage == 0) || (bOpen && nStage == 1))
       std::this_thread::yield();
     return bWait;

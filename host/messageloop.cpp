@@ -3,7 +3,7 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
-#include "platform/Messages.h"
+#include "platform/window/Messages.h"
 
 #include <climits>
 #include <cmath>

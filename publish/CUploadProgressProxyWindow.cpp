@@ -1,8 +1,8 @@
 // See CUploadProgressProxyWindow.h.
 #include "publish/CUploadProgressProxyWindow.h"
 
-#include "platform/LastError.h"
-#include "platform/Threads.h"
+#include "platform/base/LastError.h"
+#include "platform/system/Threads.h"
 #include "publish/Command.h"
 
 #include <new>

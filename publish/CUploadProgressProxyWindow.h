@@ -3,7 +3,7 @@
 // the calls. Only IsCancelled goes straight through. Knows nothing of Python.
 #pragma once
 
-#include "platform/Wnd.h"
+#include "framework/Wnd.h"
 #include "upload/UploadProgress.h"
 
 #include <atomic>

@@ -3,7 +3,7 @@
 
 #include "publish/ExitHook.h"
 
-#include "platform/SlimLock.h"
+#include "platform/system/SlimLock.h"
 #include "shell/ScopedGILRelease.h"
 
 #include <cstddef>

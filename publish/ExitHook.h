@@ -3,7 +3,7 @@
 // without the GIL, since an owner may pump without it.
 #pragma once
 
-#include "platform/Threads.h"
+#include "platform/system/Threads.h"
 
 #include <atomic>
 #include <memory>

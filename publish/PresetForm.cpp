@@ -1,8 +1,8 @@
 // See PresetForm.h.
 #include "publish/PresetForm.h"
 
-#include "platform/CString.h"
-#include "platform/Files.h"
+#include "framework/CString.h"
+#include "platform/system/Files.h"
 
 #include <memory>
 #include <new>

@@ -2,7 +2,7 @@
 // of this system passes through the window.
 #pragma once
 
-#include "platform/Messages.h"
+#include "platform/window/Messages.h"
 #include "publish/PyCallback.h"
 
 class PyCallbackWnd : public PyCallback {

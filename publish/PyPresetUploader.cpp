@@ -1,8 +1,8 @@
 // See PyPresetUploader.h: life, start and cancel. What it does with the transfer's calls stands in UploadEvents.cpp.
 #include "publish/PyPresetUploader.h"
 
-#include "platform/CString.h"
-#include "platform/Text.h"
+#include "framework/CString.h"
+#include "platform/text/Text.h"
 #include "publish/PresetForm.h"
 #include "shell/Trace.h"
 

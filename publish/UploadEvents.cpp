@@ -2,9 +2,9 @@
 // service's reply. Runs on the owner thread, out of the proxy window; only IsCancelled runs on the upload thread.
 #include "publish/PyPresetUploader.h"
 
-#include "platform/Text.h"
-#include "platform/XmlDom.h"
-#include "service/UrlText.h"
+#include "platform/text/Text.h"
+#include "platform/xml/XmlDom.h"
+#include "reply/UrlText.h"
 #include "shell/Trace.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // See KHConnectUtil.h.
 #include "service/KHConnectUtil.h"
 
-#include "platform/LastError.h"
+#include "platform/base/LastError.h"
 #include "service/ServiceExchange.h"
 #include "shell/ScopedGILRelease.h"
 #include "shell/Trace.h"

@@ -3,7 +3,7 @@
 
 #include <Python.h>
 
-#include "platform/Types.h"
+#include "platform/base/Types.h"
 
 class KHConnectUtil {
 public:

@@ -1,9 +1,9 @@
 // See KHLoginData.h: life, lock and getters. The requests stand in files of their own, one a topic.
 #include "service/KHLoginData.h"
 
-#include "platform/InternetSession.h"
+#include "framework/InternetSession.h"
+#include "reply/UrlText.h"
 #include "service/ServiceHosts.h"
-#include "service/UrlText.h"
 #include "shell/Trace.h"
 
 #include <new>

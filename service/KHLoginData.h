@@ -5,9 +5,9 @@
 
 #include <Python.h>
 
-#include "platform/CString.h"
-#include "platform/Threads.h"
-#include "platform/WinInet.h"
+#include "framework/CString.h"
+#include "platform/http/WinInet.h"
+#include "platform/system/Threads.h"
 
 #include <atomic>
 

@@ -2,7 +2,7 @@
 // object.
 #include "service/KHLoginData.h"
 
-#include "platform/Shell.h"
+#include "platform/system/Browser.h"
 #include "service/ServiceExchange.h"
 #include "service/ServiceHosts.h"
 #include "shell/ScopedGILRelease.h"

@@ -2,7 +2,7 @@
 // interpreter lock is held throughout and keeps the cache's users apart.
 #include "service/KHLoginData.h"
 
-#include "platform/Text.h"
+#include "platform/text/Text.h"
 #include "service/ServiceExchange.h"
 
 #include <new>

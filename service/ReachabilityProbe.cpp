@@ -3,7 +3,7 @@
 // two own together: a waiter whose wait fails leaves, and the thread then touches nothing but what is its own.
 #include "service/ReachabilityProbe.h"
 
-#include "platform/Threads.h"
+#include "platform/system/Threads.h"
 
 #include <cstring>
 #include <memory>

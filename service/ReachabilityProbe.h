@@ -2,7 +2,7 @@
 // Knows nothing of Python.
 #pragma once
 
-#include "platform/WinInet.h"
+#include "platform/http/WinInet.h"
 
 #include <atomic>
 

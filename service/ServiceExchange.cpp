@@ -1,8 +1,8 @@
 // See ServiceExchange.h.
 #include "service/ServiceExchange.h"
 
-#include "platform/LastError.h"
-#include "platform/Text.h"
+#include "platform/base/LastError.h"
+#include "platform/text/Text.h"
 #include "shell/Trace.h"
 
 #include <algorithm>

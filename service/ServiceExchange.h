@@ -2,9 +2,9 @@
 // Blocks the calling thread. Knows nothing of Python.
 #pragma once
 
-#include "platform/CString.h"
-#include "platform/InternetSession.h"
-#include "platform/XmlDom.h"
+#include "framework/CString.h"
+#include "framework/InternetSession.h"
+#include "platform/xml/XmlDom.h"
 
 #include <memory>
 #include <new>

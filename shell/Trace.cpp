@@ -4,11 +4,11 @@
 // which takes each in one piece.
 #include "shell/Trace.h"
 
-#include "platform/CodePages.h"
-#include "platform/Debug.h"
-#include "platform/Registry.h"
-#include "platform/SlimLock.h"
-#include "platform/Text.h"
+#include "platform/system/Debug.h"
+#include "platform/system/Registry.h"
+#include "platform/system/SlimLock.h"
+#include "platform/text/CodePages.h"
+#include "platform/text/Text.h"
 
 #include <atomic>
 #include <cstdarg>

@@ -1,9 +1,9 @@
 // See MultipartBody.h.
 #include "upload/MultipartBody.h"
 
-#include "platform/CString.h"
-#include "platform/Files.h"
-#include "platform/Text.h"
+#include "framework/CString.h"
+#include "platform/system/Files.h"
+#include "platform/text/Text.h"
 
 #include <cstdlib>
 

@@ -2,7 +2,7 @@
 // All divisions are 32-bit unsigned with the remainder dropped; a rate of 0 counts as 1 in them.
 #pragma once
 
-#include "platform/Types.h"
+#include "platform/base/Types.h"
 
 /// The seven numbers of a report, in the order of OnFileProgress.
 struct ProgressReport {

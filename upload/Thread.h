@@ -1,7 +1,7 @@
 // A small base around one operating-system thread, used for one run.
 #pragma once
 
-#include "platform/Threads.h"
+#include "platform/system/Threads.h"
 
 class Thread {
 public:

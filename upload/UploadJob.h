@@ -3,7 +3,7 @@
 // reads the job and writes m_dwRate.
 #pragma once
 
-#include "platform/Types.h"
+#include "platform/base/Types.h"
 
 #include <map>
 #include <string>

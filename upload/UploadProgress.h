@@ -3,7 +3,7 @@
 // 16 and, except for IsCancelled, has no way to answer.
 #pragma once
 
-#include "platform/Types.h"
+#include "platform/base/Types.h"
 
 class UploadProgress {
 public:

@@ -2,8 +2,8 @@
 // status, reply. A failed stage abandons the request; nothing is repeated.
 #include "upload/Uploader.h"
 
-#include "platform/Files.h"
-#include "platform/LastError.h"
+#include "platform/base/LastError.h"
+#include "platform/system/Files.h"
 #include "upload/MultipartBody.h"
 #include "upload/ProgressMeter.h"
 

@@ -2,7 +2,7 @@
 // calling thread, which in this system is the upload thread; reports through BackgroundUploadProgress and nowhere else.
 #pragma once
 
-#include "platform/WinInet.h"
+#include "platform/http/WinInet.h"
 #include "upload/UploadJob.h"
 #include "upload/UploadProgress.h"
 

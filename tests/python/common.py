@@ -13,7 +13,7 @@ from unittest import mock
 
 PATH = [os.environ["SKIFFPORT_TREE"], str(pathlib.Path(__file__).resolve().parents[1] / "support")]
 sys.path[:0] = PATH
-import service  # noqa: E402
+import standin  # noqa: E402
 from scripted import Network  # noqa: E402
 
 
@@ -28,13 +28,13 @@ class Case(unittest.TestCase):
 
     def preset(self, sizes=None):
         """Writes the files of a preset into a new folder. Returns: their paths."""
-        folder = service.write_preset(pathlib.Path(tempfile.mkdtemp(dir=self.scratch), "preset"), sizes)
-        return [str(folder / f"{name}.bin") for name in service.FILES]
+        folder = standin.write_preset(pathlib.Path(tempfile.mkdtemp(dir=self.scratch), "preset"), sizes)
+        return [str(folder / f"{name}.bin") for name in standin.FILES]
 
     def run_python(self, script, *arguments, **env):
         """Runs a script in another interpreter. Returns: its exit status and all that it printed."""
         done = subprocess.run([sys.executable, "-B", "-c", script, *arguments], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                              env={**os.environ, "PYTHONPATH": os.pathsep.join(PATH), **env}, timeout=service.DEADLINE_SECONDS)
+                              env={**os.environ, "PYTHONPATH": os.pathsep.join(PATH), **env}, timeout=standin.DEADLINE_SECONDS)
         return done.returncode, done.stdout.decode()
 
 
@@ -52,7 +52,7 @@ class StandinCase(Case):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.standin = service.Standin().__enter__()
+        cls.standin = standin.Standin().__enter__()
         cls.addClassCleanup(cls.standin.__exit__)
         patch = mock.patch.dict(os.environ, cls.standin.env, clear=True)
         patch.start()

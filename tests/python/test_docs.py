@@ -11,9 +11,9 @@ import sys
 import unittest
 
 import common
-import service
+import standin
 
-PAGES = [service.REPOSITORY / "README.md", *sorted((service.REPOSITORY / "docs").glob("*.md"))]
+PAGES = [standin.REPOSITORY / "README.md", *sorted((standin.REPOSITORY / "docs").glob("*.md"))]
 SNIPPET = re.compile(r"^```python *(\w*)\n(.*?)^```", re.MULTILINE | re.DOTALL)
 
 
@@ -27,8 +27,8 @@ def scripts(page):
 
 class Docs(common.StandinCase):
     def test_snippets_run(self):
-        service.write_preset(self.scratch / "preset")
-        env = {**self.standin.env, "SKIFFHOST_USER": service.USER, "SKIFFHOST_PASSWORD": service.PASSWORD}
+        standin.write_preset(self.scratch / "preset")
+        env = {**self.standin.env, "SKIFFHOST_USER": standin.USER, "SKIFFHOST_PASSWORD": standin.PASSWORD}
         count = 0
         for page in PAGES:
             for heading, toolkit, script in scripts(page):

@@ -9,7 +9,7 @@ import sys
 import threading
 
 import common
-import service
+import standin
 from publication import Publication
 
 import Skiffport
@@ -24,7 +24,7 @@ class Upload(common.StandinCase):
     def setUpClass(cls):
         super().setUpClass()
         cls.session = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
-        assert cls.session.LoginKestrelhub(service.USER, service.PASSWORD) == 1
+        assert cls.session.LoginKestrelhub(standin.USER, standin.PASSWORD) == 1
         cls.host, cls.token = cls.session.GetServerUrl(), cls.session.GetLoginTokenID()
 
     def publication(self, **changes):

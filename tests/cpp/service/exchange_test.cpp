@@ -1,9 +1,9 @@
 // The service exchange and the probe: outcomes that Python can't provoke, and the hand-over of the probe's handles.
-#include "platform/TestSeam.h"
+#include "platform/base/TestSeam.h"
 #include "service/ReachabilityProbe.h"
 #include "service/ServiceExchange.h"
-#include "tests/cpp/platform/http_peer.h"
-#include "tests/cpp/platform/thread_locale.h"
+#include "tests/cpp/platform/http/http_peer.h"
+#include "tests/cpp/platform/text/thread_locale.h"
 
 #include <gtest/gtest.h>
 

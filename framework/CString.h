@@ -1,0 +1,90 @@
+// The growable wide string and the string map of the window framework, as far as they are used.
+// Thin and portable: standard containers underneath. Never null; an unset string is empty.
+#pragma once
+
+#include "platform/text/CodePages.h"
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+class CString {
+public:
+  CString() = default;
+  /// A null text gives an empty string.
+  CString(WCHAR const *wszText) : m_str(wszText ? wszText : L"") {}
+  CString(std::wstring strText) : m_str(std::move(strText)) {}
+  /// Widens bytes, up to the first zero, in the calling thread's ANSI code page.
+  explicit CString(char const *szText) : m_str(Widen(szText)) {}
+
+  operator WCHAR const *() const { return m_str.c_str(); }
+  WCHAR const *GetString() const { return m_str.c_str(); }
+  int GetLength() const { return static_cast<int>(m_str.size()); }
+  bool IsEmpty() const { return m_str.empty(); }
+  void Empty() { m_str.clear(); }
+  /// The position of the first occurrence, -1 for none. Case counts.
+  int Find(WCHAR const *wszText) const { return static_cast<int>(m_str.find(wszText)); }
+  CString &operator+=(WCHAR const *wszText) {
+    m_str += wszText ? wszText : L"";
+    return *this;
+  }
+  bool operator==(CString const &other) const { return m_str == other.m_str; }
+
+private:
+  static SKIFFPORT_PLATFORM_API std::wstring Widen(char const *szText);
+
+  std::wstring m_str;
+};
+
+class CMapStringToString {
+public:
+  explicit CMapStringToString(int /*nBlockSize*/ = 10) {}
+  void SetAt(WCHAR const *wszKey, WCHAR const *wszValue) {
+    auto const it = m_map.find(std::wstring_view(wszKey));
+    if (it == m_map.end())
+      m_map.emplace(wszKey, wszValue);
+    else
+      it->second = wszValue;
+  }
+  bool Lookup(WCHAR const *wszKey, CString &strValue) const {
+    auto const it = m_map.find(std::wstring_view(wszKey));
+    if (it == m_map.end())
+      return false;
+    strValue = it->second;
+    return true;
+  }
+  std::size_t GetCount() const { return m_map.size(); }
+  auto begin() const { return m_map.begin(); }
+  auto end() const { return m_map.end(); }
+
+private:
+  /// Lets a key be looked up without a copy of it.
+  struct Hash : std::hash<std::wstring_view> {
+    using is_transparent = void;
+  };
+  std::unordered_map<std::wstring, std::wstring, Hash, std::equal_to<>> m_map;
+};
+
+/// Bytes of a wide text in a code page, for as long as the object lives. A null text gives none. May throw
+/// std::bad_alloc.
+class CW2A {
+public:
+  explicit CW2A(WCHAR const *wszText, UINT uCodePage = CP_THREAD_ACP) : m_str(Narrow(wszText, uCodePage)) {}
+  CW2A(CW2A const &) = delete;
+  CW2A &operator=(CW2A const &) = delete;
+  operator char const *() const { return m_psz; }
+
+private:
+  static std::string Narrow(WCHAR const *wszText, UINT uCodePage) {
+    int const cb = wszText ? WideCharToMultiByte(uCodePage, 0, wszText, -1, nullptr, 0, nullptr, nullptr) : 0;
+    std::string text(cb > 1 ? static_cast<std::size_t>(cb) - 1 : 0, '\0');
+    if (!text.empty())
+      WideCharToMultiByte(uCodePage, 0, wszText, -1, text.data(), cb, nullptr, nullptr);
+    return text;
+  }
+  std::string m_str;
+
+public:
+  char const *m_psz = m_str.c_str(); ///< Borrowed from the object.
+};

@@ -1,0 +1,91 @@
+// The framework's session classes: session, connection, request file and exception. Thin and portable: written over the
+// functions of WinInet.h alone. They report a failure by throwing CInternetException *, which the catcher deletes.
+#pragma once
+
+#include "framework/CString.h"
+#include "platform/http/WinInet.h"
+
+/// The module's state: the application name is the agent of a session that is given none. Thread: any, set once.
+struct AFX_MODULE_STATE {
+  WCHAR const *m_lpszCurrentAppName;
+};
+SKIFFPORT_PLATFORM_API AFX_MODULE_STATE *AfxGetModuleState();
+
+class SKIFFPORT_PLATFORM_API CInternetException {
+public:
+  explicit CInternetException(DWORD dwError) : m_dwError(dwError) {}
+  /// Writes a sentence that names the cause, cut to `cchText` characters with the terminator. Returns: FALSE for none.
+  BOOL GetErrorMessage(WCHAR *wszText, UINT cchText) const;
+  void Delete() { delete this; }
+
+  DWORD m_dwError; ///< The error number, in the 12000 range for most.
+
+private:
+  ~CInternetException() = default;
+};
+
+/// A reply as a file. Owns its handle.
+class SKIFFPORT_PLATFORM_API CInternetFile {
+public:
+  CInternetFile(CInternetFile const &) = delete;
+  CInternetFile &operator=(CInternetFile const &) = delete;
+  virtual ~CInternetFile();
+  BOOL SetOption(DWORD dwOption, void *pValue, DWORD dwLength, DWORD dwFlags = 0);
+  /// Bytes that can be had now; waits for the first one. 0 at the end and on failure. Does not throw.
+  std::uint64_t GetLength() const;
+  /// Reads up to `nCount` bytes; fewer only at the end. Throws when the connection fails.
+  UINT Read(void *pBuffer, UINT nCount);
+
+protected:
+  explicit CInternetFile(HINTERNET hFile) : m_hFile(hFile) {}
+  HINTERNET m_hFile;
+};
+
+class SKIFFPORT_PLATFORM_API CHttpFile : public CInternetFile {
+public:
+  /// Sends the request and waits for the reply's headers. Throws on failure; FALSE for a failure without an error
+  /// number.
+  BOOL SendRequest(WCHAR const *wszHeaders = nullptr, DWORD dwHeadersLength = 0, void const *pBody = nullptr,
+                   DWORD dwBodyLength = 0);
+  /// The header's text; left empty, with FALSE, when it is absent.
+  BOOL QueryInfo(DWORD dwInfoLevel, CString &strText) const;
+
+private:
+  friend class CHttpConnection;
+  using CInternetFile::CInternetFile;
+};
+
+class SKIFFPORT_PLATFORM_API CHttpConnection {
+public:
+  enum Verb { HTTP_VERB_POST = 0, HTTP_VERB_GET = 1 };
+  CHttpConnection(CHttpConnection const &) = delete;
+  CHttpConnection &operator=(CHttpConnection const &) = delete;
+  virtual ~CHttpConnection();
+  /// Makes a request, which the caller owns. Adds INTERNET_FLAG_SECURE at port 443. Throws on failure.
+  CHttpFile *OpenRequest(int nVerb, WCHAR const *wszObject, WCHAR const *wszReferrer, DWORD_PTR dwContext,
+                         WCHAR const **pwszAcceptTypes, WCHAR const *wszVersion, DWORD dwFlags);
+
+private:
+  friend class CInternetSession;
+  CHttpConnection(HINTERNET hConnection, INTERNET_PORT nPort) : m_hConnection(hConnection), m_nPort(nPort) {}
+  HINTERNET m_hConnection;
+  INTERNET_PORT m_nPort;
+};
+
+class SKIFFPORT_PLATFORM_API CInternetSession {
+public:
+  /// A null agent stands for the module's application name. Throws on failure.
+  CInternetSession(WCHAR const *wszAgent, DWORD_PTR dwContext, DWORD dwAccessType, WCHAR const *wszProxy,
+                   WCHAR const *wszBypass, DWORD dwFlags);
+  CInternetSession(CInternetSession const &) = delete;
+  CInternetSession &operator=(CInternetSession const &) = delete;
+  virtual ~CInternetSession();
+  BOOL SetOption(DWORD dwOption, DWORD dwValue, DWORD dwFlags = 0);
+  /// Names the server; the caller owns the connection. Throws on failure.
+  CHttpConnection *GetHttpConnection(WCHAR const *wszServer, INTERNET_PORT nPort, WCHAR const *wszUser,
+                                     WCHAR const *wszPassword);
+  void Close();
+
+private:
+  HINTERNET m_hSession;
+};

@@ -1,0 +1,46 @@
+// A table that stands between handles and objects: a handle is a number that is never used again, so a stale one is an
+// error and not a pointer. Safe from any thread.
+#pragma once
+
+#include "platform/base/Fork.h"
+#include "platform/base/Types.h"
+
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+
+template <class Object> class HandleTable {
+public:
+  /// The first handle's value; the others follow in steps of 4.
+  explicit HandleTable(std::uintptr_t uFirst) : m_uNext(uFirst) { HoldAcrossFork(m_mutex); }
+
+  /// May throw std::bad_alloc.
+  void *Add(std::shared_ptr<Object> object) {
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    std::uintptr_t const handle = m_uNext;
+    m_objects.emplace(handle, std::move(object));
+    m_uNext += 4;
+    return reinterpret_cast<void *>(handle);
+  }
+  /// Null for a handle that is not, or no longer, in the table.
+  std::shared_ptr<Object> Find(void const *handle) const {
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    auto const it = m_objects.find(reinterpret_cast<std::uintptr_t>(handle));
+    return it == m_objects.end() ? nullptr : it->second;
+  }
+  /// Takes the object out; null if another call was first.
+  std::shared_ptr<Object> Remove(void const *handle) {
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    auto const it = m_objects.find(reinterpret_cast<std::uintptr_t>(handle));
+    if (it == m_objects.end())
+      return nullptr;
+    std::shared_ptr<Object> object = std::move(it->second);
+    m_objects.erase(it);
+    return object;
+  }
+
+private:
+  mutable std::mutex m_mutex;
+  std::unordered_map<std::uintptr_t, std::shared_ptr<Object>> m_objects;
+  std::uintptr_t m_uNext;
+};

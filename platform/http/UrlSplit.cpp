@@ -1,0 +1,123 @@
+// The URL split of WinInet.h. Pure text work, any thread.
+#include "platform/base/LastError.h"
+#include "platform/base/Seam.h"
+#include "platform/http/WinInet.h"
+
+#include <algorithm>
+#include <charconv>
+#include <string_view>
+
+#include <strings.h>
+
+namespace {
+
+struct Scheme {
+  std::string_view name;
+  INTERNET_SCHEME nScheme;
+  INTERNET_PORT nPort;
+};
+constexpr Scheme kSchemes[] = {{"http", INTERNET_SCHEME_HTTP, INTERNET_DEFAULT_HTTP_PORT},
+                               {"https", INTERNET_SCHEME_HTTPS, INTERNET_DEFAULT_HTTPS_PORT}};
+
+struct Parts {
+  std::string_view scheme, user, password, host, path, extra;
+  INTERNET_SCHEME nScheme = INTERNET_SCHEME_UNKNOWN;
+  INTERNET_PORT nPort = 0;
+};
+
+/// Cuts the text before the position off its front; all of it for npos.
+std::string_view Cut(std::string_view &text, std::size_t position) {
+  std::string_view const front = text.substr(0, position);
+  text.remove_prefix(front.size());
+  return front;
+}
+
+bool IsScheme(std::string_view text) {
+  auto const isAlpha = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+  auto const isInner = [&](char c) { return isAlpha(c) || (c >= '0' && c <= '9') || c == '+' || c == '-' || c == '.'; };
+  return !text.empty() && isAlpha(text.front()) && std::all_of(text.begin(), text.end(), isInner);
+}
+
+void SplitUser(std::string_view &authority, Parts &parts) {
+  std::size_t const at = authority.rfind('@');
+  if (at == authority.npos)
+    return;
+  std::string_view user = Cut(authority, at);
+  authority.remove_prefix(1);
+  parts.user = Cut(user, user.find(':'));
+  parts.password = user.empty() ? user : user.substr(1);
+}
+
+/// Takes the port behind the host. Returns: false for one that is no port number.
+bool SplitPort(std::string_view &authority, Parts &parts) {
+  bool const isLiteral = authority.starts_with('[');
+  std::size_t const colon = authority.find(':', isLiteral ? authority.find(']') : 0);
+  parts.host = Cut(authority, colon);
+  if (isLiteral && !parts.host.ends_with(']'))
+    return false;
+  if (authority.empty())
+    return true;
+  char const *const end = authority.data() + authority.size();
+  auto const [stop, error] = std::from_chars(authority.data() + 1, end, parts.nPort);
+  return error == std::errc() && stop == end && parts.nPort != 0;
+}
+
+DWORD Split(std::string_view url, Parts &parts) {
+  if (url.empty())
+    return ERROR_INVALID_PARAMETER;
+  if (std::any_of(url.begin(), url.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }))
+    return ERROR_INTERNET_INVALID_URL;
+  std::size_t const colon = url.find(':');
+  if (colon == url.npos || !IsScheme(url.substr(0, colon)))
+    return ERROR_INTERNET_UNRECOGNIZED_SCHEME;
+  parts.scheme = Cut(url, colon);
+  for (Scheme const &scheme : kSchemes) {
+    if (scheme.name.size() == colon && strncasecmp(scheme.name.data(), parts.scheme.data(), colon) == 0) {
+      parts.nScheme = scheme.nScheme;
+      parts.nPort = scheme.nPort;
+    }
+  }
+  if (!url.starts_with("://"))
+    return ERROR_INTERNET_INVALID_URL;
+  url.remove_prefix(3);
+  std::string_view authority = Cut(url, url.find_first_of("/?#"));
+  parts.path = Cut(url, url.find_first_of("?#"));
+  parts.extra = url;
+  SplitUser(authority, parts);
+  return SplitPort(authority, parts) && !parts.host.empty() ? ERROR_SUCCESS : ERROR_INTERNET_INVALID_URL;
+}
+
+} // namespace
+
+BOOL InternetCrackUrlA(char const *szUrl, DWORD /*dwUrlLength*/, DWORD /*dwFlags*/, URL_COMPONENTSA *pComponents) {
+  if (FaultAt("InternetCrackUrlA"))
+    return FALSE;
+  Parts parts;
+  DWORD dwError = Split(szUrl ? szUrl : "", parts);
+  URL_COMPONENTSA &out = *pComponents;
+  struct Component {
+    std::string_view text;
+    char *szBuffer;
+    DWORD &dwLength;
+  };
+  Component const components[] = {
+      {parts.scheme, out.lpszScheme, out.dwSchemeLength},   {parts.host, out.lpszHostName, out.dwHostNameLength},
+      {parts.user, out.lpszUserName, out.dwUserNameLength}, {parts.password, out.lpszPassword, out.dwPasswordLength},
+      {parts.path, out.lpszUrlPath, out.dwUrlPathLength},   {parts.extra, out.lpszExtraInfo, out.dwExtraInfoLength}};
+  for (Component const &component : components)
+    if (dwError == ERROR_SUCCESS && component.szBuffer && component.text.size() >= component.dwLength)
+      dwError = ERROR_INSUFFICIENT_BUFFER;
+  if (dwError != ERROR_SUCCESS) {
+    SetLastError(dwError);
+    return FALSE;
+  }
+  for (Component const &component : components) {
+    if (!component.szBuffer)
+      continue;
+    *std::copy(component.text.begin(), component.text.end(), component.szBuffer) = '\0';
+    component.dwLength = static_cast<DWORD>(component.text.size());
+  }
+  out.nScheme = parts.nScheme;
+  out.nPort = parts.nPort;
+  return TRUE;
+}

@@ -1,0 +1,180 @@
+// Files by wide path over open, fstat and read. Any thread; one file handle belongs to one thread at a time.
+#include "platform/system/Files.h"
+
+#include "platform/base/KernelObject.h"
+#include "platform/base/Seam.h"
+#include "platform/system/RegularFile.h"
+#include "platform/text/Utf8.h"
+
+#include <cerrno>
+#include <cwchar>
+#include <new>
+#include <optional>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+struct OpenFile : KernelObject {
+  explicit OpenFile(UniqueFd opened) : fd(std::move(opened)) {}
+  UniqueFd const fd;
+};
+
+/// The path in the file system's bytes; none, with the last error, if no file can have that name.
+std::optional<std::string> NativePath(WCHAR const *wszPath) {
+  std::string path;
+  WCHAR const *p = wszPath ? wszPath : L"";
+  WCHAR const *const pEnd = p + std::wcslen(p);
+  if (p == pEnd) {
+    SetLastError(ERROR_PATH_NOT_FOUND);
+    return std::nullopt;
+  }
+  while (p != pEnd) {
+    char32_t const character = NextCharacter(p, pEnd);
+    if (character < 0x20 || character == 0x7F) {
+      SetLastError(ERROR_INVALID_NAME);
+      return std::nullopt;
+    }
+    if (character >= 0xDC80 && character <= 0xDCFF)
+      path.push_back(static_cast<char>(character - 0xDC00));
+    else
+      EncodeUtf8(character, [&](char byte) { path.push_back(byte); });
+  }
+  return path;
+}
+
+bool HasDirectory(std::string const &path) {
+  auto const uSlash = path.find_last_of('/');
+  struct stat status;
+  return uSlash == std::string::npos || stat(path.substr(0, uSlash + 1).c_str(), &status) == 0;
+}
+
+struct FileErrorRow {
+  int nErrno;
+  DWORD dwError;
+};
+constexpr FileErrorRow kFileErrors[] = {
+    {ENOTDIR, ERROR_PATH_NOT_FOUND},     {ENAMETOOLONG, ERROR_INVALID_NAME},  {ENOMEM, ERROR_NOT_ENOUGH_MEMORY},
+    {EMFILE, ERROR_TOO_MANY_OPEN_FILES}, {ENFILE, ERROR_TOO_MANY_OPEN_FILES}, {ELOOP, ERROR_INVALID_NAME},
+    {EILSEQ, ERROR_INVALID_NAME},
+};
+
+/// The error number for a path that could not be opened or looked up; all the rest counts as access denied.
+DWORD FileError(int nErrno, std::string const &path) {
+  if (nErrno == ENOENT)
+    return HasDirectory(path) ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
+  for (FileErrorRow const &row : kFileErrors)
+    if (row.nErrno == nErrno)
+      return row.dwError;
+  return ERROR_ACCESS_DENIED;
+}
+
+} // namespace
+
+UniqueFd OpenRegularFile(char const *szPath) {
+  UniqueFd fd;
+  do
+    fd = UniqueFd(open(szPath, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  while (!fd && errno == EINTR);
+  struct stat status;
+  if (!fd || fstat(fd.Get(), &status) != 0)
+    return {};
+  if (S_ISREG(status.st_mode))
+    return fd;
+  errno = EISDIR;
+  return {};
+}
+
+ssize_t ReadFully(int fd, void *pBuffer, std::size_t cb) {
+  std::size_t cbDone = 0;
+  while (cbDone < cb) {
+    ssize_t const cbRead = read(fd, static_cast<char *>(pBuffer) + cbDone, cb - cbDone);
+    if (cbRead == 0)
+      break;
+    if (cbRead > 0)
+      cbDone += static_cast<std::size_t>(cbRead);
+    else if (errno != EINTR)
+      return -1;
+  }
+  return static_cast<ssize_t>(cbDone);
+}
+
+HANDLE CreateFileW(WCHAR const *wszPath, DWORD dwAccess, DWORD /*dwShare*/, void *pSecurity, DWORD dwDisposition,
+                   DWORD dwFlags, HANDLE hTemplate) try {
+  if (FaultAt("CreateFileW"))
+    return INVALID_HANDLE_VALUE;
+  if (dwAccess != GENERIC_READ || pSecurity || dwDisposition != OPEN_EXISTING || dwFlags != 0 || hTemplate) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return INVALID_HANDLE_VALUE;
+  }
+  auto const path = NativePath(wszPath);
+  if (!path)
+    return INVALID_HANDLE_VALUE;
+  UniqueFd fd = OpenRegularFile(path->c_str());
+  if (!fd) {
+    SetLastError(FileError(errno, *path));
+    return INVALID_HANDLE_VALUE;
+  }
+  HANDLE const hFile = KernelObjects().Add(std::make_shared<OpenFile>(std::move(fd)));
+  SetLastError(ERROR_SUCCESS);
+  return hFile;
+} catch (std::bad_alloc const &) {
+  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  return INVALID_HANDLE_VALUE;
+}
+
+BOOL ReadFile(HANDLE hFile, void *pBuffer, DWORD dwBytes, DWORD *pdwRead, void *pOverlapped) {
+  *pdwRead = 0;
+  if (FaultAt("ReadFile"))
+    return FALSE;
+  if (pOverlapped) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  auto const file = FindKernelObject<OpenFile>(hFile);
+  if (!file)
+    return FALSE;
+  ssize_t const cbRead = ReadFully(file->fd.Get(), pBuffer, dwBytes);
+  if (cbRead < 0) {
+    SetLastError(ERROR_READ_FAULT);
+    return FALSE;
+  }
+  *pdwRead = static_cast<DWORD>(cbRead);
+  return TRUE;
+}
+
+DWORD GetFileSize(HANDLE hFile, DWORD *pdwHigh) {
+  if (FaultAt("GetFileSize"))
+    return INVALID_FILE_SIZE;
+  auto const file = FindKernelObject<OpenFile>(hFile);
+  if (!file)
+    return INVALID_FILE_SIZE;
+  struct stat status;
+  if (fstat(file->fd.Get(), &status) != 0) {
+    SetLastError(ERROR_READ_FAULT);
+    return INVALID_FILE_SIZE;
+  }
+  auto const cb = static_cast<std::uint64_t>(status.st_size);
+  if (pdwHigh)
+    *pdwHigh = static_cast<DWORD>(cb >> 32);
+  if (static_cast<DWORD>(cb) == INVALID_FILE_SIZE)
+    SetLastError(ERROR_SUCCESS);
+  return static_cast<DWORD>(cb);
+}
+
+BOOL PathFileExistsW(WCHAR const *wszPath) try {
+  if (FaultAt("PathFileExistsW"))
+    return FALSE;
+  auto const path = NativePath(wszPath);
+  if (!path)
+    return FALSE;
+  struct stat status;
+  if (stat(path->c_str(), &status) == 0)
+    return TRUE;
+  SetLastError(FileError(errno, *path));
+  return FALSE;
+} catch (std::bad_alloc const &) {
+  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+  return FALSE;
+}

@@ -1,0 +1,75 @@
+// Threads, waiting, the millisecond clock and the critical section.
+#pragma once
+
+#include "platform/base/Types.h"
+
+#include <atomic>
+#include <mutex>
+
+using BOOLEAN = BYTE;
+
+constexpr unsigned CREATE_SUSPENDED = 4;
+constexpr DWORD INFINITE = 0xFFFFFFFF;
+constexpr DWORD WAIT_OBJECT_0 = 0;
+constexpr DWORD WAIT_TIMEOUT = 258;
+constexpr DWORD WAIT_FAILED = 0xFFFFFFFF;
+constexpr DWORD STILL_ACTIVE = 259;
+constexpr DWORD DUPLICATE_SAME_ACCESS = 2;
+
+/// Starts a thread that runs `pfnStart(pArg)`; its result is the exit code. `*puThreadId` is set, and never 0, when the
+/// call returns.
+/// Returns: a handle for WaitForSingleObject, GetExitCodeThread, ResumeThread and CloseHandle; 0 on failure (last
+/// error). Differs: no security attributes, the default stack, flags 0 or CREATE_SUSPENDED.
+SKIFFPORT_PLATFORM_API std::uintptr_t _beginthreadex(void *pSecurity, unsigned uStackSize, unsigned (*pfnStart)(void *),
+                                                     void *pArg, unsigned uFlags, unsigned *puThreadId);
+
+/// Lets a thread that was created suspended run. Returns: the earlier suspend count, or 0xFFFFFFFF.
+SKIFFPORT_PLATFORM_API DWORD ResumeThread(HANDLE hThread);
+
+/// Waits until the thread has ended, at most `dwMilliseconds`.
+/// Returns: WAIT_OBJECT_0, WAIT_TIMEOUT, or WAIT_FAILED for a handle that is no thread of this process.
+/// Differs: threads only. In a forked child a handle of the parent's thread fails at once.
+SKIFFPORT_PLATFORM_API DWORD WaitForSingleObject(HANDLE hThread, DWORD dwMilliseconds);
+
+/// Stores the thread's exit code, or STILL_ACTIVE while it runs.
+SKIFFPORT_PLATFORM_API BOOL GetExitCodeThread(HANDLE hThread, DWORD *pdwExitCode);
+
+/// Closes a handle of _beginthreadex or CreateFileW, once; a thread goes on running. A second close fails with
+/// ERROR_INVALID_HANDLE. Thread: any.
+SKIFFPORT_PLATFORM_API BOOL CloseHandle(HANDLE hObject);
+
+/// Blocks the calling thread for that many ms, punctually: the last 0.3 ms are spent awake. 0 yields the processor.
+SKIFFPORT_PLATFORM_API void Sleep(DWORD dwMilliseconds);
+
+/// The pseudo handle of the calling process, for DuplicateHandle alone.
+inline HANDLE GetCurrentProcess() { return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(-1)); }
+
+/// A second handle to the same object, closed on its own. Errors: FALSE with ERROR_INVALID_HANDLE, or 8.
+/// Differs: within the calling process, with DUPLICATE_SAME_ACCESS and no inheritance.
+SKIFFPORT_PLATFORM_API BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProcess,
+                                            HANDLE *phTarget, DWORD dwAccess, BOOL bInherit, DWORD dwOptions);
+
+/// Milliseconds of a steady clock, modulo 2^32.
+SKIFFPORT_PLATFORM_API DWORD GetTickCount();
+
+/// A lock for state of the whole process: initialised statically and never destroyed. Not recursive.
+/// Differs: exclusive only. From its first use on it is held across each fork, so that a forked child finds it free and
+/// what it guards whole.
+struct SRWLOCK {
+  std::mutex mutex;
+  std::atomic<bool> bHeldAcrossFork = false;
+};
+#define SRWLOCK_INIT                                                                                                   \
+  {}
+SKIFFPORT_PLATFORM_API void AcquireSRWLockExclusive(SRWLOCK *pLock);
+SKIFFPORT_PLATFORM_API BOOLEAN TryAcquireSRWLockExclusive(SRWLOCK *pLock);
+SKIFFPORT_PLATFORM_API void ReleaseSRWLockExclusive(SRWLOCK *pLock);
+
+/// A recursive lock of one process.
+struct CRITICAL_SECTION {
+  std::recursive_mutex mutex;
+};
+inline void InitializeCriticalSection(CRITICAL_SECTION *) {}
+inline void EnterCriticalSection(CRITICAL_SECTION *pSection) { pSection->mutex.lock(); }
+inline void LeaveCriticalSection(CRITICAL_SECTION *pSection) { pSection->mutex.unlock(); }
+inline void DeleteCriticalSection(CRITICAL_SECTION *) {}

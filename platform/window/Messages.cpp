@@ -1,0 +1,328 @@
+// Windows and message queues. A queue belongs to the thread that made it, and closes with it; its windows hold it, so
+// that what was queued can be taken out even then. Every queue's descriptor is readable exactly while messages wait:
+// each change of the queue settles it under the queue's lock, so a loop that runs inside a handler sees it too.
+// A forked child finds the parent's windows and queues, and treats them as not there: their locks may be held by
+// threads that do not exist.
+#include "platform/window/Messages.h"
+
+#include "platform/base/HandleTable.h"
+#include "platform/base/LastError.h"
+#include "platform/base/Seam.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <deque>
+#include <map>
+#include <new>
+#include <string>
+#include <utility>
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace {
+
+struct QueuedMessage {
+  HWND hWnd;
+  WPARAM wParam;
+  LPARAM lParam;
+  std::uint64_t uNumber; // counts the queue's posts
+  UINT uMessage;
+};
+
+/// One thread's queue. Only its thread closes it; the mutex guards everything but the process.
+struct Queue {
+  pid_t const process = CurrentProcess();
+  std::mutex mutex;
+  std::deque<QueuedMessage> messages;
+  std::uint64_t uNextNumber = 0;
+  int nWindows = 0;
+  int fd = -1; // -1 once the thread has ended or given the queue up
+  bool bSignalled = false;
+
+  bool IsOurs() const { return process == CurrentProcess(); }
+  /// Makes the descriptor readable if messages wait, and unreadable if none do. The mutex is held.
+  void SettleDescriptor() {
+    if (fd < 0 || bSignalled == !messages.empty())
+      return;
+    std::uint64_t uCount = 1;
+    if (bSignalled)
+      static_cast<void>(!read(fd, &uCount, sizeof uCount));
+    else
+      static_cast<void>(!write(fd, &uCount, sizeof uCount));
+    bSignalled = !bSignalled;
+  }
+  void Close() {
+    std::lock_guard<std::mutex> const lock(mutex);
+    close(std::exchange(fd, -1));
+  }
+};
+
+/// One window. The queue's mutex guards `bAlive`.
+struct Window {
+  Window(std::shared_ptr<Queue> itsQueue, WNDPROC pfn, LONG_PTR nStyle)
+      : queue(std::move(itsQueue)), pfnWindowProc(pfn), style(nStyle) {}
+
+  std::shared_ptr<Queue> const queue;
+  WNDPROC const pfnWindowProc;
+  std::atomic<LONG_PTR> style;
+  std::atomic<LONG_PTR> userData = 0;
+  bool bAlive = true;
+};
+
+HandleTable<Window> &Windows() {
+  static auto &table = *new HandleTable<Window>(0x10010);
+  return table;
+}
+
+struct ClassTable {
+  ClassTable() { HoldAcrossFork(mutex); }
+  std::mutex mutex;
+  std::map<std::wstring, WNDPROC, std::less<>> classes;
+};
+
+ClassTable &Classes() {
+  static auto &table = *new ClassTable;
+  return table;
+}
+
+/// The calling thread's hold on its queue, which closes when the thread ends.
+class ThreadQueue {
+public:
+  ~ThreadQueue() {
+    if (auto const queue = Ours())
+      queue->Close();
+  }
+  /// Null if the thread has none, or the parent's.
+  std::shared_ptr<Queue> Ours() const { return m_queue && m_queue->IsOurs() ? m_queue : nullptr; }
+  bool IsParents() const { return m_queue && !m_queue->IsOurs(); }
+  /// Makes the queue if there is none, or only the parent's. Null if it can't be made; may throw std::bad_alloc.
+  std::shared_ptr<Queue> Make() {
+    if (Ours())
+      return m_queue;
+    auto queue = std::make_shared<Queue>();
+    queue->fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (queue->fd < 0)
+      return nullptr;
+    m_queue = queue;
+    return queue;
+  }
+  void Drop() {
+    m_queue->Close();
+    m_queue.reset();
+  }
+
+private:
+  std::shared_ptr<Queue> m_queue;
+};
+
+thread_local ThreadQueue t_queue;
+
+/// The window; null, with the last error, for a handle that is none or the parent's.
+std::shared_ptr<Window> FindWindow(HWND hWnd) {
+  auto window = Windows().Find(hWnd);
+  if (window && window->queue->IsOurs())
+    return window;
+  SetLastError(ERROR_INVALID_WINDOW_HANDLE);
+  return nullptr;
+}
+
+template <class Result> Result Fail(DWORD dwError, Result result) {
+  SetLastError(dwError);
+  return result;
+}
+
+/// Takes the next message off the queue if it was posted before number `uEnd`.
+bool TakeNext(Queue &queue, std::uint64_t uEnd, QueuedMessage &message) {
+  std::lock_guard<std::mutex> const lock(queue.mutex);
+  if (queue.messages.empty() || queue.messages.front().uNumber >= uEnd)
+    return false;
+  message = queue.messages.front();
+  queue.messages.pop_front();
+  queue.SettleDescriptor();
+  return true;
+}
+
+/// The attribute that an index names; null for another index.
+std::atomic<LONG_PTR> *Attribute(Window &window, int nIndex) {
+  return nIndex == GWL_STYLE ? &window.style : nIndex == GWLP_USERDATA ? &window.userData : nullptr;
+}
+
+HWND CreateWindowOf(WCHAR const *wszClass, DWORD dwStyle) {
+  WNDPROC pfnWindowProc = nullptr;
+  {
+    std::lock_guard<std::mutex> const lock(Classes().mutex);
+    auto const it = Classes().classes.find(std::wstring_view(wszClass ? wszClass : L""));
+    if (it == Classes().classes.end())
+      return Fail(ERROR_CANNOT_FIND_WND_CLASS, HWND(nullptr));
+    pfnWindowProc = it->second;
+  }
+  auto const queue = t_queue.Make();
+  if (!queue)
+    return Fail(ERROR_NOT_ENOUGH_MEMORY, HWND(nullptr));
+  void *const hWnd = Windows().Add(std::make_shared<Window>(queue, pfnWindowProc, static_cast<LONG_PTR>(dwStyle)));
+  std::lock_guard<std::mutex> const lock(queue->mutex);
+  ++queue->nWindows;
+  return static_cast<HWND>(hWnd);
+}
+
+} // namespace
+
+ATOM RegisterClassExW(WNDCLASSEXW const *pClass) try {
+  if (FaultAt("RegisterClassExW"))
+    return 0;
+  if (!pClass || pClass->cbSize != sizeof *pClass || !pClass->lpfnWndProc || !pClass->lpszClassName)
+    return Fail(ERROR_INVALID_PARAMETER, ATOM(0));
+  std::lock_guard<std::mutex> const lock(Classes().mutex);
+  auto &classes = Classes().classes;
+  if (!classes.emplace(pClass->lpszClassName, pClass->lpfnWndProc).second)
+    return Fail(ERROR_CLASS_ALREADY_EXISTS, ATOM(0));
+  return static_cast<ATOM>(0xC000 + classes.size());
+} catch (std::bad_alloc const &) {
+  return Fail(ERROR_NOT_ENOUGH_MEMORY, ATOM(0));
+}
+
+HWND CreateWindowExW(DWORD /*dwExStyle*/, WCHAR const *wszClass, WCHAR const * /*wszTitle*/, DWORD dwStyle, int /*x*/,
+                     int /*y*/, int /*cx*/, int /*cy*/, HWND hParent, void * /*hMenu*/, void * /*hInstance*/,
+                     void * /*pParam*/) try {
+  if (FaultAt("CreateWindowExW"))
+    return nullptr;
+  if (hParent)
+    return Fail(ERROR_INVALID_PARAMETER, HWND(nullptr));
+  return CreateWindowOf(wszClass, dwStyle);
+} catch (std::bad_alloc const &) {
+  return Fail(ERROR_NOT_ENOUGH_MEMORY, HWND(nullptr));
+}
+
+BOOL DestroyWindow(HWND hWnd) {
+  if (FaultAt("DestroyWindow"))
+    return FALSE;
+  if (!FindWindow(hWnd))
+    return FALSE;
+  auto const window = Windows().Remove(hWnd);
+  if (!window) // another thread was first
+    return Fail(ERROR_INVALID_WINDOW_HANDLE, FALSE);
+  Queue &queue = *window->queue;
+  std::lock_guard<std::mutex> const lock(queue.mutex);
+  window->bAlive = false;
+  --queue.nWindows;
+  std::erase_if(queue.messages, [hWnd](QueuedMessage const &message) { return message.hWnd == hWnd; });
+  queue.SettleDescriptor();
+  return TRUE;
+}
+
+LRESULT DefWindowProcW(HWND /*hWnd*/, UINT /*uMessage*/, WPARAM /*wParam*/, LPARAM /*lParam*/) { return 0; }
+
+LONG_PTR GetWindowLongPtrW(HWND hWnd, int nIndex) {
+  if (FaultAt("GetWindowLongPtrW"))
+    return 0;
+  auto const window = FindWindow(hWnd);
+  if (!window)
+    return 0;
+  std::atomic<LONG_PTR> const *const pAttribute = Attribute(*window, nIndex);
+  return pAttribute ? pAttribute->load() : Fail(ERROR_INVALID_PARAMETER, LONG_PTR(0));
+}
+
+LONG_PTR SetWindowLongPtrW(HWND hWnd, int nIndex, LONG_PTR nValue) {
+  if (FaultAt("SetWindowLongPtrW"))
+    return 0;
+  auto const window = FindWindow(hWnd);
+  if (!window)
+    return 0;
+  std::atomic<LONG_PTR> *const pAttribute = Attribute(*window, nIndex);
+  return pAttribute ? pAttribute->exchange(nValue) : Fail(ERROR_INVALID_PARAMETER, LONG_PTR(0));
+}
+
+HGDIOBJ GetStockObject(int nObject) {
+  static char s_nullBrush; // a brush that paints nothing, for windows that nobody sees
+  return nObject == NULL_BRUSH ? &s_nullBrush : nullptr;
+}
+
+BOOL PostMessageW(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam) try {
+  if (FaultAt("PostMessageW"))
+    return FALSE;
+  auto const window = FindWindow(hWnd);
+  if (!window)
+    return FALSE;
+  Queue &queue = *window->queue;
+  std::lock_guard<std::mutex> const lock(queue.mutex);
+  if (!window->bAlive || queue.fd < 0)
+    return Fail(ERROR_INVALID_WINDOW_HANDLE, FALSE);
+  queue.messages.push_back({hWnd, wParam, lParam, queue.uNextNumber, uMessage});
+  ++queue.uNextNumber;
+  queue.SettleDescriptor();
+  return TRUE;
+} catch (std::bad_alloc const &) {
+  return Fail(ERROR_NOT_ENOUGH_MEMORY, FALSE);
+}
+
+BOOL PeekMessageW(MSG *pMessage, HWND hWnd, UINT uFirst, UINT uLast, UINT uRemove) {
+  if (FaultAt("PeekMessageW"))
+    return FALSE;
+  if (!pMessage || uRemove != PM_REMOVE)
+    return Fail(ERROR_INVALID_PARAMETER, FALSE);
+  auto const window = FindWindow(hWnd);
+  if (!window)
+    return FALSE;
+  Queue &queue = *window->queue;
+  std::lock_guard<std::mutex> const lock(queue.mutex);
+  auto const it = std::find_if(queue.messages.begin(), queue.messages.end(), [&](QueuedMessage const &message) {
+    return message.hWnd == hWnd && message.uMessage >= uFirst && message.uMessage <= uLast;
+  });
+  if (it == queue.messages.end())
+    return FALSE;
+  *pMessage = {it->hWnd, it->uMessage, it->wParam, it->lParam};
+  queue.messages.erase(it);
+  queue.SettleDescriptor();
+  return TRUE;
+}
+
+int MessageQueueDescriptor() try {
+  if (FaultAt("MessageQueueDescriptor"))
+    return -1;
+  auto const queue = t_queue.Make();
+  return queue ? queue->fd : -1;
+} catch (std::bad_alloc const &) {
+  return Fail(ERROR_NOT_ENOUGH_MEMORY, -1);
+}
+
+int PumpMessages(int nLimit) {
+  auto const queue = t_queue.Ours(); // held: a handler may release the thread's queue
+  if (!queue)
+    return 0;
+  std::uint64_t uEnd;
+  {
+    std::lock_guard<std::mutex> const lock(queue->mutex);
+    uEnd = queue->uNextNumber;
+  }
+  int nRan = 0;
+  for (QueuedMessage message; nRan < nLimit && TakeNext(*queue, uEnd, message); ++nRan)
+    if (auto const window = Windows().Find(message.hWnd))
+      window->pfnWindowProc(message.hWnd, message.uMessage, message.wParam, message.lParam);
+  return nRan;
+}
+
+int WaitForMessages(int nMilliseconds) {
+  if (t_queue.IsParents())
+    return 0;
+  pollfd entry = {MessageQueueDescriptor(), POLLIN, 0};
+  if (entry.fd < 0)
+    return 0;
+  int const nReady = poll(&entry, 1, nMilliseconds);
+  return nReady < 0 ? -1 : nReady;
+}
+
+BOOL ReleaseMessageQueue() {
+  auto const queue = t_queue.Ours();
+  if (!queue)
+    return TRUE;
+  {
+    std::lock_guard<std::mutex> const lock(queue->mutex);
+    if (queue->nWindows != 0)
+      return FALSE;
+  }
+  t_queue.Drop();
+  return TRUE;
+}

@@ -1,0 +1,308 @@
+// The document object model's objects. Each holds the tree it points into, so that a node outlives its document. One
+// thread at a time works with a document; different documents are independent.
+#include "platform/xml/XmlDom.h"
+
+#include "platform/base/LastError.h"
+#include "platform/base/Seam.h"
+#include "platform/text/CodePages.h"
+#include "platform/text/Utf8.h"
+#include "platform/xml/XmlTree.h"
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstring>
+#include <cwchar>
+#include <memory>
+#include <new>
+#include <vector>
+
+CLSID const CLSID_DOMDocument = {0x2933BF90, 0x7B36, 0x11D2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
+IID const IID_IXMLDOMDocument = {0x2933BF81, 0x7B36, 0x11D2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
+
+namespace {
+
+constexpr HRESULT E_NOINTERFACE = static_cast<HRESULT>(0x80004002U);
+constexpr HRESULT CLASS_E_NOAGGREGATION = static_cast<HRESULT>(0x80040110U);
+constexpr HRESULT REGDB_E_CLASSNOTREG = static_cast<HRESULT>(0x80040154U);
+
+/// The result for a failure that a test asked for.
+HRESULT FaultResult() {
+  auto const nError = static_cast<HRESULT>(GetLastError());
+  return nError < 0 ? nError : static_cast<HRESULT>(0x80070000U | (static_cast<DWORD>(nError) & 0xFFFF));
+}
+
+/// A new string of the UTF-8 text's characters.
+BSTR AllocString(std::string_view text) {
+  std::unique_ptr<WCHAR[]> wide(new WCHAR[text.size() + 1]);
+  std::size_t cch = 0;
+  for (; cch < text.size() && static_cast<unsigned char>(text[cch]) < 0x80; ++cch)
+    wide[cch] = static_cast<WCHAR>(text[cch]); // most are short: one pass of single steps is the fastest
+  text.remove_prefix(cch);
+  if (!text.empty())
+    cch += static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                        wide.get() + cch, static_cast<int>(text.size())));
+  wide[cch] = 0;
+  return wide.release();
+}
+
+// --- Paths ---------------------------------------------------------------------------------------------------------
+
+/// Whether the text is a name, perhaps after a prefix and a colon. Beyond ASCII everything counts as a letter: no
+/// document holds a name that is none.
+bool IsName(std::string_view text) {
+  auto const isLetter = [](unsigned char c) { return c >= 0x80 || c == '_' || unsigned(c | 0x20) - 'a' < 26; };
+  bool bStarts = true;
+  int nColons = 0;
+  for (unsigned char const c : text) {
+    if (bStarts ? !isLetter(c)
+                : !isLetter(c) && unsigned(c) - '0' > 9 &&
+                      std::string_view("-.:").find(static_cast<char>(c)) == std::string_view::npos)
+      return false;
+    bStarts = c == ':';
+    nColons += bStarts;
+  }
+  return !bStarts && nColons <= 1;
+}
+
+/// The steps of a path of element names; none if it is no such path.
+std::vector<std::string> PathSteps(std::string const &path) {
+  std::vector<std::string> steps;
+  for (std::size_t uStart = 0; uStart <= path.size();) {
+    std::size_t const uEnd = std::min(path.find('/', uStart), path.size());
+    steps.push_back(path.substr(uStart, uEnd - uStart));
+    if (!IsName(steps.back()))
+      return {};
+    uStart = uEnd + 1;
+  }
+  return steps;
+}
+
+// --- The objects ---------------------------------------------------------------------------------------------------
+
+/// Runs the body and turns a shortage of memory into its result.
+template <class Body> HRESULT Guarded(Body const &body) try { return body(); } catch (std::bad_alloc const &) {
+  return E_OUTOFMEMORY;
+}
+
+template <class Interface> class Counted : public Interface {
+public:
+  ULONG AddRef() final { return ++m_uReferences; }
+  ULONG Release() final {
+    ULONG const uLeft = --m_uReferences;
+    if (uLeft == 0)
+      delete this;
+    return uLeft;
+  }
+
+protected:
+  virtual ~Counted() = default;
+
+private:
+  std::atomic<ULONG> m_uReferences = 1;
+};
+
+/// A node, or the document, of a tree that is kept alive.
+struct Place {
+  std::shared_ptr<XmlTree const> tree;
+  XmlTree::Index uNode;
+};
+
+HRESULT StoreNode(Place place, IXMLDOMNode **ppNode);
+
+class AttributeMap final : public Counted<IXMLDOMNamedNodeMap> {
+public:
+  explicit AttributeMap(Place element) : m_element(std::move(element)) {}
+
+  HRESULT getNamedItem(BSTR bstrName, IXMLDOMNode **ppNode) override {
+    if (!bstrName || !ppNode)
+      return E_INVALIDARG;
+    *ppNode = nullptr;
+    return Guarded([&] {
+      XmlTree const &tree = *m_element.tree;
+      return StoreNode({m_element.tree, tree.FindAttribute(m_element.uNode, Utf8FromWide(bstrName))}, ppNode);
+    });
+  }
+
+private:
+  Place const m_element;
+};
+
+/// What a node and a document have in common.
+template <class Interface> class NodeOf : public Counted<Interface> {
+public:
+  HRESULT get_nodeName(BSTR *pbstrName) override {
+    if (!pbstrName)
+      return E_INVALIDARG;
+    *pbstrName = nullptr;
+    return Guarded([&] {
+      *pbstrName = AllocString(Tree().Name(m_place.uNode));
+      return S_OK;
+    });
+  }
+  HRESULT get_nodeValue(VARIANT *pValue) override {
+    if (!pValue)
+      return E_INVALIDARG;
+    *pValue = {VT_NULL, nullptr};
+    DOMNodeType const type = Tree().Type(m_place.uNode);
+    if (type == NODE_DOCUMENT || type == NODE_ELEMENT)
+      return S_FALSE;
+    return Guarded([&] {
+      BSTR const bstrValue = AllocString(Tree().Value(m_place.uNode));
+      *pValue = {VT_BSTR, bstrValue};
+      return S_OK;
+    });
+  }
+  HRESULT get_nodeType(DOMNodeType *pType) override {
+    if (!pType)
+      return E_INVALIDARG;
+    *pType = Tree().Type(m_place.uNode);
+    return S_OK;
+  }
+  HRESULT get_firstChild(IXMLDOMNode **ppChild) override {
+    return ppChild ? StoreNode({m_place.tree, Tree().FirstChild(m_place.uNode)}, ppChild) : E_INVALIDARG;
+  }
+  HRESULT get_nextSibling(IXMLDOMNode **ppSibling) override {
+    return ppSibling ? StoreNode({m_place.tree, Tree().NextSibling(m_place.uNode)}, ppSibling) : E_INVALIDARG;
+  }
+  HRESULT get_attributes(IXMLDOMNamedNodeMap **ppAttributes) override {
+    if (!ppAttributes)
+      return E_INVALIDARG;
+    *ppAttributes = nullptr;
+    if (Tree().Type(m_place.uNode) != NODE_ELEMENT)
+      return S_FALSE;
+    *ppAttributes = new (std::nothrow) AttributeMap(m_place);
+    return *ppAttributes ? S_OK : E_OUTOFMEMORY;
+  }
+  HRESULT get_text(BSTR *pbstrText) override {
+    if (!pbstrText)
+      return E_INVALIDARG;
+    *pbstrText = nullptr;
+    if (FaultAt("get_text"))
+      return FaultResult();
+    return Guarded([&] {
+      std::string store;
+      *pbstrText = AllocString(Tree().Text(m_place.uNode, store));
+      return S_OK;
+    });
+  }
+  HRESULT selectSingleNode(BSTR bstrPath, IXMLDOMNode **ppNode) override {
+    if (!ppNode)
+      return E_INVALIDARG;
+    *ppNode = nullptr;
+    if (FaultAt("selectSingleNode"))
+      return FaultResult();
+    if (!bstrPath)
+      return E_INVALIDARG;
+    return Guarded([&] {
+      std::vector<std::string> const steps = PathSteps(Utf8FromWide(bstrPath));
+      return steps.empty() ? E_FAIL : StoreNode({m_place.tree, Tree().FindByPath(m_place.uNode, steps)}, ppNode);
+    });
+  }
+
+protected:
+  explicit NodeOf(Place place) : m_place(std::move(place)) {}
+
+  XmlTree const &Tree() const { return *m_place.tree; }
+
+  Place m_place;
+};
+
+class Node final : public NodeOf<IXMLDOMNode> {
+public:
+  explicit Node(Place place) : NodeOf(std::move(place)) {}
+};
+
+class Document final : public NodeOf<IXMLDOMDocument> {
+public:
+  explicit Document(std::shared_ptr<XmlTree const> const &empty)
+      : NodeOf({empty, XmlTree::kDocument}), m_empty(empty) {}
+
+  HRESULT loadXML(BSTR bstrXml, VARIANT_BOOL *pbSuccess) override {
+    m_place.tree = m_empty;
+    if (pbSuccess)
+      *pbSuccess = 0;
+    return Guarded([&] {
+      auto tree = XmlTree::Parse(bstrXml ? bstrXml : L"");
+      if (!tree)
+        return S_FALSE;
+      m_place.tree = std::move(tree);
+      if (pbSuccess)
+        *pbSuccess = -1;
+      return S_OK;
+    });
+  }
+
+private:
+  std::shared_ptr<XmlTree const> const m_empty;
+};
+
+/// S_OK with a new object for the place, S_FALSE with null for none.
+HRESULT StoreNode(Place place, IXMLDOMNode **ppNode) {
+  *ppNode = nullptr;
+  if (place.uNode == XmlTree::kNone)
+    return S_FALSE;
+  *ppNode = new (std::nothrow) Node(std::move(place));
+  return *ppNode ? S_OK : E_OUTOFMEMORY;
+}
+
+bool IsSame(GUID const &a, GUID const &b) { return std::memcmp(&a, &b, sizeof a) == 0; }
+
+thread_local int t_nInitialised = 0;
+
+} // namespace
+
+HRESULT CoInitialize(void * /*pReserved*/) { return t_nInitialised++ == 0 ? S_OK : S_FALSE; }
+
+void CoUninitialize() {
+  if (t_nInitialised > 0)
+    --t_nInitialised;
+}
+
+HRESULT CoCreateInstance(CLSID const &clsid, IUnknown *pOuter, DWORD /*dwContext*/, IID const &iid, void **ppObject) {
+  if (!ppObject)
+    return E_INVALIDARG;
+  *ppObject = nullptr;
+  if (FaultAt("CoCreateInstance"))
+    return FaultResult();
+  if (pOuter)
+    return CLASS_E_NOAGGREGATION;
+  if (!IsSame(clsid, CLSID_DOMDocument))
+    return REGDB_E_CLASSNOTREG;
+  if (!IsSame(iid, IID_IXMLDOMDocument))
+    return E_NOINTERFACE;
+  return Guarded([&] {
+    *ppObject = static_cast<IXMLDOMDocument *>(new Document(std::make_shared<XmlTree>()));
+    return S_OK;
+  });
+}
+
+BSTR SysAllocString(WCHAR const *wszText) {
+  if (!wszText)
+    return nullptr;
+  std::size_t const cch = std::wcslen(wszText) + 1;
+  BSTR const bstrText = new (std::nothrow) WCHAR[cch];
+  if (bstrText)
+    std::wmemcpy(bstrText, wszText, cch);
+  return bstrText;
+}
+
+BSTR CComBSTR::Widened(char const *szText) {
+  if (!szText)
+    return nullptr;
+  std::size_t const cb = std::strlen(szText) + 1; // no character set makes more characters than bytes
+  BSTR const bstrText = cb > INT_MAX ? nullptr : new (std::nothrow) WCHAR[cb];
+  if (bstrText &&
+      MultiByteToWideChar(CP_THREAD_ACP, 0, szText, static_cast<int>(cb), bstrText, static_cast<int>(cb)) == 0)
+    *bstrText = 0;
+  return bstrText;
+}
+
+void SysFreeString(BSTR bstrText) { delete[] bstrText; }
+
+HRESULT VariantClear(VARIANT *pValue) {
+  if (pValue->vt == VT_BSTR)
+    SysFreeString(pValue->bstrVal);
+  *pValue = {VT_EMPTY, nullptr};
+  return S_OK;
+}

@@ -1,0 +1,150 @@
+// The XML document object model, as far as replies are read with it, and the COM calls and holders that go with it.
+// A document and its nodes belong to one thread at a time.
+#pragma once
+
+#include "platform/base/Types.h"
+
+#include <utility>
+
+using BSTR = WCHAR *;
+using VARIANT_BOOL = std::int16_t;
+using VARTYPE = WORD;
+constexpr VARTYPE VT_EMPTY = 0;
+constexpr VARTYPE VT_NULL = 1;
+constexpr VARTYPE VT_BSTR = 8;
+constexpr DWORD CLSCTX_INPROC_SERVER = 1;
+constexpr DWORD CLSCTX_ALL = 23;
+
+struct VARIANT {
+  VARTYPE vt;
+  BSTR bstrVal;
+};
+
+enum DOMNodeType {
+  NODE_ELEMENT = 1,
+  NODE_TEXT = 3,
+  NODE_CDATA_SECTION = 4,
+  NODE_PROCESSING_INSTRUCTION = 7,
+  NODE_COMMENT = 8,
+  NODE_DOCUMENT = 9,
+  NODE_ATTRIBUTE = 2
+};
+
+struct IUnknown {
+  virtual ULONG AddRef() = 0;
+  virtual ULONG Release() = 0;
+
+protected:
+  ~IUnknown() = default;
+};
+
+struct IXMLDOMNamedNodeMap;
+
+/// Getters return S_OK with a new reference or string that the caller releases, S_FALSE with null where there is none,
+/// and a negative HRESULT on failure. White space between elements is no child unless xml:space keeps it.
+/// Differs: the XML declaration is no child either.
+struct IXMLDOMNode : IUnknown {
+  virtual HRESULT get_nodeName(BSTR *pbstrName) = 0;
+  virtual HRESULT get_nodeValue(VARIANT *pValue) = 0;
+  virtual HRESULT get_nodeType(DOMNodeType *pType) = 0;
+  virtual HRESULT get_firstChild(IXMLDOMNode **ppChild) = 0;
+  virtual HRESULT get_nextSibling(IXMLDOMNode **ppSibling) = 0;
+  virtual HRESULT get_attributes(IXMLDOMNamedNodeMap **ppAttributes) = 0;
+  /// All descendants' text and CDATA in order, outer white space trimmed. Between child elements and what is in
+  /// them, white space alone counts as one blank; an element without child elements gives its text as it stands.
+  virtual HRESULT get_text(BSTR *pbstrText) = 0;
+  /// The first node at a path of element names divided by "/", relative to this node; names compare exactly.
+  /// S_OK with the node, S_FALSE with null for no match, negative for a query that failed. Differs: no other XPath.
+  virtual HRESULT selectSingleNode(BSTR bstrPath, IXMLDOMNode **ppNode) = 0;
+
+protected:
+  ~IXMLDOMNode() = default;
+};
+
+struct IXMLDOMNamedNodeMap : IUnknown {
+  virtual HRESULT getNamedItem(BSTR bstrName, IXMLDOMNode **ppNode) = 0;
+
+protected:
+  ~IXMLDOMNamedNodeMap() = default;
+};
+
+struct IXMLDOMDocument : IXMLDOMNode {
+  /// Replaces the document by the parsed text, up to its first zero. A text that does not parse, holds a DOCTYPE or has
+  /// more than 8 * 1024 * 1024 characters leaves it empty (S_FALSE); so does one for which the parser would need more
+  /// than 64 MiB (E_OUTOFMEMORY). The encoding that the text declares plays no part. `*pbSuccess` may be asked for or
+  /// not (null).
+  virtual HRESULT loadXML(BSTR bstrXml, VARIANT_BOOL *pbSuccess) = 0;
+
+protected:
+  ~IXMLDOMDocument() = default;
+};
+
+extern SKIFFPORT_PLATFORM_API CLSID const CLSID_DOMDocument;
+extern SKIFFPORT_PLATFORM_API IID const IID_IXMLDOMDocument;
+
+SKIFFPORT_PLATFORM_API HRESULT CoInitialize(void *pReserved);
+SKIFFPORT_PLATFORM_API void CoUninitialize();
+/// Makes an empty document. Differs: CLSID_DOMDocument with IID_IXMLDOMDocument only; no prior CoInitialize is needed.
+SKIFFPORT_PLATFORM_API HRESULT CoCreateInstance(CLSID const &clsid, IUnknown *pOuter, DWORD dwContext, IID const &iid,
+                                                void **ppObject);
+
+/// A new string that the caller frees with SysFreeString; null if memory is short or the text is null.
+SKIFFPORT_PLATFORM_API BSTR SysAllocString(WCHAR const *wszText);
+SKIFFPORT_PLATFORM_API void SysFreeString(BSTR bstrText);
+SKIFFPORT_PLATFORM_API HRESULT VariantClear(VARIANT *pValue);
+
+/// Holds one reference to a COM object.
+template <class T> class CComPtr {
+public:
+  CComPtr() = default;
+  CComPtr(CComPtr &&other) noexcept : p(std::exchange(other.p, nullptr)) {}
+  CComPtr &operator=(CComPtr &&other) noexcept {
+    std::swap(p, other.p);
+    return *this;
+  }
+  ~CComPtr() {
+    if (p)
+      p->Release();
+  }
+  /// For an out parameter; what was held is released first.
+  T **operator&() {
+    if (p)
+      std::exchange(p, nullptr)->Release();
+    return &p;
+  }
+  T *operator->() const { return p; }
+  operator T *() const { return p; }
+
+  T *p = nullptr;
+};
+
+/// Owns one BSTR.
+class CComBSTR {
+public:
+  CComBSTR() = default;
+  explicit CComBSTR(WCHAR const *wszText) : m_str(SysAllocString(wszText)) {}
+  /// Widens bytes, up to the first zero, in the calling thread's ANSI code page.
+  explicit CComBSTR(char const *szText) : m_str(Widened(szText)) {}
+  CComBSTR(CComBSTR const &) = delete;
+  CComBSTR &operator=(CComBSTR const &) = delete;
+  ~CComBSTR() { SysFreeString(m_str); }
+  BSTR *operator&() {
+    SysFreeString(std::exchange(m_str, nullptr));
+    return &m_str;
+  }
+  operator BSTR() const { return m_str; }
+
+  BSTR m_str = nullptr;
+
+private:
+  static SKIFFPORT_PLATFORM_API BSTR Widened(char const *szText);
+};
+
+/// Owns one VARIANT.
+class CComVariant : public VARIANT {
+public:
+  CComVariant() : VARIANT{VT_EMPTY, nullptr} {}
+  CComVariant(CComVariant const &) = delete;
+  CComVariant &operator=(CComVariant const &) = delete;
+  ~CComVariant() { VariantClear(this); }
+};

@@ -1,0 +1,130 @@
+// The HTTP interface when something is in the way: calls that block, limits, handles closed under a call.
+#include "tests/cpp/platform/http/http_peer.h"
+
+#include "platform/base/TestSeam.h"
+
+#include <future>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+struct DrivenClock : PlatformTestHooks {
+  explicit DrivenClock(std::function<std::uint64_t()> look) {
+    now = std::move(look);
+    SetPlatformTestHooks(this);
+  }
+  ~DrivenClock() { SetPlatformTestHooks(nullptr); }
+};
+
+enum Doing { Sending, Filling, Reading };
+
+/// A place where an exchange hangs.
+struct Phase {
+  char const *szScenario;
+  INTERNET_PORT nPort;
+  Doing doing;
+  DWORD dwStage; // the status that is told last before it hangs ...
+  int nCount;    // ... that often
+  bool isReceiving;
+};
+Phase const kPhases[] = {
+    {"silent-connect", 80, Sending, INTERNET_STATUS_CONNECTING_TO_SERVER, 1, false},
+    {"silent-tls", 443, Sending, INTERNET_STATUS_CONNECTED_TO_SERVER, 1, false},
+    {"silent-reply", 80, Sending, INTERNET_STATUS_RECEIVING_RESPONSE, 1, true},
+    {"silent-reply --tls good", 443, Sending, INTERNET_STATUS_RECEIVING_RESPONSE, 1, true},
+    {"silent-body --body 'hello world'", 80, Reading, INTERNET_STATUS_RESPONSE_RECEIVED, 1, true},
+    {"stall --window 4096", 80, Filling, INTERNET_STATUS_SENDING_REQUEST, 3, false},
+    {"stall --window 4096 --tls good", 443, Filling, INTERNET_STATUS_SENDING_REQUEST, 3, false},
+};
+
+/// Goes through an exchange that the peer lets hang; returns the error that ended it.
+DWORD GoThrough(Client &client, Doing doing) {
+  DWORD dwError = doing == Filling ? client.Begin(0xFFFFFFFF) : client.Send();
+  std::string bytes(1 << 20, 'b');
+  while (dwError == 0 && doing != Sending)
+    dwError = doing == Filling ? client.Write(bytes) : client.Read(bytes, 100);
+  return dwError;
+}
+
+TEST(HttpFaults, ClosingEndsABlockedCall) {
+  int nTurn = 0;
+  for (Phase const &phase : kPhases) {
+    Peer peer(phase.szScenario);
+    for (int n = 0; n < 2; ++n) {
+      Client client(phase.nPort);
+      auto call = std::async(std::launch::async, [&] { return GoThrough(client, phase.doing); });
+      EXPECT_TRUE(WaitFor([&] { return client.stages.Count(phase.dwStage) >= phase.nCount; })) << phase.szScenario;
+      HINTERNET const handles[] = {client.request, client.connection, client.session};
+      EXPECT_TRUE(InternetCloseHandle(handles[nTurn++ % 3]));
+      ASSERT_EQ(std::future_status::ready, call.wait_for(std::chrono::seconds(10))) << phase.szScenario;
+      DWORD const dwError = call.get();
+      bool const wasBetweenCalls = phase.doing != Sending && dwError == ERROR_INVALID_HANDLE;
+      EXPECT_TRUE(dwError == 12017 || wasBetweenCalls) << phase.szScenario << dwError;
+      EXPECT_EQ(6u, Error(InternetCloseHandle(client.request)));
+    }
+  }
+}
+
+TEST(HttpFaults, TimeLimits) {
+  for (Phase const &phase : kPhases) {
+    Peer peer(phase.szScenario);
+    for (DWORD const dwOption : {0, 5000}) {
+      Client client(phase.nPort, {.dwLimit = dwOption});
+      std::uint64_t const uOwn = phase.doing == Filling ? 30'000 : 60'000;
+      std::uint64_t const uLimit = dwOption != 0 && !phase.isReceiving ? dwOption : uOwn;
+      std::uint64_t uNow = 1'000'000, uBegin = uNow;
+      client.stages.onStage = [&](DWORD dwStatus) {
+        if (dwStatus >= INTERNET_STATUS_SENDING_REQUEST && dwStatus < INTERNET_STATUS_CLOSING_CONNECTION)
+          uBegin = uNow; // the limit for connecting runs from the call's begin
+      };
+      DrivenClock const clock([&] { return uNow += 500; });
+      EXPECT_EQ(12002u, GoThrough(client, phase.doing)) << phase.szScenario;
+      EXPECT_GE(uNow - uBegin, uLimit) << phase.szScenario;
+      EXPECT_LE(uNow - uBegin, uLimit + 40'000) << phase.szScenario; // buffers take a while to fill
+    }
+  }
+}
+
+TEST(HttpFaults, TlsChatterExtendsNoLimit) {
+  Peer peer("update-keys --tls good");
+  Client client(443);
+  std::uint64_t uNow = 1'000'000;
+  DrivenClock const clock([&] { return uNow += 500; });
+  EXPECT_EQ(12002u, client.Send());
+  EXPECT_LE(uNow, 1'000'000u + 320'000u);
+}
+
+TEST(HttpFaults, OneWholeReplyHasALimitThatPausesDoNotUse) {
+  Peer peer("trickle --fill 40 --pause 0.02");
+  Client client(80);
+  ASSERT_EQ(0u, client.Send());
+  std::uint64_t uBase = 1'000'000;
+  int nLooks = 0, nCalls = 0;
+  DrivenClock const clock(
+      [&] { return nLooks++ == 0 ? uBase : uBase + 19'000; }); // a call waits 19 s, whatever it does
+  std::string byte;
+  for (DWORD dwError = 0; dwError == 0; ++nCalls) {
+    uBase += 600'000; // the caller's pause
+    nLooks = 0;
+    dwError = client.Read(byte, 1);
+    EXPECT_TRUE(dwError == 0 || dwError == 12002) << dwError;
+  }
+  EXPECT_EQ(300 / 19 + 1, nCalls);
+}
+
+TEST(HttpFaults, ReplyBodyHasALimit) {
+  Peer peer("flood-body");
+  Client client(80);
+  ASSERT_EQ(0u, client.Send());
+  std::string block;
+  std::size_t read = 0;
+  DWORD dwError = 0;
+  while ((dwError = client.Read(block, 1 << 20)) == 0)
+    read += block.size();
+  EXPECT_EQ(12152u, dwError);
+  EXPECT_LE(read, 64u << 20);
+  EXPECT_GT(read, 63u << 20);
+}
+
+} // namespace

@@ -1,0 +1,146 @@
+// What the tests of the HTTP layer share: a scripted peer as a child process, and a client that goes through a whole
+// exchange.
+#pragma once
+
+#include "platform/base/LastError.h"
+#include "platform/http/WinInet.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+/// Waits for a condition. Returns: false if it did not come about in ten seconds.
+inline bool WaitFor(std::function<bool()> const &condition) {
+  for (int n = 0; n < 5000 && !condition(); ++n)
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  return condition();
+}
+
+inline std::string Content(std::string const &path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+/// The scripted peer's command, and the folder that lives as long as the test program, with its certificates.
+inline std::string const kPeerCommand = "exec /usr/bin/python3 " SKIFFPORT_SOURCE_DIR "/tests/support/peer.py ";
+inline std::string const &Folder() {
+  static struct Temporary {
+    Temporary() {
+      if (!mkdtemp(name.data()) || std::system((kPeerCommand + "certificates --certs " + name).c_str()) != 0)
+        std::abort();
+    }
+    ~Temporary() { std::filesystem::remove_all(name); }
+    std::string name = (std::filesystem::temp_directory_path() / "http_test.XXXXXX").string();
+  } const folder;
+  return folder.name;
+}
+
+/// Runs the scripted peer with these arguments. While it lives, "good.test" leads to it on every port.
+class Peer {
+public:
+  explicit Peer(std::string const &arguments) {
+    std::filesystem::remove(Folder() + "/received");
+    std::filesystem::remove(Folder() + "/port");
+    std::string const command = kPeerCommand + arguments + " --certs " + Folder() + " --record " + Folder() +
+                                "/received > " + Folder() + "/port";
+    m_pipe = popen(command.c_str(), "we");
+    char end = 0;
+    if (!WaitFor([&] { return std::sscanf(Content(Folder() + "/port").c_str(), "port %d%c", &m_port, &end) == 2; }))
+      std::abort();
+    setenv("SKIFFPORT_CONNECT_TO", ("good.test::127.0.0.1:" + std::to_string(m_port)).c_str(), 1);
+    setenv("SSL_CERT_FILE", (Folder() + "/ca.pem").c_str(), 1);
+  }
+  ~Peer() { pclose(m_pipe); }
+  Peer(Peer const &) = delete;
+
+  int Port() const { return m_port; }
+  std::string Received() const { return Content(Folder() + "/received"); }
+
+private:
+  FILE *m_pipe = nullptr;
+  int m_port = 0;
+};
+
+/// Remembers the status callbacks of its request.
+struct Stages {
+  static void Callback(HINTERNET, DWORD_PTR dwContext, DWORD dwStatus, void *, DWORD) {
+    auto &self = *reinterpret_cast<Stages *>(dwContext);
+    std::lock_guard<std::mutex> const lock(self.mutex);
+    ++self.counts[dwStatus];
+    if (self.onStage)
+      self.onStage(dwStatus);
+  }
+  /// How often the status was told.
+  int Count(DWORD dwStatus) {
+    std::lock_guard<std::mutex> const lock(mutex);
+    return counts[dwStatus];
+  }
+
+  std::mutex mutex;
+  std::map<DWORD, int> counts;
+  std::function<void(DWORD)> onStage;
+};
+
+/// The error number of a call, 0 for none.
+inline DWORD Error(BOOL bDone) { return bDone ? ERROR_SUCCESS : GetLastError(); }
+
+struct Options {
+  char const *szHost = "good.test";
+  std::string object = "/x";
+  DWORD dwFlags = 0;
+  DWORD dwLimit = 0; // ms, for connecting and for sending; 0 leaves the layer's own
+};
+
+/// A session, a connection and a request. The calls return their error number.
+struct Client {
+  explicit Client(INTERNET_PORT nPort, Options const &options = {})
+      : session(Prepare(options)),
+        connection(InternetConnectA(session, options.szHost, nPort, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 1)),
+        request(HttpOpenRequestA(connection, "POST", options.object.c_str(), nullptr, nullptr, nullptr, options.dwFlags,
+                                 reinterpret_cast<DWORD_PTR>(&stages))) {}
+  ~Client() { InternetCloseHandle(session); } // and what was made of it
+
+  static HINTERNET Prepare(Options const &options) {
+    HINTERNET const hSession = InternetOpenW(nullptr, 0, nullptr, nullptr, 0);
+    InternetSetStatusCallbackW(hSession, Stages::Callback);
+    DWORD dwLimit = options.dwLimit;
+    for (DWORD const dwOption : {INTERNET_OPTION_CONNECT_TIMEOUT, INTERNET_OPTION_SEND_TIMEOUT})
+      if (dwLimit != 0)
+        InternetSetOptionW(hSession, dwOption, &dwLimit, sizeof dwLimit);
+    return hSession;
+  }
+  DWORD Begin(DWORD dwDeclared) {
+    INTERNET_BUFFERSW buffers{};
+    buffers.dwStructSize = sizeof buffers;
+    buffers.dwBufferTotal = dwDeclared;
+    return Error(HttpSendRequestExW(request, &buffers, nullptr, HSR_INITIATE, 0));
+  }
+  DWORD Write(std::string const &bytes) {
+    DWORD dwWritten = 0;
+    return Error(InternetWriteFile(request, bytes.data(), static_cast<DWORD>(bytes.size()), &dwWritten));
+  }
+  DWORD End() { return Error(HttpEndRequestW(request, nullptr, 0, 0)); }
+  DWORD Send(std::string const &body = "") {
+    return Error(HttpSendRequestW(request, nullptr, 0, body.data(), static_cast<DWORD>(body.size())));
+  }
+  DWORD Read(std::string &bytes, DWORD dwCount) {
+    bytes.resize(dwCount);
+    DWORD dwRead = 0;
+    DWORD const dwError = Error(InternetReadFile(request, bytes.data(), dwCount, &dwRead));
+    bytes.resize(dwRead);
+    return dwError;
+  }
+
+  Stages stages;
+  HINTERNET const session;
+  HINTERNET const connection;
+  HINTERNET const request;
+};

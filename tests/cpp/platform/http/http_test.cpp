@@ -1,0 +1,165 @@
+// The HTTP interface against a peer: when writes go out, the number of each error, and which certificates count.
+#include "tests/cpp/platform/http/http_peer.h"
+#include "tests/cpp/platform/text/thread_locale.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+
+namespace {
+
+std::string const kTls = " --tls good";
+std::string const kMegabyte(1 << 20, 'b');
+constexpr DWORD kLost = 1; // stands for 12030 or 12031: which of them it is, the system's timing decides
+
+void ExpectError(DWORD dwExpected, DWORD dwError, std::string const &context) {
+  bool const isLost = dwError == 12030 || dwError == 12031;
+  EXPECT_EQ(dwExpected, dwExpected == kLost && isLost ? kLost : dwError) << context;
+}
+
+TEST(Http, SmallWritesWaitAndLargeOnesAreOutOnReturn) {
+  std::string const small(4091, 's'), large(300'000, 'L');
+  for (INTERNET_PORT const nPort : {80, 443}) {
+    Peer peer("reply" + (nPort == 443 ? kTls : ""));
+    Client client(nPort);
+    ASSERT_EQ(0u, client.Begin(4 + 4091 + 300'000 + 5));
+    std::size_t head = 0;
+    ASSERT_TRUE(WaitFor([&] { return (head = peer.Received().find("\r\n\r\n") + 4) != 3; }));
+    EXPECT_EQ(0u, client.Write("head"));
+    EXPECT_EQ(0u, client.Write(small));
+    EXPECT_EQ(head, peer.Received().size());
+    EXPECT_EQ(0u, client.Write(large));
+    EXPECT_TRUE(WaitFor([&] { return peer.Received().size() == head + 4095 + 300'000; })); // nobody drives it now
+    EXPECT_EQ(0u, client.Write("tail\n"));
+    EXPECT_EQ(0u, client.End());
+    EXPECT_EQ("head" + small + large + "tail\n", peer.Received().substr(head));
+  }
+}
+
+TEST(Http, WholeRequestLeavesInOneWrite) {
+  for (std::size_t const size : {2, 40'000, 1'000'000}) {
+    std::string const object = "/" + std::string(size, 'o');
+    Peer peer("first-bytes" + kTls);
+    EXPECT_EQ(0u, Client(443, {.object = object}).Send(size == 2 ? "body" : ""));
+    std::string const end = size == 2 ? "Content-Length: 4\r\n\r\nbody" : "Content-Length: 0\r\n\r\n";
+    EXPECT_TRUE(WaitFor([&] { return peer.Received().ends_with(end); })) << size;
+  }
+  EXPECT_EQ(12005u, Client(443, {.object = std::string(2'000'000, 'o')}).Send()) << "too long for libcurl";
+}
+
+TEST(Http, MalformedReplies) {
+  struct Row {
+    char const *szReply;
+    DWORD dwSend, dwRead;
+  };
+  std::string const ok = "HTTP/1.1 200 OK\\r\\n", end = "\\r\\n\\r\\n", chunked = "Transfer-Encoding: chunked" + end;
+  for (Row const &row :
+       {Row{" X: y", 12152, 0}, Row{" X: y", 12152, 0}, Row{"X: a\\0b", 12152, 0}, Row{"Content-Length: -5", 0, 0},
+        Row{"Content-Length: x5", 0, 0}, Row{"Content-Length: 99999999999999999999", 0, 12152}}) {
+    Peer peer("reply --raw '" + ok + row.szReply + end + "body'");
+    for (int n = 0; n < 2; ++n) { // what one exchange leaves behind must not reach the next
+      Client client(80);
+      std::string bytes;
+      EXPECT_EQ(row.dwSend, client.Send()) << row.szReply;
+      EXPECT_EQ(row.dwSend != 0 ? 12019u : row.dwRead, client.Read(bytes, 10)) << row.szReply;
+      EXPECT_EQ("", bytes);
+    }
+  }
+  for (std::string const size : {"zz", "-4", "ffffffffffffffffffff"}) {
+    Peer peer("reply --raw '" + ok + chunked + size + "\\r\\nbody\\r\\n0" + end + "'");
+    Client client(80);
+    std::string bytes;
+    EXPECT_EQ(0u, client.Send());
+    EXPECT_EQ(12152u, client.Read(bytes, 10)) << size;
+  }
+}
+
+TEST(Http, ProxyThatRefusesTheTunnel) {
+  for (std::string const status : {"407", "503"}) {
+    Peer peer("reply --status " + status);
+    setenv("https_proxy", ("http://127.0.0.1:" + std::to_string(peer.Port())).c_str(), 1);
+    EXPECT_EQ(12029u, Client(443).Send()) << status;
+    unsetenv("https_proxy");
+  }
+}
+
+TEST(Http, HostIsCheckedAsItGoesOut) {
+  ThreadLocale const locale("UTF-8"); // international names are mapped in the thread's character set
+  HINTERNET const session = InternetOpenW(nullptr, 0, nullptr, nullptr, 0);
+  for (char const *szHost : {"", "a b", "a/b", "a%41", "a\u00A0b", "a\uFF0Fb", "a\uFF20b", "\u2028"})
+    EXPECT_EQ(12005u, Error(InternetConnectA(session, szHost, 80, nullptr, nullptr, 3, 0, 1) != nullptr)) << szHost;
+  InternetCloseHandle(session);
+  Peer peer("reply");
+  EXPECT_EQ(0u, Client(80, {.szHost = "\uFF47ood.test"}).Send()) << "a full-width g is a g";
+  EXPECT_NE(std::string::npos, peer.Received().find("Host: good.test\r\n"));
+}
+
+TEST(Http, FailedReadOfTheRootsIsThatConnectionsAlone) {
+  Peer peer("reply" + kTls);
+  std::string const roots = Folder() + "/other_ca.pem";
+  std::filesystem::copy_file(Folder() + "/ca.pem", roots);
+  setenv("SSL_CERT_FILE", roots.c_str(), 1);
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  {
+    Client client(443);
+    client.stages.onStage = [&](DWORD dwStatus) {
+      rlimit const none{0, before.rlim_max};
+      if (dwStatus == INTERNET_STATUS_CONNECTED_TO_SERVER)
+        setrlimit(RLIMIT_NOFILE, &none);
+    };
+    EXPECT_EQ(12045u, client.Send());
+  }
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(0u, Client(443).Send());
+}
+
+TEST(Http, SendErrors) {
+  struct Row {
+    std::string scenario;
+    INTERNET_PORT nPort;
+    DWORD dwError;
+  };
+  for (Row const &row : {Row{"close", 80, 12152}, Row{"close" + kTls, 443, 12152}, Row{"close" + kTls, 80, kLost},
+                         Row{"garbage", 80, 12152}, Row{"garbage", 443, 12157}, Row{"flood-headers", 80, 12152},
+                         Row{"reset-send", 80, kLost}, Row{"reset-send" + kTls, 443, kLost}}) {
+    Peer peer(row.scenario);
+    ExpectError(row.dwError, Client(row.nPort).Send(), row.scenario + std::to_string(row.nPort));
+  }
+  EXPECT_EQ(12029u, Client(1, {.szHost = "127.0.0.1"}).Send()) << "nobody listens there";
+  EXPECT_EQ(12007u, Client(80, {.szHost = "nowhere.invalid"}).Send());
+
+  for (INTERNET_PORT const nPort : {80, 443}) {
+    Peer peer("reset-send --after 1000000" + (nPort == 443 ? kTls : ""));
+    Client client(nPort);
+    ASSERT_EQ(0u, client.Begin(64 << 20));
+    DWORD dwError = 0;
+    for (int n = 0; n < 64 && dwError == 0; ++n)
+      dwError = client.Write(kMegabyte);
+    ExpectError(kLost, dwError, "write");
+    ExpectError(kLost, client.Write("more"), "later write");
+    EXPECT_NE(0u, client.End());
+  }
+}
+
+TEST(Http, CertificateFlags) {
+  struct Row {
+    char const *szCertificate;
+    DWORD dwErrors[4]; // with no flag, date, name, both
+  };
+  Row const rows[] = {{"good", {0, 0, 0, 0}},
+                      {"expired", {12037, 0, 12037, 0}},
+                      {"wrong-name", {12038, 12038, 0, 0}},
+                      {"expired-wrong-name", {12037, 12038, 12037, 0}},
+                      {"unknown-issuer", {12045, 12045, 12045, 12045}}};
+  DWORD const dwFlags[] = {0, INTERNET_FLAG_IGNORE_CERT_DATE_INVALID, INTERNET_FLAG_IGNORE_CERT_CN_INVALID,
+                           INTERNET_FLAG_IGNORE_CERT_DATE_INVALID | INTERNET_FLAG_IGNORE_CERT_CN_INVALID};
+  for (Row const &row : rows) {
+    Peer peer(std::string("reply --tls ") + row.szCertificate);
+    for (int n : {3, 0, 1, 2}) { // a lenient request must not open the door for a strict one
+      EXPECT_EQ(row.dwErrors[n], Client(443, {.dwFlags = dwFlags[n]}).Send()) << row.szCertificate << n;
+    }
+  }
+}
+
+} // namespace

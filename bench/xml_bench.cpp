@@ -1,6 +1,7 @@
 // What one reply costs, from its bytes on: loading, the look-ups of a login and the walk that gathers categories. One
 // thread. Takes the reply's file; prints the seconds of processor time, the MiB that the process grew by at most, and
 // the number of the root's children.
+#include "framework/ComTypes.h"
 #include "platform/xml/XmlDom.h"
 
 #include <cstdio>

@@ -32,7 +32,7 @@ public:
   bool operator==(CString const &other) const { return m_str == other.m_str; }
 
 private:
-  static SKIFFPORT_PLATFORM_API std::wstring Widen(char const *szText);
+  static std::wstring Widen(char const *szText);
 
   std::wstring m_str;
 };
@@ -64,27 +64,4 @@ private:
     using is_transparent = void;
   };
   std::unordered_map<std::wstring, std::wstring, Hash, std::equal_to<>> m_map;
-};
-
-/// Bytes of a wide text in a code page, for as long as the object lives. A null text gives none. May throw
-/// std::bad_alloc.
-class CW2A {
-public:
-  explicit CW2A(WCHAR const *wszText, UINT uCodePage = CP_THREAD_ACP) : m_str(Narrow(wszText, uCodePage)) {}
-  CW2A(CW2A const &) = delete;
-  CW2A &operator=(CW2A const &) = delete;
-  operator char const *() const { return m_psz; }
-
-private:
-  static std::string Narrow(WCHAR const *wszText, UINT uCodePage) {
-    int const cb = wszText ? WideCharToMultiByte(uCodePage, 0, wszText, -1, nullptr, 0, nullptr, nullptr) : 0;
-    std::string text(cb > 1 ? static_cast<std::size_t>(cb) - 1 : 0, '\0');
-    if (!text.empty())
-      WideCharToMultiByte(uCodePage, 0, wszText, -1, text.data(), cb, nullptr, nullptr);
-    return text;
-  }
-  std::string m_str;
-
-public:
-  char const *m_psz = m_str.c_str(); ///< Borrowed from the object.
 };

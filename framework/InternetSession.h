@@ -9,9 +9,9 @@
 struct AFX_MODULE_STATE {
   WCHAR const *m_lpszCurrentAppName;
 };
-SKIFFPORT_PLATFORM_API AFX_MODULE_STATE *AfxGetModuleState();
+AFX_MODULE_STATE *AfxGetModuleState();
 
-class SKIFFPORT_PLATFORM_API CInternetException {
+class CInternetException {
 public:
   explicit CInternetException(DWORD dwError) : m_dwError(dwError) {}
   /// Writes a sentence that names the cause, cut to `cchText` characters with the terminator. Returns: FALSE for none.
@@ -25,7 +25,7 @@ private:
 };
 
 /// A reply as a file. Owns its handle.
-class SKIFFPORT_PLATFORM_API CInternetFile {
+class CInternetFile {
 public:
   CInternetFile(CInternetFile const &) = delete;
   CInternetFile &operator=(CInternetFile const &) = delete;
@@ -41,7 +41,7 @@ protected:
   HINTERNET m_hFile;
 };
 
-class SKIFFPORT_PLATFORM_API CHttpFile : public CInternetFile {
+class CHttpFile : public CInternetFile {
 public:
   /// Sends the request and waits for the reply's headers. Throws on failure; FALSE for a failure without an error
   /// number.
@@ -55,7 +55,7 @@ private:
   using CInternetFile::CInternetFile;
 };
 
-class SKIFFPORT_PLATFORM_API CHttpConnection {
+class CHttpConnection {
 public:
   enum Verb { HTTP_VERB_POST = 0, HTTP_VERB_GET = 1 };
   CHttpConnection(CHttpConnection const &) = delete;
@@ -72,7 +72,7 @@ private:
   INTERNET_PORT m_nPort;
 };
 
-class SKIFFPORT_PLATFORM_API CInternetSession {
+class CInternetSession {
 public:
   /// A null agent stands for the module's application name. Throws on failure.
   CInternetSession(WCHAR const *wszAgent, DWORD_PTR dwContext, DWORD dwAccessType, WCHAR const *wszProxy,

@@ -2,8 +2,7 @@
 #include "framework/Wnd.h"
 
 #include "platform/base/LastError.h"
-
-#include <cxxabi.h>
+#include "platform/base/ThreadEnd.h"
 
 namespace {
 
@@ -69,7 +68,7 @@ LRESULT CWnd::DispatchMessage(UINT uMessage, WPARAM wParam, LPARAM lParam) {
       if (pEntry->nMessage == uMessage) {
         try {
           return (this->*pEntry->pfn)(wParam, lParam);
-        } catch (abi::__forced_unwind const &) { // the thread is being ended inside the handler
+        } catch (ThreadEnd const &) { // the thread is being ended inside the handler
           throw;
         } catch (...) {
           return 0;

@@ -28,9 +28,9 @@ struct AFX_MSGMAP {
 
 /// Registers a class for CWnd windows. Returns: its name, which lives as long as the process; null on failure.
 /// Differs: style 0 and no cursor, brush or icon.
-SKIFFPORT_PLATFORM_API WCHAR const *AfxRegisterWndClass(UINT uStyle, void *hCursor, void *hBrush, void *hIcon);
+WCHAR const *AfxRegisterWndClass(UINT uStyle, void *hCursor, void *hBrush, void *hIcon);
 
-class SKIFFPORT_PLATFORM_API CWnd {
+class CWnd {
 public:
   CWnd() = default;
   CWnd(CWnd const &) = delete;

@@ -1,6 +1,7 @@
 // See CUploadProgressProxyWindow.h.
 #include "publish/CUploadProgressProxyWindow.h"
 
+#include "platform/base/Clock.h"
 #include "platform/base/LastError.h"
 #include "platform/system/Threads.h"
 #include "publish/Command.h"

@@ -3,7 +3,9 @@
 
 #include "publish/ExitHook.h"
 
-#include "platform/system/SlimLock.h"
+#include "framework/SlimLock.h"
+#include "platform/base/Clock.h"
+#include "platform/base/Handles.h"
 #include "shell/ScopedGILRelease.h"
 
 #include <cstddef>

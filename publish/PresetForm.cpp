@@ -1,7 +1,7 @@
 // See PresetForm.h.
 #include "publish/PresetForm.h"
 
-#include "framework/CString.h"
+#include "framework/CW2A.h"
 #include "platform/system/Files.h"
 
 #include <memory>

@@ -1,7 +1,7 @@
 // See PyPresetUploader.h: life, start and cancel. What it does with the transfer's calls stands in UploadEvents.cpp.
 #include "publish/PyPresetUploader.h"
 
-#include "framework/CString.h"
+#include "framework/CW2A.h"
 #include "platform/text/Text.h"
 #include "publish/PresetForm.h"
 #include "shell/Trace.h"

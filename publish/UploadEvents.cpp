@@ -2,6 +2,7 @@
 // service's reply. Runs on the owner thread, out of the proxy window; only IsCancelled runs on the upload thread.
 #include "publish/PyPresetUploader.h"
 
+#include "framework/ComTypes.h"
 #include "platform/text/Text.h"
 #include "platform/xml/XmlDom.h"
 #include "reply/UrlText.h"

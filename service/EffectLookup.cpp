@@ -1,8 +1,8 @@
 // The address of a shared effect by its GUID. The interpreter lock is held throughout.
 #include "service/KHLoginData.h"
 
-#include "reply/UrlText.h"
 #include "service/ServiceExchange.h"
+#include "reply/UrlText.h"
 
 #include <new>
 

@@ -1,6 +1,7 @@
 // See KHConnectUtil.h.
 #include "service/KHConnectUtil.h"
 
+#include "framework/CW2A.h"
 #include "platform/base/LastError.h"
 #include "service/ServiceExchange.h"
 #include "shell/ScopedGILRelease.h"

@@ -2,8 +2,8 @@
 #include "service/KHLoginData.h"
 
 #include "framework/InternetSession.h"
-#include "reply/UrlText.h"
 #include "service/ServiceHosts.h"
+#include "reply/UrlText.h"
 #include "shell/Trace.h"
 
 #include <new>

@@ -2,6 +2,7 @@
 // object.
 #include "service/KHLoginData.h"
 
+#include "framework/CW2A.h"
 #include "platform/system/Browser.h"
 #include "service/ServiceExchange.h"
 #include "service/ServiceHosts.h"

@@ -4,10 +4,10 @@
 // which takes each in one piece.
 #include "shell/Trace.h"
 
+#include "platform/text/CodePages.h"
 #include "platform/system/Debug.h"
 #include "platform/system/Registry.h"
-#include "platform/system/SlimLock.h"
-#include "platform/text/CodePages.h"
+#include "framework/SlimLock.h"
 #include "platform/text/Text.h"
 
 #include <atomic>

@@ -1,7 +1,8 @@
 // See MultipartBody.h.
 #include "upload/MultipartBody.h"
 
-#include "framework/CString.h"
+#include "framework/CW2A.h"
+#include "platform/base/Handles.h"
 #include "platform/system/Files.h"
 #include "platform/text/Text.h"
 

@@ -1,5 +1,6 @@
 // See Thread.h.
 #include "upload/Thread.h"
+#include "platform/base/Handles.h"
 
 Thread::~Thread() {
   if (m_hThread)

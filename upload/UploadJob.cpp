@@ -1,8 +1,8 @@
 // See UploadJob.h.
 #include "upload/UploadJob.h"
 
-#include "platform/http/WinInet.h"
 #include "platform/text/CodePages.h"
+#include "platform/http/WinInet.h"
 
 #include <cstring>
 #include <memory>

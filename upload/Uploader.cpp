@@ -2,6 +2,8 @@
 // status, reply. A failed stage abandons the request; nothing is repeated.
 #include "upload/Uploader.h"
 
+#include "platform/base/Clock.h"
+#include "platform/base/Handles.h"
 #include "platform/base/LastError.h"
 #include "platform/system/Files.h"
 #include "upload/MultipartBody.h"

@@ -2,7 +2,6 @@
 // HttpTransfer. Any thread; no exception leaves a function.
 #include "platform/http/WinInet.h"
 
-#include "framework/CString.h"
 #include "platform/base/HandleTable.h"
 #include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
@@ -161,7 +160,7 @@ template <class Work> DWORD OnRequest(HINTERNET handle, Work work) {
 std::string Text(char const *szText) { return szText ? szText : ""; }
 
 /// In the calling thread's ANSI code page, as all text of the wide functions goes out.
-std::string Narrow(WCHAR const *wszText) { return CW2A(wszText).m_psz; }
+std::string Narrow(WCHAR const *wszText) { return AnsiFromWide(wszText ? wszText : L""); }
 
 bool HasControl(std::string_view text) {
   return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; });
@@ -434,8 +433,8 @@ BOOL HttpSendRequestW(HINTERNET hRequest, WCHAR const *wszHeaders, DWORD dwHeade
                       DWORD dwBodyLength) {
   return Call("HttpSendRequestW", [&] {
     return OnRequest(hRequest, [&](Request &request) {
-      std::wstring const headers(std::wstring_view(wszHeaders ? wszHeaders : L"").substr(0, dwHeadersLength));
-      DWORD const dwError = AddHeaders(request.head, Narrow(headers.c_str()));
+      std::wstring_view const headers = wszHeaders ? wszHeaders : L"";
+      DWORD const dwError = AddHeaders(request.head, AnsiFromWide(headers.substr(0, dwHeadersLength)));
       if (dwError != ERROR_SUCCESS)
         return dwError;
       return Send(request, {static_cast<char const *>(pBody), pBody ? dwBodyLength : 0});

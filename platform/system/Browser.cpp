@@ -2,8 +2,8 @@
 // and the host's handling of its children plays no part.
 #include "platform/system/Browser.h"
 
-#include "platform/base/LastError.h"
 #include "platform/system/Detached.h"
+#include "platform/base/LastError.h"
 #include "platform/text/Utf8.h"
 
 #include <algorithm>

@@ -4,8 +4,8 @@
 
 #include "platform/base/HandleTable.h"
 #include "platform/base/LastError.h"
-#include "platform/base/Seam.h"
 #include "platform/system/RegularFile.h"
+#include "platform/base/Seam.h"
 #include "platform/text/Utf8.h"
 
 #include <cstdlib>

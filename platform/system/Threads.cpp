@@ -2,17 +2,14 @@
 // another, so that neither has to wait for the other. Safe from any thread.
 #include "platform/system/Threads.h"
 
+#include "platform/system/Detached.h"
 #include "platform/base/KernelObject.h"
 #include "platform/base/Seam.h"
-#include "platform/system/Detached.h"
 
 #include <chrono>
 #include <condition_variable>
 #include <new>
-#include <system_error>
-#include <thread>
 
-#include <csignal>
 #include <unistd.h>
 
 namespace {
@@ -39,24 +36,6 @@ std::shared_ptr<ThreadRecord> FindThread(HANDLE hThread) {
   return record;
 }
 
-/// Keeps the process's signals from the threads that are created in its scope.
-class SignalsBlocked {
-public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    for (int nFault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT})
-      sigdelset(&all, nFault);
-    pthread_sigmask(SIG_SETMASK, &all, &m_before);
-  }
-  SignalsBlocked(SignalsBlocked const &) = delete;
-  SignalsBlocked &operator=(SignalsBlocked const &) = delete;
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-
-private:
-  sigset_t m_before;
-};
-
 void RunThread(ThreadRecord &record, unsigned (*pfnStart)(void *), void *pArg) {
   {
     std::unique_lock<std::mutex> lock(record.mutex);
@@ -74,21 +53,6 @@ void RunThread(ThreadRecord &record, unsigned (*pfnStart)(void *), void *pArg) {
 }
 
 } // namespace
-
-HandleTable<KernelObject> &KernelObjects() {
-  static auto &table = *new HandleTable<KernelObject>(0x104);
-  return table;
-}
-
-bool StartDetached(std::function<void()> run) try {
-  SignalsBlocked const blocked;
-  std::thread(std::move(run)).detach();
-  return true;
-} catch (std::system_error const &) {
-  return false;
-} catch (std::bad_alloc const &) {
-  return false;
-}
 
 std::uintptr_t _beginthreadex(void *pSecurity, unsigned uStackSize, unsigned (*pfnStart)(void *), void *pArg,
                               unsigned uFlags, unsigned *puThreadId) {
@@ -157,34 +121,6 @@ BOOL GetExitCodeThread(HANDLE hThread, DWORD *pdwExitCode) {
   return TRUE;
 }
 
-BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProcess, HANDLE *phTarget, DWORD /*dwAccess*/,
-                     BOOL bInherit, DWORD dwOptions) try {
-  if (FaultAt("DuplicateHandle"))
-    return FALSE;
-  bool const bOurs = hSourceProcess == GetCurrentProcess() && hTargetProcess == GetCurrentProcess();
-  if (!bOurs || !phTarget || bInherit || dwOptions != DUPLICATE_SAME_ACCESS) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
-  }
-  auto object = FindKernelObject<KernelObject>(hSource);
-  if (!object)
-    return FALSE;
-  *phTarget = KernelObjects().Add(std::move(object));
-  return TRUE;
-} catch (std::bad_alloc const &) {
-  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-  return FALSE;
-}
-
-BOOL CloseHandle(HANDLE hObject) {
-  if (FaultAt("CloseHandle"))
-    return FALSE;
-  if (KernelObjects().Remove(hObject))
-    return TRUE;
-  SetLastError(ERROR_INVALID_HANDLE);
-  return FALSE;
-}
-
 void AcquireSRWLockExclusive(SRWLOCK *pLock) {
   HoldAcrossFork(pLock->mutex, pLock->bHeldAcrossFork);
   pLock->mutex.lock();
@@ -196,7 +132,3 @@ BOOLEAN TryAcquireSRWLockExclusive(SRWLOCK *pLock) {
 }
 
 void ReleaseSRWLockExclusive(SRWLOCK *pLock) { pLock->mutex.unlock(); }
-
-void Sleep(DWORD dwMilliseconds) { SleepMilliseconds(dwMilliseconds); }
-
-DWORD GetTickCount() { return static_cast<DWORD>(SteadyMilliseconds()); }

@@ -1,6 +1,7 @@
-// Threads, waiting, the millisecond clock and the critical section.
+// Threads, waiting for them, and locks.
 #pragma once
 
+#include "platform/base/Handles.h"
 #include "platform/base/Types.h"
 
 #include <atomic>
@@ -14,7 +15,6 @@ constexpr DWORD WAIT_OBJECT_0 = 0;
 constexpr DWORD WAIT_TIMEOUT = 258;
 constexpr DWORD WAIT_FAILED = 0xFFFFFFFF;
 constexpr DWORD STILL_ACTIVE = 259;
-constexpr DWORD DUPLICATE_SAME_ACCESS = 2;
 
 /// Starts a thread that runs `pfnStart(pArg)`; its result is the exit code. `*puThreadId` is set, and never 0, when the
 /// call returns.
@@ -33,24 +33,6 @@ SKIFFPORT_PLATFORM_API DWORD WaitForSingleObject(HANDLE hThread, DWORD dwMillise
 
 /// Stores the thread's exit code, or STILL_ACTIVE while it runs.
 SKIFFPORT_PLATFORM_API BOOL GetExitCodeThread(HANDLE hThread, DWORD *pdwExitCode);
-
-/// Closes a handle of _beginthreadex or CreateFileW, once; a thread goes on running. A second close fails with
-/// ERROR_INVALID_HANDLE. Thread: any.
-SKIFFPORT_PLATFORM_API BOOL CloseHandle(HANDLE hObject);
-
-/// Blocks the calling thread for that many ms, punctually: the last 0.3 ms are spent awake. 0 yields the processor.
-SKIFFPORT_PLATFORM_API void Sleep(DWORD dwMilliseconds);
-
-/// The pseudo handle of the calling process, for DuplicateHandle alone.
-inline HANDLE GetCurrentProcess() { return reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(-1)); }
-
-/// A second handle to the same object, closed on its own. Errors: FALSE with ERROR_INVALID_HANDLE, or 8.
-/// Differs: within the calling process, with DUPLICATE_SAME_ACCESS and no inheritance.
-SKIFFPORT_PLATFORM_API BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProcess,
-                                            HANDLE *phTarget, DWORD dwAccess, BOOL bInherit, DWORD dwOptions);
-
-/// Milliseconds of a steady clock, modulo 2^32.
-SKIFFPORT_PLATFORM_API DWORD GetTickCount();
 
 /// A lock for state of the whole process: initialised statically and never destroyed. Not recursive.
 /// Differs: exclusive only. From its first use on it is held across each fork, so that a forked child finds it free and

@@ -2,7 +2,7 @@
 // C library's wide printf takes %s for narrow and fails on characters that the locale lacks. Any thread, no state.
 #include "platform/text/Text.h"
 
-#include "framework/CString.h"
+#include "platform/text/Utf8.h"
 
 #include <charconv>
 #include <cstdio>
@@ -131,8 +131,7 @@ void PutString(BoundedText &out, Conversion const &conversion, Arguments &argume
   bool const bNarrow = conversion.size == Size::half || (conversion.type == L'S' && conversion.size == Size::plain);
   if (bNarrow) {
     char const *const szText = va_arg(arguments.list, char const *);
-    CString const strWide(szText ? szText : "(null)");
-    PutPadded(out, conversion, strWide.GetString());
+    PutPadded(out, conversion, WideFromAnsi(szText ? szText : "(null)"));
   } else {
     WCHAR const *const wszText = va_arg(arguments.list, WCHAR const *);
     std::size_t const uLimit = static_cast<std::size_t>(conversion.nPrecision); // none: no limit
@@ -288,14 +287,4 @@ int MulDiv(int nNumber, int nNumerator, int nDenominator) {
   long long const nResult = (nProduct < 0 ? nProduct - nHalf : nProduct + nHalf) / nDivisor;
   bool const bFits = nResult >= std::numeric_limits<int>::min() && nResult <= std::numeric_limits<int>::max();
   return bFits ? static_cast<int>(nResult) : -1;
-}
-
-std::wstring CString::Widen(char const *szText) {
-  std::size_t const cb = szText ? std::strlen(szText) : 0;
-  std::wstring strWide(cb, L'\0'); // no character set makes more characters than bytes
-  int const nLength = cb == 0 ? 0
-                              : MultiByteToWideChar(CP_THREAD_ACP, 0, szText, static_cast<int>(cb), strWide.data(),
-                                                    static_cast<int>(cb));
-  strWide.resize(static_cast<std::size_t>(nLength));
-  return strWide;
 }

@@ -82,3 +82,7 @@ std::string Utf8FromWide(std::wstring_view text);
 
 /// What does not decode becomes U+FFFD; `*pbValid`, if asked for, tells whether there was any.
 std::wstring WideFromUtf8(std::string_view text, bool *pbValid = nullptr);
+
+// The same in the calling thread's ANSI code page.
+std::string AnsiFromWide(std::wstring_view text);
+std::wstring WideFromAnsi(std::string_view text);

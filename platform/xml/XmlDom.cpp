@@ -2,9 +2,9 @@
 // thread at a time works with a document; different documents are independent.
 #include "platform/xml/XmlDom.h"
 
+#include "platform/text/CodePages.h"
 #include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
-#include "platform/text/CodePages.h"
 #include "platform/text/Utf8.h"
 #include "platform/xml/XmlTree.h"
 
@@ -284,17 +284,6 @@ BSTR SysAllocString(WCHAR const *wszText) {
   BSTR const bstrText = new (std::nothrow) WCHAR[cch];
   if (bstrText)
     std::wmemcpy(bstrText, wszText, cch);
-  return bstrText;
-}
-
-BSTR CComBSTR::Widened(char const *szText) {
-  if (!szText)
-    return nullptr;
-  std::size_t const cb = std::strlen(szText) + 1; // no character set makes more characters than bytes
-  BSTR const bstrText = cb > INT_MAX ? nullptr : new (std::nothrow) WCHAR[cb];
-  if (bstrText &&
-      MultiByteToWideChar(CP_THREAD_ACP, 0, szText, static_cast<int>(cb), bstrText, static_cast<int>(cb)) == 0)
-    *bstrText = 0;
   return bstrText;
 }
 

@@ -4,8 +4,6 @@
 
 #include "platform/base/Types.h"
 
-#include <utility>
-
 using BSTR = WCHAR *;
 using VARIANT_BOOL = std::int16_t;
 using VARTYPE = WORD;
@@ -92,59 +90,3 @@ SKIFFPORT_PLATFORM_API HRESULT CoCreateInstance(CLSID const &clsid, IUnknown *pO
 SKIFFPORT_PLATFORM_API BSTR SysAllocString(WCHAR const *wszText);
 SKIFFPORT_PLATFORM_API void SysFreeString(BSTR bstrText);
 SKIFFPORT_PLATFORM_API HRESULT VariantClear(VARIANT *pValue);
-
-/// Holds one reference to a COM object.
-template <class T> class CComPtr {
-public:
-  CComPtr() = default;
-  CComPtr(CComPtr &&other) noexcept : p(std::exchange(other.p, nullptr)) {}
-  CComPtr &operator=(CComPtr &&other) noexcept {
-    std::swap(p, other.p);
-    return *this;
-  }
-  ~CComPtr() {
-    if (p)
-      p->Release();
-  }
-  /// For an out parameter; what was held is released first.
-  T **operator&() {
-    if (p)
-      std::exchange(p, nullptr)->Release();
-    return &p;
-  }
-  T *operator->() const { return p; }
-  operator T *() const { return p; }
-
-  T *p = nullptr;
-};
-
-/// Owns one BSTR.
-class CComBSTR {
-public:
-  CComBSTR() = default;
-  explicit CComBSTR(WCHAR const *wszText) : m_str(SysAllocString(wszText)) {}
-  /// Widens bytes, up to the first zero, in the calling thread's ANSI code page.
-  explicit CComBSTR(char const *szText) : m_str(Widened(szText)) {}
-  CComBSTR(CComBSTR const &) = delete;
-  CComBSTR &operator=(CComBSTR const &) = delete;
-  ~CComBSTR() { SysFreeString(m_str); }
-  BSTR *operator&() {
-    SysFreeString(std::exchange(m_str, nullptr));
-    return &m_str;
-  }
-  operator BSTR() const { return m_str; }
-
-  BSTR m_str = nullptr;
-
-private:
-  static SKIFFPORT_PLATFORM_API BSTR Widened(char const *szText);
-};
-
-/// Owns one VARIANT.
-class CComVariant : public VARIANT {
-public:
-  CComVariant() : VARIANT{VT_EMPTY, nullptr} {}
-  CComVariant(CComVariant const &) = delete;
-  CComVariant &operator=(CComVariant const &) = delete;
-  ~CComVariant() { VariantClear(this); }
-};

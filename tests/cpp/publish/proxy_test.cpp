@@ -1,6 +1,6 @@
 // The progress proxy: every call crosses to the owner thread as it was made, and none is lost or leaked.
 #include "platform/base/LastError.h"
-#include "platform/base/TestSeam.h"
+#include "tests/cpp/platform/TestSeam.h"
 #include "publish/CUploadProgressProxyWindow.h"
 #include "publish/PresetForm.h"
 #include "tests/cpp/upload/receiver.h"

@@ -1,5 +1,5 @@
 // The service exchange and the probe: outcomes that Python can't provoke, and the hand-over of the probe's handles.
-#include "platform/base/TestSeam.h"
+#include "tests/cpp/platform/TestSeam.h"
 #include "service/ReachabilityProbe.h"
 #include "service/ServiceExchange.h"
 #include "tests/cpp/platform/http/http_peer.h"

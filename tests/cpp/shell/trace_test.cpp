@@ -1,5 +1,5 @@
 // The trace's switches, its prefix and its lines, read back from standard error.
-#include "platform/base/TestSeam.h"
+#include "tests/cpp/platform/TestSeam.h"
 #include "shell/Trace.h"
 
 #include <gtest/gtest.h>

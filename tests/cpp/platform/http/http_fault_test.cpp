@@ -1,7 +1,7 @@
 // The HTTP interface when something is in the way: calls that block, limits, handles closed under a call.
 #include "tests/cpp/platform/http/http_peer.h"
 
-#include "platform/base/TestSeam.h"
+#include "tests/cpp/platform/TestSeam.h"
 
 #include <future>
 

@@ -1,6 +1,6 @@
 // Windows, queues and the descriptor: order, nesting, ends of windows and threads, and what a forked child sees.
-#include "framework/Wnd.h"
 #include "platform/base/LastError.h"
+#include "framework/Wnd.h"
 
 #include <gtest/gtest.h>
 

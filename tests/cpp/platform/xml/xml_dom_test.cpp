@@ -1,4 +1,5 @@
 // What parses, what a path finds, and what nodes show of their text and children.
+#include "framework/ComTypes.h"
 #include "platform/xml/XmlDom.h"
 
 #include <gtest/gtest.h>

@@ -1,27 +1,16 @@
-// See TestSeam.h and Seam.h.
+// See TestSeam.h and platform/base/Seam.h.
+#include "tests/cpp/platform/TestSeam.h"
+
+#include "platform/base/Clock.h"
 #include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 
 namespace {
 
-/// What an idle processor may take to run a thread whose time has come.
-constexpr std::chrono::microseconds kWakeUpTime(300);
-
 std::atomic<PlatformTestHooks const *> g_pHooks = nullptr;
-
-/// Sleeps somewhat short of the time and waits for the rest awake: the pauses of an upload add up, and with them would
-/// all that each comes late.
-void SleepPunctually(std::chrono::milliseconds time) {
-  using Clock = std::chrono::steady_clock;
-  Clock::time_point const end = Clock::now() + time;
-  std::this_thread::sleep_until(end - kWakeUpTime);
-  while (Clock::now() < end)
-    std::this_thread::yield();
-}
 
 } // namespace
 
@@ -45,8 +34,7 @@ std::uint64_t SteadyMilliseconds() {
   PlatformTestHooks const *const pHooks = g_pHooks;
   if (pHooks && pHooks->now)
     return pHooks->now();
-  using namespace std::chrono;
-  return static_cast<std::uint64_t>(duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
+  return SystemMilliseconds();
 }
 
 void SleepMilliseconds(DWORD ms) {
@@ -56,5 +44,5 @@ void SleepMilliseconds(DWORD ms) {
   else if (ms == 0)
     std::this_thread::yield();
   else
-    SleepPunctually(std::chrono::milliseconds(ms));
+    SleepUntil(std::chrono::steady_clock::now() + std::chrono::milliseconds(ms));
 }

@@ -1,5 +1,5 @@
-// The one place where tests take hold of the platform: time, sleeping, and the failure of a chosen call.
-// Nothing but tests includes this header outside platform/. With no hooks set every check is one atomic load.
+// The tests' seam: hooks for time, sleeping and the failure of a chosen call. With no hooks set, all is as in the
+// product.
 #pragma once
 
 #include "platform/base/Types.h"
@@ -20,4 +20,4 @@ struct PlatformTestHooks {
 
 /// Sets the hooks, which the caller keeps alive; null takes them away. Threads that use the platform meanwhile see
 /// either.
-SKIFFPORT_PLATFORM_API void SetPlatformTestHooks(PlatformTestHooks const *pHooks);
+void SetPlatformTestHooks(PlatformTestHooks const *pHooks);

@@ -1,0 +1,19 @@
+// The millisecond clock and sleeping. Any thread.
+#pragma once
+
+#include "platform/base/Types.h"
+
+#include <chrono>
+
+/// Milliseconds of a steady clock, modulo 2^32.
+SKIFFPORT_PLATFORM_API DWORD GetTickCount();
+
+/// Blocks the calling thread for that many ms, punctually: the last 0.3 ms are spent awake. 0 yields the processor.
+SKIFFPORT_PLATFORM_API void Sleep(DWORD dwMilliseconds);
+
+// For the platform's own use: what the seam answers when no test drives the time.
+
+/// Milliseconds of the system's steady clock.
+std::uint64_t SystemMilliseconds();
+/// Sleeps until just before the deadline and spins the rest: wake-up latency would otherwise add up over many sleeps.
+void SleepUntil(std::chrono::steady_clock::time_point deadline);

@@ -1,0 +1,19 @@
+// The product's seam: nothing fails on purpose, and time is the system's.
+#include "platform/base/Seam.h"
+
+#include "platform/base/Clock.h"
+
+#include <thread>
+
+bool FaultAt(char const * /*szCall*/) { return false; }
+
+std::uint64_t SteadyMilliseconds() { return SystemMilliseconds(); }
+
+bool ClockIsDriven() { return false; }
+
+void SleepMilliseconds(DWORD ms) {
+  if (ms == 0)
+    std::this_thread::yield();
+  else
+    SleepUntil(std::chrono::steady_clock::now() + std::chrono::milliseconds(ms));
+}

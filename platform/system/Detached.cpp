@@ -1,0 +1,41 @@
+// See Detached.h.
+#include "platform/system/Detached.h"
+
+#include <new>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include <csignal>
+
+namespace {
+
+/// Keeps the process's signals from the threads that are created in its scope.
+class SignalsBlocked {
+public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    for (int nFault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT})
+      sigdelset(&all, nFault);
+    pthread_sigmask(SIG_SETMASK, &all, &m_before);
+  }
+  SignalsBlocked(SignalsBlocked const &) = delete;
+  SignalsBlocked &operator=(SignalsBlocked const &) = delete;
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
+
+private:
+  sigset_t m_before;
+};
+
+} // namespace
+
+bool StartDetached(std::function<void()> run) try {
+  SignalsBlocked const blocked;
+  std::thread(std::move(run)).detach();
+  return true;
+} catch (std::system_error const &) {
+  return false;
+} catch (std::bad_alloc const &) {
+  return false;
+}

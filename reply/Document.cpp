@@ -1,0 +1,42 @@
+// See Document.h.
+#include "reply/Document.h"
+
+#include <algorithm>
+#include <cwchar>
+#include <cwctype>
+
+CComPtr<IXMLDOMDocument> LoadReply(std::string strReply) {
+  CComPtr<IXMLDOMDocument> pDocument;
+  if (FAILED(CoCreateInstance(CLSID_DOMDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
+                              reinterpret_cast<void **>(&pDocument))))
+    return pDocument;
+  CComBSTR const bstrReply(strReply.c_str());
+  strReply = {}; // a large reply is not held twice while the tree grows
+  VARIANT_BOOL bLoaded = 0;
+  pDocument->loadXML(bstrReply, &bLoaded);
+  return pDocument;
+}
+
+ElementState ReadElement(IXMLDOMDocument *pDocument, WCHAR const *wszPath, CString &strText) {
+  if (!pDocument)
+    return ElementState::Missing;
+  CComPtr<IXMLDOMNode> pNode;
+  if (FAILED(pDocument->selectSingleNode(CComBSTR(wszPath), &pNode)))
+    return ElementState::QueryFailed;
+  CComBSTR bstrText;
+  if (!pNode || FAILED(pNode->get_text(&bstrText)))
+    return ElementState::Missing;
+  strText = CString(static_cast<WCHAR const *>(bstrText));
+  return ElementState::Found;
+}
+
+bool NodeNameIs(IXMLDOMNode *pNode, WCHAR const *wszName) {
+  DOMNodeType type = NODE_COMMENT;
+  CComBSTR bstrName;
+  if (FAILED(pNode->get_nodeType(&type)) || type == NODE_COMMENT || FAILED(pNode->get_nodeName(&bstrName)) || !bstrName)
+    return false;
+  std::size_t const cch = std::wcslen(wszName);
+  return std::wcslen(bstrName) == cch &&
+         std::equal(wszName, wszName + cch, static_cast<WCHAR *>(bstrName),
+                    [](WCHAR a, WCHAR b) { return a == b || std::towlower(a) == std::towlower(b); });
+}

@@ -2,7 +2,6 @@
 #include "platform/base/KernelObject.h"
 
 #include "platform/base/Handles.h"
-#include "platform/base/Seam.h"
 
 #include <new>
 
@@ -13,8 +12,6 @@ HandleTable<KernelObject> &KernelObjects() {
 
 BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProcess, HANDLE *phTarget, DWORD /*dwAccess*/,
                      BOOL bInherit, DWORD dwOptions) try {
-  if (FaultAt("DuplicateHandle"))
-    return FALSE;
   bool const bOurs = hSourceProcess == GetCurrentProcess() && hTargetProcess == GetCurrentProcess();
   if (!bOurs || !phTarget || bInherit || dwOptions != DUPLICATE_SAME_ACCESS) {
     SetLastError(ERROR_INVALID_PARAMETER);
@@ -31,8 +28,6 @@ BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProces
 }
 
 BOOL CloseHandle(HANDLE hObject) {
-  if (FaultAt("CloseHandle"))
-    return FALSE;
   if (KernelObjects().Remove(hObject))
     return TRUE;
   SetLastError(ERROR_INVALID_HANDLE);

@@ -5,7 +5,7 @@
 
 #include <thread>
 
-bool FaultAt(char const * /*szCall*/) { return false; }
+bool FaultAt(FaultPoint /*call*/) { return false; }
 
 std::uint64_t SteadyMilliseconds() { return SystemMilliseconds(); }
 

@@ -5,8 +5,36 @@
 
 #include "platform/base/Types.h"
 
-/// True if the named call is to fail without being made; the last error is then set.
-bool FaultAt(char const *szCall);
+/// The calls that a test can make fail, each at its start.
+enum class FaultPoint {
+  _beginthreadex,
+  CoCreateInstance,
+  CreateFileW,
+  HttpAddRequestHeadersA,
+  HttpEndRequestW,
+  HttpOpenRequestA,
+  HttpOpenRequestW,
+  HttpQueryInfoW,
+  HttpSendRequestExW,
+  HttpSendRequestW,
+  InternetConnectA,
+  InternetConnectW,
+  InternetOpenA,
+  InternetOpenUrlA,
+  InternetOpenW,
+  InternetQueryDataAvailable,
+  InternetReadFile,
+  InternetWriteFile,
+  LoadLibraryA,
+  PathFileExistsW,
+  PostMessageW,
+  ReadFile,
+  selectSingleNode,
+  WaitForSingleObject,
+};
+
+/// True if the call is to fail without being made; the last error is then set.
+bool FaultAt(FaultPoint call);
 /// Milliseconds of the steady clock that every time limit is measured with.
 std::uint64_t SteadyMilliseconds();
 /// True if a test drives the clock: waits must then look at it every few milliseconds.

@@ -1,6 +1,5 @@
 // The URL split of WinInet.h. Pure text work, any thread.
 #include "platform/base/LastError.h"
-#include "platform/base/Seam.h"
 #include "platform/http/WinInet.h"
 
 #include <algorithm>
@@ -90,8 +89,6 @@ DWORD Split(std::string_view url, Parts &parts) {
 } // namespace
 
 BOOL InternetCrackUrlA(char const *szUrl, DWORD /*dwUrlLength*/, DWORD /*dwFlags*/, URL_COMPONENTSA *pComponents) {
-  if (FaultAt("InternetCrackUrlA"))
-    return FALSE;
   Parts parts;
   DWORD dwError = Split(szUrl ? szUrl : "", parts);
   URL_COMPONENTSA &out = *pComponents;

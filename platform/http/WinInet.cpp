@@ -73,10 +73,8 @@ HandleTable<Entry> &Table() {
   return table;
 }
 
-/// Runs one call: the tests' seam first, then the work, which returns an error number; memory failure becomes one.
-template <class Work> BOOL Call(char const *name, Work work) {
-  if (FaultAt(name))
-    return FALSE;
+/// Runs one call's work, which returns an error number; running out of memory becomes one.
+template <class Work> BOOL Call(Work work) {
   DWORD dwError = ERROR_NOT_ENOUGH_MEMORY;
   try {
     dwError = work();
@@ -88,10 +86,13 @@ template <class Work> BOOL Call(char const *name, Work work) {
   return dwError == ERROR_SUCCESS;
 }
 
-/// The same for a call that makes a handle.
-template <class Work> HINTERNET Make(char const *name, Work work) {
+/// The same for a call that a test can make fail.
+template <class Work> BOOL Call(FaultPoint call, Work work) { return !FaultAt(call) && Call(work); }
+
+/// The same for one that makes a handle.
+template <class Work> HINTERNET Make(FaultPoint call, Work work) {
   HINTERNET handle = nullptr;
-  return Call(name, [&] { return work(handle); }) ? handle : nullptr;
+  return Call(call, [&] { return work(handle); }) ? handle : nullptr;
 }
 
 /// Finds the object of a handle. A forked child has no use of its parent's handles: their locks may be held.
@@ -353,17 +354,17 @@ DWORD QueryInfo(Request &request, DWORD dwInfoLevel, void *pBuffer, DWORD *pdwLe
 
 HINTERNET InternetOpenW(WCHAR const *wszAgent, DWORD /*dwAccessType*/, WCHAR const * /*wszProxy*/,
                         WCHAR const * /*wszBypass*/, DWORD /*dwFlags*/) {
-  return Make("InternetOpenW", [&](HINTERNET &handle) { return OpenSession(Narrow(wszAgent), handle); });
+  return Make(FaultPoint::InternetOpenW, [&](HINTERNET &handle) { return OpenSession(Narrow(wszAgent), handle); });
 }
 
 HINTERNET InternetOpenA(char const *szAgent, DWORD /*dwAccessType*/, char const * /*szProxy*/,
                         char const * /*szBypass*/, DWORD /*dwFlags*/) {
-  return Make("InternetOpenA", [&](HINTERNET &handle) { return OpenSession(Text(szAgent), handle); });
+  return Make(FaultPoint::InternetOpenA, [&](HINTERNET &handle) { return OpenSession(Text(szAgent), handle); });
 }
 
 INTERNET_STATUS_CALLBACK InternetSetStatusCallbackW(HINTERNET hSession, INTERNET_STATUS_CALLBACK pfnCallback) {
   INTERNET_STATUS_CALLBACK pfnEarlier = nullptr;
-  Call("InternetSetStatusCallbackW", [&] {
+  Call([&] {
     std::shared_ptr<Session> session;
     DWORD const dwError = Find(hSession, session);
     if (dwError == ERROR_SUCCESS) {
@@ -378,20 +379,21 @@ INTERNET_STATUS_CALLBACK InternetSetStatusCallbackW(HINTERNET hSession, INTERNET
 HINTERNET InternetConnectA(HINTERNET hSession, char const *szServer, INTERNET_PORT nPort, char const * /*szUser*/,
                            char const * /*szPassword*/, DWORD /*dwService*/, DWORD /*dwFlags*/,
                            DWORD_PTR /*dwContext*/) {
-  return Make("InternetConnectA", [&](HINTERNET &handle) { return Connect(hSession, Text(szServer), nPort, handle); });
+  return Make(FaultPoint::InternetConnectA,
+              [&](HINTERNET &handle) { return Connect(hSession, Text(szServer), nPort, handle); });
 }
 
 HINTERNET InternetConnectW(HINTERNET hSession, WCHAR const *wszServer, INTERNET_PORT nPort, WCHAR const * /*wszUser*/,
                            WCHAR const * /*wszPassword*/, DWORD /*dwService*/, DWORD /*dwFlags*/,
                            DWORD_PTR /*dwContext*/) {
-  return Make("InternetConnectW",
+  return Make(FaultPoint::InternetConnectW,
               [&](HINTERNET &handle) { return Connect(hSession, Narrow(wszServer), nPort, handle); });
 }
 
 HINTERNET HttpOpenRequestA(HINTERNET hConnect, char const *szVerb, char const *szObject, char const * /*szVersion*/,
                            char const * /*szReferrer*/, char const ** /*pszAcceptTypes*/, DWORD dwFlags,
                            DWORD_PTR dwContext) {
-  return Make("HttpOpenRequestA", [&](HINTERNET &handle) {
+  return Make(FaultPoint::HttpOpenRequestA, [&](HINTERNET &handle) {
     return OpenRequest(hConnect, Text(szVerb), Text(szObject), dwFlags, dwContext, handle);
   });
 }
@@ -399,13 +401,13 @@ HINTERNET HttpOpenRequestA(HINTERNET hConnect, char const *szVerb, char const *s
 HINTERNET HttpOpenRequestW(HINTERNET hConnect, WCHAR const *wszVerb, WCHAR const *wszObject,
                            WCHAR const * /*wszVersion*/, WCHAR const * /*wszReferrer*/,
                            WCHAR const ** /*pwszAcceptTypes*/, DWORD dwFlags, DWORD_PTR dwContext) {
-  return Make("HttpOpenRequestW", [&](HINTERNET &handle) {
+  return Make(FaultPoint::HttpOpenRequestW, [&](HINTERNET &handle) {
     return OpenRequest(hConnect, Narrow(wszVerb), Narrow(wszObject), dwFlags, dwContext, handle);
   });
 }
 
 BOOL HttpAddRequestHeadersA(HINTERNET hRequest, char const *szHeaders, DWORD dwLength, DWORD /*dwModifiers*/) {
-  return Call("HttpAddRequestHeadersA", [&] {
+  return Call(FaultPoint::HttpAddRequestHeadersA, [&] {
     return OnRequest(hRequest, [&](Request &request) -> DWORD {
       if (request.transfer.HasBegun())
         return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
@@ -416,7 +418,7 @@ BOOL HttpAddRequestHeadersA(HINTERNET hRequest, char const *szHeaders, DWORD dwL
 }
 
 BOOL InternetSetOptionW(HINTERNET hInternet, DWORD dwOption, void *pValue, DWORD dwLength) {
-  return Call("InternetSetOptionW", [&]() -> DWORD {
+  return Call([&]() -> DWORD {
     DWORD dwValue = 0;
     if (!pValue || dwLength != sizeof dwValue)
       return ERROR_INVALID_PARAMETER;
@@ -431,7 +433,7 @@ BOOL InternetSetOptionW(HINTERNET hInternet, DWORD dwOption, void *pValue, DWORD
 
 BOOL HttpSendRequestW(HINTERNET hRequest, WCHAR const *wszHeaders, DWORD dwHeadersLength, void const *pBody,
                       DWORD dwBodyLength) {
-  return Call("HttpSendRequestW", [&] {
+  return Call(FaultPoint::HttpSendRequestW, [&] {
     return OnRequest(hRequest, [&](Request &request) {
       std::wstring_view const headers = wszHeaders ? wszHeaders : L"";
       DWORD const dwError = AddHeaders(request.head, AnsiFromWide(headers.substr(0, dwHeadersLength)));
@@ -444,7 +446,7 @@ BOOL HttpSendRequestW(HINTERNET hRequest, WCHAR const *wszHeaders, DWORD dwHeade
 
 BOOL HttpSendRequestExW(HINTERNET hRequest, INTERNET_BUFFERSW *pIn, INTERNET_BUFFERSW * /*pOut*/, DWORD /*dwFlags*/,
                         DWORD_PTR /*dwContext*/) {
-  return Call("HttpSendRequestExW", [&] {
+  return Call(FaultPoint::HttpSendRequestExW, [&] {
     return OnRequest(hRequest, [&](Request &request) {
       DWORD const dwLength = pIn ? pIn->dwBufferTotal : 0;
       DWORD const dwError = CheckBody(request, dwLength);
@@ -455,7 +457,7 @@ BOOL HttpSendRequestExW(HINTERNET hRequest, INTERNET_BUFFERSW *pIn, INTERNET_BUF
 
 BOOL InternetWriteFile(HINTERNET hRequest, void const *pBuffer, DWORD dwBytes, DWORD *pdwWritten) {
   *pdwWritten = 0;
-  return Call("InternetWriteFile", [&] {
+  return Call(FaultPoint::InternetWriteFile, [&] {
     return OnRequest(hRequest, [&](Request &request) {
       DWORD const dwError = request.transfer.Write(pBuffer, dwBytes);
       if (dwError == ERROR_SUCCESS)
@@ -466,19 +468,19 @@ BOOL InternetWriteFile(HINTERNET hRequest, void const *pBuffer, DWORD dwBytes, D
 }
 
 BOOL HttpEndRequestW(HINTERNET hRequest, INTERNET_BUFFERSW * /*pOut*/, DWORD /*dwFlags*/, DWORD_PTR /*dwContext*/) {
-  return Call("HttpEndRequestW",
+  return Call(FaultPoint::HttpEndRequestW,
               [&] { return OnRequest(hRequest, [](Request &request) { return request.transfer.End(); }); });
 }
 
 BOOL HttpQueryInfoW(HINTERNET hRequest, DWORD dwInfoLevel, void *pBuffer, DWORD *pdwLength, DWORD * /*pdwIndex*/) {
-  return Call("HttpQueryInfoW", [&] {
+  return Call(FaultPoint::HttpQueryInfoW, [&] {
     return OnRequest(hRequest, [&](Request &request) { return QueryInfo(request, dwInfoLevel, pBuffer, pdwLength); });
   });
 }
 
 BOOL InternetQueryDataAvailable(HINTERNET hRequest, DWORD *pdwAvailable, DWORD /*dwFlags*/, DWORD_PTR /*dwContext*/) {
   *pdwAvailable = 0;
-  return Call("InternetQueryDataAvailable", [&] {
+  return Call(FaultPoint::InternetQueryDataAvailable, [&] {
     return OnRequest(hRequest, [&](Request &request) {
       std::size_t size = 0;
       DWORD const dwError = request.transfer.Available(&size);
@@ -490,7 +492,7 @@ BOOL InternetQueryDataAvailable(HINTERNET hRequest, DWORD *pdwAvailable, DWORD /
 
 BOOL InternetReadFile(HINTERNET hFile, void *pBuffer, DWORD dwBytes, DWORD *pdwRead) {
   *pdwRead = 0;
-  return Call("InternetReadFile", [&] {
+  return Call(FaultPoint::InternetReadFile, [&] {
     return OnRequest(hFile, [&](Request &request) {
       std::size_t read = 0;
       DWORD const dwError = request.transfer.Read(pBuffer, dwBytes, &read);
@@ -502,11 +504,10 @@ BOOL InternetReadFile(HINTERNET hFile, void *pBuffer, DWORD dwBytes, DWORD *pdwR
 
 HINTERNET InternetOpenUrlA(HINTERNET hSession, char const *szUrl, char const * /*szHeaders*/, DWORD /*dwHeadersLength*/,
                            DWORD dwFlags, DWORD_PTR dwContext) {
-  return Make("InternetOpenUrlA",
+  return Make(FaultPoint::InternetOpenUrlA,
               [&](HINTERNET &handle) { return OpenUrl(hSession, szUrl, dwFlags, dwContext, handle); });
 }
 
 BOOL InternetCloseHandle(HINTERNET hInternet) {
-  return Call("InternetCloseHandle",
-              [&]() -> DWORD { return CloseTree(hInternet) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE; });
+  return Call([&]() -> DWORD { return CloseTree(hInternet) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE; });
 }

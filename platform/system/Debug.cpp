@@ -137,7 +137,7 @@ void OutputDebugStringW(WCHAR const *wszText) try {
 }
 
 HMODULE LoadLibraryA(char const *szName) {
-  if (FaultAt("LoadLibraryA"))
+  if (FaultAt(FaultPoint::LoadLibraryA))
     return nullptr;
   bool const bKnown = szName && strcasecmp(szName, "advapi32.dll") == 0;
   void *const pLibrary =

@@ -2,8 +2,8 @@
 #include "platform/system/Files.h"
 
 #include "platform/base/KernelObject.h"
-#include "platform/system/RegularFile.h"
 #include "platform/base/Seam.h"
+#include "platform/system/RegularFile.h"
 #include "platform/text/Utf8.h"
 
 #include <cerrno>
@@ -74,7 +74,7 @@ DWORD FileError(int nErrno, std::string const &path) {
 
 HANDLE CreateFileW(WCHAR const *wszPath, DWORD dwAccess, DWORD /*dwShare*/, void *pSecurity, DWORD dwDisposition,
                    DWORD dwFlags, HANDLE hTemplate) try {
-  if (FaultAt("CreateFileW"))
+  if (FaultAt(FaultPoint::CreateFileW))
     return INVALID_HANDLE_VALUE;
   if (dwAccess != GENERIC_READ || pSecurity || dwDisposition != OPEN_EXISTING || dwFlags != 0 || hTemplate) {
     SetLastError(ERROR_INVALID_PARAMETER);
@@ -98,7 +98,7 @@ HANDLE CreateFileW(WCHAR const *wszPath, DWORD dwAccess, DWORD /*dwShare*/, void
 
 BOOL ReadFile(HANDLE hFile, void *pBuffer, DWORD dwBytes, DWORD *pdwRead, void *pOverlapped) {
   *pdwRead = 0;
-  if (FaultAt("ReadFile"))
+  if (FaultAt(FaultPoint::ReadFile))
     return FALSE;
   if (pOverlapped) {
     SetLastError(ERROR_INVALID_PARAMETER);
@@ -117,8 +117,6 @@ BOOL ReadFile(HANDLE hFile, void *pBuffer, DWORD dwBytes, DWORD *pdwRead, void *
 }
 
 DWORD GetFileSize(HANDLE hFile, DWORD *pdwHigh) {
-  if (FaultAt("GetFileSize"))
-    return INVALID_FILE_SIZE;
   auto const file = FindKernelObject<OpenFile>(hFile);
   if (!file)
     return INVALID_FILE_SIZE;
@@ -136,7 +134,7 @@ DWORD GetFileSize(HANDLE hFile, DWORD *pdwHigh) {
 }
 
 BOOL PathFileExistsW(WCHAR const *wszPath) try {
-  if (FaultAt("PathFileExistsW"))
+  if (FaultAt(FaultPoint::PathFileExistsW))
     return FALSE;
   auto const path = NativePath(wszPath);
   if (!path)

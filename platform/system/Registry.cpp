@@ -5,7 +5,6 @@
 #include "platform/base/HandleTable.h"
 #include "platform/base/LastError.h"
 #include "platform/system/RegularFile.h"
-#include "platform/base/Seam.h"
 #include "platform/text/Utf8.h"
 
 #include <cstdlib>
@@ -175,8 +174,6 @@ LONG OpenKey(WCHAR const *wszPath, HKEY *phKey) {
 } // namespace
 
 LONG RegOpenKeyExW(HKEY hRoot, WCHAR const *wszPath, DWORD dwOptions, DWORD dwAccess, HKEY *phKey) try {
-  if (FaultAt("RegOpenKeyExW"))
-    return static_cast<LONG>(GetLastError());
   if (hRoot != HKEY_LOCAL_MACHINE)
     return ERROR_INVALID_HANDLE;
   if (dwOptions != 0 || dwAccess != KEY_QUERY_VALUE || !phKey)
@@ -188,8 +185,6 @@ LONG RegOpenKeyExW(HKEY hRoot, WCHAR const *wszPath, DWORD dwOptions, DWORD dwAc
 
 LONG RegQueryValueExW(HKEY hKey, WCHAR const *wszName, DWORD * /*pReserved*/, DWORD *pdwType, BYTE *pbData,
                       DWORD *pcbData) try {
-  if (FaultAt("RegQueryValueExW"))
-    return static_cast<LONG>(GetLastError());
   auto const values = Keys().Find(hKey);
   if (!values)
     return ERROR_INVALID_HANDLE;
@@ -213,8 +208,4 @@ LONG RegQueryValueExW(HKEY hKey, WCHAR const *wszName, DWORD * /*pReserved*/, DW
   return ERROR_NOT_ENOUGH_MEMORY;
 }
 
-LONG RegCloseKey(HKEY hKey) {
-  if (FaultAt("RegCloseKey"))
-    return static_cast<LONG>(GetLastError());
-  return Keys().Remove(hKey) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
-}
+LONG RegCloseKey(HKEY hKey) { return Keys().Remove(hKey) ? ERROR_SUCCESS : ERROR_INVALID_HANDLE; }

@@ -2,9 +2,9 @@
 // another, so that neither has to wait for the other. Safe from any thread.
 #include "platform/system/Threads.h"
 
-#include "platform/system/Detached.h"
 #include "platform/base/KernelObject.h"
 #include "platform/base/Seam.h"
+#include "platform/system/Detached.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -56,7 +56,7 @@ void RunThread(ThreadRecord &record, unsigned (*pfnStart)(void *), void *pArg) {
 
 std::uintptr_t _beginthreadex(void *pSecurity, unsigned uStackSize, unsigned (*pfnStart)(void *), void *pArg,
                               unsigned uFlags, unsigned *puThreadId) {
-  if (FaultAt("_beginthreadex"))
+  if (FaultAt(FaultPoint::_beginthreadex))
     return 0;
   if (pSecurity || uStackSize != 0 || !pfnStart || (uFlags & ~CREATE_SUSPENDED) != 0) {
     SetLastError(ERROR_INVALID_PARAMETER);
@@ -82,8 +82,6 @@ std::uintptr_t _beginthreadex(void *pSecurity, unsigned uStackSize, unsigned (*p
 }
 
 DWORD ResumeThread(HANDLE hThread) {
-  if (FaultAt("ResumeThread"))
-    return 0xFFFFFFFF;
   auto const record = FindThread(hThread);
   if (!record)
     return 0xFFFFFFFF;
@@ -95,7 +93,7 @@ DWORD ResumeThread(HANDLE hThread) {
 }
 
 DWORD WaitForSingleObject(HANDLE hThread, DWORD dwMilliseconds) {
-  if (FaultAt("WaitForSingleObject"))
+  if (FaultAt(FaultPoint::WaitForSingleObject))
     return WAIT_FAILED;
   auto const record = FindThread(hThread);
   if (!record)
@@ -111,8 +109,6 @@ DWORD WaitForSingleObject(HANDLE hThread, DWORD dwMilliseconds) {
 }
 
 BOOL GetExitCodeThread(HANDLE hThread, DWORD *pdwExitCode) {
-  if (FaultAt("GetExitCodeThread"))
-    return FALSE;
   auto const record = FindThread(hThread);
   if (!record)
     return FALSE;

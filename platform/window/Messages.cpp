@@ -171,8 +171,6 @@ HWND CreateWindowOf(WCHAR const *wszClass, DWORD dwStyle) {
 } // namespace
 
 ATOM RegisterClassExW(WNDCLASSEXW const *pClass) try {
-  if (FaultAt("RegisterClassExW"))
-    return 0;
   if (!pClass || pClass->cbSize != sizeof *pClass || !pClass->lpfnWndProc || !pClass->lpszClassName)
     return Fail(ERROR_INVALID_PARAMETER, ATOM(0));
   std::lock_guard<std::mutex> const lock(Classes().mutex);
@@ -187,8 +185,6 @@ ATOM RegisterClassExW(WNDCLASSEXW const *pClass) try {
 HWND CreateWindowExW(DWORD /*dwExStyle*/, WCHAR const *wszClass, WCHAR const * /*wszTitle*/, DWORD dwStyle, int /*x*/,
                      int /*y*/, int /*cx*/, int /*cy*/, HWND hParent, void * /*hMenu*/, void * /*hInstance*/,
                      void * /*pParam*/) try {
-  if (FaultAt("CreateWindowExW"))
-    return nullptr;
   if (hParent)
     return Fail(ERROR_INVALID_PARAMETER, HWND(nullptr));
   return CreateWindowOf(wszClass, dwStyle);
@@ -197,8 +193,6 @@ HWND CreateWindowExW(DWORD /*dwExStyle*/, WCHAR const *wszClass, WCHAR const * /
 }
 
 BOOL DestroyWindow(HWND hWnd) {
-  if (FaultAt("DestroyWindow"))
-    return FALSE;
   if (!FindWindow(hWnd))
     return FALSE;
   auto const window = Windows().Remove(hWnd);
@@ -216,8 +210,6 @@ BOOL DestroyWindow(HWND hWnd) {
 LRESULT DefWindowProcW(HWND /*hWnd*/, UINT /*uMessage*/, WPARAM /*wParam*/, LPARAM /*lParam*/) { return 0; }
 
 LONG_PTR GetWindowLongPtrW(HWND hWnd, int nIndex) {
-  if (FaultAt("GetWindowLongPtrW"))
-    return 0;
   auto const window = FindWindow(hWnd);
   if (!window)
     return 0;
@@ -226,8 +218,6 @@ LONG_PTR GetWindowLongPtrW(HWND hWnd, int nIndex) {
 }
 
 LONG_PTR SetWindowLongPtrW(HWND hWnd, int nIndex, LONG_PTR nValue) {
-  if (FaultAt("SetWindowLongPtrW"))
-    return 0;
   auto const window = FindWindow(hWnd);
   if (!window)
     return 0;
@@ -241,7 +231,7 @@ HGDIOBJ GetStockObject(int nObject) {
 }
 
 BOOL PostMessageW(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam) try {
-  if (FaultAt("PostMessageW"))
+  if (FaultAt(FaultPoint::PostMessageW))
     return FALSE;
   auto const window = FindWindow(hWnd);
   if (!window)
@@ -259,8 +249,6 @@ BOOL PostMessageW(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam) try {
 }
 
 BOOL PeekMessageW(MSG *pMessage, HWND hWnd, UINT uFirst, UINT uLast, UINT uRemove) {
-  if (FaultAt("PeekMessageW"))
-    return FALSE;
   if (!pMessage || uRemove != PM_REMOVE)
     return Fail(ERROR_INVALID_PARAMETER, FALSE);
   auto const window = FindWindow(hWnd);
@@ -280,8 +268,6 @@ BOOL PeekMessageW(MSG *pMessage, HWND hWnd, UINT uFirst, UINT uLast, UINT uRemov
 }
 
 int MessageQueueDescriptor() try {
-  if (FaultAt("MessageQueueDescriptor"))
-    return -1;
   auto const queue = t_queue.Make();
   return queue ? queue->fd : -1;
 } catch (std::bad_alloc const &) {

@@ -2,9 +2,9 @@
 // thread at a time works with a document; different documents are independent.
 #include "platform/xml/XmlDom.h"
 
-#include "platform/text/CodePages.h"
 #include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
+#include "platform/text/CodePages.h"
 #include "platform/text/Utf8.h"
 #include "platform/xml/XmlTree.h"
 
@@ -178,8 +178,6 @@ public:
     if (!pbstrText)
       return E_INVALIDARG;
     *pbstrText = nullptr;
-    if (FaultAt("get_text"))
-      return FaultResult();
     return Guarded([&] {
       std::string store;
       *pbstrText = AllocString(Tree().Text(m_place.uNode, store));
@@ -190,7 +188,7 @@ public:
     if (!ppNode)
       return E_INVALIDARG;
     *ppNode = nullptr;
-    if (FaultAt("selectSingleNode"))
+    if (FaultAt(FaultPoint::selectSingleNode))
       return FaultResult();
     if (!bstrPath)
       return E_INVALIDARG;
@@ -263,7 +261,7 @@ HRESULT CoCreateInstance(CLSID const &clsid, IUnknown *pOuter, DWORD /*dwContext
   if (!ppObject)
     return E_INVALIDARG;
   *ppObject = nullptr;
-  if (FaultAt("CoCreateInstance"))
+  if (FaultAt(FaultPoint::CoCreateInstance))
     return FaultResult();
   if (pOuter)
     return CLASS_E_NOAGGREGATION;

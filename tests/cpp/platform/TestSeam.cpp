@@ -16,10 +16,10 @@ std::atomic<PlatformTestHooks const *> g_pHooks = nullptr;
 
 void SetPlatformTestHooks(PlatformTestHooks const *pHooks) { g_pHooks = pHooks; }
 
-bool FaultAt(char const *szCall) {
+bool FaultAt(FaultPoint call) {
   PlatformTestHooks const *const pHooks = g_pHooks;
   DWORD dwError = 0;
-  if (!pHooks || !pHooks->fault || !pHooks->fault(szCall, &dwError))
+  if (!pHooks || !pHooks->fault || !pHooks->fault(call, &dwError))
     return false;
   SetLastError(dwError);
   return true;

@@ -2,7 +2,7 @@
 // product.
 #pragma once
 
-#include "platform/base/Types.h"
+#include "platform/base/Seam.h"
 
 #include <functional>
 
@@ -12,10 +12,8 @@ struct PlatformTestHooks {
   std::function<std::uint64_t()> now;
   /// In place of Sleep.
   std::function<void(DWORD ms)> sleep;
-  /// Asked at the start of a platform call by its name ("InternetWriteFile"). True makes it fail, with *pdwError as the
-  /// last error. Names: every function of WinInet.h, Files.h, Messages.h, Threads.h and Registry.h that can fail,
-  /// "CoCreateInstance", "selectSingleNode", "get_text", "LoadLibraryA".
-  std::function<bool(char const *szCall, DWORD *pdwError)> fault;
+  /// Asked at the start of each call of the list in Seam.h. True makes it fail, with *pdwError as the last error.
+  std::function<bool(FaultPoint call, DWORD *pdwError)> fault;
 };
 
 /// Sets the hooks, which the caller keeps alive; null takes them away. Threads that use the platform meanwhile see

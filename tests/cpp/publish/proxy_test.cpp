@@ -1,13 +1,12 @@
 // The progress proxy: every call crosses to the owner thread as it was made, and none is lost or leaked.
 #include "platform/base/LastError.h"
-#include "tests/cpp/platform/TestSeam.h"
 #include "publish/CUploadProgressProxyWindow.h"
 #include "publish/PresetForm.h"
+#include "tests/cpp/platform/TestSeam.h"
 #include "tests/cpp/upload/receiver.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <thread>
 
@@ -74,9 +73,9 @@ TEST(ProgressProxy, TriesTheCompletionAgainWhileMemoryIsShort) {
   DWORD dwFailure = ERROR_NOT_ENOUGH_MEMORY;
   PlatformTestHooks hooks;
   hooks.sleep = [&](DWORD ms) { ++(ms > 0 ? nSlept : nYielded); };
-  hooks.fault = [&](char const *szCall, DWORD *pdwError) {
+  hooks.fault = [&](FaultPoint call, DWORD *pdwError) {
     *pdwError = dwFailure;
-    return std::strcmp(szCall, "PostMessageW") == 0 && nFailures-- > 0;
+    return call == FaultPoint::PostMessageW && nFailures-- > 0;
   };
   Receiver receiver;
   CUploadProgressProxyWindow proxy(&receiver);
@@ -102,7 +101,7 @@ TEST(PresetForm, AsksForEachPathOnce) {
   constexpr WCHAR const *p = L"/";
   int nAsked = 0;
   PlatformTestHooks hooks;
-  hooks.fault = [&nAsked](char const *, DWORD *) { return ++nAsked > 13; };
+  hooks.fault = [&nAsked](FaultPoint, DWORD *) { return ++nAsked > 13; };
   SetPlatformTestHooks(&hooks);
   EXPECT_TRUE(PresetFilesExist({p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p}) && nAsked == 13);
   SetPlatformTestHooks(nullptr);

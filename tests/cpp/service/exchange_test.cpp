@@ -1,7 +1,7 @@
 // The service exchange and the probe: outcomes that Python can't provoke, and the hand-over of the probe's handles.
-#include "tests/cpp/platform/TestSeam.h"
 #include "service/ReachabilityProbe.h"
 #include "service/ServiceExchange.h"
+#include "tests/cpp/platform/TestSeam.h"
 #include "tests/cpp/platform/http/http_peer.h"
 #include "tests/cpp/platform/text/thread_locale.h"
 
@@ -16,10 +16,10 @@ namespace {
 // Makes the named call fail while it lives.
 class Fault {
 public:
-  Fault(char const *szCall, DWORD dwError) {
-    m_hooks.fault = [szCall, dwError](char const *szThis, DWORD *pdwError) {
+  Fault(FaultPoint point, DWORD dwError) {
+    m_hooks.fault = [point, dwError](FaultPoint call, DWORD *pdwError) {
       *pdwError = dwError;
-      return std::strcmp(szThis, szCall) == 0;
+      return call == point;
     };
     SetPlatformTestHooks(&m_hooks);
   }
@@ -48,19 +48,22 @@ Outcome Exchange(RequestKind kind, std::wstring const &object = L"/x") {
 TEST(ServiceExchange, TellsItsOutcomesApart) {
   Peer const peer("reply --body '<a/>'");
   struct Case {
-    char const *szCall;
+    FaultPoint call;
     DWORD dwError;
     Outcome outcome;
   };
   Case const cases[] = {
-      {"InternetOpenW", 1450, {1450, 0, ""}},      {"InternetConnectW", 12005, {12005, 0, ""}},
-      {"HttpOpenRequestW", 12005, {12005, 0, ""}}, {"HttpSendRequestW", 12002, {12002, 0, ""}},
-      {"HttpSendRequestW", 0, {12019, 0, ""}},     {"InternetQueryDataAvailable", 12002, {0, 1, ""}},
-      {"InternetReadFile", 12031, {12031, 1, ""}},
+      {FaultPoint::InternetOpenW, 1450, {1450, 0, ""}},
+      {FaultPoint::InternetConnectW, 12005, {12005, 0, ""}},
+      {FaultPoint::HttpOpenRequestW, 12005, {12005, 0, ""}},
+      {FaultPoint::HttpSendRequestW, 12002, {12002, 0, ""}},
+      {FaultPoint::HttpSendRequestW, 0, {12019, 0, ""}},
+      {FaultPoint::InternetQueryDataAvailable, 12002, {0, 1, ""}},
+      {FaultPoint::InternetReadFile, 12031, {12031, 1, ""}},
   };
   for (Case const &c : cases) {
-    Fault const fault(c.szCall, c.dwError);
-    EXPECT_EQ(Exchange(RequestKind::PresetCategories), c.outcome) << c.szCall;
+    Fault const fault(c.call, c.dwError);
+    EXPECT_EQ(Exchange(RequestKind::PresetCategories), c.outcome) << static_cast<int>(c.call);
   }
   EXPECT_EQ(Exchange(RequestKind::PresetCategories, std::wstring(255, L'/')), (Outcome{12005, 0, ""}));
   EXPECT_EQ(Exchange(RequestKind::PresetCategories, std::wstring(254, L'/')), (Outcome{0, 1, "<a/>"}));
@@ -109,11 +112,11 @@ TEST(ServiceExchange, KeepsAMissingElementApartFromAFailedQuery) {
   EXPECT_EQ(ReadElement(pDocument, L"info/d", strText), ElementState::Missing);
   EXPECT_EQ(ReadElement(nullptr, L"info/a", strText), ElementState::Missing);
   {
-    Fault const fault("selectSingleNode", 0);
+    Fault const fault(FaultPoint::selectSingleNode, 0);
     EXPECT_EQ(ReadElement(pDocument, L"info/a", strText), ElementState::QueryFailed);
   }
   {
-    Fault const fault("CoCreateInstance", 0);
+    Fault const fault(FaultPoint::CoCreateInstance, 0);
     EXPECT_EQ(LoadReply("<info/>"), nullptr);
   }
   EXPECT_STREQ(strText, L"old");
@@ -136,11 +139,11 @@ TEST_F(ProbeTest, TakesAnyAnswerAsReachable) {
     EXPECT_STREQ(m_szUrl, "https://good.test");
   }
   {
-    Fault const fault("_beginthreadex", 8);
+    Fault const fault(FaultPoint::_beginthreadex, 8);
     EXPECT_TRUE(probe.CheckServerReachable("https://good.test")) << "the last answer stands";
   }
   {
-    Fault const fault("InternetOpenA", 8);
+    Fault const fault(FaultPoint::InternetOpenA, 8);
     EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
   }
   EXPECT_FALSE(probe.CheckServerReachable(("https://" + std::string(260, 'h')).c_str()));
@@ -151,9 +154,9 @@ TEST_F(ProbeTest, LeavesItsOwnerAloneOnceAWaitHasFailed) {
   auto const uTasks = std::filesystem::hard_link_count("/proc/self/task"); // grows with each thread
   static std::atomic<int> nStage = 0; // 1: the session is there, 2: the waiter has left
   static PlatformTestHooks hooks;     // static, as the stage: nothing tells when the thread is done with them
-  hooks.fault = [](char const *szCall, DWORD *) {
-    bool const bWait = std::strcmp(szCall, "WaitForSingleObject") == 0;
-    bool const bOpen = std::strcmp(szCall, "InternetOpenUrlA") == 0;
+  hooks.fault = [](FaultPoint call, DWORD *) {
+    bool const bWait = call == FaultPoint::WaitForSingleObject;
+    bool const bOpen = call == FaultPoint::InternetOpenUrlA;
     if (bOpen)
       nStage = 1;
     while ((bWait && nStage == 0) || (bOpen && nStage == 1))

@@ -1,6 +1,6 @@
 // The trace's switches, its prefix and its lines, read back from standard error.
-#include "tests/cpp/platform/TestSeam.h"
 #include "shell/Trace.h"
+#include "tests/cpp/platform/TestSeam.h"
 
 #include <gtest/gtest.h>
 
@@ -50,7 +50,7 @@ TEST_F(TraceTest, WritesLinesOnlyWhenSwitchedOn) {
       {"\"DumpMsg\"=dword:ffffffff\n\"DumpInETW\"=dword:00000001", "[Case] n 5\n[Case] w \xC3\xA4 narrow (null)\n"},
   };
   PlatformTestHooks hooks;
-  hooks.fault = [](char const *szCall, DWORD *) { return std::strcmp(szCall, "LoadLibraryA") == 0; };
+  hooks.fault = [](FaultPoint call, DWORD *) { return call == FaultPoint::LoadLibraryA; };
   SetPlatformTestHooks(&hooks);
   for (auto const &[szValues, szLines] : cases) {
     Switches(szValues);
@@ -87,12 +87,12 @@ TEST_F(TraceTest, AForkedChildTracesWhateverItsParentsThreadsWereDoing) {
   Switches("\"DumpMsg\"=dword:1\n\"DumpInETW\"=dword:1");
   std::atomic<bool> bInside = false, bDone = false;
   PlatformTestHooks hooks;
-  hooks.fault = [&](char const *szCall, DWORD *) {
-    bool const bFirst = std::strcmp(szCall, "LoadLibraryA") == 0 && !bInside.exchange(true); // inside the lock
+  hooks.fault = [&](FaultPoint call, DWORD *) {
+    bool const bFirst = call == FaultPoint::LoadLibraryA && !bInside.exchange(true); // inside the lock
     auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(bFirst ? 200 : 0);
     while (std::chrono::steady_clock::now() < end) // time for the fork to come, which has to wait for the lock
       std::this_thread::yield();
-    return std::strcmp(szCall, "LoadLibraryA") == 0;
+    return call == FaultPoint::LoadLibraryA;
   };
   SetPlatformTestHooks(&hooks);
   std::thread([&bDone] { TraceInit("T"), bDone = true; }).detach(); // a checker would have the child join it

@@ -89,8 +89,8 @@ TEST_F(UploaderTest, AdaptsTheChunkToTheTimeOfTheLastWrite) {
   std::size_t nWrite = 0;
   std::uint64_t now = 1000;
   m_hooks.now = [&now] { return now; };
-  m_hooks.fault = [&](char const *szCall, DWORD *) {
-    if (std::strcmp(szCall, "InternetWriteFile") == 0 && nWrite++ > 0 && nWrite - 2 < chunks.size())
+  m_hooks.fault = [&](FaultPoint call, DWORD *) {
+    if (call == FaultPoint::InternetWriteFile && nWrite++ > 0 && nWrite - 2 < chunks.size())
       now += chunks[nWrite - 2].first;
     return false;
   };
@@ -107,52 +107,52 @@ TEST_F(UploaderTest, AdaptsTheChunkToTheTimeOfTheLastWrite) {
 
 TEST_F(UploaderTest, EndsAtTheCallThatFails) {
   struct Case {
-    char const *szCall;
+    FaultPoint call;
     int nth;
     char const *szCalls; // what the receiver saw of the two files
   };
   constexpr char kBoth[] = "begin 0/4 4/4 done begin 0/4 4/4 done ";
   // Writes: field head, value and line end; then head, contents and line end of each file; the closing line.
   Case const cases[] = {
-      {"InternetOpenW", 1, ""},
-      {"InternetConnectA", 1, ""},
-      {"HttpOpenRequestA", 1, ""},
-      {"HttpAddRequestHeadersA", 1, ""},
-      {"HttpSendRequestExW", 1, ""},
-      {"InternetWriteFile", 1, ""},
-      {"InternetWriteFile", 3, ""},
-      {"InternetWriteFile", 4, ""},
-      {"CreateFileW", 3, ""}, // behind the two of the length pass
-      {"ReadFile", 1, "begin 0/4 failed "},
-      {"InternetWriteFile", 5, "begin 0/4 failed "},
-      {"ReadFile", 2, "begin 0/4 failed "},
-      {"InternetWriteFile", 6, "begin 0/4 4/4 done "},
-      {"CreateFileW", 4, "begin 0/4 4/4 done "},
-      {"InternetWriteFile", 10, kBoth},
-      {"HttpEndRequestW", 1, kBoth},
+      {FaultPoint::InternetOpenW, 1, ""},
+      {FaultPoint::InternetConnectA, 1, ""},
+      {FaultPoint::HttpOpenRequestA, 1, ""},
+      {FaultPoint::HttpAddRequestHeadersA, 1, ""},
+      {FaultPoint::HttpSendRequestExW, 1, ""},
+      {FaultPoint::InternetWriteFile, 1, ""},
+      {FaultPoint::InternetWriteFile, 3, ""},
+      {FaultPoint::InternetWriteFile, 4, ""},
+      {FaultPoint::CreateFileW, 3, ""}, // behind the two of the length pass
+      {FaultPoint::ReadFile, 1, "begin 0/4 failed "},
+      {FaultPoint::InternetWriteFile, 5, "begin 0/4 failed "},
+      {FaultPoint::ReadFile, 2, "begin 0/4 failed "},
+      {FaultPoint::InternetWriteFile, 6, "begin 0/4 4/4 done "},
+      {FaultPoint::CreateFileW, 4, "begin 0/4 4/4 done "},
+      {FaultPoint::InternetWriteFile, 10, kBoth},
+      {FaultPoint::HttpEndRequestW, 1, kBoth},
   };
   Peer const peer("reply --tls good --body ok");
   job.AddField("a", "b");
   AddFile("one", "abcd");
   AddFile("two", "abcd");
   for (Case const &c : cases) {
-    SCOPED_TRACE(c.szCall + std::to_string(c.nth));
+    SCOPED_TRACE(std::to_string(static_cast<int>(c.call)) + " " + std::to_string(c.nth));
     receiver.files.clear();
     int nCall = 0;
-    m_hooks.fault = [&](char const *szCall, DWORD *pdwError) {
+    m_hooks.fault = [&](FaultPoint call, DWORD *pdwError) {
       *pdwError = 1450;
-      return std::strcmp(szCall, c.szCall) == 0 && ++nCall == c.nth;
+      return call == c.call && ++nCall == c.nth;
     };
     EXPECT_EQ(Post(), HResult(1450));
     EXPECT_EQ(receiver.files, c.szCalls);
     EXPECT_EQ(reply + std::to_string(result.m_nHttpStatus), "-1") << "nothing was answered";
   }
-  for (auto const &[szCall, szReply, nStatus] :
-       {std::tuple{"HttpQueryInfoW", "ok", -1}, std::tuple{"InternetQueryDataAvailable", "", 200},
-        std::tuple{"InternetReadFile", "", 200}}) {
-    m_hooks.fault = [szCall = szCall](char const *szThis, DWORD *) { return std::strcmp(szThis, szCall) == 0; };
-    EXPECT_EQ(Post(), S_OK) << szCall;
-    EXPECT_EQ(reply + std::to_string(result.m_nHttpStatus), szReply + std::to_string(nStatus)) << szCall;
+  for (auto const &[point, szReply, nStatus] :
+       {std::tuple{FaultPoint::HttpQueryInfoW, "ok", -1}, std::tuple{FaultPoint::InternetQueryDataAvailable, "", 200},
+        std::tuple{FaultPoint::InternetReadFile, "", 200}}) {
+    m_hooks.fault = [point = point](FaultPoint call, DWORD *) { return call == point; };
+    EXPECT_EQ(Post(), S_OK);
+    EXPECT_EQ(reply + std::to_string(result.m_nHttpStatus), szReply + std::to_string(nStatus));
   }
 }
 
@@ -194,7 +194,7 @@ TEST(UploadThread, WithoutAThreadNothingStarts) {
   UploadResult result;
   Receiver receiver;
   PlatformTestHooks hooks;
-  hooks.fault = [](char const *szCall, DWORD *) { return std::strcmp(szCall, "_beginthreadex") == 0; };
+  hooks.fault = [](FaultPoint call, DWORD *) { return call == FaultPoint::_beginthreadex; };
   SetPlatformTestHooks(&hooks);
   UploadThread2 thread(&job, &result, &receiver);
   EXPECT_FALSE(thread.Start());

@@ -1,11 +1,11 @@
-// See HostName.h. libcurl maps the name, as it would later: both then agree.
+// See HostName.h. libcurl would map the name by itself, with the same library, but without the check of the result.
 #include "platform/http/HostName.h"
 
 #include <algorithm>
 #include <memory>
 #include <new>
 
-#include <curl/curl.h>
+#include <idn2.h>
 
 namespace {
 
@@ -18,17 +18,14 @@ bool IsHost(std::string_view text) {
   return !text.empty() && !hasControl && text.find_first_of("/?#@\\% ") == text.npos;
 }
 
-/// The ASCII form; empty if there is none.
+/// The ASCII form (RFC 5891, mapped as UTS 46 says); empty if there is none. May throw std::bad_alloc.
 std::string AsciiForm(std::string const &host) {
-  std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> const url(curl_url(), curl_url_cleanup);
-  if (!url)
-    throw std::bad_alloc();
   char *text = nullptr;
-  if (curl_url_set(url.get(), CURLUPART_URL, ("http://" + host).c_str(), 0) != CURLUE_OK ||
-      curl_url_get(url.get(), CURLUPART_HOST, &text, CURLU_PUNYCODE) != CURLUE_OK)
-    return {};
-  std::unique_ptr<char, decltype(&curl_free)> const owner(text, curl_free);
-  return text;
+  int const result = idn2_lookup_ul(host.c_str(), &text, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL);
+  std::unique_ptr<char, decltype(&idn2_free)> const owner(text, idn2_free);
+  if (result == IDN2_MALLOC)
+    throw std::bad_alloc();
+  return result == IDN2_OK ? text : "";
 }
 
 } // namespace

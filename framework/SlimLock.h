@@ -1,8 +1,8 @@
 // The lock of process-wide state as the standard library's lock classes take it. Thin and portable: written over the
-// functions of Threads.h alone.
+// functions of Locks.h alone.
 #pragma once
 
-#include "platform/system/Threads.h"
+#include "platform/system/Locks.h"
 
 /// A constant initialiser and no destructor, so that a thread may use it until the process is gone.
 class SlimLock {

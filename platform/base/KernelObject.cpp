@@ -1,35 +1,7 @@
-// See KernelObject.h and Handles.h.
+// See KernelObject.h.
 #include "platform/base/KernelObject.h"
-
-#include "platform/base/Handles.h"
-
-#include <new>
 
 HandleTable<KernelObject> &KernelObjects() {
   static auto &table = *new HandleTable<KernelObject>(0x104);
   return table;
-}
-
-BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProcess, HANDLE *phTarget, DWORD /*dwAccess*/,
-                     BOOL bInherit, DWORD dwOptions) try {
-  bool const bOurs = hSourceProcess == GetCurrentProcess() && hTargetProcess == GetCurrentProcess();
-  if (!bOurs || !phTarget || bInherit || dwOptions != DUPLICATE_SAME_ACCESS) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
-  }
-  auto object = FindKernelObject<KernelObject>(hSource);
-  if (!object)
-    return FALSE;
-  *phTarget = KernelObjects().Add(std::move(object));
-  return TRUE;
-} catch (std::bad_alloc const &) {
-  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-  return FALSE;
-}
-
-BOOL CloseHandle(HANDLE hObject) {
-  if (KernelObjects().Remove(hObject))
-    return TRUE;
-  SetLastError(ERROR_INVALID_HANDLE);
-  return FALSE;
 }

@@ -2,7 +2,7 @@
 // 0xFF of a name that is no UTF-8 (Python's surrogateescape, PEP 383).
 #pragma once
 
-#include "platform/system/Threads.h" // CloseHandle
+#include "platform/base/Handles.h" // CloseHandle
 #include "platform/base/Types.h"
 
 constexpr DWORD GENERIC_READ = 0x80000000;

@@ -116,15 +116,3 @@ BOOL GetExitCodeThread(HANDLE hThread, DWORD *pdwExitCode) {
   *pdwExitCode = record->dwExitCode;
   return TRUE;
 }
-
-void AcquireSRWLockExclusive(SRWLOCK *pLock) {
-  HoldAcrossFork(pLock->mutex, pLock->bHeldAcrossFork);
-  pLock->mutex.lock();
-}
-
-BOOLEAN TryAcquireSRWLockExclusive(SRWLOCK *pLock) {
-  HoldAcrossFork(pLock->mutex, pLock->bHeldAcrossFork);
-  return pLock->mutex.try_lock();
-}
-
-void ReleaseSRWLockExclusive(SRWLOCK *pLock) { pLock->mutex.unlock(); }

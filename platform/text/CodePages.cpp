@@ -95,59 +95,6 @@ char const *ThreadCharset() {
   return szCharset;
 }
 
-struct Utf8Sequence {
-  int nTail;            // bytes that follow; -1 if the lead byte can't stand
-  unsigned char second; // the range of the first of them (Unicode 15, table 3-7)
-  unsigned char secondLast;
-};
-
-constexpr Utf8Sequence SequenceOf(unsigned char lead) {
-  if (lead >= 0xC2 && lead <= 0xDF)
-    return {1, 0x80, 0xBF};
-  if (lead >= 0xE0 && lead <= 0xEF)
-    return {2, static_cast<unsigned char>(lead == 0xE0 ? 0xA0 : 0x80),
-            static_cast<unsigned char>(lead == 0xED ? 0x9F : 0xBF)};
-  if (lead >= 0xF0 && lead <= 0xF4)
-    return {3, static_cast<unsigned char>(lead == 0xF0 ? 0x90 : 0x80),
-            static_cast<unsigned char>(lead == 0xF4 ? 0x8F : 0xBF)};
-  return {-1, 0, 0};
-}
-
-/// The character at `p`, which is moved behind it, or behind the longest part that could have begun one; `bValid` then
-/// becomes false and the character is U+FFFD.
-char32_t DecodeUtf8(unsigned char const *&p, unsigned char const *pEnd, bool &bValid) {
-  unsigned char const lead = *p++;
-  if (lead < 0x80)
-    return lead;
-  Utf8Sequence const sequence = SequenceOf(lead);
-  if (sequence.nTail < 0) {
-    bValid = false;
-    return kReplacementCharacter;
-  }
-  char32_t character = lead & (0x3F >> sequence.nTail);
-  unsigned char low = sequence.second;
-  unsigned char high = sequence.secondLast;
-  for (int n = 0; n < sequence.nTail; ++n) {
-    if (p == pEnd || *p < low || *p > high) {
-      bValid = false;
-      return kReplacementCharacter;
-    }
-    character = (character << 6) | (*p++ & 0x3F);
-    low = 0x80;
-    high = 0xBF;
-  }
-  return character;
-}
-
-template <class Put> bool DecodeAll(std::string_view text, Put const &put) {
-  bool bValid = true;
-  auto const *p = reinterpret_cast<unsigned char const *>(text.data());
-  auto const *const pEnd = p + text.size();
-  while (p != pEnd)
-    put(*p < 0x80 ? static_cast<WCHAR>(*p++) : static_cast<WCHAR>(DecodeUtf8(p, pEnd, bValid)));
-  return bValid;
-}
-
 int ToUtf8(WCHAR const *p, WCHAR const *pEnd, Sink<char> sink) {
   while (p != pEnd) {
     if (static_cast<char32_t>(*p) < 0x80)
@@ -236,41 +183,4 @@ int MultiByteToWideChar(UINT uCodePage, DWORD dwFlags, char const *szBytes, int 
   bytes.remove_prefix(uAscii);
   DecodeAll(bytes, [&](WCHAR unit) { sink.Put(unit); });
   return sink.Result();
-}
-
-std::string Utf8FromWide(std::wstring_view text) {
-  std::size_t const uAscii = AsciiPrefix(text);
-  std::string bytes(uAscii, '\0');
-  CopyAscii(text.substr(0, uAscii), bytes.data());
-  WCHAR const *p = text.data() + uAscii;
-  WCHAR const *const pEnd = text.data() + text.size();
-  while (p != pEnd)
-    EncodeUtf8(NextCharacter(p, pEnd), [&](char byte) { bytes.push_back(byte); });
-  return bytes;
-}
-
-std::wstring WideFromUtf8(std::string_view text, bool *pbValid) {
-  std::wstring wide;
-  wide.reserve(text.size());
-  bool const bValid = DecodeAll(text, [&](WCHAR unit) { wide.push_back(unit); });
-  if (pbValid)
-    *pbValid = bValid;
-  return wide;
-}
-
-std::string AnsiFromWide(std::wstring_view text) {
-  auto const cch = static_cast<int>(text.size());
-  int const cb = cch == 0 ? 0 : WideCharToMultiByte(CP_THREAD_ACP, 0, text.data(), cch, nullptr, 0, nullptr, nullptr);
-  std::string bytes(static_cast<std::size_t>(cb), '\0');
-  if (cb > 0)
-    WideCharToMultiByte(CP_THREAD_ACP, 0, text.data(), cch, bytes.data(), cb, nullptr, nullptr);
-  return bytes;
-}
-
-std::wstring WideFromAnsi(std::string_view text) {
-  auto const cb = static_cast<int>(text.size());
-  std::wstring wide(text.size(), L'\0'); // no character set makes more characters than bytes
-  int const cch = cb == 0 ? 0 : MultiByteToWideChar(CP_THREAD_ACP, 0, text.data(), cb, wide.data(), cb);
-  wide.resize(static_cast<std::size_t>(cch));
-  return wide;
 }

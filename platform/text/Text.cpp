@@ -2,7 +2,7 @@
 // C library's wide printf takes %s for narrow and fails on characters that the locale lacks. Any thread, no state.
 #include "platform/text/Text.h"
 
-#include "platform/text/Utf8.h"
+#include "platform/text/AnsiText.h"
 
 #include <charconv>
 #include <cstdio>

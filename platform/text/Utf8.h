@@ -2,7 +2,7 @@
 // surrogate pair count as the character they stand for. All functions may throw std::bad_alloc, nothing else.
 #pragma once
 
-#include "platform/base/Types.h"
+#include "platform/text/AnsiText.h"
 
 #include <cstddef>
 #include <cstring>
@@ -77,12 +77,61 @@ template <class Put> void EncodeUtf8(char32_t character, Put const &put) {
   }
 }
 
+struct Utf8Sequence {
+  int nTail;            // bytes that follow; -1 if the lead byte can't stand
+  unsigned char second; // the range of the first of them (Unicode 15, table 3-7)
+  unsigned char secondLast;
+};
+
+constexpr Utf8Sequence SequenceOf(unsigned char lead) {
+  if (lead >= 0xC2 && lead <= 0xDF)
+    return {1, 0x80, 0xBF};
+  if (lead >= 0xE0 && lead <= 0xEF)
+    return {2, static_cast<unsigned char>(lead == 0xE0 ? 0xA0 : 0x80),
+            static_cast<unsigned char>(lead == 0xED ? 0x9F : 0xBF)};
+  if (lead >= 0xF0 && lead <= 0xF4)
+    return {3, static_cast<unsigned char>(lead == 0xF0 ? 0x90 : 0x80),
+            static_cast<unsigned char>(lead == 0xF4 ? 0x8F : 0xBF)};
+  return {-1, 0, 0};
+}
+
+/// The character at `p`, which is moved behind it, or behind the longest part that could have begun one; `bValid` then
+/// becomes false and the character is U+FFFD.
+inline char32_t DecodeUtf8(unsigned char const *&p, unsigned char const *pEnd, bool &bValid) {
+  unsigned char const lead = *p++;
+  if (lead < 0x80)
+    return lead;
+  Utf8Sequence const sequence = SequenceOf(lead);
+  if (sequence.nTail < 0) {
+    bValid = false;
+    return kReplacementCharacter;
+  }
+  char32_t character = lead & (0x3F >> sequence.nTail);
+  unsigned char low = sequence.second;
+  unsigned char high = sequence.secondLast;
+  for (int n = 0; n < sequence.nTail; ++n) {
+    if (p == pEnd || *p < low || *p > high) {
+      bValid = false;
+      return kReplacementCharacter;
+    }
+    character = (character << 6) | (*p++ & 0x3F);
+    low = 0x80;
+    high = 0xBF;
+  }
+  return character;
+}
+
+template <class Put> bool DecodeAll(std::string_view text, Put const &put) {
+  bool bValid = true;
+  auto const *p = reinterpret_cast<unsigned char const *>(text.data());
+  auto const *const pEnd = p + text.size();
+  while (p != pEnd)
+    put(*p < 0x80 ? static_cast<WCHAR>(*p++) : static_cast<WCHAR>(DecodeUtf8(p, pEnd, bValid)));
+  return bValid;
+}
+
 /// What is no character becomes U+FFFD.
 std::string Utf8FromWide(std::wstring_view text);
 
 /// What does not decode becomes U+FFFD; `*pbValid`, if asked for, tells whether there was any.
 std::wstring WideFromUtf8(std::string_view text, bool *pbValid = nullptr);
-
-// The same in the calling thread's ANSI code page.
-std::string AnsiFromWide(std::wstring_view text);
-std::wstring WideFromAnsi(std::string_view text);

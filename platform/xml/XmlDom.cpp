@@ -6,6 +6,7 @@
 #include "platform/base/Seam.h"
 #include "platform/text/CodePages.h"
 #include "platform/text/Utf8.h"
+#include "platform/xml/XmlParse.h"
 #include "platform/xml/XmlTree.h"
 
 #include <algorithm>
@@ -221,7 +222,7 @@ public:
     if (pbSuccess)
       *pbSuccess = 0;
     return Guarded([&] {
-      auto tree = XmlTree::Parse(bstrXml ? bstrXml : L"");
+      auto tree = ParseXml(bstrXml ? bstrXml : L"");
       if (!tree)
         return S_FALSE;
       m_place.tree = std::move(tree);

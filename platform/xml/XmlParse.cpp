@@ -1,8 +1,9 @@
 // Building the tree from expat's events. Expat takes time in proportion to the document, whatever it holds, and has no
 // limit for nesting or for the length of a text; what it may take of memory is limited here.
-#include "platform/xml/XmlTree.h"
+#include "platform/xml/XmlParse.h"
 
 #include "platform/text/Utf8.h"
+#include "platform/xml/XmlTree.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -209,7 +210,7 @@ private:
   bool m_bOutOfMemory = false;
 };
 
-std::shared_ptr<XmlTree const> XmlTree::Parse(std::wstring_view text) {
+std::shared_ptr<XmlTree const> ParseXml(std::wstring_view text) {
   std::size_t cb = 0;
   if (text.size() > kLongestDocument)
     return nullptr;

@@ -24,11 +24,6 @@ public:
   /// An empty document. May throw std::bad_alloc.
   XmlTree();
 
-  /// Null for a text that does not parse: one that is not well formed, holds a lone surrogate or a document type, or
-  /// has more than 8 * 1024 * 1024 characters. U+FEFF and white space in front are skipped. May throw std::bad_alloc,
-  /// also for a document for which the parser would need more than 64 MiB.
-  static std::shared_ptr<XmlTree const> Parse(std::wstring_view text);
-
   DOMNodeType Type(Index uNode) const { return static_cast<DOMNodeType>(At(uNode).type); }
   /// Names as they are written, prefix included; "#text" and the like for nodes that have none.
   std::string_view Name(Index uNode) const;

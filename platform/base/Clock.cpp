@@ -7,7 +7,7 @@
 
 namespace {
 
-/// What an idle processor may take to run a thread whose time has come.
+/// How long an idle processor may take to run a thread that is due.
 constexpr std::chrono::microseconds kWakeUpTime(300);
 
 } // namespace

@@ -1,17 +1,17 @@
-// The millisecond clock and sleeping. Any thread.
+// The millisecond clock and sleeping. Thread: any, for every function here.
 #pragma once
 
 #include "platform/base/Types.h"
 
 #include <chrono>
 
-/// Milliseconds of a steady clock, modulo 2^32.
+/// Milliseconds of a steady clock, modulo 2^32. Cannot fail.
 SKIFFPORT_PLATFORM_API DWORD GetTickCount();
 
-/// Blocks the calling thread for that many ms, punctually: the last 0.3 ms are spent awake. 0 yields the processor.
+/// Blocks the calling thread for that many ms, punctually: it spins for the last 0.3 ms. 0 yields the processor.
 SKIFFPORT_PLATFORM_API void Sleep(DWORD dwMilliseconds);
 
-// For the platform's own use: what the seam answers when no test drives the time.
+// For the platform's own use: what Seam.h answers while no test drives the time.
 
 /// Milliseconds of the system's steady clock.
 std::uint64_t SystemMilliseconds();

@@ -14,19 +14,19 @@ struct ForkGuards {
   std::vector<std::mutex *> held;
 };
 
-std::atomic<pid_t> g_process = 0; // 0: not asked yet in this process
+std::atomic<pid_t> g_process = 0; // 0: not asked for yet in this process
 
 ForkGuards &Guards() {
   static ForkGuards &guards = *new ForkGuards; // never destroyed: a thread may still run at exit
   return guards;
 }
 
-// The list's own mutex comes last: whoever holds one of the others may be about to register the next.
+// The list's own mutex is locked last: whoever holds one of the others may be about to register the next.
 void LockAll() {
   ForkGuards &guards = Guards();
   guards.mutex.lock();
-  for (std::size_t n = 0; n < guards.held.size(); ++n) {
-    std::mutex *const next = guards.held[n];
+  for (std::size_t index = 0; index < guards.held.size(); ++index) {
+    std::mutex *const next = guards.held[index];
     guards.mutex.unlock();
     next->lock();
     guards.mutex.lock();
@@ -46,8 +46,7 @@ void UnlockAllInChild() {
 }
 
 void RegisterHandlers() {
-  static bool const registered = pthread_atfork(LockAll, UnlockAll, UnlockAllInChild) == 0;
-  static_cast<void>(registered);
+  [[maybe_unused]] static int const s_once = pthread_atfork(LockAll, UnlockAll, UnlockAllInChild);
 }
 
 } // namespace
@@ -58,16 +57,16 @@ void HoldAcrossFork(std::mutex &mutex) {
   Guards().held.push_back(&mutex);
 }
 
-void HoldAcrossFork(std::mutex &mutex, std::atomic<bool> &bHeld) noexcept try {
-  if (bHeld)
+void HoldAcrossFork(std::mutex &mutex, std::atomic<bool> &isHeld) noexcept try {
+  if (isHeld)
     return;
   RegisterHandlers();
   std::lock_guard<std::mutex> const lock(Guards().mutex);
-  if (bHeld) // by another thread meanwhile
+  if (isHeld) // another thread was first
     return;
   Guards().held.push_back(&mutex);
-  bHeld = true;
-} catch (std::bad_alloc const &) {
+  isHeld = true;
+} catch (std::bad_alloc const &) { // the next call tries again
 }
 
 pid_t CurrentProcess() {

@@ -1,6 +1,6 @@
 // What a fork does to the platform's own state. A forked child has the memory of the parent's threads but not the
-// threads: locks of the tables are held across the fork so that they come out usable, and objects remember the process
-// that made them.
+// threads: the tables' locks are held across the fork so that the child can use them, and objects remember the process
+// that made them. Any thread. Knows nothing of what the mutexes guard.
 #pragma once
 
 #include <atomic>
@@ -9,13 +9,13 @@
 #include <sys/types.h>
 
 /// Locks the mutex before each later fork and unlocks it after it, on both sides. The mutex must live as long as the
-/// process. Mutexes are locked in the order of their registration: a mutex that is taken inside another comes later,
-/// and may be registered while the other is held. May throw std::bad_alloc.
+/// process. Mutexes are locked in the order of their registration: a mutex that is taken while another is held must be
+/// registered after it, and may be registered while the other is held. May throw std::bad_alloc.
 void HoldAcrossFork(std::mutex &mutex);
 
-/// The same for a mutex without a constructor of its own, called before each use: `bHeld`, false at first, tells
-/// whether it is registered. Without memory it stays unregistered until the next call.
-void HoldAcrossFork(std::mutex &mutex, std::atomic<bool> &bHeld) noexcept;
+/// The same for a mutex without a constructor of its own, called before each use: `isHeld`, false at first, says
+/// whether it is registered. When out of memory, the mutex stays unregistered until the next call.
+void HoldAcrossFork(std::mutex &mutex, std::atomic<bool> &isHeld) noexcept;
 
-/// The calling process, cheap enough for every call.
+/// The id of the calling process, cached: cheap enough to ask for in every call.
 pid_t CurrentProcess();

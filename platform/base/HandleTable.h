@@ -1,5 +1,5 @@
-// A table that stands between handles and objects: a handle is a number that is never used again, so a stale one is an
-// error and not a pointer. Safe from any thread.
+// The table between handles and objects: a handle is a number that is never used again, so a stale one is an error and
+// not a dangling pointer. Any thread. Knows nothing of what the objects are.
 #pragma once
 
 #include "platform/base/Fork.h"
@@ -12,17 +12,17 @@
 template <class Object> class HandleTable {
 public:
   /// The first handle's value; the others follow in steps of 4.
-  explicit HandleTable(std::uintptr_t uFirst) : m_uNext(uFirst) { HoldAcrossFork(m_mutex); }
+  explicit HandleTable(std::uintptr_t first) : m_next(first) { HoldAcrossFork(m_mutex); }
 
-  /// May throw std::bad_alloc.
+  /// Returns: the new handle. May throw std::bad_alloc.
   void *Add(std::shared_ptr<Object> object) {
     std::lock_guard<std::mutex> const lock(m_mutex);
-    std::uintptr_t const handle = m_uNext;
+    std::uintptr_t const handle = m_next;
     m_objects.emplace(handle, std::move(object));
-    m_uNext += 4;
+    m_next += 4;
     return reinterpret_cast<void *>(handle);
   }
-  /// Null for a handle that is not, or no longer, in the table.
+  /// Null for a handle that is not in the table, or no longer is.
   std::shared_ptr<Object> Find(void const *handle) const {
     std::lock_guard<std::mutex> const lock(m_mutex);
     auto const it = m_objects.find(reinterpret_cast<std::uintptr_t>(handle));
@@ -42,5 +42,5 @@ public:
 private:
   mutable std::mutex m_mutex;
   std::unordered_map<std::uintptr_t, std::shared_ptr<Object>> m_objects;
-  std::uintptr_t m_uNext;
+  std::uintptr_t m_next;
 };

@@ -1,30 +1,23 @@
 // See Handles.h.
 #include "platform/base/Handles.h"
 
+#include "platform/base/Fail.h"
 #include "platform/base/KernelObject.h"
 
 #include <new>
 
 BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProcess, HANDLE *phTarget, DWORD /*dwAccess*/,
                      BOOL bInherit, DWORD dwOptions) try {
-  bool const bOurs = hSourceProcess == GetCurrentProcess() && hTargetProcess == GetCurrentProcess();
-  if (!bOurs || !phTarget || bInherit || dwOptions != DUPLICATE_SAME_ACCESS) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
-  }
+  bool const isOurs = hSourceProcess == GetCurrentProcess() && hTargetProcess == GetCurrentProcess();
+  if (!isOurs || !phTarget || bInherit || dwOptions != DUPLICATE_SAME_ACCESS)
+    return Fail(ERROR_INVALID_PARAMETER, FALSE);
   auto object = FindKernelObject<KernelObject>(hSource);
   if (!object)
     return FALSE;
   *phTarget = KernelObjects().Add(std::move(object));
   return TRUE;
 } catch (std::bad_alloc const &) {
-  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-  return FALSE;
+  return Fail(ERROR_NOT_ENOUGH_MEMORY, FALSE);
 }
 
-BOOL CloseHandle(HANDLE hObject) {
-  if (KernelObjects().Remove(hObject))
-    return TRUE;
-  SetLastError(ERROR_INVALID_HANDLE);
-  return FALSE;
-}
+BOOL CloseHandle(HANDLE hObject) { return KernelObjects().Remove(hObject) ? TRUE : Fail(ERROR_INVALID_HANDLE, FALSE); }

@@ -1,4 +1,5 @@
-// What a HANDLE stands for: the one table that threads and open files share, so that CloseHandle serves both.
+// What a HANDLE stands for: the one table that threads and open files share, so that CloseHandle serves both. Any
+// thread. Knows nothing of the kinds of objects.
 #pragma once
 
 #include "platform/base/HandleTable.h"

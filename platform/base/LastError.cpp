@@ -2,8 +2,8 @@
 #include "platform/base/LastError.h"
 
 namespace {
-thread_local DWORD t_dwLastError = ERROR_SUCCESS;
+thread_local DWORD t_lastError = ERROR_SUCCESS;
 } // namespace
 
-DWORD GetLastError() { return t_dwLastError; }
-void SetLastError(DWORD dwError) { t_dwLastError = dwError; }
+DWORD GetLastError() { return t_lastError; }
+void SetLastError(DWORD dwError) { t_lastError = dwError; }

@@ -1,4 +1,4 @@
-// The calling thread's last error and the error numbers that this system meets.
+// The calling thread's last error and the error numbers that this system meets. Thread: any; each thread has its own.
 #pragma once
 
 #include "platform/base/Types.h"
@@ -43,6 +43,6 @@ constexpr DWORD ERROR_INTERNET_SECURITY_CHANNEL_ERROR = 12157;
 constexpr DWORD ERROR_INTERNET_SEC_CERT_REVOKED = 12170;
 constexpr DWORD ERROR_INTERNET_DECODING_FAILED = 12175;
 
-/// The reason of the calling thread's last failed platform call.
+/// Why the calling thread's last failed platform call failed.
 SKIFFPORT_PLATFORM_API DWORD GetLastError();
 SKIFFPORT_PLATFORM_API void SetLastError(DWORD dwError);

@@ -1,4 +1,4 @@
-// The product's seam: nothing fails on purpose, and time is the system's.
+// See Seam.h. The product's definitions: nothing fails on purpose, and time is the system's.
 #include "platform/base/Seam.h"
 
 #include "platform/base/Clock.h"

@@ -1,6 +1,6 @@
-// The one place where tests take hold of the platform: time, sleeping, and the failure of a chosen call. Declared here
-// and defined twice, chosen at link time over the same objects: in Seam.cpp for the product, and with the tests.
-// Any thread.
+// The one place where tests control the platform: time, sleeping, and the failure of a chosen call. Declared once and
+// defined twice, in Seam.cpp for the product and with the tests; the linker chooses, over the same objects.
+// Thread: any, for every function here.
 #pragma once
 
 #include "platform/base/Types.h"
@@ -35,9 +35,9 @@ enum class FaultPoint {
 
 /// True if the call is to fail without being made; the last error is then set.
 bool FaultAt(FaultPoint call);
-/// Milliseconds of the steady clock that every time limit is measured with.
+/// Milliseconds of the steady clock by which every time limit is measured.
 std::uint64_t SteadyMilliseconds();
-/// True if a test drives the clock: waits must then look at it every few milliseconds.
+/// True if a test drives the clock: a wait must then check it every few milliseconds.
 bool ClockIsDriven();
 /// Blocks for that many ms; 0 yields the processor.
 void SleepMilliseconds(DWORD ms);

@@ -1,7 +1,7 @@
-// What passes through a thread's frames while the thread is being ended from inside a call.
+// What unwinds a thread's frames while the thread is being ended from inside a call (pthread_exit or a cancellation).
 #pragma once
 
 #include <cxxabi.h>
 
-/// A handler that lets nothing else escape rethrows it: the C library ends the process otherwise.
+/// A handler that catches everything else must rethrow this: the C library ends the process otherwise.
 using ThreadEnd = abi::__forced_unwind;

@@ -1,5 +1,5 @@
 // The basic types and constants of the native platform, under their own names.
-// Shapes, not services: this header calls nothing and may be included anywhere.
+// Types only, no functions to call: any file may include it.
 #pragma once
 
 #include <cstddef>
@@ -43,5 +43,5 @@ struct GUID {
 using CLSID = GUID;
 using IID = GUID;
 
-/// Marks what the platform library offers to the module and the host.
+/// Marks what the platform library exports to the module and the host.
 #define SKIFFPORT_PLATFORM_API __attribute__((visibility("default")))

@@ -2,8 +2,8 @@
 // looked up at run time and stays loaded: a thread may still write while the process ends. Any thread.
 #include "platform/system/Debug.h"
 
+#include "platform/base/Fail.h"
 #include "platform/base/HandleTable.h"
-#include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
 #include "platform/text/Utf8.h"
 
@@ -28,7 +28,7 @@ namespace {
 
 using SendToJournal = int (*)(iovec const *, int);
 
-std::atomic<SendToJournal> g_pfnSend = nullptr;
+std::atomic<SendToJournal> g_send = nullptr;
 
 /// A registered provider: its journal field.
 HandleTable<std::string const> &Providers() {
@@ -36,13 +36,13 @@ HandleTable<std::string const> &Providers() {
   return table;
 }
 
-// A pipe keeps only so much in one piece; a longer text could be mixed with another thread's. It is cut before a whole
-// character, and keeps its line end.
+// A pipe writes at most PIPE_BUF bytes atomically; a longer text could be mixed with another thread's. It is cut
+// between characters and keeps its line end.
 std::string CutToOnePiece(std::string_view text) {
-  std::size_t uEnd = PIPE_BUF - 1;
-  while (uEnd > 0 && (static_cast<BYTE>(text[uEnd]) & 0xC0) == 0x80)
-    --uEnd;
-  return std::string(text.substr(0, uEnd)) + (text.back() == '\n' ? "\n" : "");
+  std::size_t end = PIPE_BUF - 1;
+  while (end > 0 && (static_cast<BYTE>(text[end]) & 0xC0) == 0x80)
+    --end;
+  return std::string(text.substr(0, end)) + (text.back() == '\n' ? "\n" : "");
 }
 
 void WriteDebug(std::string_view text) {
@@ -63,11 +63,11 @@ bool HasJournal() {
 }
 
 std::string ProviderField(GUID const &guid) {
-  char szField[64];
-  BYTE const *const d = guid.Data4;
-  std::snprintf(szField, sizeof szField, "PROVIDER_GUID={%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", guid.Data1,
-                guid.Data2, guid.Data3, d[0], d[1], d[2], d[3], d[4], d[5], d[6], d[7]);
-  return szField;
+  char field[64];
+  BYTE const *const data4 = guid.Data4;
+  std::snprintf(field, sizeof field, "PROVIDER_GUID={%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", guid.Data1,
+                guid.Data2, guid.Data3, data4[0], data4[1], data4[2], data4[3], data4[4], data4[5], data4[6], data4[7]);
+  return field;
 }
 
 /// The journal's priority (syslog's numbers) for an event level: 1 critical to 5 verbose.
@@ -76,24 +76,24 @@ int PriorityOf(BYTE level) {
   return kPriorities[std::min<std::size_t>(level, kPriorities.size() - 1)];
 }
 
-ULONG EventRegister(GUID const *pProvider, void * /*pfnCallback*/, void * /*pContext*/, REGHANDLE *phProvider) try {
-  if (!pProvider || !phProvider)
+ULONG EventRegister(GUID const *guid, void * /*callback*/, void * /*context*/, REGHANDLE *handle) try {
+  if (!guid || !handle)
     return ERROR_INVALID_PARAMETER;
-  auto provider = std::make_shared<std::string const>(ProviderField(*pProvider));
-  *phProvider = reinterpret_cast<std::uintptr_t>(Providers().Add(std::move(provider)));
+  auto provider = std::make_shared<std::string const>(ProviderField(*guid));
+  *handle = reinterpret_cast<std::uintptr_t>(Providers().Add(std::move(provider)));
   return ERROR_SUCCESS;
 } catch (std::bad_alloc const &) {
   return ERROR_NOT_ENOUGH_MEMORY;
 }
 
-ULONG EventWriteString(REGHANDLE hProvider, BYTE level, std::uint64_t /*uKeyword*/, WCHAR const *wszText) try {
-  auto const provider = Providers().Find(reinterpret_cast<void *>(static_cast<std::uintptr_t>(hProvider)));
-  SendToJournal const pfnSend = g_pfnSend;
-  if (!provider || !pfnSend)
+ULONG EventWriteString(REGHANDLE handle, BYTE level, std::uint64_t /*keyword*/, WCHAR const *line) try {
+  auto const provider = Providers().Find(reinterpret_cast<void *>(static_cast<std::uintptr_t>(handle)));
+  SendToJournal const send = g_send;
+  if (!provider || !send)
     return ERROR_INVALID_HANDLE;
-  if (!wszText)
+  if (!line)
     return ERROR_INVALID_PARAMETER;
-  std::wstring_view text = wszText;
+  std::wstring_view text = line;
   if (text.ends_with(L'\n'))
     text.remove_suffix(1);
   std::string const fields[] = {"MESSAGE=" + Utf8FromWide(text), "PRIORITY=" + std::to_string(PriorityOf(level)),
@@ -102,19 +102,19 @@ ULONG EventWriteString(REGHANDLE hProvider, BYTE level, std::uint64_t /*uKeyword
   std::transform(std::begin(fields), std::end(fields), entries, [](std::string const &field) {
     return iovec{const_cast<char *>(field.data()), field.size()};
   });
-  return pfnSend(entries, static_cast<int>(std::size(entries))) == 0 ? ERROR_SUCCESS : ERROR_WRITE_FAULT;
+  return send(entries, static_cast<int>(std::size(entries))) == 0 ? ERROR_SUCCESS : ERROR_WRITE_FAULT;
 } catch (std::bad_alloc const &) {
   return ERROR_NOT_ENOUGH_MEMORY;
 }
 
-ULONG EventUnregister(REGHANDLE hProvider) {
-  bool const bRemoved = Providers().Remove(reinterpret_cast<void *>(static_cast<std::uintptr_t>(hProvider))) != nullptr;
-  return bRemoved ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
+ULONG EventUnregister(REGHANDLE handle) {
+  bool const isRemoved = Providers().Remove(reinterpret_cast<void *>(static_cast<std::uintptr_t>(handle))) != nullptr;
+  return isRemoved ? ERROR_SUCCESS : ERROR_INVALID_HANDLE;
 }
 
 struct ExportRow {
-  char const *szName;
-  FARPROC pfn;
+  char const *name;
+  FARPROC function;
 };
 ExportRow const kExports[] = {
     {"EventRegister", reinterpret_cast<FARPROC>(&EventRegister)},
@@ -139,28 +139,24 @@ void OutputDebugStringW(WCHAR const *wszText) try {
 HMODULE LoadLibraryA(char const *szName) {
   if (FaultAt(FaultPoint::LoadLibraryA))
     return nullptr;
-  bool const bKnown = szName && strcasecmp(szName, "advapi32.dll") == 0;
-  void *const pLibrary =
-      bKnown && HasJournal() ? dlopen("libsystemd.so.0", RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE) : nullptr;
-  void *const pSend = pLibrary ? dlsym(pLibrary, "sd_journal_sendv") : nullptr;
-  if (!pSend) {
-    if (pLibrary)
-      dlclose(pLibrary);
-    SetLastError(ERROR_MOD_NOT_FOUND);
-    return nullptr;
+  bool const isKnown = szName && strcasecmp(szName, "advapi32.dll") == 0;
+  void *const library =
+      isKnown && HasJournal() ? dlopen("libsystemd.so.0", RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE) : nullptr;
+  void *const function = library ? dlsym(library, "sd_journal_sendv") : nullptr;
+  if (!function) {
+    if (library)
+      dlclose(library);
+    return Fail(ERROR_MOD_NOT_FOUND, nullptr);
   }
-  g_pfnSend = reinterpret_cast<SendToJournal>(pSend);
-  return pLibrary;
+  g_send = reinterpret_cast<SendToJournal>(function);
+  return library;
 }
 
 BOOL FreeLibrary(HMODULE hLibrary) { return hLibrary && dlclose(hLibrary) == 0; }
 
 FARPROC GetProcAddress(HMODULE hLibrary, char const *szName) {
   auto const row = std::find_if(std::begin(kExports), std::end(kExports), [&](ExportRow const &candidate) {
-    return hLibrary && szName && std::strcmp(candidate.szName, szName) == 0;
+    return hLibrary && szName && std::strcmp(candidate.name, szName) == 0;
   });
-  if (row != std::end(kExports))
-    return row->pfn;
-  SetLastError(ERROR_PROC_NOT_FOUND);
-  return nullptr;
+  return row != std::end(kExports) ? row->function : Fail(ERROR_PROC_NOT_FOUND, FARPROC{nullptr});
 }

@@ -10,14 +10,14 @@
 
 namespace {
 
-/// Keeps the process's signals from the threads that are created in its scope.
+/// Blocks signals in the threads that are created in its scope, which inherit the mask.
 class SignalsBlocked {
 public:
   SignalsBlocked() {
     sigset_t all;
     sigfillset(&all);
-    for (int nFault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT})
-      sigdelset(&all, nFault);
+    for (int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGABRT})
+      sigdelset(&all, fault);
     pthread_sigmask(SIG_SETMASK, &all, &m_before);
   }
   SignalsBlocked(SignalsBlocked const &) = delete;

@@ -1,9 +1,12 @@
-// Files by wide path over open, fstat and read. Any thread; one file handle belongs to one thread at a time.
+// Files by wide path over open, fstat and read. Any thread; a file handle belongs to one thread at a time. Knows
+// nothing of what the files are for.
 #include "platform/system/Files.h"
 
+#include "platform/base/Fail.h"
 #include "platform/base/KernelObject.h"
 #include "platform/base/Seam.h"
 #include "platform/system/RegularFile.h"
+#include "platform/text/ControlCharacter.h"
 #include "platform/text/Utf8.h"
 
 #include <cerrno>
@@ -21,21 +24,17 @@ struct OpenFile : KernelObject {
   UniqueFd const fd;
 };
 
-/// The path in the file system's bytes; none, with the last error, if no file can have that name.
-std::optional<std::string> NativePath(WCHAR const *wszPath) {
+/// The path as the file system's bytes; none, with the last error, if no file can have that name.
+std::optional<std::string> NativePath(WCHAR const *name) {
   std::string path;
-  WCHAR const *p = wszPath ? wszPath : L"";
-  WCHAR const *const pEnd = p + std::wcslen(p);
-  if (p == pEnd) {
-    SetLastError(ERROR_PATH_NOT_FOUND);
-    return std::nullopt;
-  }
-  while (p != pEnd) {
-    char32_t const character = NextCharacter(p, pEnd);
-    if (character < 0x20 || character == 0x7F) {
-      SetLastError(ERROR_INVALID_NAME);
-      return std::nullopt;
-    }
+  WCHAR const *next = name ? name : L"";
+  WCHAR const *const end = next + std::wcslen(next);
+  if (next == end)
+    return Fail(ERROR_PATH_NOT_FOUND, std::nullopt);
+  while (next != end) {
+    char32_t const character = NextCharacter(next, end);
+    if (IsControlCharacter(character))
+      return Fail(ERROR_INVALID_NAME, std::nullopt);
     if (character >= 0xDC80 && character <= 0xDCFF)
       path.push_back(static_cast<char>(character - 0xDC00));
     else
@@ -45,14 +44,14 @@ std::optional<std::string> NativePath(WCHAR const *wszPath) {
 }
 
 bool HasDirectory(std::string const &path) {
-  auto const uSlash = path.find_last_of('/');
+  auto const slash = path.find_last_of('/');
   struct stat status;
-  return uSlash == std::string::npos || stat(path.substr(0, uSlash + 1).c_str(), &status) == 0;
+  return slash == std::string::npos || stat(path.substr(0, slash + 1).c_str(), &status) == 0;
 }
 
 struct FileErrorRow {
-  int nErrno;
-  DWORD dwError;
+  int errorNumber;
+  DWORD error;
 };
 constexpr FileErrorRow kFileErrors[] = {
     {ENOTDIR, ERROR_PATH_NOT_FOUND},     {ENAMETOOLONG, ERROR_INVALID_NAME},  {ENOMEM, ERROR_NOT_ENOUGH_MEMORY},
@@ -60,13 +59,13 @@ constexpr FileErrorRow kFileErrors[] = {
     {EILSEQ, ERROR_INVALID_NAME},
 };
 
-/// The error number for a path that could not be opened or looked up; all the rest counts as access denied.
-DWORD FileError(int nErrno, std::string const &path) {
-  if (nErrno == ENOENT)
+/// The error number for a path that could not be opened or looked up; what the table lacks counts as access denied.
+DWORD FileError(int errorNumber, std::string const &path) {
+  if (errorNumber == ENOENT)
     return HasDirectory(path) ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
   for (FileErrorRow const &row : kFileErrors)
-    if (row.nErrno == nErrno)
-      return row.dwError;
+    if (row.errorNumber == errorNumber)
+      return row.error;
   return ERROR_ACCESS_DENIED;
 }
 
@@ -76,43 +75,34 @@ HANDLE CreateFileW(WCHAR const *wszPath, DWORD dwAccess, DWORD /*dwShare*/, void
                    DWORD dwFlags, HANDLE hTemplate) try {
   if (FaultAt(FaultPoint::CreateFileW))
     return INVALID_HANDLE_VALUE;
-  if (dwAccess != GENERIC_READ || pSecurity || dwDisposition != OPEN_EXISTING || dwFlags != 0 || hTemplate) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return INVALID_HANDLE_VALUE;
-  }
+  if (dwAccess != GENERIC_READ || pSecurity || dwDisposition != OPEN_EXISTING || dwFlags != 0 || hTemplate)
+    return Fail(ERROR_INVALID_PARAMETER, INVALID_HANDLE_VALUE);
   auto const path = NativePath(wszPath);
   if (!path)
     return INVALID_HANDLE_VALUE;
   UniqueFd fd = OpenRegularFile(path->c_str());
-  if (!fd) {
-    SetLastError(FileError(errno, *path));
-    return INVALID_HANDLE_VALUE;
-  }
+  if (!fd)
+    return Fail(FileError(errno, *path), INVALID_HANDLE_VALUE);
   HANDLE const hFile = KernelObjects().Add(std::make_shared<OpenFile>(std::move(fd)));
   SetLastError(ERROR_SUCCESS);
   return hFile;
 } catch (std::bad_alloc const &) {
-  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-  return INVALID_HANDLE_VALUE;
+  return Fail(ERROR_NOT_ENOUGH_MEMORY, INVALID_HANDLE_VALUE);
 }
 
 BOOL ReadFile(HANDLE hFile, void *pBuffer, DWORD dwBytes, DWORD *pdwRead, void *pOverlapped) {
   *pdwRead = 0;
   if (FaultAt(FaultPoint::ReadFile))
     return FALSE;
-  if (pOverlapped) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return FALSE;
-  }
+  if (pOverlapped)
+    return Fail(ERROR_INVALID_PARAMETER, FALSE);
   auto const file = FindKernelObject<OpenFile>(hFile);
   if (!file)
     return FALSE;
-  ssize_t const cbRead = ReadFully(file->fd.Get(), pBuffer, dwBytes);
-  if (cbRead < 0) {
-    SetLastError(ERROR_READ_FAULT);
-    return FALSE;
-  }
-  *pdwRead = static_cast<DWORD>(cbRead);
+  ssize_t const count = ReadFully(file->fd.Get(), pBuffer, dwBytes);
+  if (count < 0)
+    return Fail(ERROR_READ_FAULT, FALSE);
+  *pdwRead = static_cast<DWORD>(count);
   return TRUE;
 }
 
@@ -121,16 +111,14 @@ DWORD GetFileSize(HANDLE hFile, DWORD *pdwHigh) {
   if (!file)
     return INVALID_FILE_SIZE;
   struct stat status;
-  if (fstat(file->fd.Get(), &status) != 0) {
-    SetLastError(ERROR_READ_FAULT);
-    return INVALID_FILE_SIZE;
-  }
-  auto const cb = static_cast<std::uint64_t>(status.st_size);
+  if (fstat(file->fd.Get(), &status) != 0)
+    return Fail(ERROR_READ_FAULT, INVALID_FILE_SIZE);
+  auto const size = static_cast<std::uint64_t>(status.st_size);
   if (pdwHigh)
-    *pdwHigh = static_cast<DWORD>(cb >> 32);
-  if (static_cast<DWORD>(cb) == INVALID_FILE_SIZE)
+    *pdwHigh = static_cast<DWORD>(size >> 32);
+  if (static_cast<DWORD>(size) == INVALID_FILE_SIZE)
     SetLastError(ERROR_SUCCESS);
-  return static_cast<DWORD>(cb);
+  return static_cast<DWORD>(size);
 }
 
 BOOL PathFileExistsW(WCHAR const *wszPath) try {
@@ -140,11 +128,7 @@ BOOL PathFileExistsW(WCHAR const *wszPath) try {
   if (!path)
     return FALSE;
   struct stat status;
-  if (stat(path->c_str(), &status) == 0)
-    return TRUE;
-  SetLastError(FileError(errno, *path));
-  return FALSE;
+  return stat(path->c_str(), &status) == 0 ? TRUE : Fail(FileError(errno, *path), FALSE);
 } catch (std::bad_alloc const &) {
-  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-  return FALSE;
+  return Fail(ERROR_NOT_ENOUGH_MEMORY, FALSE);
 }

@@ -1,5 +1,6 @@
 // Reading files by wide path. A path's units are characters; units U+DC80 to U+DCFF stand for the raw bytes 0x80 to
-// 0xFF of a name that is no UTF-8 (Python's surrogateescape, PEP 383).
+// 0xFF of a name that is not UTF-8 (Python's surrogateescape, PEP 383). Thread: any, for every function here; a file
+// handle belongs to one thread at a time.
 #pragma once
 
 #include "platform/base/Handles.h" // CloseHandle
@@ -12,19 +13,20 @@ constexpr DWORD INVALID_FILE_SIZE = 0xFFFFFFFF;
 
 inline const HANDLE INVALID_HANDLE_VALUE = reinterpret_cast<HANDLE>(static_cast<std::intptr_t>(-1));
 
-/// Opens an existing regular file for reading. Never waits for a FIFO's writer.
+/// Opens an existing regular file for reading; never waits for a FIFO's writer.
 /// Returns: a handle for ReadFile, GetFileSize and CloseHandle, or INVALID_HANDLE_VALUE.
-/// Errors (last error): 2 or 3 missing, 5 unreadable or no regular file, 123 no possible name (a control character, or
-/// too long), 4 too many open files, 8 memory. Success sets it to 0.
-/// Differs: GENERIC_READ and OPEN_EXISTING only; sharing keeps no writer out.
+/// Errors (last error): 2 file missing, 3 directory missing, 5 unreadable or not a regular file, 123 no possible name
+/// (a control character, or too long), 4 too many open files, 8 out of memory, 87. Success sets it to 0. Differs:
+/// GENERIC_READ and OPEN_EXISTING only; the share mode keeps no writer out.
 SKIFFPORT_PLATFORM_API HANDLE CreateFileW(WCHAR const *wszPath, DWORD dwAccess, DWORD dwShare, void *pSecurity,
                                           DWORD dwDisposition, DWORD dwFlags, HANDLE hTemplate);
 
-/// Reads up to `dwBytes` bytes; TRUE with 0 bytes at the end of the file. Differs: no overlapped reading.
+/// Reads up to `dwBytes` bytes, fewer only at the end of the file; TRUE with 0 bytes there. Errors: FALSE with 6,
+/// 30, 87. Differs: no overlapped reading.
 SKIFFPORT_PLATFORM_API BOOL ReadFile(HANDLE hFile, void *pBuffer, DWORD dwBytes, DWORD *pdwRead, void *pOverlapped);
 
-/// The low 32 bits of the file's size in bytes, and the high ones in `*pdwHigh` unless that is null.
-/// Errors: INVALID_FILE_SIZE, with ERROR_INVALID_HANDLE as the last error.
+/// The low 32 bits of the file's size in bytes; the high ones go to `*pdwHigh` unless that is null.
+/// Errors: INVALID_FILE_SIZE with 6 or 30. A size that ends in those very bits leaves a last error of 0.
 SKIFFPORT_PLATFORM_API DWORD GetFileSize(HANDLE hFile, DWORD *pdwHigh);
 
 /// TRUE if the path names a file, a directory or any other object. FALSE for null, and for a path that holds a control

@@ -4,12 +4,12 @@
 #include "platform/base/Fork.h"
 
 void AcquireSRWLockExclusive(SRWLOCK *pLock) {
-  HoldAcrossFork(pLock->mutex, pLock->bHeldAcrossFork);
+  HoldAcrossFork(pLock->mutex, pLock->isHeldAcrossFork);
   pLock->mutex.lock();
 }
 
 BOOLEAN TryAcquireSRWLockExclusive(SRWLOCK *pLock) {
-  HoldAcrossFork(pLock->mutex, pLock->bHeldAcrossFork);
+  HoldAcrossFork(pLock->mutex, pLock->isHeldAcrossFork);
   return pLock->mutex.try_lock();
 }
 

@@ -1,4 +1,5 @@
-// Locks: the slim one for state of the whole process, and the recursive critical section. Any thread.
+// Locks: the slim one for process-wide state, and the recursive critical section. Thread: any, for every function here;
+// the thread that acquired a lock releases it.
 #pragma once
 
 #include "platform/base/Types.h"
@@ -8,20 +9,22 @@
 
 using BOOLEAN = BYTE;
 
-/// A lock for state of the whole process: initialised statically and never destroyed. Not recursive.
-/// Differs: exclusive only. From its first use on it is held across each fork, so that a forked child finds it free and
-/// what it guards whole.
+/// A lock for process-wide state: initialised statically and never destroyed. Not recursive.
+/// Differs: exclusive only. Once used, it is held across each fork, so that a forked child finds it free and what it
+/// guards consistent.
 struct SRWLOCK {
   std::mutex mutex;
-  std::atomic<bool> bHeldAcrossFork = false;
+  std::atomic<bool> isHeldAcrossFork = false;
 };
 #define SRWLOCK_INIT                                                                                                   \
   {}
+/// Blocks until the lock is free.
 SKIFFPORT_PLATFORM_API void AcquireSRWLockExclusive(SRWLOCK *pLock);
+/// Returns: 0 at once if the lock is not free.
 SKIFFPORT_PLATFORM_API BOOLEAN TryAcquireSRWLockExclusive(SRWLOCK *pLock);
 SKIFFPORT_PLATFORM_API void ReleaseSRWLockExclusive(SRWLOCK *pLock);
 
-/// A recursive lock of one process.
+/// A recursive lock. Differs: nothing is done about it at a fork.
 struct CRITICAL_SECTION {
   std::recursive_mutex mutex;
 };

@@ -1,10 +1,11 @@
-// The registry as a text file. Each RegOpenKeyExW reads the file anew and keeps the values of its key; a file that
-// can't be read or decoded holds no key, and a line that can't be understood is passed over. Any thread.
+// The registry as a text file. Each RegOpenKeyExW reads the file again and keeps the values of its key; a file that
+// can't be read or decoded holds no key, and a line that makes no sense is skipped. Any thread. Knows no key by name.
 #include "platform/system/Registry.h"
 
 #include "platform/base/HandleTable.h"
 #include "platform/base/LastError.h"
 #include "platform/system/RegularFile.h"
+#include "platform/text/Trim.h"
 #include "platform/text/Utf8.h"
 
 #include <cstdlib>
@@ -29,48 +30,48 @@ HandleTable<Values const> &Keys() {
   return table;
 }
 
-/// ASCII letters in lower case: the comparison must not depend on the locale.
+/// Lowers ASCII letters only: the comparison must not depend on the locale.
 std::wstring Fold(std::wstring_view text) {
-  std::wstring strFolded(text);
-  for (WCHAR &unit : strFolded)
+  std::wstring folded(text);
+  for (WCHAR &unit : folded)
     if (unit >= L'A' && unit <= L'Z')
       unit += L'a' - L'A';
-  return strFolded;
+  return folded;
 }
 
 std::optional<std::string> ReadRegistryFile() {
-  char const *const szSet = std::getenv("SKIFFPORT_REGISTRY");
-  UniqueFd const fd = OpenRegularFile(szSet && *szSet ? szSet : "/etc/skiffport/registry.reg");
+  char const *const path = std::getenv("SKIFFPORT_REGISTRY");
+  UniqueFd const fd = OpenRegularFile(path && *path ? path : "/etc/skiffport/registry.reg");
   struct stat status;
   if (!fd || fstat(fd.Get(), &status) != 0 || status.st_size > kLargestFile)
     return std::nullopt;
   std::string bytes(static_cast<std::size_t>(status.st_size), '\0');
-  ssize_t const cb = ReadFully(fd.Get(), bytes.data(), bytes.size());
-  if (cb < 0)
+  ssize_t const count = ReadFully(fd.Get(), bytes.data(), bytes.size());
+  if (count < 0)
     return std::nullopt;
-  bytes.resize(static_cast<std::size_t>(cb));
+  bytes.resize(static_cast<std::size_t>(count));
   return bytes;
 }
 
-std::optional<std::wstring> DecodeUtf16(std::string_view bytes, bool bBigEndian) {
+std::optional<std::wstring> DecodeUtf16(std::string_view bytes, bool isBigEndian) {
   if (bytes.size() % 2 != 0)
     return std::nullopt;
   std::wstring units;
-  for (std::size_t u = 0; u < bytes.size(); u += 2) {
-    auto const first = static_cast<unsigned char>(bytes[u]);
-    auto const second = static_cast<unsigned char>(bytes[u + 1]);
-    units.push_back(static_cast<WCHAR>(bBigEndian ? first << 8 | second : second << 8 | first));
+  for (std::size_t index = 0; index < bytes.size(); index += 2) {
+    auto const high = static_cast<unsigned char>(bytes[isBigEndian ? index : index + 1]);
+    auto const low = static_cast<unsigned char>(bytes[isBigEndian ? index + 1 : index]);
+    units.push_back(static_cast<WCHAR>(high << 8 | low));
   }
   std::wstring text;
-  for (WCHAR const *p = units.data(), *pEnd = p + units.size(); p != pEnd;) {
-    text.push_back(static_cast<WCHAR>(NextCharacter(p, pEnd)));
+  for (WCHAR const *next = units.data(), *unitsEnd = next + units.size(); next != unitsEnd;) {
+    text.push_back(static_cast<WCHAR>(NextCharacter(next, unitsEnd)));
     if (IsSurrogate(static_cast<char32_t>(text.back())))
       return std::nullopt;
   }
   return text;
 }
 
-/// By the mark at the start; without one it is UTF-8.
+/// Decodes by the byte order mark; without one the text is UTF-8. None if it does not decode.
 std::optional<std::wstring> Decode(std::string_view bytes) {
   if (bytes.starts_with("\xFF\xFE"))
     return DecodeUtf16(bytes.substr(2), false);
@@ -78,30 +79,24 @@ std::optional<std::wstring> Decode(std::string_view bytes) {
     return DecodeUtf16(bytes.substr(2), true);
   if (bytes.starts_with("\xEF\xBB\xBF"))
     bytes.remove_prefix(3);
-  bool bValid = false;
-  std::wstring text = WideFromUtf8(bytes, &bValid);
-  return bValid ? std::optional(std::move(text)) : std::nullopt;
+  bool isValid = false;
+  std::wstring text = WideFromUtf8(bytes, &isValid);
+  return isValid ? std::optional(std::move(text)) : std::nullopt;
 }
 
-std::wstring_view Trim(std::wstring_view text) {
-  constexpr std::wstring_view kBlanks = L" \t\r";
-  auto const uFirst = text.find_first_not_of(kBlanks);
-  if (uFirst == std::wstring_view::npos)
-    return {};
-  return text.substr(uFirst, text.find_last_not_of(kBlanks) - uFirst + 1);
-}
+bool IsBlank(WCHAR unit) { return unit == L' ' || unit == L'\t' || unit == L'\r'; }
 
-/// Takes a quoted name off the front of the line, its escapes resolved; none if it does not end.
+/// Takes a quoted name off the front of the line and resolves its escapes; none if the closing quote is missing.
 std::optional<std::wstring> TakeName(std::wstring_view &line) {
-  std::wstring strName;
-  for (std::size_t u = 1; u < line.size(); ++u) {
-    if (line[u] == L'"') {
-      line.remove_prefix(u + 1);
-      return strName;
+  std::wstring name;
+  for (std::size_t index = 1; index < line.size(); ++index) {
+    if (line[index] == L'"') {
+      line.remove_prefix(index + 1);
+      return name;
     }
-    if (line[u] == L'\\' && u + 1 < line.size())
-      ++u;
-    strName.push_back(line[u]);
+    if (line[index] == L'\\' && index + 1 < line.size())
+      ++index;
+    name.push_back(line[index]);
   }
   return std::nullopt;
 }
@@ -109,65 +104,65 @@ std::optional<std::wstring> TakeName(std::wstring_view &line) {
 /// The number of a "dword:" with one to eight hexadecimal digits; none for any other data.
 std::optional<DWORD> ParseDword(std::wstring_view data) {
   constexpr std::wstring_view kType = L"dword:";
-  std::wstring const strFolded = Fold(data.substr(0, data.find(L';')));
-  std::wstring_view digits = strFolded;
+  std::wstring const folded = Fold(data.substr(0, data.find(L';')));
+  std::wstring_view digits = folded;
   if (!digits.starts_with(kType))
     return std::nullopt;
-  digits = Trim(digits.substr(kType.size()));
+  digits = Trim(digits.substr(kType.size()), IsBlank);
   if (digits.empty() || digits.size() > 8)
     return std::nullopt;
-  DWORD dwValue = 0;
+  DWORD value = 0;
   for (WCHAR const unit : digits) {
-    auto const uDigit = std::wstring_view(L"0123456789abcdef").find(unit);
-    if (uDigit == std::wstring_view::npos)
+    auto const digit = std::wstring_view(L"0123456789abcdef").find(unit);
+    if (digit == std::wstring_view::npos)
       return std::nullopt;
-    dwValue = dwValue << 4 | static_cast<DWORD>(uDigit);
+    value = value << 4 | static_cast<DWORD>(digit);
   }
-  return dwValue;
+  return value;
 }
 
 void ParseValue(std::wstring_view line, Values &values) {
-  auto const strName = TakeName(line);
-  line = Trim(line);
-  if (!strName || !line.starts_with(L'='))
+  auto const name = TakeName(line);
+  line = Trim(line, IsBlank);
+  if (!name || !line.starts_with(L'='))
     return;
-  if (auto const dwValue = ParseDword(Trim(line.substr(1))))
-    values[Fold(*strName)] = *dwValue;
+  if (auto const value = ParseDword(Trim(line.substr(1), IsBlank)))
+    values[Fold(*name)] = *value;
 }
 
 /// The values of the key with that folded path; null if neither it nor a key below it is in the text.
-std::shared_ptr<Values const> FindKey(std::wstring_view text, std::wstring const &strPath) {
+std::shared_ptr<Values const> FindKey(std::wstring_view text, std::wstring const &path) {
   Values values;
-  bool bFound = false;
-  bool bInside = false;
+  bool isFound = false;
+  bool isInside = false;
   while (!text.empty()) {
-    auto const uEnd = text.find(L'\n');
-    std::wstring_view const line = Trim(text.substr(0, uEnd));
-    text.remove_prefix(uEnd == std::wstring_view::npos ? text.size() : uEnd + 1);
+    auto const end = text.find(L'\n');
+    std::wstring_view const line = Trim(text.substr(0, end), IsBlank);
+    text.remove_prefix(end == std::wstring_view::npos ? text.size() : end + 1);
     if (line.starts_with(L'[')) {
-      auto const uClose = line.rfind(L']');
-      std::wstring const strKey = uClose == std::wstring_view::npos ? L"" : Fold(line.substr(1, uClose - 1));
-      bInside = strKey == strPath;
-      bFound = bFound || bInside || strKey.starts_with(strPath + L"\\");
-    } else if (bInside && line.starts_with(L'"')) {
+      auto const close = line.rfind(L']');
+      std::wstring const section = close == std::wstring_view::npos ? L"" : Fold(line.substr(1, close - 1));
+      isInside = section == path;
+      isFound = isFound || isInside || section.starts_with(path + L"\\");
+    } else if (isInside && line.starts_with(L'"')) {
       ParseValue(line, values);
     }
   }
-  return bFound ? std::make_shared<Values const>(std::move(values)) : nullptr;
+  return isFound ? std::make_shared<Values const>(std::move(values)) : nullptr;
 }
 
-LONG OpenKey(WCHAR const *wszPath, HKEY *phKey) {
+LONG OpenKey(WCHAR const *relativePath, HKEY *key) {
   auto const bytes = ReadRegistryFile();
   auto const text = bytes ? Decode(*bytes) : std::nullopt;
   if (!text)
     return ERROR_FILE_NOT_FOUND;
-  std::wstring strPath = L"hkey_local_machine";
-  if (wszPath && *wszPath)
-    strPath += L"\\" + Fold(wszPath);
-  auto values = FindKey(*text, strPath);
+  std::wstring path = L"hkey_local_machine";
+  if (relativePath && *relativePath)
+    path += L"\\" + Fold(relativePath);
+  auto values = FindKey(*text, path);
   if (!values)
     return ERROR_FILE_NOT_FOUND;
-  *phKey = Keys().Add(std::move(values));
+  *key = Keys().Add(std::move(values));
   return ERROR_SUCCESS;
 }
 
@@ -197,9 +192,9 @@ LONG RegQueryValueExW(HKEY hKey, WCHAR const *wszName, DWORD * /*pReserved*/, DW
     *pdwType = REG_DWORD;
   if (!pcbData)
     return ERROR_SUCCESS;
-  bool const bFits = !pbData || *pcbData >= sizeof(DWORD);
+  bool const fits = !pbData || *pcbData >= sizeof(DWORD);
   *pcbData = sizeof(DWORD);
-  if (!bFits)
+  if (!fits)
     return ERROR_MORE_DATA;
   if (pbData)
     std::memcpy(pbData, &it->second, sizeof(DWORD));

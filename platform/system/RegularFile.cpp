@@ -7,10 +7,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-UniqueFd OpenRegularFile(char const *szPath) {
+UniqueFd OpenRegularFile(char const *path) {
   UniqueFd fd;
   do
-    fd = UniqueFd(open(szPath, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    fd = UniqueFd(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   while (!fd && errno == EINTR);
   struct stat status;
   if (!fd || fstat(fd.Get(), &status) != 0)
@@ -21,16 +21,16 @@ UniqueFd OpenRegularFile(char const *szPath) {
   return {};
 }
 
-ssize_t ReadFully(int fd, void *pBuffer, std::size_t cb) {
-  std::size_t cbDone = 0;
-  while (cbDone < cb) {
-    ssize_t const cbRead = read(fd, static_cast<char *>(pBuffer) + cbDone, cb - cbDone);
-    if (cbRead == 0)
+ssize_t ReadFully(int fd, void *buffer, std::size_t size) {
+  std::size_t done = 0;
+  while (done < size) {
+    ssize_t const count = read(fd, static_cast<char *>(buffer) + done, size - done);
+    if (count == 0)
       break;
-    if (cbRead > 0)
-      cbDone += static_cast<std::size_t>(cbRead);
+    if (count > 0)
+      done += static_cast<std::size_t>(count);
     else if (errno != EINTR)
       return -1;
   }
-  return static_cast<ssize_t>(cbDone);
+  return static_cast<ssize_t>(done);
 }

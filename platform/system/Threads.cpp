@@ -1,7 +1,8 @@
-// Threads over std::thread, always detached: a handle is one reference to the thread's record, the thread itself holds
-// another, so that neither has to wait for the other. Safe from any thread.
+// Threads over std::thread, always detached: a handle is one reference to the thread's record and the thread itself
+// holds another, so that neither has to wait for the other. Any thread.
 #include "platform/system/Threads.h"
 
+#include "platform/base/Fail.h"
 #include "platform/base/KernelObject.h"
 #include "platform/base/Seam.h"
 #include "platform/system/Detached.h"
@@ -14,40 +15,38 @@
 
 namespace {
 
-/// What is known of one thread. The mutex guards all that changes.
+/// What is known of one thread. The mutex guards everything but the process.
 struct ThreadRecord : KernelObject {
   pid_t const process = CurrentProcess();
   std::mutex mutex;
   std::condition_variable changed;
-  unsigned uThreadId = 0; // 0 until the thread is there
-  bool bSuspended = false;
-  bool bEnded = false;
-  DWORD dwExitCode = STILL_ACTIVE;
+  unsigned threadId = 0; // 0 until the thread runs
+  bool isSuspended = false;
+  bool hasEnded = false;
+  DWORD exitCode = STILL_ACTIVE;
 };
 
 /// The thread's record; null, with the last error, for any other handle and for a thread of the parent process, which
 /// does not exist here and may have held its record's mutex when the process was forked.
-std::shared_ptr<ThreadRecord> FindThread(HANDLE hThread) {
-  auto record = FindKernelObject<ThreadRecord>(hThread);
-  if (record && record->process != CurrentProcess()) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return nullptr;
-  }
+std::shared_ptr<ThreadRecord> FindThread(HANDLE handle) {
+  auto record = FindKernelObject<ThreadRecord>(handle);
+  if (record && record->process != CurrentProcess())
+    return Fail(ERROR_INVALID_HANDLE, nullptr);
   return record;
 }
 
-void RunThread(ThreadRecord &record, unsigned (*pfnStart)(void *), void *pArg) {
+void RunThread(ThreadRecord &record, unsigned (*start)(void *), void *argument) {
   {
     std::unique_lock<std::mutex> lock(record.mutex);
-    record.uThreadId = static_cast<unsigned>(gettid());
+    record.threadId = static_cast<unsigned>(gettid());
     record.changed.notify_all();
-    record.changed.wait(lock, [&] { return !record.bSuspended; });
+    record.changed.wait(lock, [&] { return !record.isSuspended; });
   }
-  unsigned const uExitCode = pfnStart(pArg);
+  unsigned const result = start(argument);
   {
     std::lock_guard<std::mutex> const lock(record.mutex);
-    record.dwExitCode = uExitCode;
-    record.bEnded = true;
+    record.exitCode = result;
+    record.hasEnded = true;
   }
   record.changed.notify_all();
 }
@@ -58,27 +57,24 @@ std::uintptr_t _beginthreadex(void *pSecurity, unsigned uStackSize, unsigned (*p
                               unsigned uFlags, unsigned *puThreadId) {
   if (FaultAt(FaultPoint::_beginthreadex))
     return 0;
-  if (pSecurity || uStackSize != 0 || !pfnStart || (uFlags & ~CREATE_SUSPENDED) != 0) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return 0;
-  }
+  if (pSecurity || uStackSize != 0 || !pfnStart || (uFlags & ~CREATE_SUSPENDED) != 0)
+    return Fail(ERROR_INVALID_PARAMETER, std::uintptr_t{0});
   HANDLE hThread = nullptr;
   try {
     auto const record = std::make_shared<ThreadRecord>();
-    record->bSuspended = (uFlags & CREATE_SUSPENDED) != 0;
+    record->isSuspended = (uFlags & CREATE_SUSPENDED) != 0;
     hThread = KernelObjects().Add(record);
     if (StartDetached([record, pfnStart, pArg] { RunThread(*record, pfnStart, pArg); })) {
       std::unique_lock<std::mutex> lock(record->mutex);
-      record->changed.wait(lock, [&] { return record->uThreadId != 0; });
+      record->changed.wait(lock, [&] { return record->threadId != 0; });
       if (puThreadId)
-        *puThreadId = record->uThreadId;
+        *puThreadId = record->threadId;
       return reinterpret_cast<std::uintptr_t>(hThread);
     }
-  } catch (std::bad_alloc const &) {
+  } catch (std::bad_alloc const &) { // fails as a thread that cannot be started does
   }
   KernelObjects().Remove(hThread);
-  SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-  return 0;
+  return Fail(ERROR_NOT_ENOUGH_MEMORY, std::uintptr_t{0});
 }
 
 DWORD ResumeThread(HANDLE hThread) {
@@ -86,10 +82,10 @@ DWORD ResumeThread(HANDLE hThread) {
   if (!record)
     return 0xFFFFFFFF;
   std::lock_guard<std::mutex> const lock(record->mutex);
-  DWORD const dwCount = record->bSuspended ? 1 : 0;
-  record->bSuspended = false;
+  DWORD const count = record->isSuspended ? 1 : 0;
+  record->isSuspended = false;
   record->changed.notify_all();
-  return dwCount;
+  return count;
 }
 
 DWORD WaitForSingleObject(HANDLE hThread, DWORD dwMilliseconds) {
@@ -99,13 +95,13 @@ DWORD WaitForSingleObject(HANDLE hThread, DWORD dwMilliseconds) {
   if (!record)
     return WAIT_FAILED;
   std::unique_lock<std::mutex> lock(record->mutex);
-  auto const hasEnded = [&] { return record->bEnded; };
+  auto const ended = [&] { return record->hasEnded; };
   if (dwMilliseconds == INFINITE) {
-    record->changed.wait(lock, hasEnded);
+    record->changed.wait(lock, ended);
     return WAIT_OBJECT_0;
   }
   auto const limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(dwMilliseconds);
-  return record->changed.wait_until(lock, limit, hasEnded) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
+  return record->changed.wait_until(lock, limit, ended) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
 }
 
 BOOL GetExitCodeThread(HANDLE hThread, DWORD *pdwExitCode) {
@@ -113,6 +109,6 @@ BOOL GetExitCodeThread(HANDLE hThread, DWORD *pdwExitCode) {
   if (!record)
     return FALSE;
   std::lock_guard<std::mutex> const lock(record->mutex);
-  *pdwExitCode = record->dwExitCode;
+  *pdwExitCode = record->exitCode;
   return TRUE;
 }

@@ -1,4 +1,4 @@
-// A file descriptor that closes itself.
+// A file descriptor that closes itself. Belongs to one thread at a time.
 #pragma once
 
 #include <utility>

@@ -1,4 +1,5 @@
-// Conversion between wide characters and bytes by code page.
+// Conversion between wide characters and bytes by code page. Thread: any, for every function here; the ANSI code pages
+// depend on the calling thread's locale.
 #pragma once
 
 #include "platform/base/Types.h"
@@ -9,9 +10,9 @@ constexpr UINT CP_UTF8 = 65001;
 
 /// Converts `cchWide` wide characters (-1: up to and with the terminator) to bytes of the code page. With `cbBytes` 0
 /// it only measures. CP_ACP and CP_THREAD_ACP are the character set of the calling thread's locale; the plain C locale
-/// counts as UTF-8. In UTF-8 a unit that is no character becomes U+FFFD, and two units that form a surrogate pair
+/// counts as UTF-8. In UTF-8 a unit that is not a character becomes U+FFFD, and two units that form a surrogate pair
 /// become the character they stand for; elsewhere what does not convert becomes '?'. Returns: bytes written or needed
-/// (up to four a unit), 0 on failure (last error 87, 122). Differs: flags 0, no default character of the caller's.
+/// (up to four a unit), 0 on failure (last error 87, 122). Differs: flags 0, no default character from the caller.
 SKIFFPORT_PLATFORM_API int WideCharToMultiByte(UINT uCodePage, DWORD dwFlags, WCHAR const *wszWide, int cchWide,
                                                char *szBytes, int cbBytes, char const *szDefault, BOOL *pbUsedDefault);
 

@@ -1,5 +1,6 @@
 // The bounded text functions of the native run-time library, with its conventions: in a wide format %s is wide and %S
-// narrow, a null string prints "(null)", and a text that does not fit is cut and terminated.
+// narrow, a null string prints "(null)", and a text that does not fit is cut and terminated. Thread: any, for every
+// function here; narrow text in a wide format is in the thread's ANSI code page.
 #pragma once
 
 #include "platform/base/Types.h"
@@ -20,9 +21,10 @@ SKIFFPORT_PLATFORM_API int _snprintf_s(char *szBuffer, std::size_t cbBuffer, std
 SKIFFPORT_PLATFORM_API int _snwprintf_s(WCHAR *wszBuffer, std::size_t cchBuffer, std::size_t uCount,
                                         WCHAR const *wszFormat, ...);
 
-/// The decimal number at the start of the text: leading blanks skipped, saturating at the limits of int, 0 for none and
-/// for null. Differs: the digits 0 to 9 only.
+/// The decimal number at the start of the text: skips leading blanks, saturates at the limits of int, gives 0 if there
+/// is none and for null. Differs: the digits 0 to 9 only.
 SKIFFPORT_PLATFORM_API int _wtoi(WCHAR const *wszText);
 
-/// a * b / c in 64 bits, rounded to the nearest integer; -1 if c is 0 or the result does not fit.
+/// nNumber * nNumerator / nDenominator in 64 bits, rounded to the nearest integer; -1 for a denominator of 0 and for a
+/// result that does not fit.
 SKIFFPORT_PLATFORM_API int MulDiv(int nNumber, int nNumerator, int nDenominator);

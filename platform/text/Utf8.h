@@ -1,7 +1,9 @@
 // Conversion between UTF-8 and wide text for the platform's own use. Wide text is UTF-32 here; units that form a
-// surrogate pair count as the character they stand for. All functions may throw std::bad_alloc, nothing else.
+// surrogate pair count as the character they stand for. Any thread. All functions may throw std::bad_alloc, nothing
+// else.
 #pragma once
 
+#include "platform/base/Types.h"
 #include "platform/text/AnsiText.h"
 
 #include <cstddef>
@@ -14,52 +16,54 @@ constexpr char32_t kReplacementCharacter = 0xFFFD;
 
 constexpr bool IsSurrogate(char32_t unit) { return unit >= 0xD800 && unit <= 0xDFFF; }
 
-/// How many units at the start are ASCII: most text is, and goes over in one step. Looks at blocks, which vectorizes.
+/// How many units at the start are ASCII: most text is, and is then copied in one step. Checks whole blocks, which the
+/// compiler vectorizes.
 template <class Unit> std::size_t AsciiPrefix(std::basic_string_view<Unit> text) {
   constexpr std::size_t kBlock = 64;
-  std::size_t u = 0;
-  for (; text.size() - u >= kBlock; u += kBlock) {
+  std::size_t count = 0;
+  for (; text.size() - count >= kBlock; count += kBlock) {
     std::make_unsigned_t<Unit> all = 0;
-    for (std::size_t i = 0; i < kBlock; ++i)
-      all |= static_cast<std::make_unsigned_t<Unit>>(text[u + i]);
+    for (std::size_t index = 0; index < kBlock; ++index)
+      all |= static_cast<std::make_unsigned_t<Unit>>(text[count + index]);
     if (all >= 0x80)
       break;
   }
-  while (u < text.size() && static_cast<std::make_unsigned_t<Unit>>(text[u]) < 0x80)
-    ++u;
-  return u;
+  while (count < text.size() && static_cast<std::make_unsigned_t<Unit>>(text[count]) < 0x80)
+    ++count;
+  return count;
 }
 
 /// Copies ASCII units into units of another size.
-template <class Unit, class Other> void CopyAscii(std::basic_string_view<Unit> text, Other *pPut) {
+template <class Unit, class Other> void CopyAscii(std::basic_string_view<Unit> text, Other *out) {
   constexpr std::size_t kBlock = 64;
-  Other block[kBlock]; // of its own, so that the compiler knows that nothing overlaps
-  for (; text.size() >= kBlock; text.remove_prefix(kBlock), pPut += kBlock) {
-    for (std::size_t i = 0; i < kBlock; ++i)
-      block[i] = static_cast<Other>(text[i]);
-    std::memcpy(pPut, block, sizeof block);
+  Other block[kBlock]; // a local copy: the compiler then knows that nothing overlaps
+  for (; text.size() >= kBlock; text.remove_prefix(kBlock), out += kBlock) {
+    for (std::size_t index = 0; index < kBlock; ++index)
+      block[index] = static_cast<Other>(text[index]);
+    std::memcpy(out, block, sizeof block);
   }
   for (Unit const unit : text)
-    *pPut++ = static_cast<Other>(unit);
+    *out++ = static_cast<Other>(unit);
 }
 
-/// The character at `p`, which is moved behind it; a lone surrogate comes out as it is. `p` must not be `pEnd`.
-inline char32_t NextCharacter(WCHAR const *&p, WCHAR const *pEnd) {
-  auto const unit = static_cast<char32_t>(*p++);
-  if (unit < 0xD800 || unit > 0xDBFF || p == pEnd)
+/// The character at `next`, which then points after it; a lone surrogate is returned as it is. `next` must not be
+/// `end`.
+inline char32_t NextCharacter(WCHAR const *&next, WCHAR const *end) {
+  auto const unit = static_cast<char32_t>(*next++);
+  if (unit < 0xD800 || unit > 0xDBFF || next == end)
     return unit;
-  auto const low = static_cast<char32_t>(*p);
+  auto const low = static_cast<char32_t>(*next);
   if (low < 0xDC00 || low > 0xDFFF)
     return unit;
-  ++p;
+  ++next;
   return 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
 }
 
-/// Hands the character's UTF-8 bytes to `put` one by one; what is no character goes out as U+FFFD.
+/// Passes the character's UTF-8 bytes to `put` one by one; U+FFFD stands in for what is not a character.
 template <class Put> void EncodeUtf8(char32_t character, Put const &put) {
   if (IsSurrogate(character) || character > 0x10FFFF)
     character = kReplacementCharacter;
-  auto const tail = [&](int nShift) { put(static_cast<char>(0x80 | ((character >> nShift) & 0x3F))); };
+  auto const tail = [&](int shift) { put(static_cast<char>(0x80 | ((character >> shift) & 0x3F))); };
   if (character < 0x80) {
     put(static_cast<char>(character));
   } else if (character < 0x800) {
@@ -78,8 +82,8 @@ template <class Put> void EncodeUtf8(char32_t character, Put const &put) {
 }
 
 struct Utf8Sequence {
-  int nTail;            // bytes that follow; -1 if the lead byte can't stand
-  unsigned char second; // the range of the first of them (Unicode 15, table 3-7)
+  int tailLength;       // bytes that follow; -1 for a byte that begins no sequence
+  unsigned char second; // the range of the first of them: second to secondLast (Unicode 15, table 3-7)
   unsigned char secondLast;
 };
 
@@ -95,43 +99,44 @@ constexpr Utf8Sequence SequenceOf(unsigned char lead) {
   return {-1, 0, 0};
 }
 
-/// The character at `p`, which is moved behind it, or behind the longest part that could have begun one; `bValid` then
-/// becomes false and the character is U+FFFD.
-inline char32_t DecodeUtf8(unsigned char const *&p, unsigned char const *pEnd, bool &bValid) {
-  unsigned char const lead = *p++;
+/// The character at `next`, which then points after it. Where there is none, `isValid` becomes false, the result is
+/// U+FFFD and `next` points after the longest part that could have begun one.
+inline char32_t DecodeUtf8(unsigned char const *&next, unsigned char const *end, bool &isValid) {
+  unsigned char const lead = *next++;
   if (lead < 0x80)
     return lead;
   Utf8Sequence const sequence = SequenceOf(lead);
-  if (sequence.nTail < 0) {
-    bValid = false;
+  if (sequence.tailLength < 0) {
+    isValid = false;
     return kReplacementCharacter;
   }
-  char32_t character = lead & (0x3F >> sequence.nTail);
+  char32_t character = lead & (0x3F >> sequence.tailLength);
   unsigned char low = sequence.second;
   unsigned char high = sequence.secondLast;
-  for (int n = 0; n < sequence.nTail; ++n) {
-    if (p == pEnd || *p < low || *p > high) {
-      bValid = false;
+  for (int index = 0; index < sequence.tailLength; ++index) {
+    if (next == end || *next < low || *next > high) {
+      isValid = false;
       return kReplacementCharacter;
     }
-    character = (character << 6) | (*p++ & 0x3F);
+    character = (character << 6) | (*next++ & 0x3F);
     low = 0x80;
     high = 0xBF;
   }
   return character;
 }
 
+/// Passes the text's characters to `put` one by one. Returns: false if any byte did not decode.
 template <class Put> bool DecodeAll(std::string_view text, Put const &put) {
-  bool bValid = true;
-  auto const *p = reinterpret_cast<unsigned char const *>(text.data());
-  auto const *const pEnd = p + text.size();
-  while (p != pEnd)
-    put(*p < 0x80 ? static_cast<WCHAR>(*p++) : static_cast<WCHAR>(DecodeUtf8(p, pEnd, bValid)));
-  return bValid;
+  bool isValid = true;
+  auto const *next = reinterpret_cast<unsigned char const *>(text.data());
+  auto const *const end = next + text.size();
+  while (next != end)
+    put(*next < 0x80 ? static_cast<WCHAR>(*next++) : static_cast<WCHAR>(DecodeUtf8(next, end, isValid)));
+  return isValid;
 }
 
-/// What is no character becomes U+FFFD.
+/// What is not a character becomes U+FFFD.
 std::string Utf8FromWide(std::wstring_view text);
 
-/// What does not decode becomes U+FFFD; `*pbValid`, if asked for, tells whether there was any.
-std::wstring WideFromUtf8(std::string_view text, bool *pbValid = nullptr);
+/// What does not decode becomes U+FFFD; `*isValid`, unless null, becomes false if there was any and true if not.
+std::wstring WideFromUtf8(std::string_view text, bool *isValid = nullptr);

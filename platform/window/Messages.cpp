@@ -1,12 +1,12 @@
-// Windows and message queues. A queue belongs to the thread that made it, and closes with it; its windows hold it, so
-// that what was queued can be taken out even then. Every queue's descriptor is readable exactly while messages wait:
-// each change of the queue settles it under the queue's lock, so a loop that runs inside a handler sees it too.
-// A forked child finds the parent's windows and queues, and treats them as not there: their locks may be held by
-// threads that do not exist.
+// Windows and message queues. Any thread. A queue belongs to the thread that created it, and closes with it; its
+// windows keep it alive, so that what was queued can be taken out even then. A queue's descriptor is readable exactly
+// while messages wait: each change of the queue updates it under the queue's lock, so a loop that runs inside a handler
+// sees it. A forked child ignores the parent's windows and queues: their locks may be held by threads that do not exist
+// there.
 #include "platform/window/Messages.h"
 
+#include "platform/base/Fail.h"
 #include "platform/base/HandleTable.h"
-#include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
 
 #include <algorithm>
@@ -28,7 +28,7 @@ struct QueuedMessage {
   HWND hWnd;
   WPARAM wParam;
   LPARAM lParam;
-  std::uint64_t uNumber; // counts the queue's posts
+  std::uint64_t number; // counts the posts to the queue
   UINT uMessage;
 };
 
@@ -37,22 +37,21 @@ struct Queue {
   pid_t const process = CurrentProcess();
   std::mutex mutex;
   std::deque<QueuedMessage> messages;
-  std::uint64_t uNextNumber = 0;
-  int nWindows = 0;
-  int fd = -1; // -1 once the thread has ended or given the queue up
-  bool bSignalled = false;
+  std::uint64_t nextNumber = 0;
+  int windowCount = 0;
+  int fd = -1; // -1 once the thread has ended or released the queue
+  bool isSignalled = false;
 
   bool IsOurs() const { return process == CurrentProcess(); }
   /// Makes the descriptor readable if messages wait, and unreadable if none do. The mutex is held.
-  void SettleDescriptor() {
-    if (fd < 0 || bSignalled == !messages.empty())
+  void UpdateDescriptor() {
+    if (fd < 0 || isSignalled == !messages.empty())
       return;
-    std::uint64_t uCount = 1;
-    if (bSignalled)
-      static_cast<void>(!read(fd, &uCount, sizeof uCount));
-    else
-      static_cast<void>(!write(fd, &uCount, sizeof uCount));
-    bSignalled = !bSignalled;
+    // An eventfd that is signalled can be read, and one that is not can be written; neither call can fail here.
+    std::uint64_t count = 1;
+    [[maybe_unused]] ssize_t const moved =
+        isSignalled ? read(fd, &count, sizeof count) : write(fd, &count, sizeof count);
+    isSignalled = !isSignalled;
   }
   void Close() {
     std::lock_guard<std::mutex> const lock(mutex);
@@ -60,16 +59,16 @@ struct Queue {
   }
 };
 
-/// One window. The queue's mutex guards `bAlive`.
+/// One window. The queue's mutex guards `isAlive`.
 struct Window {
-  Window(std::shared_ptr<Queue> itsQueue, WNDPROC pfn, LONG_PTR nStyle)
-      : queue(std::move(itsQueue)), pfnWindowProc(pfn), style(nStyle) {}
+  Window(std::shared_ptr<Queue> itsQueue, WNDPROC procedure, LONG_PTR initialStyle)
+      : queue(std::move(itsQueue)), windowProc(procedure), style(initialStyle) {}
 
   std::shared_ptr<Queue> const queue;
-  WNDPROC const pfnWindowProc;
+  WNDPROC const windowProc;
   std::atomic<LONG_PTR> style;
   std::atomic<LONG_PTR> userData = 0;
-  bool bAlive = true;
+  bool isAlive = true;
 };
 
 HandleTable<Window> &Windows() {
@@ -88,18 +87,18 @@ ClassTable &Classes() {
   return table;
 }
 
-/// The calling thread's hold on its queue, which closes when the thread ends.
+/// The calling thread's reference to its queue, which closes when the thread ends.
 class ThreadQueue {
 public:
   ~ThreadQueue() {
     if (auto const queue = Ours())
       queue->Close();
   }
-  /// Null if the thread has none, or the parent's.
+  /// Null if the thread has none, or only the parent's.
   std::shared_ptr<Queue> Ours() const { return m_queue && m_queue->IsOurs() ? m_queue : nullptr; }
   bool IsParents() const { return m_queue && !m_queue->IsOurs(); }
-  /// Makes the queue if there is none, or only the parent's. Null if it can't be made; may throw std::bad_alloc.
-  std::shared_ptr<Queue> Make() {
+  /// Creates the queue if there is none, or only the parent's. Null if it can't be created; may throw std::bad_alloc.
+  std::shared_ptr<Queue> Require() {
     if (Ours())
       return m_queue;
     auto queue = std::make_shared<Queue>();
@@ -120,51 +119,45 @@ private:
 
 thread_local ThreadQueue t_queue;
 
-/// The window; null, with the last error, for a handle that is none or the parent's.
+/// The window; null, with the last error, for any other handle and for a window of the parent process.
 std::shared_ptr<Window> FindWindow(HWND hWnd) {
   auto window = Windows().Find(hWnd);
-  if (window && window->queue->IsOurs())
-    return window;
-  SetLastError(ERROR_INVALID_WINDOW_HANDLE);
-  return nullptr;
+  return window && window->queue->IsOurs() ? window : Fail(ERROR_INVALID_WINDOW_HANDLE, nullptr);
 }
 
-template <class Result> Result Fail(DWORD dwError, Result result) {
-  SetLastError(dwError);
-  return result;
-}
-
-/// Takes the next message off the queue if it was posted before number `uEnd`.
-bool TakeNext(Queue &queue, std::uint64_t uEnd, QueuedMessage &message) {
+/// Takes the next message off the queue if it was posted before number `end`.
+bool TakeNext(Queue &queue, std::uint64_t end, QueuedMessage &message) {
   std::lock_guard<std::mutex> const lock(queue.mutex);
-  if (queue.messages.empty() || queue.messages.front().uNumber >= uEnd)
+  if (queue.messages.empty() || queue.messages.front().number >= end)
     return false;
   message = queue.messages.front();
   queue.messages.pop_front();
-  queue.SettleDescriptor();
+  queue.UpdateDescriptor();
   return true;
 }
 
-/// The attribute that an index names; null for another index.
-std::atomic<LONG_PTR> *Attribute(Window &window, int nIndex) {
-  return nIndex == GWL_STYLE ? &window.style : nIndex == GWLP_USERDATA ? &window.userData : nullptr;
+/// The attribute that the index names; null for any other index.
+std::atomic<LONG_PTR> *Attribute(Window &window, int index) {
+  if (index == GWL_STYLE)
+    return &window.style;
+  return index == GWLP_USERDATA ? &window.userData : nullptr;
 }
 
-HWND CreateWindowOf(WCHAR const *wszClass, DWORD dwStyle) {
-  WNDPROC pfnWindowProc = nullptr;
+HWND CreateWindowOf(WCHAR const *className, DWORD style) {
+  WNDPROC windowProc = nullptr;
   {
     std::lock_guard<std::mutex> const lock(Classes().mutex);
-    auto const it = Classes().classes.find(std::wstring_view(wszClass ? wszClass : L""));
+    auto const it = Classes().classes.find(std::wstring_view(className ? className : L""));
     if (it == Classes().classes.end())
-      return Fail(ERROR_CANNOT_FIND_WND_CLASS, HWND(nullptr));
-    pfnWindowProc = it->second;
+      return Fail(ERROR_CANNOT_FIND_WND_CLASS, nullptr);
+    windowProc = it->second;
   }
-  auto const queue = t_queue.Make();
+  auto const queue = t_queue.Require();
   if (!queue)
-    return Fail(ERROR_NOT_ENOUGH_MEMORY, HWND(nullptr));
-  void *const hWnd = Windows().Add(std::make_shared<Window>(queue, pfnWindowProc, static_cast<LONG_PTR>(dwStyle)));
+    return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
+  void *const hWnd = Windows().Add(std::make_shared<Window>(queue, windowProc, static_cast<LONG_PTR>(style)));
   std::lock_guard<std::mutex> const lock(queue->mutex);
-  ++queue->nWindows;
+  ++queue->windowCount;
   return static_cast<HWND>(hWnd);
 }
 
@@ -172,24 +165,24 @@ HWND CreateWindowOf(WCHAR const *wszClass, DWORD dwStyle) {
 
 ATOM RegisterClassExW(WNDCLASSEXW const *pClass) try {
   if (!pClass || pClass->cbSize != sizeof *pClass || !pClass->lpfnWndProc || !pClass->lpszClassName)
-    return Fail(ERROR_INVALID_PARAMETER, ATOM(0));
+    return Fail(ERROR_INVALID_PARAMETER, ATOM{0});
   std::lock_guard<std::mutex> const lock(Classes().mutex);
   auto &classes = Classes().classes;
   if (!classes.emplace(pClass->lpszClassName, pClass->lpfnWndProc).second)
-    return Fail(ERROR_CLASS_ALREADY_EXISTS, ATOM(0));
+    return Fail(ERROR_CLASS_ALREADY_EXISTS, ATOM{0});
   return static_cast<ATOM>(0xC000 + classes.size());
 } catch (std::bad_alloc const &) {
-  return Fail(ERROR_NOT_ENOUGH_MEMORY, ATOM(0));
+  return Fail(ERROR_NOT_ENOUGH_MEMORY, ATOM{0});
 }
 
 HWND CreateWindowExW(DWORD /*dwExStyle*/, WCHAR const *wszClass, WCHAR const * /*wszTitle*/, DWORD dwStyle, int /*x*/,
                      int /*y*/, int /*cx*/, int /*cy*/, HWND hParent, void * /*hMenu*/, void * /*hInstance*/,
                      void * /*pParam*/) try {
   if (hParent)
-    return Fail(ERROR_INVALID_PARAMETER, HWND(nullptr));
+    return Fail(ERROR_INVALID_PARAMETER, nullptr);
   return CreateWindowOf(wszClass, dwStyle);
 } catch (std::bad_alloc const &) {
-  return Fail(ERROR_NOT_ENOUGH_MEMORY, HWND(nullptr));
+  return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
 }
 
 BOOL DestroyWindow(HWND hWnd) {
@@ -200,10 +193,10 @@ BOOL DestroyWindow(HWND hWnd) {
     return Fail(ERROR_INVALID_WINDOW_HANDLE, FALSE);
   Queue &queue = *window->queue;
   std::lock_guard<std::mutex> const lock(queue.mutex);
-  window->bAlive = false;
-  --queue.nWindows;
+  window->isAlive = false;
+  --queue.windowCount;
   std::erase_if(queue.messages, [hWnd](QueuedMessage const &message) { return message.hWnd == hWnd; });
-  queue.SettleDescriptor();
+  queue.UpdateDescriptor();
   return TRUE;
 }
 
@@ -213,16 +206,16 @@ LONG_PTR GetWindowLongPtrW(HWND hWnd, int nIndex) {
   auto const window = FindWindow(hWnd);
   if (!window)
     return 0;
-  std::atomic<LONG_PTR> const *const pAttribute = Attribute(*window, nIndex);
-  return pAttribute ? pAttribute->load() : Fail(ERROR_INVALID_PARAMETER, LONG_PTR(0));
+  std::atomic<LONG_PTR> const *const attribute = Attribute(*window, nIndex);
+  return attribute ? attribute->load() : Fail(ERROR_INVALID_PARAMETER, LONG_PTR{0});
 }
 
 LONG_PTR SetWindowLongPtrW(HWND hWnd, int nIndex, LONG_PTR nValue) {
   auto const window = FindWindow(hWnd);
   if (!window)
     return 0;
-  std::atomic<LONG_PTR> *const pAttribute = Attribute(*window, nIndex);
-  return pAttribute ? pAttribute->exchange(nValue) : Fail(ERROR_INVALID_PARAMETER, LONG_PTR(0));
+  std::atomic<LONG_PTR> *const attribute = Attribute(*window, nIndex);
+  return attribute ? attribute->exchange(nValue) : Fail(ERROR_INVALID_PARAMETER, LONG_PTR{0});
 }
 
 HGDIOBJ GetStockObject(int nObject) {
@@ -238,11 +231,11 @@ BOOL PostMessageW(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam) try {
     return FALSE;
   Queue &queue = *window->queue;
   std::lock_guard<std::mutex> const lock(queue.mutex);
-  if (!window->bAlive || queue.fd < 0)
+  if (!window->isAlive || queue.fd < 0)
     return Fail(ERROR_INVALID_WINDOW_HANDLE, FALSE);
-  queue.messages.push_back({hWnd, wParam, lParam, queue.uNextNumber, uMessage});
-  ++queue.uNextNumber;
-  queue.SettleDescriptor();
+  queue.messages.push_back({hWnd, wParam, lParam, queue.nextNumber, uMessage});
+  ++queue.nextNumber;
+  queue.UpdateDescriptor();
   return TRUE;
 } catch (std::bad_alloc const &) {
   return Fail(ERROR_NOT_ENOUGH_MEMORY, FALSE);
@@ -263,31 +256,31 @@ BOOL PeekMessageW(MSG *pMessage, HWND hWnd, UINT uFirst, UINT uLast, UINT uRemov
     return FALSE;
   *pMessage = {it->hWnd, it->uMessage, it->wParam, it->lParam};
   queue.messages.erase(it);
-  queue.SettleDescriptor();
+  queue.UpdateDescriptor();
   return TRUE;
 }
 
 int MessageQueueDescriptor() try {
-  auto const queue = t_queue.Make();
+  auto const queue = t_queue.Require();
   return queue ? queue->fd : -1;
 } catch (std::bad_alloc const &) {
   return Fail(ERROR_NOT_ENOUGH_MEMORY, -1);
 }
 
 int PumpMessages(int nLimit) {
-  auto const queue = t_queue.Ours(); // held: a handler may release the thread's queue
+  auto const queue = t_queue.Ours(); // a reference: a handler may release the thread's queue
   if (!queue)
     return 0;
-  std::uint64_t uEnd;
+  std::uint64_t end;
   {
     std::lock_guard<std::mutex> const lock(queue->mutex);
-    uEnd = queue->uNextNumber;
+    end = queue->nextNumber;
   }
-  int nRan = 0;
-  for (QueuedMessage message; nRan < nLimit && TakeNext(*queue, uEnd, message); ++nRan)
+  int ranCount = 0;
+  for (QueuedMessage message; ranCount < nLimit && TakeNext(*queue, end, message); ++ranCount)
     if (auto const window = Windows().Find(message.hWnd))
-      window->pfnWindowProc(message.hWnd, message.uMessage, message.wParam, message.lParam);
-  return nRan;
+      window->windowProc(message.hWnd, message.uMessage, message.wParam, message.lParam);
+  return ranCount;
 }
 
 int WaitForMessages(int nMilliseconds) {
@@ -296,8 +289,8 @@ int WaitForMessages(int nMilliseconds) {
   pollfd entry = {MessageQueueDescriptor(), POLLIN, 0};
   if (entry.fd < 0)
     return 0;
-  int const nReady = poll(&entry, 1, nMilliseconds);
-  return nReady < 0 ? -1 : nReady;
+  int const ready = poll(&entry, 1, nMilliseconds);
+  return ready < 0 ? -1 : ready;
 }
 
 BOOL ReleaseMessageQueue() {
@@ -306,7 +299,7 @@ BOOL ReleaseMessageQueue() {
     return TRUE;
   {
     std::lock_guard<std::mutex> const lock(queue->mutex);
-    if (queue->nWindows != 0)
+    if (queue->windowCount != 0)
       return FALSE;
   }
   t_queue.Drop();

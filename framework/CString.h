@@ -1,5 +1,6 @@
-// The growable wide string and the string map of the window framework, as far as they are used.
-// Thin and portable: standard containers underneath. Never null; an unset string is empty.
+// The growable wide string and the string map of the window framework, as far as they are used. A string is never null;
+// an unset one is empty. Thin and portable: standard containers underneath. Thread: any; an object belongs to one
+// thread at a time.
 #pragma once
 
 #include "platform/text/CodePages.h"
@@ -14,7 +15,7 @@ public:
   CString() = default;
   /// A null text gives an empty string.
   CString(WCHAR const *wszText) : m_str(wszText ? wszText : L"") {}
-  CString(std::wstring strText) : m_str(std::move(strText)) {}
+  CString(std::wstring text) : m_str(std::move(text)) {}
   /// Widens bytes, up to the first zero, in the calling thread's ANSI code page.
   explicit CString(char const *szText) : m_str(Widen(szText)) {}
 
@@ -23,7 +24,7 @@ public:
   int GetLength() const { return static_cast<int>(m_str.size()); }
   bool IsEmpty() const { return m_str.empty(); }
   void Empty() { m_str.clear(); }
-  /// The position of the first occurrence, -1 for none. Case counts.
+  /// The position of the first occurrence, -1 for none. Case matters.
   int Find(WCHAR const *wszText) const { return static_cast<int>(m_str.find(wszText)); }
   CString &operator+=(WCHAR const *wszText) {
     m_str += wszText ? wszText : L"";
@@ -32,7 +33,7 @@ public:
   bool operator==(CString const &other) const { return m_str == other.m_str; }
 
 private:
-  static std::wstring Widen(char const *szText);
+  static std::wstring Widen(char const *text);
 
   std::wstring m_str;
 };
@@ -59,7 +60,7 @@ public:
   auto end() const { return m_map.end(); }
 
 private:
-  /// Lets a key be looked up without a copy of it.
+  /// Allows lookup without a copy of the key.
   struct Hash : std::hash<std::wstring_view> {
     using is_transparent = void;
   };

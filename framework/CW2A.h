@@ -1,11 +1,12 @@
-// Narrowing wide text for a call. Thin and portable: written over WideCharToMultiByte alone.
+// Narrowing wide text for a call. Thin and portable: written over WideCharToMultiByte alone. Thread: any; an object
+// belongs to one thread at a time.
 #pragma once
 
 #include "platform/text/CodePages.h"
 
 #include <string>
 
-/// Bytes of a wide text in a code page, for as long as the object lives. A null text gives none. May throw
+/// A wide text as bytes of a code page, which live as long as the object. A null text gives an empty one. May throw
 /// std::bad_alloc.
 class CW2A {
 public:
@@ -15,11 +16,11 @@ public:
   operator char const *() const { return m_psz; }
 
 private:
-  static std::string Narrow(WCHAR const *wszText, UINT uCodePage) {
-    int const cb = wszText ? WideCharToMultiByte(uCodePage, 0, wszText, -1, nullptr, 0, nullptr, nullptr) : 0;
-    std::string text(cb > 1 ? static_cast<std::size_t>(cb) - 1 : 0, '\0');
+  static std::string Narrow(WCHAR const *wide, UINT codePage) {
+    int const size = wide ? WideCharToMultiByte(codePage, 0, wide, -1, nullptr, 0, nullptr, nullptr) : 0;
+    std::string text(size > 1 ? static_cast<std::size_t>(size) - 1 : 0, '\0');
     if (!text.empty())
-      WideCharToMultiByte(uCodePage, 0, wszText, -1, text.data(), cb, nullptr, nullptr);
+      WideCharToMultiByte(codePage, 0, wide, -1, text.data(), size, nullptr, nullptr);
     return text;
   }
   std::string m_str;

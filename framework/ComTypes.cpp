@@ -7,13 +7,12 @@
 #include <cstring>
 #include <new>
 
-BSTR CComBSTR::Widened(char const *szText) {
-  if (!szText)
+BSTR CComBSTR::Widened(char const *text) {
+  if (!text)
     return nullptr;
-  std::size_t const cb = std::strlen(szText) + 1; // no character set makes more characters than bytes
-  BSTR const bstrText = cb > INT_MAX ? nullptr : new (std::nothrow) WCHAR[cb];
-  if (bstrText &&
-      MultiByteToWideChar(CP_THREAD_ACP, 0, szText, static_cast<int>(cb), bstrText, static_cast<int>(cb)) == 0)
-    *bstrText = 0;
-  return bstrText;
+  std::size_t const size = std::strlen(text) + 1; // no character set yields more characters than bytes
+  BSTR const wide = size > INT_MAX ? nullptr : new (std::nothrow) WCHAR[size];
+  if (wide && MultiByteToWideChar(CP_THREAD_ACP, 0, text, static_cast<int>(size), wide, static_cast<int>(size)) == 0)
+    *wide = 0;
+  return wide;
 }

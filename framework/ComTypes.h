@@ -1,5 +1,5 @@
-// Holders of COM objects, strings and values. Thin and portable: written over the functions of XmlDom.h alone. A holder
-// belongs to one thread at a time.
+// Holders of COM objects, strings and values. Thin and portable: written over the functions of XmlDom.h alone. Thread:
+// any; a holder belongs to one thread at a time.
 #pragma once
 
 #include "platform/xml/XmlDom.h"
@@ -19,7 +19,7 @@ public:
     if (p)
       p->Release();
   }
-  /// For an out parameter; what was held is released first.
+  /// For an out parameter: releases what it holds first.
   T **operator&() {
     if (p)
       std::exchange(p, nullptr)->Release();
@@ -50,7 +50,7 @@ public:
   BSTR m_str = nullptr;
 
 private:
-  static BSTR Widened(char const *szText);
+  static BSTR Widened(char const *text);
 };
 
 /// Owns one VARIANT.

@@ -1,4 +1,4 @@
-// See InternetSession.h.
+// See InternetSession.h. The one place that puts an error number into words.
 #include "framework/InternetSession.h"
 
 #include "platform/base/LastError.h"
@@ -11,8 +11,8 @@
 namespace {
 
 struct Sentence {
-  DWORD dwError;
-  WCHAR const *wszText;
+  DWORD error;
+  WCHAR const *text;
 };
 /// At most 79 characters each.
 constexpr Sentence kSentences[] = {
@@ -51,9 +51,9 @@ BOOL CInternetException::GetErrorMessage(WCHAR *wszText, UINT cchText) const {
   if (!wszText || cchText == 0)
     return FALSE;
   auto const it = std::find_if(std::begin(kSentences), std::end(kSentences),
-                               [this](Sentence const &row) { return row.dwError == m_dwError; });
+                               [this](Sentence const &row) { return row.error == m_dwError; });
   if (it != std::end(kSentences))
-    _snwprintf_s(wszText, cchText, _TRUNCATE, L"%s", it->wszText);
+    _snwprintf_s(wszText, cchText, _TRUNCATE, L"%s", it->text);
   else
     _snwprintf_s(wszText, cchText, _TRUNCATE, L"The request failed with error number %u.", m_dwError);
   return TRUE;

@@ -1,11 +1,12 @@
 // The framework's session classes: session, connection, request file and exception. Thin and portable: written over the
 // functions of WinInet.h alone. They report a failure by throwing CInternetException *, which the catcher deletes.
+// Thread: any; an object belongs to one thread at a time, but WinInet.h says which calls another thread may end.
 #pragma once
 
 #include "framework/CString.h"
 #include "platform/http/WinInet.h"
 
-/// The module's state: the application name is the agent of a session that is given none. Thread: any, set once.
+/// The module's state: the application name is the agent of a session that is given none. Set once, before it is read.
 struct AFX_MODULE_STATE {
   WCHAR const *m_lpszCurrentAppName;
 };
@@ -14,7 +15,8 @@ AFX_MODULE_STATE *AfxGetModuleState();
 class CInternetException {
 public:
   explicit CInternetException(DWORD dwError) : m_dwError(dwError) {}
-  /// Writes a sentence that names the cause, cut to `cchText` characters with the terminator. Returns: FALSE for none.
+  /// Writes a sentence that names the cause, cut to `cchText` characters including the terminator. Returns: FALSE if
+  /// there is no buffer.
   BOOL GetErrorMessage(WCHAR *wszText, UINT cchText) const;
   void Delete() { delete this; }
 
@@ -31,7 +33,7 @@ public:
   CInternetFile &operator=(CInternetFile const &) = delete;
   virtual ~CInternetFile();
   BOOL SetOption(DWORD dwOption, void *pValue, DWORD dwLength, DWORD dwFlags = 0);
-  /// Bytes that can be had now; waits for the first one. 0 at the end and on failure. Does not throw.
+  /// How many bytes can be read without waiting; waits for the first one. 0 at the end and on failure. Does not throw.
   std::uint64_t GetLength() const;
   /// Reads up to `nCount` bytes; fewer only at the end. Throws when the connection fails.
   UINT Read(void *pBuffer, UINT nCount);
@@ -47,7 +49,7 @@ public:
   /// number.
   BOOL SendRequest(WCHAR const *wszHeaders = nullptr, DWORD dwHeadersLength = 0, void const *pBody = nullptr,
                    DWORD dwBodyLength = 0);
-  /// The header's text; left empty, with FALSE, when it is absent.
+  /// The header's text. Returns: FALSE, with the text empty, if it is absent.
   BOOL QueryInfo(DWORD dwInfoLevel, CString &strText) const;
 
 private:
@@ -61,7 +63,7 @@ public:
   CHttpConnection(CHttpConnection const &) = delete;
   CHttpConnection &operator=(CHttpConnection const &) = delete;
   virtual ~CHttpConnection();
-  /// Makes a request, which the caller owns. Adds INTERNET_FLAG_SECURE at port 443. Throws on failure.
+  /// Creates a request, which the caller owns. Adds INTERNET_FLAG_SECURE at port 443. Throws on failure.
   CHttpFile *OpenRequest(int nVerb, WCHAR const *wszObject, WCHAR const *wszReferrer, DWORD_PTR dwContext,
                          WCHAR const **pwszAcceptTypes, WCHAR const *wszVersion, DWORD dwFlags);
 
@@ -81,7 +83,7 @@ public:
   CInternetSession &operator=(CInternetSession const &) = delete;
   virtual ~CInternetSession();
   BOOL SetOption(DWORD dwOption, DWORD dwValue, DWORD dwFlags = 0);
-  /// Names the server; the caller owns the connection. Throws on failure.
+  /// Creates a connection to the server, which the caller owns; connects to nothing yet. Throws on failure.
   CHttpConnection *GetHttpConnection(WCHAR const *wszServer, INTERNET_PORT nPort, WCHAR const *wszUser,
                                      WCHAR const *wszPassword);
   void Close();

@@ -1,10 +1,10 @@
-// The lock of process-wide state as the standard library's lock classes take it. Thin and portable: written over the
-// functions of Locks.h alone.
+// The lock of process-wide state, with the interface that std::lock_guard and its kin need. Thin and portable: written
+// over the functions of Locks.h alone. Thread: any.
 #pragma once
 
 #include "platform/system/Locks.h"
 
-/// A constant initialiser and no destructor, so that a thread may use it until the process is gone.
+/// Constant-initialised and without a destructor, so that threads may use it until the process ends.
 class SlimLock {
 public:
   constexpr SlimLock() = default;

@@ -1,4 +1,4 @@
-// See Wnd.h. A window finds its object by its user data, which is set and taken away on the window's own thread.
+// See Wnd.h. A window's user data points to its object; it is set and cleared on the window's own thread.
 #include "framework/Wnd.h"
 
 #include "platform/base/LastError.h"
@@ -9,8 +9,8 @@ namespace {
 constexpr WCHAR kClassName[] = L"SkiffportWnd";
 
 LRESULT CWndProc(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam) {
-  auto *const pWnd = reinterpret_cast<CWnd *>(GetWindowLongPtrW(hWnd, GWLP_USERDATA));
-  return pWnd ? pWnd->DispatchMessage(uMessage, wParam, lParam) : DefWindowProcW(hWnd, uMessage, wParam, lParam);
+  auto *const window = reinterpret_cast<CWnd *>(GetWindowLongPtrW(hWnd, GWLP_USERDATA));
+  return window ? window->DispatchMessage(uMessage, wParam, lParam) : DefWindowProcW(hWnd, uMessage, wParam, lParam);
 }
 
 } // namespace
@@ -26,8 +26,8 @@ WCHAR const *AfxRegisterWndClass(UINT uStyle, void *hCursor, void *hBrush, void 
   wndClass.cbSize = sizeof wndClass;
   wndClass.lpfnWndProc = CWndProc;
   wndClass.lpszClassName = kClassName;
-  bool const bThere = RegisterClassExW(&wndClass) != 0 || GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
-  return bThere ? kClassName : nullptr;
+  bool const isRegistered = RegisterClassExW(&wndClass) != 0 || GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
+  return isRegistered ? kClassName : nullptr;
 }
 
 CWnd::~CWnd() { DestroyWindow(); }
@@ -49,9 +49,9 @@ BOOL CWnd::DestroyWindow() {
   if (!m_hWnd)
     return FALSE;
   SetWindowLongPtrW(m_hWnd, GWLP_USERDATA, 0);
-  BOOL const bDestroyed = ::DestroyWindow(m_hWnd);
+  BOOL const isDestroyed = ::DestroyWindow(m_hWnd);
   m_hWnd = nullptr;
-  return bDestroyed;
+  return isDestroyed;
 }
 
 AFX_MSGMAP const *CWnd::GetMessageMap() const { return GetThisMessageMap(); }
@@ -63,11 +63,11 @@ AFX_MSGMAP const *CWnd::GetThisMessageMap() {
 }
 
 LRESULT CWnd::DispatchMessage(UINT uMessage, WPARAM wParam, LPARAM lParam) {
-  for (AFX_MSGMAP const *pMap = GetMessageMap(); pMap; pMap = pMap->pBaseMap)
-    for (AFX_MSGMAP_ENTRY const *pEntry = pMap->lpEntries; pEntry->nMessage != 0; ++pEntry)
-      if (pEntry->nMessage == uMessage) {
+  for (AFX_MSGMAP const *map = GetMessageMap(); map; map = map->pBaseMap)
+    for (AFX_MSGMAP_ENTRY const *entry = map->lpEntries; entry->nMessage != 0; ++entry)
+      if (entry->nMessage == uMessage) {
         try {
-          return (this->*pEntry->pfn)(wParam, lParam);
+          return (this->*entry->pfn)(wParam, lParam);
         } catch (ThreadEnd const &) { // the thread is being ended inside the handler
           throw;
         } catch (...) {

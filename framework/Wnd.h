@@ -1,5 +1,6 @@
-// The window framework's base class and its message map, as far as a hidden window needs them.
-// Thin and portable: written over the functions of Messages.h alone.
+// The window framework's base class and its message map, as far as a hidden window needs them. Thin and portable:
+// written over the functions of Messages.h alone. Thread: the one that created the window, unless a function says
+// otherwise.
 #pragma once
 
 #include "platform/window/Messages.h"
@@ -18,7 +19,7 @@ struct CRuntimeClass {
 
 using AFX_PMSG = LRESULT (CWnd::*)(WPARAM, LPARAM);
 struct AFX_MSGMAP_ENTRY {
-  UINT nMessage; // 0 ends the table
+  UINT nMessage; // 0 in the last entry
   AFX_PMSG pfn;
 };
 struct AFX_MSGMAP {
@@ -26,8 +27,8 @@ struct AFX_MSGMAP {
   AFX_MSGMAP_ENTRY const *lpEntries;
 };
 
-/// Registers a class for CWnd windows. Returns: its name, which lives as long as the process; null on failure.
-/// Differs: style 0 and no cursor, brush or icon.
+/// Registers a class for CWnd windows. Thread: any. Returns: its name, which lives as long as the process; null on
+/// failure. Differs: style 0 and no cursor, brush or icon.
 WCHAR const *AfxRegisterWndClass(UINT uStyle, void *hCursor, void *hBrush, void *hIcon);
 
 class CWnd {
@@ -51,8 +52,8 @@ protected:
   static AFX_MSGMAP const *GetThisMessageMap();
 
 public:
-  /// Runs the message's entry in the object's message map, or DefWindowProcW. Lets nothing escape, and touches nothing
-  /// of the object behind a handler that ran.
+  /// Runs the message's handler from the object's message map, or DefWindowProcW. Lets no exception escape, and does
+  /// not touch the object after a handler has run, since that may have deleted it.
   LRESULT DispatchMessage(UINT uMessage, WPARAM wParam, LPARAM lParam);
   static CRuntimeClass const classCWnd;
 };

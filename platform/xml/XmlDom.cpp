@@ -1,5 +1,4 @@
-// The document object model's objects. Each holds the tree it points into, so that a node outlives its document. One
-// thread at a time works with a document; different documents are independent.
+// See XmlDom.h. Each object keeps the tree that it points into alive, so that a node outlives its document.
 #include "platform/xml/XmlDom.h"
 
 #include "platform/base/LastError.h"
@@ -27,86 +26,90 @@ constexpr HRESULT E_NOINTERFACE = static_cast<HRESULT>(0x80004002U);
 constexpr HRESULT CLASS_E_NOAGGREGATION = static_cast<HRESULT>(0x80040110U);
 constexpr HRESULT REGDB_E_CLASSNOTREG = static_cast<HRESULT>(0x80040154U);
 
-/// The result for a failure that a test asked for.
+/// The result of a failure that a test asked for: its error if that is an HRESULT.
 HRESULT FaultResult() {
-  auto const nError = static_cast<HRESULT>(GetLastError());
-  return nError < 0 ? nError : static_cast<HRESULT>(0x80070000U | (static_cast<DWORD>(nError) & 0xFFFF));
+  auto const error = static_cast<HRESULT>(GetLastError());
+  return FAILED(error) ? error : E_FAIL;
 }
 
 /// A new string of the UTF-8 text's characters.
 BSTR AllocString(std::string_view text) {
   std::unique_ptr<WCHAR[]> wide(new WCHAR[text.size() + 1]);
-  std::size_t cch = 0;
-  for (; cch < text.size() && static_cast<unsigned char>(text[cch]) < 0x80; ++cch)
-    wide[cch] = static_cast<WCHAR>(text[cch]); // most are short: one pass of single steps is the fastest
-  text.remove_prefix(cch);
+  std::size_t length = 0;
+  for (; length < text.size() && static_cast<unsigned char>(text[length]) < 0x80; ++length)
+    wide[length] = static_cast<WCHAR>(text[length]); // most texts are short: one plain loop is the fastest
+  text.remove_prefix(length);
   if (!text.empty())
-    cch += static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                                        wide.get() + cch, static_cast<int>(text.size())));
-  wide[cch] = 0;
+    length += static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                           wide.get() + length, static_cast<int>(text.size())));
+  wide[length] = 0;
   return wide.release();
 }
 
 // --- Paths ---------------------------------------------------------------------------------------------------------
 
-/// Whether the text is a name, perhaps after a prefix and a colon. Beyond ASCII everything counts as a letter: no
-/// document holds a name that is none.
+/// Whether the text is a name, perhaps after a prefix and a colon. Beyond ASCII everything counts as a letter: a path
+/// with any other character matches nothing, since no document has such a name.
 bool IsName(std::string_view text) {
-  auto const isLetter = [](unsigned char c) { return c >= 0x80 || c == '_' || unsigned(c | 0x20) - 'a' < 26; };
-  bool bStarts = true;
-  int nColons = 0;
-  for (unsigned char const c : text) {
-    if (bStarts ? !isLetter(c)
-                : !isLetter(c) && unsigned(c) - '0' > 9 &&
-                      std::string_view("-.:").find(static_cast<char>(c)) == std::string_view::npos)
+  auto const isLetter = [](unsigned char byte) {
+    return byte >= 0x80 || byte == '_' || (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z');
+  };
+  auto const isNameCharacter = [&](unsigned char byte) {
+    return isLetter(byte) || (byte >= '0' && byte <= '9') || byte == '-' || byte == '.' || byte == ':';
+  };
+  bool isStart = true;
+  int colons = 0;
+  for (unsigned char const byte : text) {
+    if (!(isStart ? isLetter(byte) : isNameCharacter(byte)))
       return false;
-    bStarts = c == ':';
-    nColons += bStarts;
+    isStart = byte == ':';
+    if (isStart)
+      ++colons;
   }
-  return !bStarts && nColons <= 1;
+  return !isStart && colons <= 1;
 }
 
-/// The steps of a path of element names; none if it is no such path.
+/// The steps of a path of element names; none if the path is anything else.
 std::vector<std::string> PathSteps(std::string const &path) {
   std::vector<std::string> steps;
-  for (std::size_t uStart = 0; uStart <= path.size();) {
-    std::size_t const uEnd = std::min(path.find('/', uStart), path.size());
-    steps.push_back(path.substr(uStart, uEnd - uStart));
+  for (std::size_t start = 0; start <= path.size();) {
+    std::size_t const end = std::min(path.find('/', start), path.size());
+    steps.push_back(path.substr(start, end - start));
     if (!IsName(steps.back()))
       return {};
-    uStart = uEnd + 1;
+    start = end + 1;
   }
   return steps;
 }
 
 // --- The objects ---------------------------------------------------------------------------------------------------
 
-/// Runs the body and turns a shortage of memory into its result.
+/// Runs the body; E_OUTOFMEMORY if it runs out of memory.
 template <class Body> HRESULT Guarded(Body const &body) try { return body(); } catch (std::bad_alloc const &) {
   return E_OUTOFMEMORY;
 }
 
 template <class Interface> class Counted : public Interface {
 public:
-  ULONG AddRef() final { return ++m_uReferences; }
+  ULONG AddRef() final { return ++m_references; }
   ULONG Release() final {
-    ULONG const uLeft = --m_uReferences;
-    if (uLeft == 0)
+    ULONG const left = --m_references;
+    if (left == 0)
       delete this;
-    return uLeft;
+    return left;
   }
 
 protected:
   virtual ~Counted() = default;
 
 private:
-  std::atomic<ULONG> m_uReferences = 1;
+  std::atomic<ULONG> m_references = 1;
 };
 
-/// A node, or the document, of a tree that is kept alive.
+/// A node, or the document, in a tree that it keeps alive.
 struct Place {
   std::shared_ptr<XmlTree const> tree;
-  XmlTree::Index uNode;
+  XmlTree::Index node;
 };
 
 HRESULT StoreNode(Place place, IXMLDOMNode **ppNode);
@@ -121,7 +124,7 @@ public:
     *ppNode = nullptr;
     return Guarded([&] {
       XmlTree const &tree = *m_element.tree;
-      return StoreNode({m_element.tree, tree.FindAttribute(m_element.uNode, Utf8FromWide(bstrName))}, ppNode);
+      return StoreNode({m_element.tree, tree.FindAttribute(m_element.node, Utf8FromWide(bstrName))}, ppNode);
     });
   }
 
@@ -129,7 +132,7 @@ private:
   Place const m_element;
 };
 
-/// What a node and a document have in common.
+/// What nodes and documents have in common.
 template <class Interface> class NodeOf : public Counted<Interface> {
 public:
   HRESULT get_nodeName(BSTR *pbstrName) override {
@@ -137,7 +140,7 @@ public:
       return E_INVALIDARG;
     *pbstrName = nullptr;
     return Guarded([&] {
-      *pbstrName = AllocString(Tree().Name(m_place.uNode));
+      *pbstrName = AllocString(Tree().Name(m_place.node));
       return S_OK;
     });
   }
@@ -145,32 +148,32 @@ public:
     if (!pValue)
       return E_INVALIDARG;
     *pValue = {VT_NULL, nullptr};
-    DOMNodeType const type = Tree().Type(m_place.uNode);
+    DOMNodeType const type = Tree().Type(m_place.node);
     if (type == NODE_DOCUMENT || type == NODE_ELEMENT)
       return S_FALSE;
     return Guarded([&] {
-      BSTR const bstrValue = AllocString(Tree().Value(m_place.uNode));
-      *pValue = {VT_BSTR, bstrValue};
+      BSTR const value = AllocString(Tree().Value(m_place.node));
+      *pValue = {VT_BSTR, value};
       return S_OK;
     });
   }
   HRESULT get_nodeType(DOMNodeType *pType) override {
     if (!pType)
       return E_INVALIDARG;
-    *pType = Tree().Type(m_place.uNode);
+    *pType = Tree().Type(m_place.node);
     return S_OK;
   }
   HRESULT get_firstChild(IXMLDOMNode **ppChild) override {
-    return ppChild ? StoreNode({m_place.tree, Tree().FirstChild(m_place.uNode)}, ppChild) : E_INVALIDARG;
+    return ppChild ? StoreNode({m_place.tree, Tree().FirstChild(m_place.node)}, ppChild) : E_INVALIDARG;
   }
   HRESULT get_nextSibling(IXMLDOMNode **ppSibling) override {
-    return ppSibling ? StoreNode({m_place.tree, Tree().NextSibling(m_place.uNode)}, ppSibling) : E_INVALIDARG;
+    return ppSibling ? StoreNode({m_place.tree, Tree().NextSibling(m_place.node)}, ppSibling) : E_INVALIDARG;
   }
   HRESULT get_attributes(IXMLDOMNamedNodeMap **ppAttributes) override {
     if (!ppAttributes)
       return E_INVALIDARG;
     *ppAttributes = nullptr;
-    if (Tree().Type(m_place.uNode) != NODE_ELEMENT)
+    if (Tree().Type(m_place.node) != NODE_ELEMENT)
       return S_FALSE;
     *ppAttributes = new (std::nothrow) AttributeMap(m_place);
     return *ppAttributes ? S_OK : E_OUTOFMEMORY;
@@ -181,7 +184,7 @@ public:
     *pbstrText = nullptr;
     return Guarded([&] {
       std::string store;
-      *pbstrText = AllocString(Tree().Text(m_place.uNode, store));
+      *pbstrText = AllocString(Tree().Text(m_place.node, store));
       return S_OK;
     });
   }
@@ -195,7 +198,7 @@ public:
       return E_INVALIDARG;
     return Guarded([&] {
       std::vector<std::string> const steps = PathSteps(Utf8FromWide(bstrPath));
-      return steps.empty() ? E_FAIL : StoreNode({m_place.tree, Tree().FindByPath(m_place.uNode, steps)}, ppNode);
+      return steps.empty() ? E_FAIL : StoreNode({m_place.tree, Tree().FindByPath(m_place.node, steps)}, ppNode);
     });
   }
 
@@ -239,7 +242,7 @@ private:
 /// S_OK with a new object for the place, S_FALSE with null for none.
 HRESULT StoreNode(Place place, IXMLDOMNode **ppNode) {
   *ppNode = nullptr;
-  if (place.uNode == XmlTree::kNone)
+  if (place.node == XmlTree::kNone)
     return S_FALSE;
   *ppNode = new (std::nothrow) Node(std::move(place));
   return *ppNode ? S_OK : E_OUTOFMEMORY;
@@ -247,15 +250,15 @@ HRESULT StoreNode(Place place, IXMLDOMNode **ppNode) {
 
 bool IsSame(GUID const &a, GUID const &b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
-thread_local int t_nInitialised = 0;
+thread_local int t_initialisations = 0;
 
 } // namespace
 
-HRESULT CoInitialize(void * /*pReserved*/) { return t_nInitialised++ == 0 ? S_OK : S_FALSE; }
+HRESULT CoInitialize(void * /*pReserved*/) { return t_initialisations++ == 0 ? S_OK : S_FALSE; }
 
 void CoUninitialize() {
-  if (t_nInitialised > 0)
-    --t_nInitialised;
+  if (t_initialisations > 0)
+    --t_initialisations;
 }
 
 HRESULT CoCreateInstance(CLSID const &clsid, IUnknown *pOuter, DWORD /*dwContext*/, IID const &iid, void **ppObject) {
@@ -279,10 +282,10 @@ HRESULT CoCreateInstance(CLSID const &clsid, IUnknown *pOuter, DWORD /*dwContext
 BSTR SysAllocString(WCHAR const *wszText) {
   if (!wszText)
     return nullptr;
-  std::size_t const cch = std::wcslen(wszText) + 1;
-  BSTR const bstrText = new (std::nothrow) WCHAR[cch];
+  std::size_t const length = std::wcslen(wszText) + 1;
+  BSTR const bstrText = new (std::nothrow) WCHAR[length];
   if (bstrText)
-    std::wmemcpy(bstrText, wszText, cch);
+    std::wmemcpy(bstrText, wszText, length);
   return bstrText;
 }
 

@@ -1,5 +1,6 @@
-// The XML document object model, as far as replies are read with it, and the COM calls and holders that go with it.
-// A document and its nodes belong to one thread at a time.
+// The parts of the XML document object model that reading replies needs, and the COM calls that go with them. Thread:
+// any, for every function here; a document and its nodes belong to one thread at a time, different documents are
+// independent. Knows nothing of what the documents say.
 #pragma once
 
 #include "platform/base/Types.h"
@@ -39,8 +40,8 @@ protected:
 struct IXMLDOMNamedNodeMap;
 
 /// Getters return S_OK with a new reference or string that the caller releases, S_FALSE with null where there is none,
-/// and a negative HRESULT on failure. White space between elements is no child unless xml:space keeps it.
-/// Differs: the XML declaration is no child either.
+/// and a negative HRESULT on failure. White space between elements is not a child unless xml:space keeps
+/// it. Differs: the XML declaration is not a child either.
 struct IXMLDOMNode : IUnknown {
   virtual HRESULT get_nodeName(BSTR *pbstrName) = 0;
   virtual HRESULT get_nodeValue(VARIANT *pValue) = 0;
@@ -48,8 +49,8 @@ struct IXMLDOMNode : IUnknown {
   virtual HRESULT get_firstChild(IXMLDOMNode **ppChild) = 0;
   virtual HRESULT get_nextSibling(IXMLDOMNode **ppSibling) = 0;
   virtual HRESULT get_attributes(IXMLDOMNamedNodeMap **ppAttributes) = 0;
-  /// All descendants' text and CDATA in order, outer white space trimmed. Between child elements and what is in
-  /// them, white space alone counts as one blank; an element without child elements gives its text as it stands.
+  /// All descendants' text and CDATA in order, outer white space trimmed. Between child elements and their content,
+  /// white space alone counts as one blank; an element without child elements gives its text as it is.
   virtual HRESULT get_text(BSTR *pbstrText) = 0;
   /// The first node at a path of element names divided by "/", relative to this node; names compare exactly.
   /// S_OK with the node, S_FALSE with null for no match, negative for a query that failed. Differs: no other XPath.
@@ -69,8 +70,7 @@ protected:
 struct IXMLDOMDocument : IXMLDOMNode {
   /// Replaces the document by the parsed text, up to its first zero. A text that does not parse, holds a DOCTYPE or has
   /// more than 8 * 1024 * 1024 characters leaves it empty (S_FALSE); so does one for which the parser would need more
-  /// than 64 MiB (E_OUTOFMEMORY). The encoding that the text declares plays no part. `*pbSuccess` may be asked for or
-  /// not (null).
+  /// than 64 MiB (E_OUTOFMEMORY). The declared encoding is ignored. `pbSuccess` may be null.
   virtual HRESULT loadXML(BSTR bstrXml, VARIANT_BOOL *pbSuccess) = 0;
 
 protected:
@@ -80,13 +80,15 @@ protected:
 extern SKIFFPORT_PLATFORM_API CLSID const CLSID_DOMDocument;
 extern SKIFFPORT_PLATFORM_API IID const IID_IXMLDOMDocument;
 
+/// Returns: S_OK, or S_FALSE if the calling thread had called it before. Differs: only counts.
 SKIFFPORT_PLATFORM_API HRESULT CoInitialize(void *pReserved);
 SKIFFPORT_PLATFORM_API void CoUninitialize();
-/// Makes an empty document. Differs: CLSID_DOMDocument with IID_IXMLDOMDocument only; no prior CoInitialize is needed.
+/// Creates an empty document. Differs: CLSID_DOMDocument with IID_IXMLDOMDocument only; no prior CoInitialize is
+/// needed.
 SKIFFPORT_PLATFORM_API HRESULT CoCreateInstance(CLSID const &clsid, IUnknown *pOuter, DWORD dwContext, IID const &iid,
                                                 void **ppObject);
 
-/// A new string that the caller frees with SysFreeString; null if memory is short or the text is null.
+/// A new string that the caller frees with SysFreeString; null when out of memory, and for a null text.
 SKIFFPORT_PLATFORM_API BSTR SysAllocString(WCHAR const *wszText);
 SKIFFPORT_PLATFORM_API void SysFreeString(BSTR bstrText);
 SKIFFPORT_PLATFORM_API HRESULT VariantClear(VARIANT *pValue);

@@ -1,5 +1,5 @@
-// Building the tree from expat's events. Expat takes time in proportion to the document, whatever it holds, and has no
-// limit for nesting or for the length of a text; what it may take of memory is limited here.
+// See XmlParse.h. Builds the tree from expat's events. Expat takes time in proportion to the document, whatever it
+// holds, and limits neither nesting nor the length of a text; the memory that it may use is limited here. Any thread.
 #include "platform/xml/XmlParse.h"
 
 #include "platform/text/Utf8.h"
@@ -24,24 +24,24 @@ constexpr std::size_t kParserMemory = 64 * 1024 * 1024;   // bytes
 
 // --- The parser's memory -------------------------------------------------------------------------------------------
 
-// Expat keeps some 150 bytes for each open element and 70 for each different name, of which a byte or two may have come
-// in. The functions that it allocates with have no context, but a document is parsed in one go by one thread.
-thread_local std::size_t t_cbParser = 0;
+// Expat keeps some 150 bytes for each open element and 70 for each different name, which may be only a byte or two of
+// the document. Its allocation functions have no context argument, but one thread parses a document from start to end.
+thread_local std::size_t t_parserBytes = 0;
 
-void *Reallocate(void *pOld, std::size_t cb) {
-  std::size_t const cbOld = malloc_usable_size(pOld);
-  if (cb > kParserMemory || t_cbParser - cbOld > kParserMemory - cb)
+void *Reallocate(void *old, std::size_t size) {
+  std::size_t const oldSize = malloc_usable_size(old);
+  if (size > kParserMemory || t_parserBytes - oldSize > kParserMemory - size)
     return nullptr;
-  void *const pNew = std::realloc(pOld, cb);
-  if (pNew)
-    t_cbParser += malloc_usable_size(pNew) - cbOld;
-  return pNew;
+  void *const moved = std::realloc(old, size);
+  if (moved)
+    t_parserBytes += malloc_usable_size(moved) - oldSize;
+  return moved;
 }
 
-void *Allocate(std::size_t cb) { return Reallocate(nullptr, cb); }
+void *Allocate(std::size_t size) { return Reallocate(nullptr, size); }
 
 void Free(void *p) {
-  t_cbParser -= malloc_usable_size(p);
+  t_parserBytes -= malloc_usable_size(p);
   std::free(p);
 }
 
@@ -51,31 +51,32 @@ constexpr XML_Memory_Handling_Suite kMemory = {Allocate, Reallocate, Free};
 
 bool IsBlank(std::string_view text) { return std::all_of(text.begin(), text.end(), IsXmlBlank); }
 
-/// The bytes that the text takes in UTF-8. False for a surrogate that is left alone, which is no character of XML.
-bool MeasureUtf8(std::wstring_view text, std::size_t &cb) {
-  cb = AsciiPrefix(text);
-  for (WCHAR const *p = text.data() + cb, *const pEnd = text.data() + text.size(); p != pEnd;) {
-    char32_t const character = NextCharacter(p, pEnd);
+/// Measures the text in bytes of UTF-8. False if it holds a lone surrogate, which is not an XML character.
+bool MeasureUtf8(std::wstring_view text, std::size_t &size) {
+  size = AsciiPrefix(text);
+  for (WCHAR const *p = text.data() + size, *const end = text.data() + text.size(); p != end;) {
+    char32_t const character = NextCharacter(p, end);
     if (IsSurrogate(character))
       return false;
-    EncodeUtf8(character, [&cb](char) { ++cb; });
+    EncodeUtf8(character, [&size](char) { ++size; });
   }
   return true;
 }
 
-/// Takes up to `cchMost` units off the front of the text, whole characters only. Returns the bytes put.
-std::size_t TakeUtf8(std::wstring_view &text, std::size_t cchMost, char *pPut) {
-  char *const pStart = pPut;
-  std::wstring_view const block = text.substr(0, cchMost);
-  std::size_t const cchAscii = AsciiPrefix(block);
-  CopyAscii(block.substr(0, cchAscii), pPut);
-  pPut += cchAscii;
-  WCHAR const *p = block.data() + cchAscii;
-  WCHAR const *const pEnd = text.data() + text.size(); // the block's last character may need one unit more
+/// Takes up to `mostUnits` units, whole characters only, off the front of the text and encodes them. Returns: how many
+/// bytes.
+std::size_t TakeUtf8(std::wstring_view &text, std::size_t mostUnits, char *out) {
+  char *const start = out;
+  std::wstring_view const block = text.substr(0, mostUnits);
+  std::size_t const asciiLength = AsciiPrefix(block);
+  CopyAscii(block.substr(0, asciiLength), out);
+  out += asciiLength;
+  WCHAR const *p = block.data() + asciiLength;
+  WCHAR const *const end = text.data() + text.size(); // the block's last character may need one unit more
   while (p < block.data() + block.size())
-    EncodeUtf8(NextCharacter(p, pEnd), [&pPut](char c) { *pPut++ = c; });
+    EncodeUtf8(NextCharacter(p, end), [&out](char c) { *out++ = c; });
   text.remove_prefix(static_cast<std::size_t>(p - text.data()));
-  return static_cast<std::size_t>(pPut - pStart);
+  return static_cast<std::size_t>(out - start);
 }
 
 } // namespace
@@ -84,162 +85,163 @@ std::size_t TakeUtf8(std::wstring_view &text, std::size_t cchMost, char *pPut) {
 /// parser is written in C.
 class XmlTreeBuilder {
 public:
-  /// For a document of `cb` bytes. May throw std::bad_alloc.
-  XmlTreeBuilder(XML_Parser pParser, std::size_t cb) : m_pParser(pParser), m_pTree(std::make_shared<XmlTree>()) {
-    m_pTree->m_texts = std::make_unique_for_overwrite<char[]>(m_cbTexts = cb + 1);
-    m_pTree->m_texts[m_uUsed++] = 0; // the document's own
-    XML_SetUserData(pParser, this);
+  /// For a document of `size` bytes. May throw std::bad_alloc.
+  XmlTreeBuilder(XML_Parser parser, std::size_t size) : m_parser(parser), m_tree(std::make_shared<XmlTree>()) {
+    m_textsSize = size + 1;
+    m_tree->m_texts = std::make_unique_for_overwrite<char[]>(m_textsSize);
+    Put({"\0", 1}); // the document's own
+    XML_SetUserData(parser, this);
     XML_SetElementHandler(
-        pParser,
-        [](void *p, XML_Char const *szName, XML_Char const **pszAttributes) {
-          Handle(p, [=](XmlTreeBuilder &builder) { builder.StartElement(szName, pszAttributes); });
+        parser,
+        [](void *p, XML_Char const *name, XML_Char const **attributes) {
+          Handle(p, [=](XmlTreeBuilder &builder) { builder.StartElement(name, attributes); });
         },
         [](void *p, XML_Char const *) { Handle(p, [](XmlTreeBuilder &builder) { builder.EndElement(); }); });
-    XML_SetCharacterDataHandler(pParser, [](void *p, XML_Char const *pText, int cb) {
-      Handle(p, [=](XmlTreeBuilder &builder) { builder.AddText({pText, static_cast<std::size_t>(cb)}); });
+    XML_SetCharacterDataHandler(parser, [](void *p, XML_Char const *text, int size) {
+      Handle(p, [=](XmlTreeBuilder &builder) { builder.AddText({text, static_cast<std::size_t>(size)}); });
     });
     XML_SetCdataSectionHandler(
-        pParser, [](void *p) { Handle(p, [](XmlTreeBuilder &builder) { builder.OpenText(NODE_CDATA_SECTION); }); },
+        parser, [](void *p) { Handle(p, [](XmlTreeBuilder &builder) { builder.OpenText(NODE_CDATA_SECTION); }); },
         [](void *p) { Handle(p, [](XmlTreeBuilder &builder) { builder.CloseText(); }); });
-    XML_SetCommentHandler(pParser, [](void *p, XML_Char const *szText) {
-      Handle(p, [=](XmlTreeBuilder &builder) { builder.AddLeaf(NODE_COMMENT, {szText}); });
+    XML_SetCommentHandler(parser, [](void *p, XML_Char const *text) {
+      Handle(p, [=](XmlTreeBuilder &builder) { builder.AddLeaf(NODE_COMMENT, {text}); });
     });
-    XML_SetProcessingInstructionHandler(pParser, [](void *p, XML_Char const *szTarget, XML_Char const *szText) {
-      Handle(p, [=](XmlTreeBuilder &builder) { builder.AddLeaf(NODE_PROCESSING_INSTRUCTION, {szTarget, szText}); });
+    XML_SetProcessingInstructionHandler(parser, [](void *p, XML_Char const *target, XML_Char const *text) {
+      Handle(p, [=](XmlTreeBuilder &builder) { builder.AddLeaf(NODE_PROCESSING_INSTRUCTION, {target, text}); });
     });
-    // A document type declaration ends the parsing: no entity of the sender's is ever expanded or loaded.
-    XML_SetStartDoctypeDeclHandler(pParser, [](void *p, XML_Char const *, XML_Char const *, XML_Char const *, int) {
-      XML_StopParser(static_cast<XmlTreeBuilder *>(p)->m_pParser, XML_FALSE);
+    // A document type declaration ends the parsing: no entity from the sender is ever expanded or loaded.
+    XML_SetStartDoctypeDeclHandler(parser, [](void *p, XML_Char const *, XML_Char const *, XML_Char const *, int) {
+      XML_StopParser(static_cast<XmlTreeBuilder *>(p)->m_parser, XML_FALSE);
     });
   }
 
-  bool OutOfMemory() const { return m_bOutOfMemory; }
-  std::size_t Events() const { return m_uEvents; }
+  bool IsOutOfMemory() const { return m_isOutOfMemory; }
+  std::size_t Events() const { return m_events; }
   std::shared_ptr<XmlTree const> Finish() {
-    m_pTree->At(XmlTree::kDocument).uEnd = m_pTree->m_uCount;
-    return std::move(m_pTree);
+    m_tree->At(XmlTree::kDocument).end = m_tree->m_count;
+    return std::move(m_tree);
   }
 
 private:
-  /// Runs a handler's work. Some events still come after the parser was stopped.
+  /// Runs a handler's work. The parser still reports some events after it was stopped.
   template <class Work> static void Handle(void *p, Work const &work) noexcept {
     auto &builder = *static_cast<XmlTreeBuilder *>(p);
-    ++builder.m_uEvents;
-    if (builder.m_bOutOfMemory)
+    ++builder.m_events;
+    if (builder.m_isOutOfMemory)
       return;
     try {
       work(builder);
     } catch (std::bad_alloc const &) {
-      builder.m_bOutOfMemory = true;
-      XML_StopParser(builder.m_pParser, XML_FALSE);
+      builder.m_isOutOfMemory = true;
+      XML_StopParser(builder.m_parser, XML_FALSE);
     }
   }
 
-  void StartElement(XML_Char const *szName, XML_Char const **pszAttributes) {
-    m_pTree->At(m_uElement).bHasElements = true;
-    bool bKeepsBlanks = m_pTree->At(m_uElement).bKeepsBlanks;
-    m_uElement = AddLeaf(NODE_ELEMENT, {szName});
-    for (; *pszAttributes; pszAttributes += 2) {
-      AddLeaf(NODE_ATTRIBUTE, {pszAttributes[0], pszAttributes[1]});
-      if (std::strcmp(pszAttributes[0], "xml:space") != 0)
+  void StartElement(XML_Char const *name, XML_Char const **attributes) {
+    m_tree->At(m_element).hasElements = true;
+    bool keepsBlanks = m_tree->At(m_element).keepsBlanks;
+    m_element = AddLeaf(NODE_ELEMENT, {name});
+    for (; *attributes; attributes += 2) {
+      AddLeaf(NODE_ATTRIBUTE, {attributes[0], attributes[1]});
+      if (std::strcmp(attributes[0], "xml:space") != 0)
         continue;
-      bool const bPreserve = std::strcmp(pszAttributes[1], "preserve") == 0;
-      if (bPreserve || std::strcmp(pszAttributes[1], "default") == 0)
-        bKeepsBlanks = bPreserve;
+      bool const isPreserved = std::strcmp(attributes[1], "preserve") == 0;
+      if (isPreserved || std::strcmp(attributes[1], "default") == 0)
+        keepsBlanks = isPreserved;
     }
-    m_pTree->At(m_uElement).bKeepsBlanks = bKeepsBlanks;
+    m_tree->At(m_element).keepsBlanks = keepsBlanks;
   }
 
   void EndElement() {
     CloseText();
-    XmlTree::Node &element = m_pTree->At(m_uElement);
-    element.uEnd = m_pTree->m_uCount;
-    m_uElement = element.uParent;
+    XmlTree::Node &element = m_tree->At(m_element);
+    element.end = m_tree->m_count;
+    m_element = element.parent;
   }
 
-  /// A text comes in pieces, which make one node until another event comes.
+  /// A text arrives in pieces, which become one node until another event arrives.
   void AddText(std::string_view text) {
-    if (m_uOpenText == XmlTree::kNone)
+    if (m_openText == XmlTree::kNone)
       OpenText(NODE_TEXT);
     Put(text);
   }
 
   void OpenText(DOMNodeType type) {
     CloseText();
-    m_uOpenText = Add(type);
+    m_openText = Add(type);
   }
 
   void CloseText() {
-    if (m_uOpenText == XmlTree::kNone)
+    if (m_openText == XmlTree::kNone)
       return;
-    XmlTree::Node &node = m_pTree->At(m_uOpenText);
-    std::string_view const text(m_pTree->m_texts.get() + node.uText, m_uUsed - node.uText);
-    node.bHidden = node.type == NODE_TEXT && !m_pTree->At(node.uParent).bKeepsBlanks && IsBlank(text);
-    m_uOpenText = XmlTree::kNone;
+    XmlTree::Node &node = m_tree->At(m_openText);
+    std::string_view const text(m_tree->m_texts.get() + node.text, m_used - node.text);
+    node.isHidden = node.type == NODE_TEXT && !m_tree->At(node.parent).keepsBlanks && IsBlank(text);
+    m_openText = XmlTree::kNone;
     Put({"\0", 1});
   }
 
   XmlTree::Index AddLeaf(DOMNodeType type, std::initializer_list<char const *> texts) {
     CloseText();
-    XmlTree::Index const uNode = Add(type);
-    for (char const *const szText : texts)
-      Put({szText, std::strlen(szText) + 1});
-    return uNode;
+    XmlTree::Index const node = Add(type);
+    for (char const *const text : texts)
+      Put({text, std::strlen(text) + 1});
+    return node;
   }
 
   XmlTree::Index Add(DOMNodeType type) {
-    XmlTree::Index const uNode = m_pTree->Append(type, m_uElement);
-    m_pTree->At(uNode).uText = static_cast<std::uint32_t>(m_uUsed);
-    return uNode;
+    XmlTree::Index const node = m_tree->Append(type, m_element);
+    m_tree->At(node).text = static_cast<std::uint32_t>(m_used);
+    return node;
   }
 
   void Put(std::string_view text) {
-    if (text.size() > m_cbTexts - m_uUsed)
-      throw std::bad_alloc(); // no document gets here
-    std::memcpy(m_pTree->m_texts.get() + m_uUsed, text.data(), text.size());
-    m_uUsed += text.size();
+    if (text.size() > m_textsSize - m_used)
+      throw std::bad_alloc(); // cannot happen: nodes hold no more text than the document
+    std::memcpy(m_tree->m_texts.get() + m_used, text.data(), text.size());
+    m_used += text.size();
   }
 
-  XML_Parser const m_pParser;
-  std::shared_ptr<XmlTree> m_pTree;
-  std::size_t m_cbTexts = 0;
-  std::size_t m_uUsed = 0; // bytes of the texts
-  XmlTree::Index m_uElement = XmlTree::kDocument;
-  XmlTree::Index m_uOpenText = XmlTree::kNone;
-  std::size_t m_uEvents = 0;
-  bool m_bOutOfMemory = false;
+  XML_Parser const m_parser;
+  std::shared_ptr<XmlTree> m_tree;
+  std::size_t m_textsSize = 0;
+  std::size_t m_used = 0; // bytes of the texts
+  XmlTree::Index m_element = XmlTree::kDocument;
+  XmlTree::Index m_openText = XmlTree::kNone;
+  std::size_t m_events = 0;
+  bool m_isOutOfMemory = false;
 };
 
 std::shared_ptr<XmlTree const> ParseXml(std::wstring_view text) {
-  std::size_t cb = 0;
+  std::size_t size = 0;
   if (text.size() > kLongestDocument)
     return nullptr;
   text.remove_prefix(std::min(text.find_first_not_of(L" \t\r\n\uFEFF"), text.size()));
-  if (text.empty() || !MeasureUtf8(text, cb))
+  if (text.empty() || !MeasureUtf8(text, size))
     return nullptr;
-  // The encoding that is given here overrides the declared one.
+  // The encoding that is passed here overrides the declared one.
   std::unique_ptr<std::remove_pointer_t<XML_Parser>, decltype(&XML_ParserFree)> const parser(
       XML_ParserCreate_MM("UTF-8", &kMemory, nullptr), XML_ParserFree);
   if (!parser)
     throw std::bad_alloc();
-  XmlTreeBuilder builder(parser.get(), cb);
-  // The parser starts anew with a tag or comment that a block left unfinished. So after a block without an event the
-  // next one is larger: else the time for a long tag would grow with the square of its length.
-  for (std::size_t cch = kSmallestBlock; !text.empty();) {
-    std::size_t const uEvents = builder.Events();
-    std::size_t const cchBlock = std::min(cch, text.size());
-    auto *const pBuffer = static_cast<char *>(
-        XML_GetBuffer(parser.get(), static_cast<int>(std::min((cchBlock + 1) * kLongestCharacter, cb))));
-    if (!pBuffer)
+  XmlTreeBuilder builder(parser.get(), size);
+  // The parser rescans a tag or comment that a block left unfinished. So a block without an event is followed by one of
+  // twice the size: otherwise the time for a long tag would grow with the square of its length.
+  for (std::size_t blockUnits = kSmallestBlock; !text.empty();) {
+    std::size_t const events = builder.Events();
+    std::size_t const units = std::min(blockUnits, text.size());
+    auto *const buffer = static_cast<char *>(
+        XML_GetBuffer(parser.get(), static_cast<int>(std::min((units + 1) * kLongestCharacter, size))));
+    if (!buffer)
       throw std::bad_alloc();
-    std::size_t const cbBlock = TakeUtf8(text, cchBlock, pBuffer);
-    cb -= cbBlock;
-    if (XML_ParseBuffer(parser.get(), static_cast<int>(cbBlock), text.empty()) != XML_STATUS_OK) {
-      if (builder.OutOfMemory() || XML_GetErrorCode(parser.get()) == XML_ERROR_NO_MEMORY)
+    std::size_t const blockSize = TakeUtf8(text, units, buffer);
+    size -= blockSize;
+    if (XML_ParseBuffer(parser.get(), static_cast<int>(blockSize), text.empty()) != XML_STATUS_OK) {
+      if (builder.IsOutOfMemory() || XML_GetErrorCode(parser.get()) == XML_ERROR_NO_MEMORY)
         throw std::bad_alloc();
       return nullptr;
     }
-    cch = builder.Events() == uEvents ? 2 * cch : kSmallestBlock;
+    blockUnits = builder.Events() == events ? 2 * blockUnits : kSmallestBlock;
   }
   return builder.Finish();
 }

@@ -1,5 +1,7 @@
-// Reading the tree.
+// See XmlTree.h.
 #include "platform/xml/XmlTree.h"
+
+#include "platform/text/Trim.h"
 
 #include <algorithm>
 
@@ -11,14 +13,6 @@ bool IsNamed(DOMNodeType type) {
   return type == NODE_ELEMENT || type == NODE_ATTRIBUTE || type == NODE_PROCESSING_INSTRUCTION;
 }
 
-std::string_view Trim(std::string_view text) {
-  while (!text.empty() && IsXmlBlank(text.front()))
-    text.remove_prefix(1);
-  while (!text.empty() && IsXmlBlank(text.back()))
-    text.remove_suffix(1);
-  return text;
-}
-
 } // namespace
 
 XmlTree::XmlTree() {
@@ -26,16 +20,16 @@ XmlTree::XmlTree() {
   m_texts = std::make_unique<char[]>(1);
 }
 
-XmlTree::Index XmlTree::Append(DOMNodeType type, Index uParent) {
-  if (m_uCount % kBlockSize == 0)
+XmlTree::Index XmlTree::Append(DOMNodeType type, Index parent) {
+  if (m_count % kBlockSize == 0)
     m_blocks.push_back(std::make_unique_for_overwrite<Node[]>(kBlockSize));
-  Index const uNode = m_uCount++;
-  At(uNode) = {0, uParent, m_uCount, static_cast<std::uint8_t>(type), false, false, false};
-  return uNode;
+  Index const node = m_count++;
+  At(node) = {0, parent, m_count, type, false, false, false};
+  return node;
 }
 
-std::string_view XmlTree::Name(Index uNode) const {
-  switch (Type(uNode)) {
+std::string_view XmlTree::Name(Index node) const {
+  switch (Type(node)) {
   case NODE_DOCUMENT:
     return "#document";
   case NODE_TEXT:
@@ -45,37 +39,37 @@ std::string_view XmlTree::Name(Index uNode) const {
   case NODE_COMMENT:
     return "#comment";
   default:
-    return TextAt(At(uNode).uText);
+    return TextAt(At(node).text);
   }
 }
 
-std::string_view XmlTree::Value(Index uNode) const {
-  if (Type(uNode) == NODE_ELEMENT)
+std::string_view XmlTree::Value(Index node) const {
+  if (Type(node) == NODE_ELEMENT)
     return {};
-  std::uint32_t const uText = At(uNode).uText;
-  return TextAt(IsNamed(Type(uNode)) ? uText + TextAt(uText).size() + 1 : uText);
+  std::uint32_t const start = At(node).text;
+  return TextAt(IsNamed(Type(node)) ? start + TextAt(start).size() + 1 : start);
 }
 
-std::string_view XmlTree::Text(Index uNode, std::string &store) const {
-  DOMNodeType const type = Type(uNode);
-  bool const bGathered = type == NODE_ELEMENT || type == NODE_DOCUMENT;
-  std::string_view const text = bGathered ? GatherText(uNode, store) : Value(uNode);
-  if (!bGathered && type != NODE_TEXT)
+std::string_view XmlTree::Text(Index node, std::string &store) const {
+  DOMNodeType const type = Type(node);
+  bool const isGathered = type == NODE_ELEMENT || type == NODE_DOCUMENT;
+  std::string_view const text = isGathered ? GatherText(node, store) : Value(node);
+  if (!isGathered && type != NODE_TEXT)
     return text;
-  return At(bGathered ? uNode : At(uNode).uParent).bKeepsBlanks ? text : Trim(text);
+  return At(isGathered ? node : At(node).parent).keepsBlanks ? text : Trim(text, IsXmlBlank);
 }
 
-/// Most elements have one text, which needs no copy.
-std::string_view XmlTree::GatherText(Index uNode, std::string &store) const {
+/// Returns the only text of an element, as most have, without a copy.
+std::string_view XmlTree::GatherText(Index node, std::string &store) const {
   std::string_view text;
   std::string blanks; // since the last text
-  for (Index uPart = uNode + 1; uPart < At(uNode).uEnd; ++uPart) {
-    if (!IsText(Type(uPart)))
+  for (Index partNode = node + 1; partNode < At(node).end; ++partNode) {
+    if (!IsText(Type(partNode)))
       continue;
-    std::string_view const part = TextAt(At(uPart).uText);
-    if (At(uPart).bHidden && At(uNode).bHasElements) {
+    std::string_view const part = TextAt(At(partNode).text);
+    if (At(partNode).isHidden && At(node).hasElements) {
       blanks = " ";
-    } else if (At(uPart).bHidden) {
+    } else if (At(partNode).isHidden) {
       blanks.append(part);
     } else if (text.empty()) {
       text = part;
@@ -90,48 +84,49 @@ std::string_view XmlTree::GatherText(Index uNode, std::string &store) const {
   return text;
 }
 
-XmlTree::Index XmlTree::SkipHidden(Index uNode, Index uParent) const {
-  if (uNode < m_uCount && At(uNode).bHidden)
-    uNode = At(uNode).uEnd; // never two in a row
-  return uNode < m_uCount && At(uNode).uParent == uParent ? uNode : kNone;
+XmlTree::Index XmlTree::SkipHidden(Index node, Index parent) const {
+  if (node < m_count && At(node).isHidden)
+    node = At(node).end; // never two in a row
+  return node < m_count && At(node).parent == parent ? node : kNone;
 }
 
-XmlTree::Index XmlTree::FirstChild(Index uNode) const {
-  Index uChild = uNode + 1;
-  if (Type(uNode) == NODE_ELEMENT)
-    while (uChild < m_uCount && Type(uChild) == NODE_ATTRIBUTE)
-      ++uChild;
-  return SkipHidden(uChild, uNode);
+XmlTree::Index XmlTree::FirstChild(Index node) const {
+  Index child = node + 1;
+  if (Type(node) == NODE_ELEMENT)
+    while (child < m_count && Type(child) == NODE_ATTRIBUTE)
+      ++child;
+  return SkipHidden(child, node);
 }
 
-XmlTree::Index XmlTree::NextSibling(Index uNode) const {
-  return Type(uNode) == NODE_ATTRIBUTE ? kNone : SkipHidden(At(uNode).uEnd, At(uNode).uParent);
+XmlTree::Index XmlTree::NextSibling(Index node) const {
+  return Type(node) == NODE_ATTRIBUTE ? kNone : SkipHidden(At(node).end, At(node).parent);
 }
 
-XmlTree::Index XmlTree::FindAttribute(Index uElement, std::string const &name) const {
-  for (Index uNode = uElement + 1; uNode < m_uCount && Type(uNode) == NODE_ATTRIBUTE; ++uNode)
-    if (HasName(uNode, name))
-      return uNode;
+XmlTree::Index XmlTree::FindAttribute(Index element, std::string const &name) const {
+  for (Index node = element + 1; node < m_count && Type(node) == NODE_ATTRIBUTE; ++node)
+    if (HasName(node, name))
+      return node;
   return kNone;
 }
 
-XmlTree::Index XmlTree::FindByPath(Index uNode, std::vector<std::string> const &names) const {
-  Index uParent = uNode;
-  std::size_t uStep = 0;
-  for (uNode = FirstChild(uParent);;) {
-    if (uNode == kNone && uStep == 0)
-      return kNone;
-    if (uNode == kNone) { // back up, and on from there
-      --uStep;
-      uNode = NextSibling(uParent);
-      uParent = At(uParent).uParent;
-    } else if (Type(uNode) != NODE_ELEMENT || !HasName(uNode, names[uStep])) {
-      uNode = NextSibling(uNode);
-    } else if (++uStep == names.size()) {
-      return uNode;
+XmlTree::Index XmlTree::FindByPath(Index node, std::vector<std::string> const &names) const {
+  // A depth-first search: `step` names are matched by the elements from the start down to `parent`.
+  Index parent = node;
+  std::size_t step = 0;
+  node = FirstChild(parent);
+  while (node != kNone || step != 0) {
+    if (node == kNone) { // no child matched: go on after the parent
+      --step;
+      node = NextSibling(parent);
+      parent = At(parent).parent;
+    } else if (Type(node) != NODE_ELEMENT || !HasName(node, names[step])) {
+      node = NextSibling(node);
+    } else if (++step == names.size()) {
+      return node;
     } else {
-      uParent = uNode;
-      uNode = FirstChild(uParent);
+      parent = node;
+      node = FirstChild(parent);
     }
   }
+  return kNone;
 }

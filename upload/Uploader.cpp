@@ -2,9 +2,9 @@
 // status, reply. A failed stage abandons the request; nothing is repeated.
 #include "upload/Uploader.h"
 
+#include "framework/HResult.h"
 #include "platform/base/Clock.h"
 #include "platform/base/Handles.h"
-#include "platform/base/LastError.h"
 #include "platform/system/Files.h"
 #include "upload/MultipartBody.h"
 #include "upload/ProgressMeter.h"
@@ -86,13 +86,6 @@ bool Write(HINTERNET hRequest, std::string const &bytes) {
 }
 
 } // namespace
-
-HRESULT HResultFromLastError() {
-  auto const nError = static_cast<std::int32_t>(GetLastError());
-  if (nError <= 0)
-    return nError;
-  return static_cast<HRESULT>((static_cast<DWORD>(nError) & 0xFFFF) | 0x80070000);
-}
 
 HRESULT Uploader::Post() {
   HRESULT hr = E_OUTOFMEMORY;

@@ -17,9 +17,6 @@ struct UploadResult {
 /// The transfer stopped because IsCancelled said so.
 constexpr HRESULT UPLOAD_E_CANCELLED = static_cast<HRESULT>(0x80040301U);
 
-/// The calling thread's last error as an HRESULT: 0x8007xxxx, or unchanged if it is 0 or negative.
-HRESULT HResultFromLastError();
-
 class Uploader {
 public:
   /// The three objects are borrowed and outlive the uploader.

@@ -47,7 +47,7 @@ bool PyPresetUploader::MakeThreadEndSomeTime() {
   DWORD const dwState = WaitForSingleObject(hThread, 0);
   if (dwState != WAIT_TIMEOUT)
     return dwState != WAIT_FAILED;
-  return !ProcessIsExiting() && m_pUploadThread->MakeRun();
+  return !ProcessIsExiting() && m_pUploadThread->Resume();
 }
 
 void PyPresetUploader::operator delete(PyPresetUploader *pUploader, std::destroying_delete_t) {
@@ -141,7 +141,7 @@ bool PyPresetUploader::UploadIsOver() {
     EndThread(uThreadId, nKHID);
     return true;
   }
-  m_pUploadThread->MakeRun(); // where its start could not, it is under way only now
+  m_pUploadThread->Resume(); // where its start could not, it is under way only now
   return false;
 }
 

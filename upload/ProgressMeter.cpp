@@ -19,7 +19,7 @@ ProgressReport ProgressMeter::Report(DWORD dwFileSent) const {
 
 ProgressReport ProgressMeter::First() {
   m_dwFileTimeRemaining = TimeFor(m_dwFileTotal, m_dwRate);
-  // The whole total, whatever earlier files have sent; the periodic reports subtract it.
+  // From the whole total: only the periodic reports subtract what earlier files have sent.
   m_dwAllTimeRemaining = TimeFor(m_dwAllTotal, m_dwRate);
   return Report(0);
 }
@@ -33,7 +33,7 @@ bool ProgressMeter::Periodic(DWORD dwMilliseconds, ProgressReport &report) {
   DWORD const dwTick = Tick(dwMilliseconds);
   if (dwTick == m_dwLastTick)
     return false;
-  // Back at the start tick only when the clock has wrapped; then the average over the file has no length.
+  // Only a clock that wrapped returns to the start tick. Zero ticks have no average, so the rate stays.
   if (dwTick != m_dwStartTick)
     m_dwRate = m_dwFileSent / (dwTick - m_dwStartTick);
   m_dwFileTimeRemaining = TimeFor(m_dwFileTotal - m_dwFileSent, m_dwRate);

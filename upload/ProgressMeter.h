@@ -1,10 +1,11 @@
-// The arithmetic of the progress reports of one file: counts, rate and time left. Pure; the caller brings the clock.
-// All divisions are 32-bit unsigned with the remainder dropped; a rate of 0 counts as 1 in them.
+// The arithmetic of the progress reports of one file: byte counts, rate and time remaining. The caller supplies the
+// clock. All divisions are 32-bit unsigned and drop the remainder; dividing by a rate of 0 divides by 1 instead.
+// Thread: the upload thread; no locks.
 #pragma once
 
 #include "platform/base/Types.h"
 
-/// The seven numbers of a report, in the order of OnFileProgress.
+/// The seven numbers of a report, in the order of OnFileProgress. Bytes, modulo 2^32, unless said otherwise.
 struct ProgressReport {
   DWORD dwFileSent;
   DWORD dwFileTotal;
@@ -19,15 +20,17 @@ struct ProgressReport {
 
 class ProgressMeter {
 public:
-  /// `dwMilliseconds` is the clock at the file's start; `dwAllSent` is shared by the files of one upload and outlives
-  /// this.
+  /// `dwMilliseconds` is the clock when the file starts. `dwAllSent` is borrowed: the running count of all files of the
+  /// upload, which this meter adds to.
   ProgressMeter(DWORD dwRate, DWORD dwMilliseconds, DWORD dwFileTotal, DWORD dwAllTotal, DWORD &dwAllSent);
 
+  /// The report before the file's first byte.
   ProgressReport First();
+  /// Counts bytes that were written.
   void AddSent(DWORD dwBytes);
-  /// True, with a report, if a new tick has begun since the last one that was reported.
+  /// Returns: true, with a report, if a new tick has begun since the latest report; else false, `report` unchanged.
   bool Periodic(DWORD dwMilliseconds, ProgressReport &report);
-  /// The whole file as sent, with the times as they stood.
+  /// The report after the file's last byte: its whole size as sent, and the times of the latest report again.
   ProgressReport Last() const;
   DWORD Rate() const { return m_dwRate; }
 

@@ -17,7 +17,7 @@ bool Thread::Start() {
   return true;
 }
 
-bool Thread::MakeRun() { return ResumeThread(m_hThread) != 0xFFFFFFFF; }
+bool Thread::Resume() { return ResumeThread(m_hThread) != 0xFFFFFFFF; }
 
 DWORD Thread::Wait() {
   DWORD dwExitCode = 0xFFFFFFFF;

@@ -1,4 +1,5 @@
-// A small base around one operating-system thread, used for one run.
+// A base class for an object that runs on an operating-system thread of its own, once.
+// Thread: the owner, for everything but Run.
 #pragma once
 
 #include "platform/system/Threads.h"
@@ -8,24 +9,25 @@ public:
   Thread() = default;
   Thread(Thread const &) = delete;
   Thread &operator=(Thread const &) = delete;
-  /// Closes the handle; does not wait. Whoever destroys a thread object waits first.
+  /// Closes the handle without waiting: the owner calls Wait first.
   virtual ~Thread();
-  /// The thread's body; its result is the exit code. Nothing may escape from it.
+  /// The thread's body, which must not throw. Returns: the exit code. Thread: the new one.
   virtual unsigned Run() = 0;
 
-  /// Creates and starts the thread; m_hThread and m_uThreadId are in place before any of its code runs.
+  /// Creates and starts the thread; m_hThread and m_uThreadId are set before any of its code runs.
+  /// Returns: false if there is no thread; m_hThread stays null and m_uThreadId 0.
   bool Start();
-  /// Blocks until the thread has ended and releases the handle.
-  /// Returns: its exit code; 0xFFFFFFFF without a handle, or for one that can't be waited for (a forked child has the
-  /// parent's objects but not its threads), which then stays.
+  /// Blocks, without a time limit, until the thread has ended, and closes the handle.
+  /// Returns: the exit code; 0xFFFFFFFF without a handle. Also 0xFFFFFFFF, and the handle stays, if the wait fails: a
+  /// forked child has the parent's objects but not its threads.
   DWORD Wait();
 
-  /// Lets a started thread run that Start's ResumeThread failed to; nothing changes for one that runs.
-  /// Returns: false if it can't be made to run, or is the parent's in a forked child.
-  bool MakeRun();
+  /// Resumes a thread that Start created but failed to resume; has no effect on one that runs.
+  /// Returns: false if it can't be resumed, or if this is a forked child and the thread is the parent's.
+  bool Resume();
 
   HANDLE m_hThread = nullptr; ///< Null until Start, and again after Wait. Owned.
-  unsigned m_uThreadId = 0;   ///< The platform's id; 0 until Start.
+  unsigned m_uThreadId = 0;   ///< The system's id; 0 until Start.
 
 private:
   static unsigned Entry(void *pArg);

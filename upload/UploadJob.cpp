@@ -1,8 +1,8 @@
 // See UploadJob.h.
 #include "upload/UploadJob.h"
 
-#include "platform/text/CodePages.h"
 #include "platform/http/WinInet.h"
+#include "platform/text/CodePages.h"
 
 #include <cstring>
 #include <memory>
@@ -10,7 +10,7 @@
 
 namespace {
 
-// The buffers of a split URL, each with room for 259 bytes and the terminator.
+// The components of a URL; each buffer holds 259 bytes and the terminator.
 struct SplitUrl {
   char szScheme[_MAX_PATH] = {};
   char szHost[_MAX_PATH] = {};
@@ -52,7 +52,7 @@ bool UploadJob::SetUrl(char const *url) {
     return false;
   if (std::memcmp(split.szScheme, "https", sizeof "https") != 0 || split.nPort != INTERNET_DEFAULT_HTTPS_PORT)
     return false;
-  // The native split lets an address without a host through.
+  // InternetCrackUrlA itself may accept a URL without a host.
   if (!split.szHost[0] || split.szUser[0] || split.szPassword[0] || split.szExtra[0])
     return false;
   std::string strUrl = std::string("https://") + split.szHost + split.szPath;

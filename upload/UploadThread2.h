@@ -1,4 +1,4 @@
-// The thread that runs one upload in the background and tells its receiver when it is over.
+// The thread that runs one upload in the background and reports its end to the receiver.
 #pragma once
 
 #include "upload/Thread.h"
@@ -6,15 +6,15 @@
 
 class UploadThread2 : public Thread {
 public:
-  /// The three objects are borrowed and outlive the thread.
+  /// The three objects are borrowed and must outlive the thread.
   UploadThread2(UploadJob *pJob, UploadResult *pResult, BackgroundUploadProgress *pProgress)
       : m_pJob(pJob), m_pResult(pResult), m_pProgress(pProgress) {}
-  /// Posts the job, keeps outcome and reply, and calls OnBackgroundUploadComplete, always and last. The exit code is
-  /// the HRESULT.
+  /// Posts the job, stores its result and the reply, and always calls OnBackgroundUploadComplete last.
+  /// Returns: the HRESULT as the exit code.
   unsigned Run() override;
 
   UploadJob *m_pJob;
   UploadResult *m_pResult;
   BackgroundUploadProgress *m_pProgress;
-  std::string m_strReply; ///< The reply; read it after Wait.
+  std::string m_strReply; ///< The reply body; read it only after Wait.
 };

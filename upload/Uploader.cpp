@@ -1,5 +1,5 @@
-// See Uploader.h. Stages in the order of the wire: open, declare the length, text parts, file parts, closing line,
-// status, reply. A failed stage abandons the request; nothing is repeated.
+// See Uploader.h. The stages follow the wire: open, declare the length, text parts, file parts, closing line, status,
+// reply. A failed stage abandons the request; nothing is retried.
 #include "upload/Uploader.h"
 
 #include "framework/HResult.h"
@@ -19,7 +19,7 @@ constexpr DWORD kSmallestChunk = 0x8000; // bytes
 constexpr DWORD kLargestChunk = 0x1000000;
 constexpr DWORD kFastWrite = 500;  // ms; a write under it doubles the chunk
 constexpr DWORD kSlowWrite = 1250; // ms; a write over it halves the chunk
-constexpr DWORD kPause = 50;       // ms behind each chunk
+constexpr DWORD kPause = 50;       // ms after each chunk
 constexpr DWORD kRequestFlags = INTERNET_FLAG_EXISTING_CONNECT | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_SECURE;
 
 class InternetHandle {
@@ -54,14 +54,14 @@ private:
   HANDLE m_h;
 };
 
-// The buffer of the chunk loop and the rule by which it grows and shrinks.
+// The chunk loop's buffer, which grows after fast writes and shrinks after slow ones.
 class Chunk {
 public:
   Chunk() { Allocate(); }
-  bool IsThere() const { return m_pBuffer != nullptr; }
+  bool IsAllocated() const { return m_pBuffer != nullptr; }
   BYTE *Buffer() const { return m_pBuffer.get(); }
   DWORD Size() const { return m_dwSize; }
-  /// Takes the duration of the last write into account; the buffer is then made anew, also at an unchanged size.
+  /// Adapts the size to how long the last write took. A fast or slow write gets a new buffer even at an unchanged size.
   void Adapt(DWORD dwMilliseconds) {
     if (dwMilliseconds >= kFastWrite && dwMilliseconds <= kSlowWrite)
       return;
@@ -69,7 +69,7 @@ public:
       m_dwSize = m_dwSize < kLargestChunk ? m_dwSize * 2 : m_dwSize;
     else
       m_dwSize = m_dwSize / 2 > kSmallestChunk ? m_dwSize / 2 : kSmallestChunk;
-    m_pBuffer.reset(); // before the next is allocated: one chunk at a time
+    m_pBuffer.reset(); // first, so that only one chunk is ever allocated
     Allocate();
   }
 
@@ -92,7 +92,7 @@ HRESULT Uploader::Post() {
   try {
     hr = Transfer();
   } catch (std::bad_alloc const &) {
-    // as the failure of whatever was being sent
+    // reported like any other failure, as E_OUTOFMEMORY
   }
   m_pResult->m_hr = hr;
   return hr;
@@ -131,7 +131,7 @@ HRESULT Uploader::Transfer() {
 
   DWORD dwStatus = 0;
   DWORD dwLength = sizeof dwStatus;
-  // A status that can't be read leaves the result's as it was: it then names no success of this upload.
+  // Otherwise the owner's -1 stays: an upload without a status is not an accepted one.
   if (HttpQueryInfoW(hRequest, HTTP_QUERY_STATUS_CODE | HTTP_QUERY_FLAG_NUMBER, &dwStatus, &dwLength, nullptr))
     m_pResult->m_nHttpStatus = static_cast<int>(dwStatus);
   ReadReply(hRequest);
@@ -180,7 +180,7 @@ HRESULT Uploader::SendChunks(HINTERNET hRequest, UploadFile const &file, HANDLE 
   Chunk chunk;
   Report(file, meter.First());
   while (!m_pProgress->IsCancelled()) {
-    if (!chunk.IsThere())
+    if (!chunk.IsAllocated())
       return E_OUTOFMEMORY;
     DWORD dwRead = 0;
     if (!ReadFile(hFile, chunk.Buffer(), chunk.Size(), &dwRead, nullptr))
@@ -210,7 +210,7 @@ void Uploader::Report(UploadFile const &file, ProgressReport const &report) {
 
 void Uploader::ReadReply(HINTERNET hRequest) {
   m_strReply.clear();
-  // A reply that can't be read to its end stays at what was gathered, short memory included.
+  // When reading fails, or memory runs out, the reply is what has been read so far.
   try {
     for (DWORD dwAvailable = 0; InternetQueryDataAvailable(hRequest, &dwAvailable, 0, 0);) {
       std::string block(static_cast<std::size_t>(dwAvailable), '\0');

@@ -1,5 +1,5 @@
-// One whole upload: connects, streams the body of a job, collects status and reply. Runs from start to end on the
-// calling thread, which in this system is the upload thread; reports through BackgroundUploadProgress and nowhere else.
+// One whole upload: connects, streams the body of a job, reads status and reply.
+// Thread: the one that calls Post, in practice the upload thread. Reports through BackgroundUploadProgress alone.
 #pragma once
 
 #include "platform/http/WinInet.h"
@@ -8,30 +8,30 @@
 
 class ProgressMeter;
 
-/// The outcome of an upload, written by the transfer.
+/// The result of an upload, written by the transfer.
 struct UploadResult {
-  HRESULT m_hr = 0;       ///< 0: sent whole and answered, whatever the HTTP status.
-  int m_nHttpStatus = -1; ///< Stays as it was unless a status was read.
+  HRESULT m_hr = 0;       ///< 0: sent completely and answered, whatever the HTTP status.
+  int m_nHttpStatus = -1; ///< Written only when a status was read.
 };
 
-/// The transfer stopped because IsCancelled said so.
+/// The transfer stopped because IsCancelled returned true.
 constexpr HRESULT UPLOAD_E_CANCELLED = static_cast<HRESULT>(0x80040301U);
 
 class Uploader {
 public:
-  /// The three objects are borrowed and outlive the uploader.
+  /// The three objects are borrowed and must outlive the uploader.
   Uploader(BackgroundUploadProgress *pProgress, UploadJob *pJob, UploadResult *pResult)
       : m_pProgress(pProgress), m_pJob(pJob), m_pResult(pResult) {}
   Uploader(Uploader const &) = delete;
   Uploader &operator=(Uploader const &) = delete;
   virtual ~Uploader() = default;
 
-  /// Runs the upload once. Returns: 0, UPLOAD_E_CANCELLED, or 0x8007xxxx for the platform call that failed; also stored
-  /// in the result. Nothing escapes; short memory is E_OUTOFMEMORY. No time limit of its own: those of the HTTP layer
-  /// hold.
+  /// Runs the upload; call it once. Does not throw. Has no time limit beyond those of the HTTP layer.
+  /// Returns: 0, UPLOAD_E_CANCELLED, E_OUTOFMEMORY, or 0x8007xxxx for the platform call that failed; also stored in the
+  /// result.
   virtual HRESULT Post();
 
-  std::string m_strReply; ///< The reply body as it came, each block up to its first zero byte.
+  std::string m_strReply; ///< The reply body unconverted; each block is cut at its first zero byte.
 
 private:
   HRESULT Transfer();

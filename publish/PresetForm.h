@@ -1,45 +1,36 @@
-// The form of a preset as tables: which argument goes out as which text field or file part, and in which encoding.
-// Knows nothing of Python.
+// The form of a preset: which files must exist, and how texts and files become the parts of an upload.
+// Thread: the owner's, like the job that is filled. Knows nothing of Python.
 #pragma once
 
 #include "upload/UploadJob.h"
 
-/// The wide arguments of one upload, borrowed, in the order in which the caller gives them. The 13 paths are not null;
-/// a null text counts as empty.
-struct PresetArguments {
-  WCHAR const *szEffectFilePath;
-  WCHAR const *szEffectCoverFilePathAfter;
-  WCHAR const *szEffectCoverFilePathBefore;
-  WCHAR const *szEffectThumbnailAfter;
-  WCHAR const *szEffectThumbnailBefore;
-  WCHAR const *szEffectCurveRGBImg;
-  WCHAR const *szEffectCurveRImg;
-  WCHAR const *szEffectCurveGImg;
-  WCHAR const *szEffectCurveBImg;
-  WCHAR const *szEffectLvRGBImg;
-  WCHAR const *szEffectLvRImg;
-  WCHAR const *szEffectLvGImg;
-  WCHAR const *szEffectLvBImg;
-  WCHAR const *szTemplateKey;
-  WCHAR const *szTitle;
-  WCHAR const *szCategory;
-  WCHAR const *szTags;
-  WCHAR const *szDescription;
-  WCHAR const *szCollections;
-  WCHAR const *szPIPtype;
+#include <span>
+
+/// How a text goes out. A null text counts as empty.
+enum class TextRule { Utf8, Utf8UnlessEmpty, Ansi };
+
+/// One text field, borrowed: either bytes that go out as they are, or a text and its rule.
+struct PresetField {
+  PresetField(char const *szFieldName, char const *szFieldBytes) : szName(szFieldName), szBytes(szFieldBytes) {}
+  PresetField(char const *szFieldName, WCHAR const *wszFieldText, TextRule textRule)
+      : szName(szFieldName), wszText(wszFieldText ? wszFieldText : L""), rule(textRule) {}
+
+  char const *szName;
+  char const *szBytes = nullptr; ///< Null: the text counts.
+  WCHAR const *wszText = nullptr;
+  TextRule rule = TextRule::Utf8;
 };
 
-/// Who publishes and with which product, in the bytes that go out. Borrowed.
-struct PresetIdentity {
-  char const *szLoginTokenID;
-  char const *szUUID;
-  char const *szProdVersion;
-  char const *szVersionType;
+/// One file, borrowed, and the one or two form names under which it goes out.
+struct PresetFile {
+  WCHAR const *wszPath;
+  WCHAR const *wszName;
+  WCHAR const *wszSecondName = nullptr;
 };
 
-/// True if each of the thirteen paths names something in the file system.
-bool PresetFilesExist(PresetArguments const &arguments);
+/// True if each path is not null and names something in the file system.
+bool PresetFilesExist(std::span<PresetFile const> files);
 
-/// Adds the form's text fields (sixteen, without `tags` and `collections` where these are empty) and its fourteen file
-/// parts to the job. May throw std::bad_alloc.
-void FillPresetForm(UploadJob &job, PresetIdentity const &identity, PresetArguments const &arguments);
+/// Adds the fields (without the empty ones that their rule leaves out) and the file parts to the job, in order. May
+/// throw std::bad_alloc.
+void FillPresetForm(UploadJob &job, std::span<PresetField const> fields, std::span<PresetFile const> files);

@@ -78,50 +78,63 @@ UINT PyPresetUploader::StartUpload(WCHAR const *szEffectFilePath, WCHAR const *s
                                    WCHAR const *szCategory, WCHAR const *szTags, WCHAR const *szDescription,
                                    WCHAR const *szCollections, WCHAR const *szPIPtype, int nKHID) {
   TraceMsgA("PyPresetUploader::StartUpload() enter\n");
-  PresetArguments const arguments = {szEffectFilePath,
-                                     szEffectCoverFilePathAfter,
-                                     szEffectCoverFilePathBefore,
-                                     szEffectThumbnailAfter,
-                                     szEffectThumbnailBefore,
-                                     szEffectCurveRGBImg,
-                                     szEffectCurveRImg,
-                                     szEffectCurveGImg,
-                                     szEffectCurveBImg,
-                                     szEffectLvRGBImg,
-                                     szEffectLvRImg,
-                                     szEffectLvGImg,
-                                     szEffectLvBImg,
-                                     szTemplateKey,
-                                     szTitle,
-                                     szCategory,
-                                     szTags,
-                                     szDescription,
-                                     szCollections,
-                                     szPIPtype};
+  // The form: which argument goes out under which name, in order.
+  PresetFile const files[] = {
+      {szEffectFilePath, L"PIPfile"},
+      {szEffectCoverFilePathAfter, L"PIPimg", L"PIPimg_1"},
+      {szEffectCoverFilePathBefore, L"PIPimg_2"},
+      {szEffectThumbnailAfter, L"PIPimg_3"},
+      {szEffectThumbnailBefore, L"PIPimg_4"},
+      {szEffectCurveRGBImg, L"PIPimg_5"},
+      {szEffectCurveRImg, L"PIPimg_6"},
+      {szEffectCurveGImg, L"PIPimg_7"},
+      {szEffectCurveBImg, L"PIPimg_8"},
+      {szEffectLvRGBImg, L"PIPimg_9"},
+      {szEffectLvRImg, L"PIPimg_10"},
+      {szEffectLvGImg, L"PIPimg_11"},
+      {szEffectLvBImg, L"PIPimg_12"},
+  };
+  PresetField const fields[] = {
+      {"token", m_strLoginTokenID.c_str()},
+      {"collections", szCollections, TextRule::Utf8UnlessEmpty},
+      {"title", szTitle, TextRule::Utf8},
+      {"tags", szTags, TextRule::Utf8UnlessEmpty},
+      {"description", szDescription, TextRule::Utf8},
+      {"category", szCategory, TextRule::Utf8},
+      {"PIPtype", szPIPtype, TextRule::Utf8},
+      {"templatetype", "PRESET"},
+      {"templateKey", szTemplateKey, TextRule::Ansi},
+      {"productName", "Quillon Tintwright"},
+      {"versionInfo", m_strProdVersion.c_str()},
+      {"AP", "TWR"},
+      {"Version", m_strProdVersion.c_str()},
+      {"AspectRatio", "1:1"},
+      {"versionType", m_strVersionType.c_str()},
+      {"uuid", m_strUUID.c_str()},
+  };
   try {
-    return PrepareAndStart(arguments, nKHID);
+    return PrepareAndStart(fields, files, nKHID);
   } catch (std::bad_alloc const &) {
-    m_pUploadThread.reset(); // not started: nothing after the start throws
+    m_pUploadThread.reset(); // it has not started: nothing after Start throws
     return 0;
   }
 }
 
-UINT PyPresetUploader::PrepareAndStart(PresetArguments const &arguments, int nKHID) {
-  if (!PresetFilesExist(arguments))
+UINT PyPresetUploader::PrepareAndStart(std::span<PresetField const> fields, std::span<PresetFile const> files,
+                                       int nKHID) {
+  if (!PresetFilesExist(files))
     return 0;
-  // One upload at a time, and its completion belongs to it; without a window no completion would ever come.
+  // One upload at a time, its completion included; and without the proxy's window no completion would ever arrive.
   if (!UploadIsOver() || !m_pProgressProxy->m_hWnd)
     return 0;
   *m_bCancel = 0;
   m_strUploadedFileUrl.clear();
-  m_result.m_nHttpStatus = -1; // an earlier upload's status names no success of this one
+  m_result.m_nHttpStatus = -1; // the status of an earlier upload must not count for this one
   m_job.ClearFields();
   m_job.ClearFiles();
   // An address that is refused leaves the job without a host: the upload then fails in its first step.
   SetUploadAddress();
-  PresetIdentity const identity = {m_strLoginTokenID.c_str(), m_strUUID.c_str(), m_strProdVersion.c_str(),
-                                   m_strVersionType.c_str()};
-  FillPresetForm(m_job, identity, arguments);
+  FillPresetForm(m_job, fields, files);
 
   m_pUploadThread = std::make_unique<UploadThread2>(&m_job, &m_result, m_pProgressProxy.get());
   m_pUploadThread->Start();

@@ -6,11 +6,13 @@
 
 #include "publish/CUploadProgressProxyWindow.h"
 #include "publish/ExitHook.h"
+#include "publish/PresetForm.h"
 #include "upload/UploadThread2.h"
 
 #include <map>
 #include <memory>
 #include <new>
+#include <span>
 #include <string>
 
 class PyPresetUploader : public PyCallbackWnd, public BackgroundUploadProgress {
@@ -67,7 +69,7 @@ private:
   void OnBackgroundUploadBegin() override;
   void OnBackgroundUploadComplete(long hr) override;
 
-  UINT PrepareAndStart(struct PresetArguments const &arguments, int nKHID);
+  UINT PrepareAndStart(std::span<PresetField const> fields, std::span<PresetFile const> files, int nKHID);
   void SetUploadAddress();
   void NoteUpload(UINT uThreadId, int nKHID);
   std::string EndThread(UINT &uThreadId, int &nKHID);

@@ -97,14 +97,26 @@ TEST(ProgressProxy, TriesTheCompletionAgainWhileMemoryIsShort) {
   EXPECT_EQ(receiver.calls, L"upload complete 0; ");
 }
 
-TEST(PresetForm, AsksForEachPathOnce) {
-  constexpr WCHAR const *p = L"/";
-  int nAsked = 0;
+TEST(PresetForm, ChecksEachPathOnceAndAddsFieldsAndFilesByTheirRules) {
+  PresetFile const files[] = {{L"/", L"one"}, {L"/.", L"two", L"three"}};
+  PresetField const fields[] = {{"bytes", "b"},
+                                {"text", L"\u00E4", TextRule::Utf8},
+                                {"null", nullptr, TextRule::Utf8},
+                                {"left out", nullptr, TextRule::Utf8UnlessEmpty}};
+  int nChecked = 0;
   PlatformTestHooks hooks;
-  hooks.fault = [&nAsked](FaultPoint, DWORD *) { return ++nAsked > 13; };
+  hooks.fault = [&nChecked](FaultPoint, DWORD *) { return ++nChecked > 2; };
   SetPlatformTestHooks(&hooks);
-  EXPECT_TRUE(PresetFilesExist({p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p, p}) && nAsked == 13);
+  EXPECT_TRUE(PresetFilesExist(files) && nChecked == 2);
+  EXPECT_FALSE(PresetFilesExist(files));
   SetPlatformTestHooks(nullptr);
+  UploadJob job;
+  FillPresetForm(job, fields, files);
+  EXPECT_EQ(job.m_mapFields, (UploadFields{{"bytes", "b"}, {"text", "\xC3\xA4"}, {"null", ""}}));
+  std::wstring parts;
+  for (UploadFile const &file : job.m_vecFiles)
+    parts += file.m_strName + L"=" + file.m_strPath + L" ";
+  EXPECT_EQ(parts, L"one=/ two=/. three=/. ");
 }
 
 } // namespace

@@ -131,8 +131,8 @@ void CUploadProgressProxyWindow::OnFileBegin(WCHAR const *wszPath) {
 void CUploadProgressProxyWindow::OnFileProgress(WCHAR const *wszPath, DWORD dwFileSent, DWORD dwFileTotal,
                                                 DWORD dwFileTimeRemaining, DWORD dwAllSent, DWORD dwAllTotal,
                                                 DWORD dwAllTimeRemaining, DWORD dwRate) {
-  Post<OnFileProgressCommand>(wszPath, dwFileSent, dwFileTotal, dwFileTimeRemaining, dwAllSent, dwAllTotal,
-                              dwAllTimeRemaining, dwRate);
+  Post<OnFileProgressCommand>(wszPath, ProgressReport{dwFileSent, dwFileTotal, dwFileTimeRemaining, dwAllSent,
+                                                      dwAllTotal, dwAllTimeRemaining, dwRate});
 }
 
 void CUploadProgressProxyWindow::OnFileComplete(WCHAR const *wszPath, HRESULT hr) {

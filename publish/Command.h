@@ -2,6 +2,7 @@
 // on the second. Owns copies of its arguments.
 #pragma once
 
+#include "upload/ProgressMeter.h"
 #include "upload/UploadProgress.h"
 
 #include <string>
@@ -57,26 +58,17 @@ private:
 
 class OnFileProgressCommand : public UploadProgressCommand {
 public:
-  OnFileProgressCommand(BackgroundUploadProgress *pTarget, WCHAR const *wszFileName, DWORD dwFileSent,
-                        DWORD dwFileTotal, DWORD dwFileTimeRemaining, DWORD dwAllSent, DWORD dwAllTotal,
-                        DWORD dwAllTimeRemaining, DWORD dwRate)
-      : UploadProgressCommand(pTarget), m_strFileName(wszFileName), m_dwFileSent(dwFileSent),
-        m_dwFileTotal(dwFileTotal), m_dwFileTimeRemaining(dwFileTimeRemaining), m_dwAllSent(dwAllSent),
-        m_dwAllTotal(dwAllTotal), m_dwAllTimeRemaining(dwAllTimeRemaining), m_dwRate(dwRate) {}
+  OnFileProgressCommand(BackgroundUploadProgress *pTarget, WCHAR const *wszFileName, ProgressReport const &report)
+      : UploadProgressCommand(pTarget), m_strFileName(wszFileName), m_report(report) {}
   void Execute() override {
-    m_pTarget->OnFileProgress(m_strFileName.c_str(), m_dwFileSent, m_dwFileTotal, m_dwFileTimeRemaining, m_dwAllSent,
-                              m_dwAllTotal, m_dwAllTimeRemaining, m_dwRate);
+    m_pTarget->OnFileProgress(m_strFileName.c_str(), m_report.dwFileSent, m_report.dwFileTotal,
+                              m_report.dwFileTimeRemaining, m_report.dwAllSent, m_report.dwAllTotal,
+                              m_report.dwAllTimeRemaining, m_report.dwRate);
   }
 
 private:
   std::wstring m_strFileName;
-  DWORD m_dwFileSent;
-  DWORD m_dwFileTotal;
-  DWORD m_dwFileTimeRemaining;
-  DWORD m_dwAllSent;
-  DWORD m_dwAllTotal;
-  DWORD m_dwAllTimeRemaining;
-  DWORD m_dwRate;
+  ProgressReport m_report;
 };
 
 class OnFileCompleteCommand : public UploadProgressCommand {

@@ -1,29 +1,29 @@
-// What PyPresetUploader does with the transfer's calls: the two events that Python sees, and the reading of the
-// service's reply. Runs on the owner thread, out of the proxy window; only IsCancelled runs on the upload thread.
+// See PyPresetUploader.h. How it handles the transfer's calls: the two events that Python sees, and reading the
+// service's reply. Thread: the owner thread, called by the proxy's window; only IsCancelled runs on the upload thread.
 #include "publish/PyPresetUploader.h"
 
-#include "framework/ComTypes.h"
 #include "platform/text/Text.h"
 #include "platform/xml/XmlDom.h"
+#include "reply/Document.h"
 #include "reply/UrlText.h"
 #include "shell/Trace.h"
 
 namespace {
 
-constexpr std::size_t kErrorSize = 260; // wide characters, terminator included; a longer text is cut
-constexpr std::size_t kUrlSize = 2048;  // wide characters, terminator included, as the decoder gives it
+constexpr std::size_t kErrorSize = 260; // wide characters with the terminator; longer texts are cut
+constexpr std::size_t kUrlSize = 2048;  // wide characters with the terminator, as much as DecodeURLText returns
 
-// For the trace: the nearest integer. -1 while the total is 0.
+// For the trace: rounded to the nearest integer; -1 if the total is 0.
 int RoundedPercent(DWORD dwSent, DWORD dwTotal) {
   return MulDiv(100, static_cast<int>(dwSent), static_cast<int>(dwTotal));
 }
 
-// For the event: truncated, in single precision. 0 while the total is 0.
+// For the event: computed in single precision and truncated; 0 if the total is 0.
 int EventPercent(DWORD dwSent, DWORD dwTotal) {
   return dwTotal ? static_cast<int>(static_cast<float>(dwSent) / static_cast<float>(dwTotal) * 100) : 0;
 }
 
-// Initialises COM for a scope, as far as the thread lets it.
+// Initialises COM for a scope; where that fails, the scope goes on without it.
 class ComScope {
 public:
   ComScope() : m_hr(CoInitialize(nullptr)) {}
@@ -37,15 +37,6 @@ public:
 private:
   HRESULT m_hr;
 };
-
-// The first element at a path. Negative: the query failed. Otherwise `bFound` tells whether there is one, with its
-// text.
-HRESULT FindText(IXMLDOMDocument *pDocument, WCHAR const *wszPath, bool &bFound, CComBSTR &bstrText) {
-  CComPtr<IXMLDOMNode> pNode;
-  HRESULT const hr = pDocument->selectSingleNode(CComBSTR(wszPath), &pNode);
-  bFound = SUCCEEDED(hr) && pNode && SUCCEEDED(pNode->get_text(&bstrText));
-  return hr;
-}
 
 } // namespace
 
@@ -75,17 +66,18 @@ void PyPresetUploader::OnBackgroundUploadComplete(long hr) {
     try {
       ReadUploadReply(strReply, wszError, kErrorSize);
     } catch (std::bad_alloc const &) {
-      // as a reply that doesn't parse
+      // the same as a reply that does not parse
     }
   }
-  int const nAccepted = static_cast<unsigned>(m_result.m_nHttpStatus) - 200U < 100U ? 1 : 0;
-  WCHAR wszUrl[kUrlSize] = {}; // of its own: this object may be gone before it is read
+  int const nStatus = m_result.m_nHttpStatus;
+  int const nAccepted = nStatus >= 200 && nStatus <= 299 ? 1 : 0;
+  WCHAR wszUrl[kUrlSize] = {}; // a copy: this object may be destroyed before Fire has read it
   m_strUploadedFileUrl.copy(wszUrl, kUrlSize - 1);
-  // Last: the callable may start the next upload, or destroy this object.
+  // Last, since the callable may start the next upload or destroy this object.
   Fire("uuiiuuii", L"PROGRESS", L"UploadComplete", 100, nAccepted, wszUrl, wszError, uThreadId, nKHID);
 }
 
-// Waits for the thread, which has posted its completion and is about to end, and takes its reply.
+// Waits for the thread, which has posted its completion and is about to end. Returns: its reply.
 std::string PyPresetUploader::EndThread(UINT &uThreadId, int &nKHID) {
   if (!m_pUploadThread)
     return {};
@@ -107,13 +99,14 @@ void PyPresetUploader::ReadUploadReply(std::string const &strReply, WCHAR *wszEr
   if (FAILED(CoCreateInstance(CLSID_DOMDocument, nullptr, CLSCTX_ALL, IID_IXMLDOMDocument,
                               reinterpret_cast<void **>(&pDocument))))
     return;
-  pDocument->loadXML(CComBSTR(strReply.c_str()), nullptr);
-  bool bFound = false;
-  if (CComBSTR bstrUrl; SUCCEEDED(FindText(pDocument, L"uploadTemplate/templateUrl", bFound, bstrUrl)) && bFound)
-    m_strUploadedFileUrl = DecodeURLText(bstrUrl);
-  CComBSTR bstrError;
-  if (FAILED(FindText(pDocument, L"uploadTemplate/errMsg", bFound, bstrError)))
+  VARIANT_BOOL bLoaded = 0; // not examined: a reply that does not parse is an empty document
+  pDocument->loadXML(CComBSTR(strReply.c_str()), &bLoaded);
+  CString strText;
+  if (ReadElement(pDocument, L"uploadTemplate/templateUrl", strText) == ElementState::Found)
+    m_strUploadedFileUrl = DecodeURLText(strText);
+  ElementState const error = ReadElement(pDocument, L"uploadTemplate/errMsg", strText);
+  if (error == ElementState::QueryFailed)
     TraceMsgW(L"Upload KH fail: Can not parse errMsg from xml.");
-  else if (bFound)
-    _snwprintf_s(wszError, cchError, _TRUNCATE, L"%s", static_cast<BSTR>(bstrError));
+  else if (error == ElementState::Found)
+    _snwprintf_s(wszError, cchError, _TRUNCATE, L"%s", strText.GetString());
 }

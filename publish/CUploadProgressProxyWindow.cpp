@@ -15,9 +15,9 @@ constexpr DWORD kCompletionPause = 50; // ms
 
 constexpr CRuntimeClass kRuntimeClass = {"CUploadProgressProxyWindow", &CWnd::classCWnd};
 
-// Registered by the first proxy of the process; later ones find it.
+// Registered once, by the first proxy of the process.
 WCHAR const *WindowClass() {
-  static std::atomic<WCHAR const *> s_wszClass = nullptr; // null also after a registration that failed
+  static std::atomic<WCHAR const *> s_wszClass = nullptr; // stays null if registration fails, to be tried again
   if (!s_wszClass)
     s_wszClass = AfxRegisterWndClass(0, nullptr, nullptr, nullptr);
   return s_wszClass;
@@ -35,7 +35,7 @@ CUploadProgressProxyWindow::~CUploadProgressProxyWindow() {
   DestroyWindow();
 }
 
-// The messages would go with the window, but not the commands that they carry.
+// Destroying the window would drop its messages but not free the commands that they point to.
 void CUploadProgressProxyWindow::DropQueued() {
   for (MSG message; m_hWnd && PeekMessageW(&message, m_hWnd, WM_UPLOAD_COMMAND, WM_UPLOAD_COMMAND, PM_REMOVE);)
     delete reinterpret_cast<Command *>(message.lParam);
@@ -57,7 +57,7 @@ void CUploadProgressProxyWindow::CreateProxyWindow() {
 LRESULT CUploadProgressProxyWindow::OnCommandMessage(WPARAM, LPARAM lParam) {
   std::unique_ptr<Command> const pCommand(reinterpret_cast<Command *>(lParam));
   pCommand->Execute();
-  return 0; // the receiver may have destroyed this object
+  return 0; // touch no member here: the receiver may have destroyed this object
 }
 
 CUploadProgressProxyWindow::Posted CUploadProgressProxyWindow::PostOwned(std::unique_ptr<Command> pCommand) {
@@ -65,14 +65,14 @@ CUploadProgressProxyWindow::Posted CUploadProgressProxyWindow::PostOwned(std::un
     return Posted::No;
   Posted posted = Posted::Yes;
   if (PostMessageW(m_hWnd, WM_UPLOAD_COMMAND, 0, reinterpret_cast<LPARAM>(pCommand.get())))
-    static_cast<void>(pCommand.release()); // the queue's now
+    static_cast<void>(pCommand.release()); // now owned by the queue
   else
     posted = GetLastError() == ERROR_NOT_ENOUGH_MEMORY ? Posted::NoMemory : Posted::No;
   Sleep(0);
   return posted;
 }
 
-// A call that could not be queued is lost.
+// The one place where a call becomes a command. A call that can't be queued is lost.
 template <class SomeCommand, class... Arguments>
 CUploadProgressProxyWindow::Posted CUploadProgressProxyWindow::Post(Arguments... arguments) {
   try {
@@ -155,8 +155,8 @@ void CUploadProgressProxyWindow::OnBackgroundUploadComplete(long hr) {
   private:
     long m_hr;
   };
-  // No other call is posted twice. The host waits for this one, and there is no later one that could take its place, so
-  // that short memory, which may pass, must not lose it; a window that is gone does not come back.
+  // The only call that is retried: the host waits for it and no later call replaces it, so a passing shortage of memory
+  // must not lose it. A window that is gone stays gone.
   Posted posted = Post<OnBackgroundUploadCompleteCommand>(hr);
   for (int nTry = 1; posted == Posted::NoMemory && nTry < kCompletionTries; ++nTry) {
     Sleep(kCompletionPause);

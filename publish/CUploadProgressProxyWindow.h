@@ -1,6 +1,6 @@
-// Carries progress calls from the upload thread to the thread that created the proxy's hidden window: each call becomes
-// a command posted to that window, and runs there on the receiver when the thread pumps its messages, in the order of
-// the calls. Only IsCancelled goes straight through. Knows nothing of Python.
+// Carries progress calls from the upload thread to the owner thread, which created the proxy's hidden window: each call
+// becomes a command posted to that window and runs on the receiver, in order, when the owner pumps its messages. Only
+// IsCancelled calls the receiver directly. Knows nothing of Python.
 #pragma once
 
 #include "framework/Wnd.h"
@@ -17,24 +17,27 @@ constexpr DWORD NOTIFY_REQUEST_SENT = 2;    ///< Mask bit that lets OnRequestSen
 
 class CUploadProgressProxyWindow : public CWnd, public BackgroundUploadProgress {
 public:
-  /// The receiver is borrowed and outlives the proxy. Thread: the owner, for everything but the slots.
+  // Thread: the owner, for everything but the slots.
+
+  /// The receiver is borrowed and must outlive the proxy.
   explicit CUploadProgressProxyWindow(BackgroundUploadProgress *pTarget);
-  /// Frees the commands that still wait, without running them, and ends the window.
+  /// Frees the queued commands without running them and destroys the window.
   ~CUploadProgressProxyWindow() override;
   CRuntimeClass const *GetRuntimeClass() const override;
 
   DWORD GetNotifyMask() const { return m_dwNotifyMask; }
-  /// Before the upload starts only.
+  /// Call it only before the upload starts.
   void SetNotifyMask(DWORD dwMask) { m_dwNotifyMask = dwMask; }
-  /// Creates the hidden window, owned by the calling thread. On failure m_hWnd stays null and every post is lost.
+  /// Creates the hidden window, owned by the calling thread. On failure m_hWnd stays null and every call is lost.
   void CreateProxyWindow();
-  /// Message handler: runs the command in lParam and frees it. The receiver may destroy the proxy meanwhile.
+  /// Message handler: takes the command in lParam, runs it and frees it. The receiver may destroy the proxy meanwhile.
+  /// Returns: 0.
   LRESULT OnCommandMessage(WPARAM wParam, LPARAM lParam);
-  /// True, once, after a completion that could not be queued: the receiver will not see it.
+  /// True, once, after a completion that could not be queued and so never reaches the receiver.
   bool TakeLostCompletion() { return m_bCompletionLost.exchange(false); }
 
-  // The slots. Thread: any, in practice the upload thread. Nothing escapes: a call that can't be queued is lost, except
-  // that the completion is tried again for some seconds while memory is short.
+  // The slots. Thread: any, in practice the upload thread. They do not throw: a call that can't be queued is lost; only
+  // the completion is retried, for some seconds, when out of memory.
   void OnResolvingName(WCHAR const *wszText) override;
   void OnNameResolved(WCHAR const *wszText) override;
   void OnConnectingToServer(WCHAR const *wszText) override;

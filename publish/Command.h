@@ -1,5 +1,5 @@
-// One progress call on its way from the upload thread to the owner thread: made and posted on the first, run and freed
-// on the second. Owns copies of its arguments.
+// A progress call on its way from the upload thread to the owner thread. Owns copies of its arguments.
+// Thread: created and posted on the upload thread, run and freed on the owner thread.
 #pragma once
 
 #include "upload/ProgressMeter.h"
@@ -10,10 +10,12 @@
 class Command {
 public:
   virtual ~Command() = default;
+  /// Makes the call.
   virtual void Execute() = 0;
 };
 
-/// A command for one receiver, which it borrows.
+/// A command for a receiver, which it borrows. The three generic commands below each serve all slots of one signature;
+/// they hold the slot as a pointer to a virtual member, which calls the receiver's override.
 class UploadProgressCommand : public Command {
 public:
   explicit UploadProgressCommand(BackgroundUploadProgress *pTarget) : m_pTarget(pTarget) {}

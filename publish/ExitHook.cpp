@@ -21,10 +21,10 @@ constexpr DWORD kExitWait = 5000; // ms, for all uploads together
 
 std::atomic<bool> g_bExiting = false;
 
-/// What the hook needs of an upload: it stays whole when the uploader goes meanwhile.
+/// What the hook needs of an upload; it stays valid if the uploader is destroyed meanwhile.
 class RunningUpload {
 public:
-  /// Without a handle of its own, the upload is cancelled but not waited for.
+  /// If the handle can't be duplicated, the upload is cancelled but not waited for.
   RunningUpload(CancelFlag pCancel, HANDLE hThread) : m_pCancel(std::move(pCancel)) {
     DuplicateHandle(GetCurrentProcess(), hThread, GetCurrentProcess(), &m_hThread, 0, FALSE, DUPLICATE_SAME_ACCESS);
   }
@@ -45,20 +45,20 @@ private:
   HANDLE m_hThread = nullptr;
 };
 
-// Innermost: no Python code, no waiting for the GIL and no platform call while it is held.
+// The innermost lock: while it is held, nothing runs Python code, waits for the GIL or calls the platform.
 constinit SlimLock g_lock;
 
 using Uploads = std::map<std::atomic<BYTE> const *, std::shared_ptr<RunningUpload const>>;
 
-// Under g_lock. Never destroyed: an uploader's destructor may come after everything else. Made without allocating,
-// since a destructor may be the first to ask.
+// Requires g_lock. Never destroyed, since an uploader's destructor may run after static destruction. Constructed
+// without allocating, since the first call may come from a destructor.
 Uploads &RunningUploads() {
   alignas(Uploads) static std::byte s_storage[sizeof(Uploads)];
   static Uploads &uploads = *new (s_storage) Uploads;
   return uploads;
 }
 
-// Returns: the uploads that were running; an empty vector where memory is short.
+// Returns: the uploads that were running, or only some of them when out of memory.
 std::vector<std::shared_ptr<RunningUpload const>> CancelAll() {
   std::vector<std::shared_ptr<RunningUpload const>> running;
   std::lock_guard<SlimLock> const lock(g_lock);
@@ -68,7 +68,7 @@ std::vector<std::shared_ptr<RunningUpload const>> CancelAll() {
     for (auto const &[pKey, pUpload] : RunningUploads())
       running.push_back(pUpload);
   } catch (std::bad_alloc const &) {
-    // then they are not all waited for
+    // all are cancelled, but not all are waited for
   }
   return running;
 }
@@ -106,21 +106,22 @@ bool RegisterHook() {
 
 } // namespace
 
-void NoteRunningUpload(CancelFlag const &pCancel, HANDLE hThread) {
+void AddRunningUpload(CancelFlag const &pCancel, HANDLE hThread) {
   static std::atomic<bool> s_bRegistered = false;
-  if (!s_bRegistered.exchange(true) && !RegisterHook()) // registering runs Python code, and with it other threads
+  // The flag is set first: registering runs Python code, so other threads may come here meanwhile.
+  if (!s_bRegistered.exchange(true) && !RegisterHook())
     s_bRegistered = false;
   try {
     auto pUpload = std::make_shared<RunningUpload const>(pCancel, hThread);
     std::lock_guard<SlimLock> const lock(g_lock);
     RunningUploads().emplace(pCancel.get(), std::move(pUpload));
   } catch (std::bad_alloc const &) {
-    // then it is not cancelled at exit
+    // the upload is not cancelled at exit
   }
 }
 
-void ForgetRunningUpload(CancelFlag const &pCancel) {
-  Uploads::node_type node; // freed after the lock, with the handle in it
+void RemoveRunningUpload(CancelFlag const &pCancel) {
+  Uploads::node_type node; // declared before the lock, so that it closes its handle after the lock is released
   std::lock_guard<SlimLock> const lock(g_lock);
   node = RunningUploads().extract(pCancel.get());
 }

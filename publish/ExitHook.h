@@ -1,6 +1,6 @@
-// What happens to running uploads when the interpreter exits: they are cancelled and waited for, at most 5 seconds in
-// all. After that a destructor leaves a thread that still runs alone instead of waiting for it. Thread: any, with or
-// without the GIL, since an owner may pump without it.
+// Ends running uploads when the interpreter exits: cancels them and waits at most 5 seconds for all of them together.
+// After that, destroying an uploader whose thread still runs leaks it instead of waiting.
+// Thread: any, with or without the GIL (an owner may pump without it), unless said otherwise.
 #pragma once
 
 #include "platform/system/Threads.h"
@@ -8,16 +8,15 @@
 #include <atomic>
 #include <memory>
 
-/// Asks an upload to stop when it is not 0; its uploader and the hook own it together, so that the hook needs no
-/// uploader.
+/// Nonzero asks an upload to stop. Shared by uploader and hook, so that the hook never touches an uploader.
 using CancelFlag = std::shared_ptr<std::atomic<BYTE>>;
 
-/// Notes that an upload runs on a thread, whose handle is borrowed for the call. The first one of the process registers
-/// the hook with Python's atexit. Thread: with the GIL.
-/// Errors: none; without memory the upload is not cancelled at exit, and where the hook can't be registered,
-/// destructors wait without limit.
-void NoteRunningUpload(CancelFlag const &pCancel, HANDLE hThread);
-/// Forgets it. Harmless for one that was never noted.
-void ForgetRunningUpload(CancelFlag const &pCancel);
+/// Adds an upload that the exit hook is to end; duplicates the handle of its thread. The first call of the process
+/// registers the hook with Python's atexit. Thread: any, with the GIL.
+/// Errors: none are reported. When out of memory, the upload is not cancelled at exit; if the hook can't be registered,
+/// destructors wait without a limit.
+void AddRunningUpload(CancelFlag const &pCancel, HANDLE hThread);
+/// Removes an upload; has no effect if it was not added. Does not throw.
+void RemoveRunningUpload(CancelFlag const &pCancel);
 /// True once the hook has run.
 bool ProcessIsExiting();

@@ -1,4 +1,5 @@
-// Holds one Python callable and calls it with arguments that a format string describes.
+// Holds one Python callable and calls it with arguments built from a format string.
+// Thread: any; what needs the GIL says so.
 #pragma once
 
 #include <Python.h>
@@ -11,20 +12,22 @@ public:
   PyCallback() = default;
   PyCallback(PyCallback const &) = delete;
   PyCallback &operator=(PyCallback const &) = delete;
+  /// Releases the callable. Thread: with the GIL.
   virtual ~PyCallback();
 
-  /// Replaces the callable; null and None mean none. Takes a reference of its own. Thread: with the interpreter lock.
+  /// Replaces the callable; null and None mean none. Takes a new reference. Thread: with the GIL.
   void SetCallable(PyObject *pCallable);
-  /// Calls the callable with the values that `format` (as of Py_BuildValue) describes, if there is one; a callable that
-  /// raises, or arguments that can't be built, have their traceback printed. Thread: any, with or without the
-  /// interpreter lock. The callable may destroy this object.
+  /// Calls the callable, if there is one, with the values that `format` (as for Py_BuildValue) describes. Acquires the
+  /// GIL for the call; a caller that holds it may call too. The callable may destroy this object.
+  /// Errors: prints the traceback when the callable raises or its arguments can't be built.
   void Fire(char const *format, ...);
 
 private:
-  /// Calls, unless building the arguments destroyed the object. `pCallable` is borrowed and alive for the call.
+  /// Builds the arguments and calls, unless building them destroyed the object. `pCallable` is borrowed for the call.
   /// Returns: a new reference to the result, or null.
   static PyObject *CallWithFormat(PyObject *pCallable, bool const &bAlive, char const *format, va_list args);
 
-  PyObject *m_pCallable = nullptr;                               ///< Owned; never None.
-  std::shared_ptr<bool> m_pAlive = std::make_shared<bool>(true); ///< Tells a call under way that the object is gone.
+  PyObject *m_pCallable = nullptr; ///< Owned; never None.
+  std::shared_ptr<bool> m_pAlive =
+      std::make_shared<bool>(true); ///< False for a call in progress once the object is gone.
 };

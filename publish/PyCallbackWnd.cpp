@@ -16,7 +16,7 @@ PyCallbackWnd::PyCallbackWnd(WCHAR const *pszName) : m_dwSignature(kAlive) {
   windowClass.lpfnWndProc = CallbackWndProc;
   windowClass.hbrBackground = GetStockObject(NULL_BRUSH);
   windowClass.lpszClassName = wszName;
-  RegisterClassExW(&windowClass); // the second object of a process finds the class there
+  RegisterClassExW(&windowClass); // fails harmlessly when an earlier object has registered the class
   m_hWnd = CreateWindowExW(0, wszName, wszName, kStyle, 0, 0, 10, 10, nullptr, nullptr, nullptr, nullptr);
   if (!m_hWnd)
     return;

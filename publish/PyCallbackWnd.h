@@ -1,5 +1,5 @@
-// A Python callable with a hidden window of its own, which belongs to the thread that constructs the object. No event
-// of this system passes through the window.
+// A Python callable with a hidden window, which belongs to the thread that constructs the object. No event of this
+// system passes through the window. Thread: the owner thread, with the GIL.
 #pragma once
 
 #include "platform/window/Messages.h"
@@ -7,7 +7,8 @@
 
 class PyCallbackWnd : public PyCallback {
 public:
-  /// The name serves as class name and title; null stands for "Callback Window". Without a window the object goes on.
+  /// The name becomes the window's class name and title; null stands for "Callback Window". If the window can't be
+  /// created, the object works without it. May throw std::bad_alloc.
   explicit PyCallbackWnd(WCHAR const *pszName = nullptr);
   ~PyCallbackWnd() override;
 

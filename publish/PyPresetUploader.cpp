@@ -1,4 +1,5 @@
-// See PyPresetUploader.h: life, start and cancel. What it does with the transfer's calls stands in UploadEvents.cpp.
+// See PyPresetUploader.h. Construction, start, cancel and destruction; UploadEvents.cpp handles the transfer's calls.
+// Thread: the owner thread.
 #include "publish/PyPresetUploader.h"
 
 #include "framework/CW2A.h"
@@ -34,13 +35,13 @@ PyPresetUploader::~PyPresetUploader() {
     m_pUploadThread->Wait();
     m_pUploadThread.reset();
   }
-  ForgetRunningUpload(m_bCancel);
-  m_pProgressProxy.reset(); // only now: the thread posts to the window up to its last moment
+  RemoveRunningUpload(m_bCancel);
+  m_pProgressProxy.reset(); // only now: the thread posts to the proxy's window until it ends
   TraceMsgA("PyPresetUploader::~PyPresetUploader() end\n");
 }
 
-// False if the thread can't be waited for. One that its start left suspended runs from here on.
-bool PyPresetUploader::MakeThreadEndSomeTime() {
+// Resumes a thread that Start left suspended, since it would never end. False if the thread can't be waited for.
+bool PyPresetUploader::EnsureThreadWillEnd() {
   HANDLE const hThread = UploadThread();
   if (!hThread)
     return true;
@@ -51,11 +52,11 @@ bool PyPresetUploader::MakeThreadEndSomeTime() {
 }
 
 void PyPresetUploader::operator delete(PyPresetUploader *pUploader, std::destroying_delete_t) {
-  if (!pUploader->MakeThreadEndSomeTime()) {
+  if (!pUploader->EnsureThreadWillEnd()) {
     pUploader->CancelUpload();
     pUploader->SetCallable(nullptr);
-    ForgetRunningUpload(pUploader->m_bCancel);
-    return;
+    RemoveRunningUpload(pUploader->m_bCancel);
+    return; // leaked: the thread goes on using the object
   }
   pUploader->~PyPresetUploader();
   ::operator delete(pUploader);
@@ -132,19 +133,18 @@ UINT PyPresetUploader::PrepareAndStart(std::span<PresetField const> fields, std:
   m_result.m_nHttpStatus = -1; // the status of an earlier upload must not count for this one
   m_job.ClearFields();
   m_job.ClearFiles();
-  // An address that is refused leaves the job without a host: the upload then fails in its first step.
   SetUploadAddress();
   FillPresetForm(m_job, fields, files);
 
   m_pUploadThread = std::make_unique<UploadThread2>(&m_job, &m_result, m_pProgressProxy.get());
   m_pUploadThread->Start();
   UINT const uThreadId = m_pUploadThread->m_uThreadId;
-  NoteUpload(uThreadId, nKHID);
+  RecordUpload(uThreadId, nKHID);
   TraceMsgA("PyPresetUploader::StartUpload() end\n");
   return uThreadId;
 }
 
-// False while an upload runs or its completion waits. An upload whose completion was lost ends here.
+// False while an upload runs or its completion is still queued. Cleans up after an upload whose completion was lost.
 bool PyPresetUploader::UploadIsOver() {
   if (!UploadThread())
     return true;
@@ -154,22 +154,23 @@ bool PyPresetUploader::UploadIsOver() {
     EndThread(uThreadId, nKHID);
     return true;
   }
-  m_pUploadThread->Resume(); // where its start could not, it is under way only now
+  m_pUploadThread->Resume(); // in case Start could not; the upload then begins only now
   return false;
 }
 
-// The thread runs by now, so that short memory must not look like a refusal: a pair that is missing reads as 0 at the
-// end.
-void PyPresetUploader::NoteUpload(UINT uThreadId, int nKHID) {
+// The thread is already running, so running out of memory here must not look like a refusal; a missing entry later
+// reads as 0.
+void PyPresetUploader::RecordUpload(UINT uThreadId, int nKHID) {
   try {
     m_mapTID2KHID[uThreadId] = nKHID;
   } catch (std::bad_alloc const &) {
-    // as above
+    // see above
   }
   if (uThreadId != 0)
-    NoteRunningUpload(m_bCancel, UploadThread());
+    AddRunningUpload(m_bCancel, UploadThread());
 }
 
+// A refused address leaves the job without a host, and the upload then fails in its first step.
 void PyPresetUploader::SetUploadAddress() {
   char szAddress[_MAX_PATH] = {};
   int const nLength = _snprintf_s(szAddress, sizeof szAddress, _TRUNCATE, "https://%s/servlet/uploadTemplate",

@@ -1,5 +1,6 @@
-// The object that Python holds to publish a colour preset. Constructed, called and destroyed on one thread, its owner
-// thread, which pumps messages; events arrive on it only. One upload at a time.
+// The object that Python holds to publish a colour preset, one upload at a time.
+// Thread: constructed, called and destroyed, with the GIL, on its owner thread, which pumps messages and receives the
+// events. Only IsCancelled runs on the upload thread.
 #pragma once
 
 #include "publish/PyCallbackWnd.h" // Python.h comes first
@@ -17,23 +18,24 @@
 
 class PyPresetUploader : public PyCallbackWnd, public BackgroundUploadProgress {
 public:
-  /// Service host (no scheme, at most 228 bytes), login token, product version, version type and installation uuid; all
-  /// are copied. A null counts as empty; an empty or unusable host shows as a failed upload. May throw std::bad_alloc.
+  /// Copies service host (no scheme, at most 228 bytes), login token, product version, version type and installation
+  /// uuid. Null counts as empty; an empty or unusable host makes each upload fail. May throw std::bad_alloc.
   PyPresetUploader(WCHAR const *szKHServerUrl, WCHAR const *szKHLoginTokenID, WCHAR const *szProdVersion,
                    WCHAR const *szVersionType, WCHAR const *szUUID);
-  /// Cancels a running upload and waits for its thread, as long as one blocking write may take; no event follows.
+  /// Cancels a running upload and waits for its thread, as long as one blocking write may take. No event follows.
   ~PyPresetUploader() override;
-  /// Destroys the object, unless a thread that can't be waited for still uses it: then it is left alone. That is so in
-  /// a forked child, at exit after the exit hook, and for a thread that can't be made to run.
+  /// Destroys the object, or deliberately leaks it while a thread that cannot be waited for still uses it: in a forked
+  /// child, after the exit hook has run, or when a suspended thread can't be resumed. SWIG's wrapper destroys with a
+  /// generated `delete arg1`, so only a destroying operator delete can decide this before the destructor runs.
   static void operator delete(PyPresetUploader *pUploader, std::destroying_delete_t);
 
-  /// Sets the callable of the events; None takes it away. Returns: 1.
+  /// Sets the callable for the events (takes a new reference); None removes it. Returns: 1.
   BOOL SetCallback(PyObject *callback);
 
-  /// Starts the upload of thirteen files and seven texts in the background. Everything is copied.
-  /// Returns: the upload's thread id; 0 if a path is null or names nothing, while an upload runs or its completion
-  /// waits, or if the thread can't be had. After 0 no event follows. An upload whose completion was lost is over, and
-  /// has no event any more.
+  /// Starts the upload of thirteen files and seven texts in the background. Copies all arguments. Does not throw.
+  /// Returns: the upload's thread id; 0, and no event follows, if a path is null or does not exist, while an upload
+  /// runs or its completion is still queued, or if no thread can be started. An upload whose completion was lost is
+  /// over and gets no event.
   UINT StartUpload(WCHAR const *szEffectFilePath, WCHAR const *szEffectCoverFilePathAfter,
                    WCHAR const *szEffectCoverFilePathBefore, WCHAR const *szEffectThumbnailAfter,
                    WCHAR const *szEffectThumbnailBefore, WCHAR const *szEffectCurveRGBImg,
@@ -42,15 +44,15 @@ public:
                    WCHAR const *szEffectLvBImg, WCHAR const *szTemplateKey, WCHAR const *szTitle,
                    WCHAR const *szCategory, WCHAR const *szTags, WCHAR const *szDescription, WCHAR const *szCollections,
                    WCHAR const *szPIPtype, int nKHID);
-  /// Asks a running upload to stop; it ends with its ordinary completion event. Does nothing to a later one.
+  /// Asks a running upload to stop; it ends with its usual completion event. Has no effect on a later upload.
   void CancelUpload() { *m_bCancel = 1; }
-  /// New reference to a str: the published address of the last upload, empty before its completion.
+  /// Returns: a new reference to a str: the published address of the last upload, empty until its completion.
   PyObject *GetUploadedFileUrl();
 
-  std::map<unsigned int, int> m_mapTID2KHID; ///< Thread id of a running upload to the caller's number for it.
+  std::map<unsigned int, int> m_mapTID2KHID; ///< Thread id of a running upload -> its nKHID.
 
 private:
-  // The receiver's side: IsCancelled on the upload thread, everything else on the owner thread.
+  // The proxy calls these on the owner thread, but IsCancelled on the upload thread.
   void OnResolvingName(WCHAR const *) override {}
   void OnNameResolved(WCHAR const *) override {}
   void OnConnectingToServer(WCHAR const *) override {}
@@ -71,12 +73,12 @@ private:
 
   UINT PrepareAndStart(std::span<PresetField const> fields, std::span<PresetFile const> files, int nKHID);
   void SetUploadAddress();
-  void NoteUpload(UINT uThreadId, int nKHID);
+  void RecordUpload(UINT uThreadId, int nKHID);
   std::string EndThread(UINT &uThreadId, int &nKHID);
   void ReadUploadReply(std::string const &strReply, WCHAR *wszError, std::size_t cchError);
   HANDLE UploadThread() const { return m_pUploadThread ? m_pUploadThread->m_hThread : nullptr; }
   bool UploadIsOver();
-  bool MakeThreadEndSomeTime();
+  bool EnsureThreadWillEnd();
 
   std::string m_strKHServerUrl;
   std::string m_strLoginTokenID;
@@ -84,8 +86,8 @@ private:
   std::string m_strProdVersion;
   std::string m_strVersionType;
   std::wstring m_strUploadedFileUrl;
-  UploadJob m_job;       // the upload thread's while one runs
-  UploadResult m_result; // the same
+  UploadJob m_job;       // belongs to the upload thread while one runs
+  UploadResult m_result; // likewise
   std::unique_ptr<UploadThread2> m_pUploadThread;
   std::unique_ptr<CUploadProgressProxyWindow> m_pProgressProxy;
   // Set on the owner thread and by the exit hook, read on the upload thread.

@@ -89,7 +89,7 @@ std::string PyPresetUploader::EndThread(UINT &uThreadId, int &nKHID) {
   m_pUploadThread->Wait();
   std::string strReply = std::move(m_pUploadThread->m_strReply);
   m_pUploadThread.reset();
-  ForgetRunningUpload(m_bCancel);
+  RemoveRunningUpload(m_bCancel);
   return strReply;
 }
 

@@ -1,4 +1,4 @@
-// The progress proxy: every call crosses to the owner thread as it was made, and none is lost or leaked.
+// The progress proxy: every call reaches the owner thread unchanged, and none is lost or leaked. The preset's form.
 #include "platform/base/LastError.h"
 #include "publish/CUploadProgressProxyWindow.h"
 #include "publish/PresetForm.h"
@@ -15,7 +15,7 @@ namespace {
 void MakeEveryCall(BackgroundUploadProgress &progress) {
   WCHAR text[] = L"h";
   progress.OnResolvingName(text);
-  text[0] = L'?'; // the caller's text is free again as soon as the call returns
+  text[0] = L'?'; // the caller may reuse its text as soon as the call returns
   progress.OnNameResolved(L"1");
   progress.OnConnectingToServer(L"2");
   progress.OnConnectedToServer(L"3");
@@ -33,8 +33,8 @@ void MakeEveryCall(BackgroundUploadProgress &progress) {
 }
 
 constexpr wchar_t kBefore[] = L"resolving h; resolved 1; connecting 2; connected 3; ";
-constexpr wchar_t kBehind[] = L"receiving; received 4; closing; closed; begin /a; progress /a 1 2 3 4 5 6 7; "
-                              L"complete /a-2147467259; upload begin; upload complete -2147467259; ";
+constexpr wchar_t kAfter[] = L"receiving; received 4; closing; closed; begin /a; progress /a 1 2 3 4 5 6 7; "
+                             L"complete /a-2147467259; upload begin; upload complete -2147467259; ";
 
 TEST(ProgressProxy, CarriesEveryCallToTheOwnerThreadInOrder) {
   for (DWORD const dwMask : {0xFFFFFFFFU, 0x00000003U, 0xFFFFFFFCU, 0xFFFFFFFDU}) {
@@ -47,27 +47,27 @@ TEST(ProgressProxy, CarriesEveryCallToTheOwnerThreadInOrder) {
     PumpMessages(64);
     std::wstring const sending = dwMask & NOTIFY_SENDING_REQUEST ? L"sending; " : L"";
     std::wstring const sent = dwMask & NOTIFY_REQUEST_SENT ? L"sent 4294967295; " : L"";
-    EXPECT_EQ(receiver.calls, kBefore + sending + sent + kBehind) << dwMask;
+    EXPECT_EQ(receiver.calls, kBefore + sending + sent + kAfter) << dwMask;
   }
 }
 
-TEST(ProgressProxy, DropsAndFreesWhatWaitsWhenItGoes) { // the leak check sees commands that stay behind
+TEST(ProgressProxy, DropsAndFreesQueuedCommandsWhenDestroyed) { // LeakSanitizer reports those that are not freed
   Receiver receiver;
   Receiver other;
-  CUploadProgressProxyWindow stays(&other);
-  stays.CreateProxyWindow();
+  CUploadProgressProxyWindow survivor(&other);
+  survivor.CreateProxyWindow();
   {
     CUploadProgressProxyWindow proxy(&receiver);
     proxy.CreateProxyWindow();
     MakeEveryCall(proxy);
-    stays.OnReceivingResponse();
+    survivor.OnReceivingResponse();
   }
   PumpMessages(64);
   EXPECT_TRUE(receiver.calls.empty());
   EXPECT_EQ(other.calls, L"receiving; ");
 }
 
-TEST(ProgressProxy, TriesTheCompletionAgainWhileMemoryIsShort) {
+TEST(ProgressProxy, RetriesOnlyTheCompletionWhenOutOfMemory) {
   int nFailures = 0;
   int nSlept = 0, nYielded = 0;
   DWORD dwFailure = ERROR_NOT_ENOUGH_MEMORY;
@@ -84,9 +84,9 @@ TEST(ProgressProxy, TriesTheCompletionAgainWhileMemoryIsShort) {
   nFailures = 3;
   proxy.OnBackgroundUploadComplete(0);
   EXPECT_EQ(nSlept, 3);
-  EXPECT_EQ(nYielded, 4) << "after every post, also one that failed";
+  EXPECT_EQ(nYielded, 4) << "after every post, even a failed one";
   EXPECT_FALSE(proxy.TakeLostCompletion());
-  dwFailure = ERROR_INVALID_WINDOW_HANDLE; // a window that is gone does not come back
+  dwFailure = ERROR_INVALID_WINDOW_HANDLE; // a window that is gone stays gone
   nFailures = 1;
   proxy.OnBackgroundUploadComplete(1);
   EXPECT_TRUE(proxy.TakeLostCompletion());

@@ -14,20 +14,21 @@ TEST(ProgressMeter, ReportsTwoFilesAtTheInitialRate) {
   EXPECT_FALSE(first.Periodic(10'499, report)) << "the tick has not changed";
   ASSERT_TRUE(first.Periodic(11'000, report)); // two ticks: 14,000 a tick
   EXPECT_EQ(report, (ProgressReport{28'000, 56'000, 2, 28'000, 112'000, 6, 14'000}));
-  EXPECT_FALSE(first.Periodic(11'499, report)) << "one report a tick";
+  EXPECT_FALSE(first.Periodic(11'499, report)) << "only one report a tick";
   first.AddSent(28'000);
   ASSERT_TRUE(first.Periodic(15'000, report)); // ten ticks: 5,600 a tick
   EXPECT_EQ(report, (ProgressReport{56'000, 56'000, 0, 56'000, 112'000, 10, 5600}));
   EXPECT_EQ(first.Last(), report);
 
   ProgressMeter second(first.Rate(), 15'000, 56'000, 112'000, dwAllSent);
-  EXPECT_EQ(second.First(), (ProgressReport{0, 56'000, 10, 56'000, 112'000, 20, 5600})) << "the whole total at first";
+  EXPECT_EQ(second.First(), (ProgressReport{0, 56'000, 10, 56'000, 112'000, 20, 5600}))
+      << "the first report counts from the whole total";
   second.AddSent(11'200);
   ASSERT_TRUE(second.Periodic(16'000, report));
   EXPECT_EQ(report, (ProgressReport{11'200, 56'000, 8, 67'200, 112'000, 8, 5600}));
 }
 
-TEST(ProgressMeter, RepeatsTheTimesInTheLastReportAndTrustsTheSizeAtTheStart) {
+TEST(ProgressMeter, RepeatsTheLatestTimesAndTheInitialSizeInTheLastReport) {
   DWORD dwAllSent = 0;
   ProgressMeter meter(5600, 0, 11'200, 11'200, dwAllSent);
   meter.First();
@@ -35,7 +36,7 @@ TEST(ProgressMeter, RepeatsTheTimesInTheLastReportAndTrustsTheSizeAtTheStart) {
   EXPECT_EQ(meter.Last(), (ProgressReport{11'200, 11'200, 2, 5'000, 11'200, 2, 5600}));
 }
 
-TEST(ProgressMeter, TakesARateOfZeroAsOneInItsDivisions) {
+TEST(ProgressMeter, DividesByOneWhenTheRateIsZero) {
   DWORD dwAllSent = 0;
   ProgressMeter meter(0, 0, 100, 100, dwAllSent);
   EXPECT_EQ(meter.First(), (ProgressReport{0, 100, 100, 0, 100, 100, 0}));

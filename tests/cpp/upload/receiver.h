@@ -1,5 +1,5 @@
-// A receiver of an upload's progress that writes down each call. Runs on one thread, the one that makes it, and notes
-// calls from any other as such.
+// A receiver of an upload's progress that records each call. It belongs to the thread that constructs it and marks
+// calls from any other.
 #pragma once
 
 #include "upload/UploadProgress.h"
@@ -10,9 +10,9 @@
 
 struct Receiver : BackgroundUploadProgress {
   std::wstring calls;          // each call with its arguments: "sent 57; closing; "
-  std::string files;           // those that concern files: "begin 0/4 4/4 done "
+  std::string files;           // only those about files: "begin 0/4 4/4 done "
   std::vector<DWORD> writes;   // the bytes of each write
-  int nQueriesBeforeStop = -1; // the query that is told to stop; negative: none
+  int nQueriesBeforeStop = -1; // the index of the query that answers yes; negative: none
 
   void OnResolvingName(WCHAR const *text) override { Note(L"resolving ", text); }
   void OnNameResolved(WCHAR const *text) override { Note(L"resolved ", text); }
@@ -48,7 +48,7 @@ struct Receiver : BackgroundUploadProgress {
 
 private:
   void Note(std::wstring const &call, std::wstring const &argument = L"") {
-    calls += (std::this_thread::get_id() == m_owner ? call + argument : L"on a foreign thread") + L"; ";
+    calls += (std::this_thread::get_id() == m_owner ? call + argument : L"on another thread") + L"; ";
   }
   std::thread::id m_owner = std::this_thread::get_id();
 };

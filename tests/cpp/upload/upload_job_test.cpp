@@ -1,4 +1,4 @@
-// The description of an upload: which addresses it takes.
+// The description of an upload: which addresses it accepts.
 #include "upload/UploadJob.h"
 
 #include <gtest/gtest.h>
@@ -7,7 +7,7 @@
 
 namespace {
 
-TEST(UploadJob, TakesOnlyPlainHttpsAddressesOnPort443) {
+TEST(UploadJob, AcceptsOnlyPlainHttpsAddressesOnPort443) {
   struct Case {
     std::string url;
     bool bTaken;
@@ -43,7 +43,7 @@ TEST(UploadJob, TakesOnlyPlainHttpsAddressesOnPort443) {
     EXPECT_EQ(job.m_strPath, c.szPath) << c.url;
     EXPECT_EQ(job.m_strUrl, c.bTaken ? std::string("https://") + c.szHost + c.szPath : "") << c.url;
     EXPECT_FALSE(job.SetUrl("https://other.example:8443/q"));
-    EXPECT_EQ(job.m_strHost, c.szHost) << "a refused address leaves the earlier one";
+    EXPECT_EQ(job.m_strHost, c.szHost) << "a refused address leaves the earlier one in place";
   }
 }
 

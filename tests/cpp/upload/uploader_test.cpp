@@ -1,4 +1,4 @@
-// A whole transfer against a scripted peer: what goes over the wire, in what chunks, and how it ends when a call fails.
+// A whole transfer against a scripted peer: the bytes on the wire, the chunks, and how it ends when a call fails.
 #include "platform/text/CodePages.h"
 #include "tests/cpp/platform/TestSeam.h"
 #include "tests/cpp/platform/http/http_peer.h"
@@ -49,7 +49,7 @@ protected:
   DWORD m_dwSlept = 0;
 };
 
-TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheAnswer) {
+TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheReply) {
   Peer const peer("reply --tls good --status 500 --body '<a/>'");
   job.AddField("title", "abc");
   job.AddField("empty", "");
@@ -78,12 +78,12 @@ TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheAnswer) {
   EXPECT_TRUE(receiver.calls.starts_with(L"resolving good.test; resolved 127.0.0.1; connecting 127.0.0.1; connected "
                                          L"127.0.0.1; sending; sent " +
                                          std::to_wstring(sent.size() - body.size()) + L"; sending; sent "));
-  EXPECT_TRUE(receiver.calls.ends_with(L"receiving; received 44; closing; closed; ")) << "the reply's head";
+  EXPECT_TRUE(receiver.calls.ends_with(L"receiving; received 44; closing; closed; ")) << "44 bytes of reply headers";
 }
 
-TEST_F(UploaderTest, AdaptsTheChunkToTheTimeOfTheLastWrite) {
+TEST_F(UploaderTest, AdaptsTheChunkSizeToTheDurationOfTheLastWrite) {
   Peer const peer("reply --tls good");
-  // How long each chunk's write takes, and its size in units of 32 KiB; the first write is the file's head.
+  // The duration of each chunk's write in ms and its size in units of 32 KiB; the first write is the file's head.
   std::vector<std::pair<DWORD, DWORD>> const chunks = {{0, 1},    {499, 2},  {500, 4},  {1250, 4}, {1251, 4},
                                                        {1251, 2}, {9000, 1}, {1251, 1}, {0, 1},    {0, 2}};
   std::size_t nWrite = 0;
@@ -102,14 +102,14 @@ TEST_F(UploaderTest, AdaptsTheChunkToTheTimeOfTheLastWrite) {
   std::erase_if(receiver.writes, [](DWORD dwBytes) { return dwBytes < 0x8000; });
   EXPECT_EQ(receiver.writes, expected);
   EXPECT_EQ(m_dwSlept, 50 * chunks.size());
-  EXPECT_EQ(job.m_dwRate, 19 * 0x8000U / 30) << "what was out after the last tick; the next file begins with it";
+  EXPECT_EQ(job.m_dwRate, 19 * 0x8000U / 30) << "as of the last tick; the next file starts with it";
 }
 
-TEST_F(UploaderTest, EndsAtTheCallThatFails) {
+TEST_F(UploaderTest, EndsTheUploadAtTheFirstFailedCall) {
   struct Case {
     FaultPoint call;
     int nth;
-    char const *szCalls; // what the receiver saw of the two files
+    char const *szCalls; // what the receiver sees of the two files
   };
   constexpr char kBoth[] = "begin 0/4 4/4 done begin 0/4 4/4 done ";
   // Writes: field head, value and line end; then head, contents and line end of each file; the closing line.
@@ -122,7 +122,7 @@ TEST_F(UploaderTest, EndsAtTheCallThatFails) {
       {FaultPoint::InternetWriteFile, 1, ""},
       {FaultPoint::InternetWriteFile, 3, ""},
       {FaultPoint::InternetWriteFile, 4, ""},
-      {FaultPoint::CreateFileW, 3, ""}, // behind the two of the length pass
+      {FaultPoint::CreateFileW, 3, ""}, // after the two of the length pass
       {FaultPoint::ReadFile, 1, "begin 0/4 failed "},
       {FaultPoint::InternetWriteFile, 5, "begin 0/4 failed "},
       {FaultPoint::ReadFile, 2, "begin 0/4 failed "},
@@ -145,7 +145,7 @@ TEST_F(UploaderTest, EndsAtTheCallThatFails) {
     };
     EXPECT_EQ(Post(), HResult(1450));
     EXPECT_EQ(receiver.files, c.szCalls);
-    EXPECT_EQ(reply + std::to_string(result.m_nHttpStatus), "-1") << "nothing was answered";
+    EXPECT_EQ(reply + std::to_string(result.m_nHttpStatus), "-1") << "there was no reply";
   }
   for (auto const &[point, szReply, nStatus] :
        {std::tuple{FaultPoint::HttpQueryInfoW, "ok", -1}, std::tuple{FaultPoint::InternetQueryDataAvailable, "", 200},
@@ -156,7 +156,7 @@ TEST_F(UploaderTest, EndsAtTheCallThatFails) {
   }
 }
 
-TEST_F(UploaderTest, StopsAtEachQueryThatSaysSo) {
+TEST_F(UploaderTest, StopsAtAnyQueryThatSaysSo) {
   Peer const peer("reply --tls good");
   AddFile("one", "abcd");
   AddFile("two", "abcd");
@@ -169,14 +169,14 @@ TEST_F(UploaderTest, StopsAtEachQueryThatSaysSo) {
   }
   job.ClearFiles();
   receiver.nQueriesBeforeStop = 0;
-  EXPECT_EQ(Post(), S_OK) << "a job without files is never asked";
+  EXPECT_EQ(Post(), S_OK) << "a job without files never asks";
 }
 
-TEST_F(UploaderTest, DeliversAnEarlyReplyThatEndsTheSending) {
+TEST_F(UploaderTest, StopsSendingAndReadsAnEarlyReply) {
   std::string const refusal = " --status 413 --body 'too large'";
   for (std::string const &scenario :
        {"early-keep" + refusal, "early-hold" + refusal, "early-keep --length chunked" + refusal,
-        "early-keep --length none" + refusal, // ends when it sees our end
+        "early-keep --length none" + refusal, // the peer closes when it sees the end of our data
         "early-keep --header 'Connection: close'" + refusal,
         std::string("early-keep --header 'Connection: close' --body ok"),
         std::string("early-keep --raw 'HTTP/1.0 200 OK\\r\\nContent-Length: 2\\r\\n\\r\\nok'")}) {
@@ -189,7 +189,7 @@ TEST_F(UploaderTest, DeliversAnEarlyReplyThatEndsTheSending) {
   }
 }
 
-TEST(UploadThread, WithoutAThreadNothingStarts) {
+TEST(UploadThread, ReportsAThreadThatCannotBeCreated) {
   UploadJob job;
   UploadResult result;
   Receiver receiver;
@@ -203,14 +203,14 @@ TEST(UploadThread, WithoutAThreadNothingStarts) {
   SetPlatformTestHooks(nullptr);
 }
 
-TEST(MultipartBody, MakesABoundaryOfItsOwnForEachRequest) {
+TEST(MultipartBody, MakesADifferentBoundaryForEachRequest) {
   std::regex const form("-{27}[0-9A-F]{12}");
   std::string const first = MakeBoundary();
   EXPECT_TRUE(std::regex_match(first, form)) << first;
   EXPECT_NE(MakeBoundary(), first);
 }
 
-TEST(MultipartBody, CountsAFileThatCantBeOpenedAsTheInvalidSize) {
+TEST(MultipartBody, CountsAFileThatCannotBeOpenedAsTheInvalidSize) {
   UploadFile const file = {L"n", L"/no/such/file", L"t"};
   DWORD dwFiles = 10;
   DWORD const dwHead = static_cast<DWORD>(MakeFileHead("b", file).size());

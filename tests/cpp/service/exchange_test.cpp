@@ -106,22 +106,6 @@ TEST(ServiceExchange, NarrowsAllTextInTheCodePageOfTheThread) {
   EXPECT_TRUE(peer.Received().starts_with("POST /x?\xE4? HTTP/1.1\r\n")) << peer.Received();
 }
 
-TEST(ServiceExchange, KeepsAMissingElementApartFromAFailedQuery) {
-  CComPtr<IXMLDOMDocument> const pDocument = LoadReply("<info><a/></info>");
-  CString strText(L"old");
-  EXPECT_EQ(ReadElement(pDocument, L"info/d", strText), ElementState::Missing);
-  EXPECT_EQ(ReadElement(nullptr, L"info/a", strText), ElementState::Missing);
-  {
-    Fault const fault(FaultPoint::selectSingleNode, 0);
-    EXPECT_EQ(ReadElement(pDocument, L"info/a", strText), ElementState::QueryFailed);
-  }
-  {
-    Fault const fault(FaultPoint::CoCreateInstance, 0);
-    EXPECT_EQ(LoadReply("<info/>"), nullptr);
-  }
-  EXPECT_STREQ(strText, L"old");
-}
-
 class ProbeTest : public ::testing::Test {
 protected:
   std::atomic<HINTERNET> m_hInternet = nullptr;

@@ -5,13 +5,13 @@
 #include <cwchar>
 #include <cwctype>
 
-CComPtr<IXMLDOMDocument> LoadReply(std::string strReply) {
+CComPtr<IXMLDOMDocument> LoadReply(std::string strReply, DWORD dwContext) {
   CComPtr<IXMLDOMDocument> pDocument;
-  if (FAILED(CoCreateInstance(CLSID_DOMDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
+  if (FAILED(CoCreateInstance(CLSID_DOMDocument, nullptr, dwContext, IID_IXMLDOMDocument,
                               reinterpret_cast<void **>(&pDocument))))
     return pDocument;
   CComBSTR const bstrReply(strReply.c_str());
-  strReply = {}; // a large reply is not held twice while the tree grows
+  strReply = {}; // frees the bytes of a large reply before the tree is built
   VARIANT_BOOL bLoaded = 0;
   pDocument->loadXML(bstrReply, &bLoaded);
   return pDocument;

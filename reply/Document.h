@@ -1,5 +1,5 @@
-// A service's reply as a document, and the ways in which its elements are found. Runs on the caller's thread; knows
-// nothing of Python and of where the reply came from.
+// Turns a reply of the service into a document and finds its elements. Runs on the caller's thread; knows nothing of
+// Python or of where the reply came from.
 #pragma once
 
 #include "framework/CString.h"
@@ -7,22 +7,22 @@
 
 #include <string>
 
-/// The reply, up to its first zero byte, as a document; its bytes count as the calling thread's ANSI code page.
-/// Returns: an empty document for a reply that does not parse; null if no document can be made. May throw
-/// std::bad_alloc.
-CComPtr<IXMLDOMDocument> LoadReply(std::string strReply);
+/// Parses the reply up to its first zero byte, read in the calling thread's ANSI code page. `dwContext` is the COM
+/// context of the document. Returns: an empty document if the reply does not parse; null if no document can be created.
+/// May throw std::bad_alloc.
+CComPtr<IXMLDOMDocument> LoadReply(std::string strReply, DWORD dwContext = CLSCTX_INPROC_SERVER);
 
 enum class ElementState { Found, Missing, QueryFailed };
 
-/// The text of the first element at a path from the document. `strText` changes only when it was found. A null document
-/// has no elements.
+/// Reads the text of the first element at a path that starts at the root element. `strText` changes only if the element
+/// was found. A null document has no elements. May throw std::bad_alloc.
 ElementState ReadElement(IXMLDOMDocument *pDocument, WCHAR const *wszPath, CString &strText);
 
-/// True if the node is no comment and has that name, compared without regard to case.
+/// True if the node is not a comment and has that name; case is ignored.
 bool NodeNameIs(IXMLDOMNode *pNode, WCHAR const *wszName);
 
-/// Calls `visit` for each child node of that name, compared without regard to case; comments and nodes without a name
-/// are passed over. A null node has no children.
+/// Calls `visit` for each child node of that name, in document order; case is ignored. Comments and nodes without a
+/// name are skipped. A null node has no children.
 template <class Visit> void ForEachChild(IXMLDOMNode *pNode, WCHAR const *wszName, Visit visit) {
   CComPtr<IXMLDOMNode> pChild;
   if (!pNode || FAILED(pNode->get_firstChild(&pChild)))

@@ -5,7 +5,7 @@ namespace {
 
 constexpr std::size_t kMostCharacters = 2047;
 
-// The value of a hexadecimal digit, -1 for any other character.
+// The value of a hexadecimal digit, or -1 for any other character.
 int DigitValue(wchar_t c) {
   if (c >= L'0' && c <= L'9')
     return c - L'0';
@@ -16,7 +16,7 @@ int DigitValue(wchar_t c) {
   return -1;
 }
 
-// The number that the two characters form; digits behind the first character that is none do not count.
+// The number that the leading hexadecimal digits of the two characters form; 0 if the first is not a digit.
 int PairValue(wchar_t first, wchar_t second) {
   int const nHigh = DigitValue(first);
   int const nLow = DigitValue(second);

@@ -1,13 +1,13 @@
-// The trace's state and its two roads. Runs on any thread: the switches are atomic, one lock guards everything else,
-// and the text is formatted into buffers of the call. Lines are written after the lock was released: a reader who has
-// stalled then holds up the threads that trace, but no fork and no exit. That lines don't mix is left to the road,
-// which takes each in one piece.
+// The state of the trace and its two channels. Runs on any thread: the switches are atomic, one lock guards everything
+// else, and each call formats into buffers of its own. A line is written after the lock is released, so that a stalled
+// reader blocks the threads that trace, but neither fork nor exit. Lines don't mix because each channel takes a line in
+// one piece.
 #include "shell/Trace.h"
 
-#include "platform/text/CodePages.h"
+#include "framework/SlimLock.h"
 #include "platform/system/Debug.h"
 #include "platform/system/Registry.h"
-#include "framework/SlimLock.h"
+#include "platform/text/CodePages.h"
 #include "platform/text/Text.h"
 
 #include <atomic>
@@ -40,8 +40,8 @@ constinit EventWriteStringFunction g_pfnWriteString = nullptr;
 constinit EventRegisterFunction g_pfnRegister = nullptr;
 constinit EventUnregisterFunction g_pfnUnregister = nullptr;
 
-// Ends the provider at unload. A thread that still traces afterwards finds the road closed. A thread that was ended
-// inside the lock leaves it locked for ever: the provider then goes with the process.
+// Unregisters the provider at unload. A thread that still traces afterwards finds no function to write with. A thread
+// that was terminated while it held the lock leaves it locked for good; the provider then ends with the process.
 struct ProviderCleanup {
   ~ProviderCleanup() {
     std::unique_lock<SlimLock> const lock(g_lock, std::try_to_lock);
@@ -64,7 +64,7 @@ bool ReadSwitch(HKEY hKey, WCHAR const *wszName) {
   return dwValue > 0;
 }
 
-// False if there is no key: the switches then keep what they had.
+// Returns: false if the key does not exist; the switches then keep their values.
 bool ReadSwitches(bool &bDump, bool &bEtw) {
   HKEY hKey = nullptr;
   if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, kRegistryPath, 0, KEY_QUERY_VALUE, &hKey) != 0)
@@ -75,7 +75,7 @@ bool ReadSwitches(bool &bDump, bool &bEtw) {
   return true;
 }
 
-// Loads the library once, and registers the provider each time. Returns: whether the library is loaded.
+// Loads the library once, but registers the provider on every call. Returns: whether the library is loaded.
 bool RegisterProvider() {
   if (!g_hLibrary && (g_hLibrary = LoadLibraryA("advapi32.dll")) != nullptr) {
     g_pfnWriteString = reinterpret_cast<EventWriteStringFunction>(GetProcAddress(g_hLibrary, "EventWriteString"));
@@ -87,9 +87,9 @@ bool RegisterProvider() {
   return g_hLibrary != nullptr;
 }
 
-// The event-trace road as it is at the moment. The library stays usable without the lock: it is never unmapped, and a
-// provider that was ended meanwhile takes no line.
-struct EventRoad {
+// A copy of the event-trace channel for use without the lock. That is safe: the library is never unmapped, and a
+// provider that has been unregistered meanwhile ignores the line.
+struct EventChannel {
   REGHANDLE hProvider = g_hProvider;
   EventWriteStringFunction pfnWriteString = g_pfnWriteString;
 
@@ -99,13 +99,13 @@ struct EventRoad {
   }
 };
 
-// The whole line in the caller's buffer. Returns: the event-trace road as it was when the line took its prefix.
-EventRoad MakeLine(char *szLine, char const *szText) {
+// Builds the line in the caller's buffer. Returns: the event-trace channel as it was when the prefix was read.
+EventChannel MakeLine(char *szLine, char const *szText) {
   std::lock_guard<SlimLock> const lock(g_lock);
   _snprintf_s(szLine, kLineSize, _TRUNCATE, "%s%s\n", g_szPrefix, szText);
   return {};
 }
-EventRoad MakeLine(WCHAR *wszLine, WCHAR const *wszText) {
+EventChannel MakeLine(WCHAR *wszLine, WCHAR const *wszText) {
   std::lock_guard<SlimLock> const lock(g_lock);
   _snwprintf_s(wszLine, kLineSize, _TRUNCATE, L"%s%s\n", g_wszPrefix, wszText);
   return {};
@@ -141,15 +141,15 @@ void TraceMsgA(char const *szFormat, ...) {
   va_end(args);
 
   char szLine[kLineSize];
-  EventRoad const road = MakeLine(szLine, szText);
+  EventChannel const channel = MakeLine(szLine, szText);
   if (!g_bEtw) {
     OutputDebugStringA(szLine);
     return;
   }
   WCHAR wszLine[kTextSize] = {};
-  szLine[kTextSize - 1] = 0; // a line of 1024 bytes or more is cut to the wide buffer
+  szLine[kTextSize - 1] = 0; // a line of 1024 bytes or more is cut to fit the wide buffer
   MultiByteToWideChar(CP_THREAD_ACP, 0, szLine, -1, wszLine, static_cast<int>(kTextSize));
-  road.Write(wszLine);
+  channel.Write(wszLine);
 }
 
 void TraceMsgW(wchar_t const *wszFormat, ...) {
@@ -162,9 +162,9 @@ void TraceMsgW(wchar_t const *wszFormat, ...) {
   va_end(args);
 
   WCHAR wszLine[kLineSize];
-  EventRoad const road = MakeLine(wszLine, wszText);
+  EventChannel const channel = MakeLine(wszLine, wszText);
   if (g_bEtw)
-    road.Write(wszLine);
+    channel.Write(wszLine);
   else
     OutputDebugStringW(wszLine);
 }

@@ -2,6 +2,7 @@
 // caller's thread and touches no Python object but in InitKHServerURL.
 #include "service/KHLoginData.h"
 
+#include "service/JoinText.h"
 #include "service/ReachabilityProbe.h"
 #include "service/ServiceExchange.h"
 #include "service/ServiceHosts.h"
@@ -57,13 +58,9 @@ void KHLoginData::UpdateKHURLFromServer() {
   if (!CheckServerReachable(DetectionProbeUrl))
     return;
   RunExchange(RequestKind::AddressDetection, [this](ServiceExchange &exchange) {
-    CString strObject(L"khserver.jsp?ap=tintwright&version=");
-    strObject += m_strProdVersion;
-    if (!m_strVersionType.IsEmpty()) {
-      strObject += L"&versionType=";
-      strObject += m_strVersionType;
-    }
-    exchange.Send(DetectionHost, strObject); // the reply tells whether it was sent
+    WCHAR const *const wszTypeKey = m_strVersionType.IsEmpty() ? L"" : L"&versionType=";
+    exchange.Send(DetectionHost,
+                  JoinText({L"khserver.jsp?ap=tintwright&version=", m_strProdVersion, wszTypeKey, m_strVersionType}));
     ReadAddressDocument(exchange.ReadDocument());
   });
 }

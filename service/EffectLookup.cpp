@@ -1,8 +1,9 @@
 // The address of a shared effect by its GUID. The interpreter lock is held throughout.
 #include "service/KHLoginData.h"
 
-#include "service/ServiceExchange.h"
 #include "reply/UrlText.h"
+#include "service/JoinText.h"
+#include "service/ServiceExchange.h"
 
 #include <new>
 
@@ -34,11 +35,8 @@ CString KHLoginData::FindEffect(WCHAR const *wszPresetGUID) {
   CString const strToken = CopyLoginTokenID();
   RunExchange(RequestKind::EffectByGuid, [&](ServiceExchange &exchange) {
     EnsureKHServerURL();
-    CString strObject(L"/servlet/GetEffectByGUIDForTWR?token=");
-    strObject += strToken;
-    strObject += L"&guid=";
-    strObject += wszPresetGUID;
-    exchange.Send(m_strKHServerUrl, strObject); // the reply tells whether it was sent
+    exchange.Send(m_strKHServerUrl,
+                  JoinText({L"/servlet/GetEffectByGUIDForTWR?token=", strToken, L"&guid=", wszPresetGUID}));
     ForEachChild(exchange.ReadDocument(), L"PIP",
                  [&strPipURL](IXMLDOMNode *pNode) { ParseEffectPIP(pNode, strPipURL); });
   });

@@ -3,6 +3,7 @@
 
 #include "framework/CW2A.h"
 #include "platform/base/LastError.h"
+#include "service/JoinText.h"
 #include "service/ServiceExchange.h"
 #include "shell/ScopedGILRelease.h"
 #include "shell/Trace.h"
@@ -67,11 +68,7 @@ PyObject *GuardedRequest(WCHAR const *wszHost, int nPort, WCHAR const *wszPath, 
     return pDict;
   BOOL bSucc = FALSE;
   try {
-    CString strObject(wszPath);
-    if (wszQuery && *wszQuery) {
-      strObject += L"?";
-      strObject += wszQuery;
-    }
+    CString const strObject = JoinText({wszPath, wszQuery && *wszQuery ? L"?" : L"", wszQuery});
     CW2A const form(wszForm);
     Request(pDict, bSucc, wszHost, nPort, strObject, wszForm ? form.m_psz : nullptr);
   } catch (CInternetException *pException) {

@@ -2,16 +2,17 @@
 #include "service/KHLoginData.h"
 
 #include "framework/InternetSession.h"
-#include "service/ServiceHosts.h"
 #include "reply/UrlText.h"
+#include "service/JoinText.h"
+#include "service/ServiceHosts.h"
 #include "shell/Trace.h"
 
 #include <new>
 
 KHLoginData::KHLoginData(WCHAR const *wszProdVersion, WCHAR const *wszVersionType, WCHAR const *wszUUID)
     : m_strProdVersion(wszProdVersion), m_strVersionType(wszVersionType),
-      m_strSignUpURL(std::wstring(L"https://") + DefaultServiceHost + L"/signUp"),
-      m_strForgetPasswordURL(std::wstring(L"https://") + DefaultServiceHost + L"/forgetpwd"), m_strUUID(wszUUID) {
+      m_strSignUpURL(JoinText({L"https://", DefaultServiceHost, L"/signUp"})),
+      m_strForgetPasswordURL(JoinText({L"https://", DefaultServiceHost, L"/forgetpwd"})), m_strUUID(wszUUID) {
   TraceInit("KHLoginData");
   InitializeCriticalSection(&m_csToken);
   TraceMsgW(L"TWR version = %s", m_strProdVersion.GetString());
@@ -51,12 +52,7 @@ PyObject *KHLoginData::AddressText(CString const &strMember) {
     if (m_bLoggedIn)
       return NewText(DecodeURLText(strMember));
     EnsureKHServerURL();
-    CString strAddress(L"https://");
-    strAddress += m_strKHServerUrl;
-    strAddress += strMember;
-    strAddress += L"&uuid=";
-    strAddress += m_strUUID;
-    return NewText(DecodeURLText(strAddress));
+    return NewText(DecodeURLText(JoinText({L"https://", m_strKHServerUrl, strMember, L"&uuid=", m_strUUID})));
   } catch (std::bad_alloc const &) {
     return PyErr_NoMemory();
   }

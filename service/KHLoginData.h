@@ -6,8 +6,8 @@
 #include <Python.h>
 
 #include "framework/CString.h"
-#include "platform/system/Threads.h"
 #include "platform/http/WinInet.h"
+#include "platform/system/Threads.h"
 
 #include <atomic>
 

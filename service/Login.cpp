@@ -4,6 +4,7 @@
 
 #include "framework/CW2A.h"
 #include "platform/system/Browser.h"
+#include "service/JoinText.h"
 #include "service/ServiceExchange.h"
 #include "service/ServiceHosts.h"
 #include "shell/ScopedGILRelease.h"
@@ -41,21 +42,6 @@ LoginElement const LoginElement::kElements[8] = {
 namespace {
 
 constexpr int kMostCharacters = 259; // of a token or a first-login address; a longer one fails the login
-
-CString MakeLoginForm(WCHAR const *wszUserName, WCHAR const *wszPassword, CString const &strVersion,
-                      CString const &strVersionType, CString const &strUUID) {
-  CString strForm(L"account=");
-  strForm += wszUserName;
-  strForm += L"&pwd=";
-  strForm += wszPassword;
-  strForm += L"&AP=TWR&Version=";
-  strForm += strVersion;
-  strForm += L"&versionType=";
-  strForm += strVersionType;
-  strForm += L"&uuid=";
-  strForm += strUUID;
-  return strForm;
-}
 
 // Opens the first-login page if the reply names one. Returns: true if it names one, which is no login.
 bool OpenFirstLogin(IXMLDOMDocument *pDocument) {
@@ -103,7 +89,8 @@ UINT KHLoginData::Login(WCHAR const *wszUserName, WCHAR const *wszPassword) {
     TraceMsgW(L"Login KH fail: Can not reach the KH server");
     return 0;
   }
-  CW2A const form(MakeLoginForm(wszUserName, wszPassword, m_strProdVersion, m_strVersionType, m_strUUID));
+  CW2A const form(JoinText({L"account=", wszUserName, L"&pwd=", wszPassword, L"&AP=TWR&Version=", m_strProdVersion,
+                            L"&versionType=", m_strVersionType, L"&uuid=", m_strUUID}));
   UINT uResult = 0;
   CString strToken;
   DWORD const dwError = RunExchange(RequestKind::Login, [&](ServiceExchange &exchange) {

@@ -3,6 +3,7 @@
 #include "service/KHLoginData.h"
 
 #include "platform/text/Text.h"
+#include "service/JoinText.h"
 #include "service/ServiceExchange.h"
 
 #include <new>
@@ -42,11 +43,9 @@ PyObject *KHLoginData::GetPresetCategory(WCHAR const *wszLocationID) {
 void KHLoginData::FetchCategories(WCHAR const *wszLocationID) {
   RunExchange(RequestKind::PresetCategories, [&](ServiceExchange &exchange) {
     EnsureKHServerURL();
-    CString strObject(L"/servlet/getPresetCategory?ap=TWR&Locid=");
-    strObject += wszLocationID ? wszLocationID : L"(null)"; // as the formatter prints a null string
-    strObject += L"&version=";
-    strObject += m_strProdVersion;
-    exchange.Send(m_strKHServerUrl, strObject); // the reply tells whether it was sent
+    WCHAR const *const wszLocation = wszLocationID ? wszLocationID : L"(null)"; // as the formatter prints a null string
+    exchange.Send(m_strKHServerUrl,
+                  JoinText({L"/servlet/getPresetCategory?ap=TWR&Locid=", wszLocation, L"&version=", m_strProdVersion}));
     ForEachChild(exchange.ReadDocument(), L"categories", [this](IXMLDOMNode *pNode) { ParseCategories(pNode); });
   });
 }

@@ -56,9 +56,10 @@ public:
 
   /// Limits connecting and sending, in ms.
   void SetTimeouts(DWORD dwConnect, DWORD dwSend);
-  /// Connects, opens the request and sends it; `szForm` is the body of a row with a form, null for none. Returns: what
-  /// SendRequest returned. Throws CInternetException *, ERROR_INTERNET_INVALID_URL for an object name over the row's
-  /// limit, too.
+  /// Connects, opens the request and sends it. `wszObject` is narrowed in the thread's ANSI code page; `szForm` is the
+  /// body if the row has a form, null for none. Returns: what SendRequest returned. FALSE is a failure without a
+  /// number: most topics ignore it, because reading the reply then throws. Throws CInternetException *, with
+  /// ERROR_INTERNET_INVALID_URL for an object name over the row's limit, and std::bad_alloc.
   BOOL Send(WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm = nullptr);
   /// Reads the reply's bytes as the row says. Call after Send. A reply that breaks off is an exception, whatever came
   /// before: only an orderly end is an end. Throws CInternetException * (ERROR_HTTP_INVALID_SERVER_RESPONSE for a reply

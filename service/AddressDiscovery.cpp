@@ -11,29 +11,6 @@
 
 #include <new>
 
-/// An element of the address document and what becomes of it; a null text is no trace.
-struct DiscoveryElement {
-  WCHAR const *wszPath;
-  CString KHLoginData::*pMember;
-  WCHAR const *wszStored;
-  WCHAR const *wszQueryFailed;
-
-  static DiscoveryElement const kElements[6];
-};
-
-DiscoveryElement const DiscoveryElement::kElements[6] = {
-    {L"INFO/APIUrl", &KHLoginData::m_strKHServerUrl, nullptr, nullptr},
-    {L"INFO/AdjustmentPreset", &KHLoginData::m_strPresetDownloadURL, nullptr, nullptr},
-    {L"INFO/SignUp", &KHLoginData::m_strSignUpURL, L"TWR SignUp = %s",
-     L"Update KHInfo fail: Can not parse SignUp from xml."},
-    {L"INFO/ForgetPassword", &KHLoginData::m_strForgetPasswordURL, L"TWR ForgetPassword = %s",
-     L"Update KHInfo fail: Can not parse ForgetPassword from xml."},
-    {L"INFO/VideoGallery", &KHLoginData::m_strVideoGalleryURLLogout, L"TWR VideoGalleryURL_logout = %s",
-     L"Update KHInfo fail: Can not parse VideoGallery from xml."},
-    {L"INFO/Tutorial", &KHLoginData::m_strTutorialURL, L"TWR Tutorial = %s",
-     L"Update KHInfo fail: Can not parse Tutorial from xml."},
-};
-
 void KHLoginData::InitKHServerURL() {
   ScopedGILRelease const release;
   try {
@@ -66,13 +43,19 @@ void KHLoginData::UpdateKHURLFromServer() {
 }
 
 void KHLoginData::ReadAddressDocument(IXMLDOMDocument *pDocument) {
-  for (DiscoveryElement const &element : DiscoveryElement::kElements) {
-    ElementState const state = ReadElement(pDocument, element.wszPath, this->*element.pMember);
-    if (state == ElementState::QueryFailed && element.wszQueryFailed)
-      TraceMsgW(element.wszQueryFailed);
-    if (state == ElementState::Found && element.wszStored)
-      TraceMsgW(element.wszStored, (this->*element.pMember).GetString());
-  }
+  static constexpr ReplyElement kElements[] = {
+      {L"INFO/APIUrl", &KHLoginData::m_strKHServerUrl, nullptr, nullptr},
+      {L"INFO/AdjustmentPreset", &KHLoginData::m_strPresetDownloadURL, nullptr, nullptr},
+      {L"INFO/SignUp", &KHLoginData::m_strSignUpURL, L"TWR SignUp = %s",
+       L"Update KHInfo fail: Can not parse SignUp from xml."},
+      {L"INFO/ForgetPassword", &KHLoginData::m_strForgetPasswordURL, L"TWR ForgetPassword = %s",
+       L"Update KHInfo fail: Can not parse ForgetPassword from xml."},
+      {L"INFO/VideoGallery", &KHLoginData::m_strVideoGalleryURLLogout, L"TWR VideoGalleryURL_logout = %s",
+       L"Update KHInfo fail: Can not parse VideoGallery from xml."},
+      {L"INFO/Tutorial", &KHLoginData::m_strTutorialURL, L"TWR Tutorial = %s",
+       L"Update KHInfo fail: Can not parse Tutorial from xml."},
+  };
+  ReadElements(pDocument, kElements);
 }
 
 BOOL KHLoginData::CheckServerReachable(char const *szUrl) {

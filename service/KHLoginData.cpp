@@ -1,13 +1,30 @@
-// See KHLoginData.h: life, lock and getters. The requests stand in files of their own, one a topic.
+// See KHLoginData.h: lifetime, lock, getters, and the reading of reply elements. Each topic's requests have a file of
+// their own.
 #include "service/KHLoginData.h"
 
 #include "framework/InternetSession.h"
+#include "reply/Document.h"
 #include "reply/UrlText.h"
 #include "service/JoinText.h"
 #include "service/ServiceHosts.h"
 #include "shell/Trace.h"
 
 #include <new>
+
+namespace {
+
+class SectionLock {
+public:
+  explicit SectionLock(CRITICAL_SECTION &section) : m_section(section) { EnterCriticalSection(&m_section); }
+  SectionLock(SectionLock const &) = delete;
+  SectionLock &operator=(SectionLock const &) = delete;
+  ~SectionLock() { LeaveCriticalSection(&m_section); }
+
+private:
+  CRITICAL_SECTION &m_section;
+};
+
+} // namespace
 
 KHLoginData::KHLoginData(WCHAR const *wszProdVersion, WCHAR const *wszVersionType, WCHAR const *wszUUID)
     : m_strProdVersion(wszProdVersion), m_strVersionType(wszVersionType),
@@ -17,7 +34,7 @@ KHLoginData::KHLoginData(WCHAR const *wszProdVersion, WCHAR const *wszVersionTyp
   InitializeCriticalSection(&m_csToken);
   TraceMsgW(L"TWR version = %s", m_strProdVersion.GetString());
   TraceMsgW(L"TWR versionType = %s", m_strVersionType.GetString());
-  // The agent of every session that is given none.
+  // Sessions that are given no agent use this name.
   if (!AfxGetModuleState()->m_lpszCurrentAppName)
     AfxGetModuleState()->m_lpszCurrentAppName = L"DummyAppNameForMFCClass";
 }
@@ -33,53 +50,52 @@ PyObject *KHLoginData::GetVideoGalleryURL() {
   return Py_BuildValue("(u,u)", m_strVideoGalleryURLLogout.GetString(), m_strVideoGalleryURLLogin.GetString());
 }
 
-PyObject *KHLoginData::GetLoginTokenID() {
-  try {
-    return NewText(CopyLoginTokenID());
-  } catch (std::bad_alloc const &) {
-    return PyErr_NoMemory();
-  }
-}
+PyObject *KHLoginData::GetLoginTokenID() { return NewText(CopyLoginTokenID()); }
 
 PyObject *KHLoginData::GetSignUpURL() { return AddressText(m_strSignUpURL); }
 PyObject *KHLoginData::GetForgetPasswordURL() { return AddressText(m_strForgetPasswordURL); }
 PyObject *KHLoginData::GetTutorialURL() { return AddressText(m_strTutorialURL); }
 PyObject *KHLoginData::GetPresetDownloadURL() { return AddressText(m_strPresetDownloadURL); }
 
-// `strMember` is read behind the lookup, which may change it.
+// `strMember` is read after the lookup, which may change it.
 PyObject *KHLoginData::AddressText(CString const &strMember) {
-  try {
-    if (m_bLoggedIn)
-      return NewText(DecodeURLText(strMember));
-    EnsureKHServerURL();
-    return NewText(DecodeURLText(JoinText({L"https://", m_strKHServerUrl, strMember, L"&uuid=", m_strUUID})));
-  } catch (std::bad_alloc const &) {
-    return PyErr_NoMemory();
-  }
+  if (m_bLoggedIn)
+    return NewText(DecodeURLText(strMember));
+  EnsureKHServerURL();
+  return NewText(DecodeURLText(JoinText({L"https://", m_strKHServerUrl, strMember, L"&uuid=", m_strUUID})));
 }
 
 void KHLoginData::SetKHURLAsReg(WCHAR *wszKHURL) {
   try {
     m_strKHServerUrl = CString(wszKHURL);
   } catch (std::bad_alloc const &) {
-    // the host stays as it was
+    // The host stays as it was.
   }
 }
 
 CString KHLoginData::CopyLoginTokenID() {
-  EnterCriticalSection(&m_csToken);
-  try {
-    CString strToken = m_strLoginTokenID;
-    LeaveCriticalSection(&m_csToken);
-    return strToken;
-  } catch (std::bad_alloc const &) {
-    LeaveCriticalSection(&m_csToken);
-    throw;
-  }
+  SectionLock const lock(m_csToken);
+  return m_strLoginTokenID;
 }
 
 void KHLoginData::SetLoginTokenID(CString strToken) {
-  EnterCriticalSection(&m_csToken);
+  SectionLock const lock(m_csToken);
   m_strLoginTokenID = std::move(strToken);
-  LeaveCriticalSection(&m_csToken);
+}
+
+bool KHLoginData::ReadElements(IXMLDOMDocument *pDocument, std::span<ReplyElement const> elements) {
+  bool bSucceeded = true;
+  for (ReplyElement const &element : elements) {
+    CString strDropped;
+    CString &strText = element.pMember ? this->*element.pMember : strDropped;
+    ElementState const state = ReadElement(pDocument, element.wszPath, strText);
+    if (state == ElementState::Found && element.wszStored)
+      TraceMsgW(element.wszStored, strText.GetString());
+    if (state != ElementState::QueryFailed)
+      continue;
+    if (element.wszQueryFailed)
+      TraceMsgW(element.wszQueryFailed);
+    bSucceeded = bSucceeded && !element.bQueryMustSucceed;
+  }
+  return bSucceeded;
 }

@@ -10,6 +10,7 @@
 #include "platform/system/Threads.h"
 
 #include <atomic>
+#include <span>
 
 struct IXMLDOMDocument;
 
@@ -69,11 +70,20 @@ public:
   char m_szChkServerUrl[_MAX_PATH] = {};
 
 private:
-  friend struct DiscoveryElement;
-  friend struct LoginElement;
+  /// An element of a reply, the member that keeps its text, and the trace lines about it.
+  struct ReplyElement {
+    WCHAR const *wszPath;
+    CString KHLoginData::*pMember; ///< Null: the text is read and dropped.
+    WCHAR const *wszStored;        ///< Its %s is the text. Null: no trace.
+    WCHAR const *wszQueryFailed;   ///< Null: no trace.
+    bool bQueryMustSucceed = false;
+  };
+  /// Reads the elements in order, each whatever became of the others. Returns: false if a query that must succeed
+  /// failed; an element that is missing is no failure.
+  bool ReadElements(IXMLDOMDocument *pDocument, std::span<ReplyElement const> elements);
 
   // Address discovery. None of it touches Python.
-  void EnsureKHServerURL(); ///< Afterwards m_strKHServerUrl is not empty, except when memory is short.
+  void EnsureKHServerURL(); ///< Leaves m_strKHServerUrl not empty, or throws std::bad_alloc.
   void UpdateKHURLFromServer();
   void ReadAddressDocument(IXMLDOMDocument *pDocument);
   BOOL CheckServerReachable(char const *szUrl);

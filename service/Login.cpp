@@ -1,5 +1,4 @@
-// Login and logout. Login runs without the interpreter lock from its first blocking step on and touches no Python
-// object.
+// Login and logout. Login releases the GIL before its first step that blocks and uses no Python object from then on.
 #include "service/KHLoginData.h"
 
 #include "framework/CW2A.h"
@@ -12,38 +11,11 @@
 
 #include <new>
 
-/// An element of the login reply behind the token, and what becomes of it; a null member is read and dropped.
-struct LoginElement {
-  WCHAR const *wszPath;
-  CString KHLoginData::*pMember;
-  WCHAR const *wszStored; ///< Null: no trace.
-  WCHAR const *wszQueryFailed;
-  bool bFailedQueryEndsLogin;
-
-  static LoginElement const kElements[8];
-};
-
-LoginElement const LoginElement::kElements[8] = {
-    {L"info/username", &KHLoginData::m_strUserName, nullptr, L"Login KH fail: Can not parse username from xml.", true},
-    {L"info/profileURL", &KHLoginData::m_strUserProfileURL, nullptr,
-     L"Login KH fail: Can not parse profileURL from xml.", true},
-    {L"info/VideoGallery", &KHLoginData::m_strVideoGalleryURLLogin, L"TWR VideoGalleryURL_login = %s",
-     L"Login KH fail: Can not parse VideoGallery from xml.", false},
-    {L"info/AdjustmentPreset", &KHLoginData::m_strPresetDownloadURL, nullptr,
-     L"Login KH fail: Can not parse AdjustmentPreset from xml.", true},
-    {L"info/Tutorial", &KHLoginData::m_strTutorialURL, L"TWR Tutorial = %s",
-     L"Login KH fail: Can not parse Tutorial from xml.", false},
-    {L"info/search", nullptr, nullptr, L"Login KH fail: Can not parse search from xml.", true},
-    {L"info/RevisionAPI", &KHLoginData::m_strRevisionAPI, L"TWR Revision API = %s",
-     L"Update KHInfo fail: Can not parse Revision API from xml.", false},
-    {L"info/errMsg", nullptr, nullptr, L"Login KH fail: Can not parse errMsg from xml.", true},
-};
-
 namespace {
 
-constexpr int kMostCharacters = 259; // of a token or a first-login address; a longer one fails the login
+constexpr int kMostCharacters = 259; // of a token or a first-login address; a longer one makes the login fail
 
-// Opens the first-login page if the reply names one. Returns: true if it names one, which is no login.
+// Opens the first-login page if the reply names one. Returns: whether it does; the login then fails.
 bool OpenFirstLogin(IXMLDOMDocument *pDocument) {
   CString strAddress;
   ReadElement(pDocument, L"info/firstloginUrl", strAddress);
@@ -54,16 +26,16 @@ bool OpenFirstLogin(IXMLDOMDocument *pDocument) {
   return true;
 }
 
-// Returns: 1 with the token, which may be empty; 0 without one.
-UINT ReadToken(IXMLDOMDocument *pDocument, CString &strToken) {
+// Returns: true and the token, which may be empty; false if there is none or it is too long.
+bool ReadToken(IXMLDOMDocument *pDocument, CString &strToken) {
   ElementState const state = ReadElement(pDocument, L"info/tokenid", strToken);
   if (state == ElementState::QueryFailed)
     TraceMsgW(L"Login KH fail: Can not parse tokenid from xml.");
   if (state != ElementState::Found) {
     TraceMsgW(L"No tokenID, login failed!!");
-    return 0;
+    return false;
   }
-  return strToken.GetLength() <= kMostCharacters ? 1 : 0;
+  return strToken.GetLength() <= kMostCharacters;
 }
 
 } // namespace
@@ -108,23 +80,28 @@ UINT KHLoginData::Login(WCHAR const *wszUserName, WCHAR const *wszPassword) {
   return uResult;
 }
 
-// Stores what the reply holds, also when it is no login. Returns: 1 with the token for a login, else 0.
+// Stores what the reply holds, even if the login fails. Returns: 1 and the token for a login, else 0.
 UINT KHLoginData::ReadLoginReply(IXMLDOMDocument *pDocument, CString &strToken) {
+  static constexpr ReplyElement kElements[] = {
+      {L"info/username", &KHLoginData::m_strUserName, nullptr, L"Login KH fail: Can not parse username from xml.",
+       true},
+      {L"info/profileURL", &KHLoginData::m_strUserProfileURL, nullptr,
+       L"Login KH fail: Can not parse profileURL from xml.", true},
+      {L"info/VideoGallery", &KHLoginData::m_strVideoGalleryURLLogin, L"TWR VideoGalleryURL_login = %s",
+       L"Login KH fail: Can not parse VideoGallery from xml."},
+      {L"info/AdjustmentPreset", &KHLoginData::m_strPresetDownloadURL, nullptr,
+       L"Login KH fail: Can not parse AdjustmentPreset from xml.", true},
+      {L"info/Tutorial", &KHLoginData::m_strTutorialURL, L"TWR Tutorial = %s",
+       L"Login KH fail: Can not parse Tutorial from xml."},
+      {L"info/search", nullptr, nullptr, L"Login KH fail: Can not parse search from xml.", true},
+      {L"info/RevisionAPI", &KHLoginData::m_strRevisionAPI, L"TWR Revision API = %s",
+       L"Update KHInfo fail: Can not parse Revision API from xml."},
+      {L"info/errMsg", nullptr, nullptr, L"Login KH fail: Can not parse errMsg from xml.", true},
+  };
   bool const bFirstLogin = OpenFirstLogin(pDocument);
-  UINT uResult = ReadToken(pDocument, strToken);
-  for (LoginElement const &element : LoginElement::kElements) {
-    CString strDropped;
-    CString &strText = element.pMember ? this->*element.pMember : strDropped;
-    ElementState const state = ReadElement(pDocument, element.wszPath, strText);
-    if (state == ElementState::QueryFailed) {
-      TraceMsgW(element.wszQueryFailed);
-      if (element.bFailedQueryEndsLogin)
-        uResult = 0;
-    } else if (state == ElementState::Found && element.wszStored) {
-      TraceMsgW(element.wszStored, strText.GetString());
-    }
-  }
-  return bFirstLogin ? 0 : uResult;
+  bool const bToken = ReadToken(pDocument, strToken);
+  bool const bElements = ReadElements(pDocument, kElements);
+  return bToken && bElements && !bFirstLogin ? 1 : 0;
 }
 
 void KHLoginData::LogoutKestrelhub() {

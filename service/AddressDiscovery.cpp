@@ -1,5 +1,5 @@
 // Address discovery: asks the detection host for the address document, and falls back to the staging host. Runs on the
-// caller's thread and touches no Python object but in InitKHServerURL.
+// caller's thread and uses no Python object.
 #include "service/KHLoginData.h"
 
 #include "service/JoinText.h"
@@ -16,7 +16,7 @@ void KHLoginData::InitKHServerURL() {
   try {
     EnsureKHServerURL();
   } catch (std::bad_alloc const &) {
-    // the host stays empty; the next operation tries again
+    // The host stays empty; the next operation tries again.
   }
 }
 

@@ -1,4 +1,4 @@
-// The address of a shared effect by its GUID. The interpreter lock is held throughout.
+// Looks up the address of a shared effect by its GUID. Holds the GIL throughout.
 #include "service/KHLoginData.h"
 
 #include "reply/UrlText.h"
@@ -9,7 +9,7 @@
 
 namespace {
 
-// Keeps the text of the last pipURL below a PIP element.
+// Reads the text of the last pipURL in a PIP element.
 void ParseEffectPIP(IXMLDOMNode *pNode, CString &strPipURL) {
   ForEachChild(pNode, L"pipURL", [&strPipURL](IXMLDOMNode *pChild) {
     CComBSTR bstrText;
@@ -26,7 +26,7 @@ PyObject *KHLoginData::GetEffectByGUID(WCHAR const *wszPresetGUID) {
   try {
     return NewText(DecodeURLText(FindEffect(wszPresetGUID)));
   } catch (std::bad_alloc const &) {
-    return NewText(CString()); // as after a failed exchange
+    return NewText(CString()); // as for a failed exchange
   }
 }
 

@@ -17,15 +17,15 @@ namespace {
 constexpr DWORD kTimeout = 5000; // ms to connect, and without progress while sending
 constexpr UINT kErrorSize = 80;  // wide characters, terminator included
 
-// Sets a key to a value whose reference it takes over; null, when Python has no memory, leaves the key out.
+// Sets a key and steals the reference to the value. A null value (Python is out of memory) leaves the key out.
 void SetKey(PyObject *pDict, char const *szKey, PyObject *pValue) {
   if (!pValue || PyDict_SetItemString(pDict, szKey, pValue) != 0)
     PyErr_Clear();
   Py_XDECREF(pValue);
 }
 
-// Connects and sends without the interpreter lock. A failure waits until the lock is back: Python may end the thread
-// where it would take the lock, which no exception that is on its way survives.
+// Connects and sends without the GIL. An exception is kept until the GIL is back: Python may end the thread where it
+// takes the GIL, and unwinding the stack for that while an exception is in flight would terminate the process.
 BOOL SendReleased(ServiceExchange &exchange, WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm) {
   BOOL bSent = FALSE;
   std::exception_ptr failure;
@@ -44,7 +44,8 @@ BOOL SendReleased(ServiceExchange &exchange, WCHAR const *wszHost, WCHAR const *
   return bSent;
 }
 
-// The exchange behind the argument tests. `szForm` null: no headers and no body. `bSucc` is what SendRequest returned.
+// The exchange, after the arguments have been tested. A null `szForm` means no headers and no body. `bSucc` becomes
+// what SendRequest returned, and keeps it if reading the reply then throws.
 void Request(PyObject *pDict, BOOL &bSucc, WCHAR const *wszHost, int nPort, WCHAR const *wszObject,
              char const *szForm) {
   RequestKind const kind =
@@ -77,7 +78,7 @@ PyObject *GuardedRequest(WCHAR const *wszHost, int nPort, WCHAR const *wszPath, 
     pException->Delete();
     SetKey(pDict, "errMsg", Py_BuildValue("u", wszError));
   } catch (std::bad_alloc const &) {
-    // as a request that could not be sent, or a reply that was not read
+    // The keys set so far stand, as if the request was not sent or its reply not read.
   }
   SetKey(pDict, "bSucc", Py_BuildValue("b", bSucc));
   return pDict;

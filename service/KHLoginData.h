@@ -1,6 +1,8 @@
-// The session object through which Python talks to the community service: the service's host, the member's token and
-// name, and every address that the service handed out. Runs on its caller's thread; while one thread is inside
-// LoginKestrelhub, which lets go of the interpreter lock, another may use GetLoginTokenID only.
+// The session object through which Python talks to the community service. It holds the service's host, the member's
+// token and name, and every address that the service returned.
+//
+// Thread: any, one at a time, with the GIL held. LoginKestrelhub and InitKHServerURL release the GIL; while one of them
+// runs, another thread may use GetLoginTokenID only. All other requests hold the GIL until they return.
 #pragma once
 
 #include <Python.h>
@@ -16,56 +18,60 @@ struct IXMLDOMDocument;
 
 class KHLoginData {
 public:
-  /// Product version, version type and installation uuid, copied and fixed for the object's life; a null counts as
-  /// empty. Makes no request. May throw std::bad_alloc.
+  /// Copies the product version, the version type and the installation uuid, which never change; null counts as empty.
+  /// Makes no request. May throw std::bad_alloc.
   KHLoginData(WCHAR const *wszProdVersion, WCHAR const *wszVersionType, WCHAR const *wszUUID);
   KHLoginData(KHLoginData const &) = delete;
   KHLoginData &operator=(KHLoginData const &) = delete;
   ~KHLoginData();
 
-  /// Logs a member in. Returns: 1 logged in; 0 not, for a reason that only the trace tells; else the number (12000
-  /// range) of the network failure. Only 1 is success. Lets go of the interpreter lock. Blocks for the detection, a
-  /// probe of at most 5.5 s and one exchange under the HTTP layer's limits.
+  /// Logs a member in. Returns: 1 if logged in; 0 if not, for a reason that at most the trace shows; otherwise the
+  /// number (12000 range) of the network failure. Releases the GIL. Blocks for the detection if the host is unknown,
+  /// a probe of some 5.5 s at most and one exchange under the HTTP layer's limits. An earlier login stays in force
+  /// after a failure, except after a null argument; other members may already hold values of the failed attempt.
   UINT LoginKestrelhub(WCHAR const *wszUserName, WCHAR const *wszPassword);
-  /// Forgets the session; no request.
+  /// Forgets host, token, name and addresses, but not the logged-out gallery address. Makes no request.
   void LogoutKestrelhub();
-  /// Finds the service's host unless it is known. Lets go of the interpreter lock.
+  /// Finds the service's host unless it is known. Releases the GIL. Leaves the host unknown if it runs out of memory.
   void InitKHServerURL();
-  /// Fixes the service's host; nothing is looked up then. The text is not checked.
+  /// Sets the service's host, unchecked, so that none is looked up. The host stays as it was if memory runs out.
   void SetKHURLAsReg(WCHAR *wszKHURL);
 
-  // Plain getters: a new reference to a str (two in a tuple for the gallery: logged out, logged in), empty when unset.
+  // Plain getters. Return a new reference to a str, empty if unset; the gallery's is a tuple of two (logged out, logged
+  // in). Null with a Python error, or std::bad_alloc, if memory runs out.
   PyObject *GetRevisionAPI();
   PyObject *GetUserName();
   PyObject *GetUserProfileURL();
   PyObject *GetVideoGalleryURL();
   PyObject *GetServerUrl();
-  PyObject *GetLoginTokenID(); ///< Thread: any.
+  PyObject *GetLoginTokenID(); ///< Thread: any, also while another one is inside LoginKestrelhub.
 
-  // Address getters: the page's address, percent-decoded. Logged out, "https://", host, member, "&uuid=" and the uuid
-  // joined; they then find the host first and hold the interpreter lock meanwhile.
+  // Address getters, with the same results: the page's address, percent-decoded. When logged out, they find the host
+  // first if it is unknown, and join "https://", the host, the member, "&uuid=" and the uuid.
   PyObject *GetSignUpURL();
   PyObject *GetForgetPasswordURL();
   PyObject *GetTutorialURL();
   PyObject *GetPresetDownloadURL();
 
-  /// Fetches the categories of a location into the cache. Returns: new reference to a dict of the whole cache, id to
-  /// name; None if no dict can be had. Holds the interpreter lock.
+  /// Fetches the categories of a location and adds them to the cache. Returns: a new reference to a dict from id to
+  /// name of the whole cache, cut short at the first entry with an empty name; None if no dict can be created.
   PyObject *GetPresetCategory(WCHAR const *wszLocationID);
-  /// The cached name of a category id. Returns: TRUE and the name, or FALSE with `strCategroy` unchanged. No request.
+  /// Looks up the cached name of a category id; no request. Returns: TRUE and the name, or FALSE, with `strCategroy`
+  /// unchanged.
   BOOL GetCategroyName(int nCategroyIndex, CString &strCategroy);
-  int GetCategoryCount(); ///< Entries in the cache. No request.
-  /// The address of a shared effect, percent-decoded. Returns: new reference to a str: one blank for null, empty when
-  /// the service knows none or the exchange failed. Holds the interpreter lock.
+  /// Returns: the number of cached categories; no request.
+  int GetCategoryCount();
+  /// Asks for the address of a shared effect. Returns: a new reference to a str, percent-decoded; one blank for null;
+  /// empty if the service knows no such effect or the exchange failed.
   PyObject *GetEffectByGUID(WCHAR const *wszPresetGUID);
-  /// Tells the service of a video, in two exchanges. Returns: new reference to the str that the service answers, or one
-  /// blank on any failure; null without a Python error if the second reply is empty. Holds the interpreter lock.
+  /// Registers a video with the service, in two exchanges. Returns: a new reference to a str, the address in the
+  /// service's answer or one blank on any failure; null without a Python error if the second reply is empty.
   PyObject *SetRelateVideo(WCHAR const *wszVideoURL, WCHAR const *wszWebsite, WCHAR const *wszVideoInfo);
 
-  // The last probe (ReachabilityProbe.h).
+  // State of the last probe; see ReachabilityProbe.h.
   std::atomic<HINTERNET> m_hInternet = nullptr;
   std::atomic<HINTERNET> m_hConnect = nullptr;
-  HINTERNET m_hRequest = nullptr; ///< Used by no operation.
+  HINTERNET m_hRequest = nullptr; ///< Not used.
   std::atomic<BOOL> m_bServerReachable = FALSE;
   char m_szChkServerUrl[_MAX_PATH] = {};
 
@@ -78,17 +84,16 @@ private:
     WCHAR const *wszQueryFailed;   ///< Null: no trace.
     bool bQueryMustSucceed = false;
   };
-  /// Reads the elements in order, each whatever became of the others. Returns: false if a query that must succeed
-  /// failed; an element that is missing is no failure.
+  /// Reads all elements in order. Returns: false if a query that must succeed failed; a missing element is no failure.
   bool ReadElements(IXMLDOMDocument *pDocument, std::span<ReplyElement const> elements);
 
-  // Address discovery. None of it touches Python.
+  // Address discovery. Uses no Python object.
   void EnsureKHServerURL(); ///< Leaves m_strKHServerUrl not empty, or throws std::bad_alloc.
   void UpdateKHURLFromServer();
   void ReadAddressDocument(IXMLDOMDocument *pDocument);
   BOOL CheckServerReachable(char const *szUrl);
 
-  // Login. None of it touches Python.
+  // Login. Uses no Python object.
   UINT Login(WCHAR const *wszUserName, WCHAR const *wszPassword);
   UINT ReadLoginReply(IXMLDOMDocument *pDocument, CString &strToken);
 
@@ -118,8 +123,8 @@ private:
   CString m_strRevisionAPI;
   CString m_strUUID;
   CMapStringToString m_mapCategory{10};
-  CRITICAL_SECTION m_csToken; // held for one string copy at a time
+  CRITICAL_SECTION m_csToken; // held for no longer than one string copy
 };
 
-/// A new reference to a str of the text.
+/// Returns: a new reference to a str of the text; null with a Python error if memory runs out.
 inline PyObject *NewText(CString const &strText) { return Py_BuildValue("u", strText.GetString()); }

@@ -1,5 +1,5 @@
-// The list of preset categories: fetched by location, merged into the session's cache, handed out whole. The
-// interpreter lock is held throughout and keeps the cache's users apart.
+// Preset categories: fetches the list of a location, merges it into the session's cache, and returns the whole cache.
+// Holds the GIL throughout, which is what guards the cache.
 #include "service/KHLoginData.h"
 
 #include "platform/text/Text.h"
@@ -10,7 +10,7 @@
 
 namespace {
 
-// Copies one entry. Returns: false, with no Python error, for an empty id or name and when Python has no memory.
+// Copies one entry. Returns: false, without a Python error, if id or name is empty or Python is out of memory.
 bool AddEntry(PyObject *pDict, std::wstring const &strId, std::wstring const &strName) {
   if (strId.empty() || strName.empty())
     return false;
@@ -70,7 +70,7 @@ void KHLoginData::ParseCategory(IXMLDOMNode *pNode) {
 
 int KHLoginData::GetCategoryCount() { return static_cast<int>(m_mapCategory.GetCount()); }
 
-// The number is the category's id, not its place in the list.
+// The number is the category's id, not its position in the list.
 BOOL KHLoginData::GetCategroyName(int nCategroyIndex, CString &strCategroy) {
   WCHAR wszKey[16] = {};
   _snwprintf_s(wszKey, sizeof wszKey / sizeof *wszKey, _TRUNCATE, L"%d", nCategroyIndex);

@@ -1,6 +1,6 @@
-// See ReachabilityProbe.h. Each handle is taken out of its place by one exchange before it is closed, so that the
-// helper thread and the waiter never both close it. The thread reaches the probe through a ProbeRun alone, which the
-// two own together: a waiter whose wait fails leaves, and the thread then touches nothing but what is its own.
+// See ReachabilityProbe.h. A handle is taken out of its member by an atomic exchange before it is closed, so that the
+// helper thread and the waiter never both close it. The thread accesses the probe only through a ProbeRun that it
+// shares with the waiter: a waiter whose wait fails detaches the probe, and the thread then uses only what it owns.
 #include "service/ReachabilityProbe.h"
 
 #include "platform/system/Threads.h"
@@ -20,7 +20,7 @@ public:
   explicit ProbeRun(ReachabilityProbe &probe) : m_pProbe(&probe) {
     std::memcpy(szUrl, probe.m_szChkServerUrl, sizeof szUrl);
   }
-  /// Does the work on the probe. Returns: false, with nothing done, once the waiter has left.
+  /// Calls `work` with the probe, under the lock. Returns: false, without a call, once the waiter has left.
   template <class Work> bool WithProbe(Work work) {
     std::lock_guard<std::mutex> const lock(m_mutex);
     if (m_pProbe)
@@ -49,14 +49,14 @@ void CloseBoth(ReachabilityProbe &probe) {
   CloseTaken(probe.m_hInternet);
 }
 
-// Null if the thread can't be had.
+// Returns: null if no thread can be started.
 HANDLE StartThread(std::shared_ptr<ProbeRun> const &run) {
   auto pThreadsRun = std::make_unique<std::shared_ptr<ProbeRun>>(run);
   unsigned uThreadId = 0;
   auto const hThread = reinterpret_cast<HANDLE>(
       _beginthreadex(nullptr, 0, ReachabilityProbe::ReachabilityThreadProc, pThreadsRun.get(), 0, &uThreadId));
   if (hThread)
-    static_cast<void>(pThreadsRun.release()); // the thread's now
+    static_cast<void>(pThreadsRun.release()); // owned by the thread now
   return hThread;
 }
 
@@ -76,7 +76,7 @@ BOOL ReachabilityProbe::CheckServerReachable(char const *szUrl) try {
   while (nWaits < kWaits && WaitForSingleObject(hThread, kWait) == WAIT_TIMEOUT)
     ++nWaits;
   if (nWaits == kWaits) {
-    CloseBoth(*this); // ends the thread's blocked call
+    CloseBoth(*this); // ends the call in which the thread is blocked
     WaitForSingleObject(hThread, INFINITE);
   }
   CloseHandle(hThread);

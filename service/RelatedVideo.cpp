@@ -1,5 +1,5 @@
-// Tells the service of a video under the member's token: one exchange obtains a video id, a second hands over the video
-// and receives an address. The interpreter lock is held throughout.
+// Registers a video under the member's token: the first exchange obtains a video id, the second sends the video's data
+// and receives an address. Holds the GIL throughout.
 #include "service/KHLoginData.h"
 
 #include "service/JoinText.h"

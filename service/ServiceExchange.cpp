@@ -20,7 +20,8 @@ constexpr DWORD kSecurityOption =
 constexpr int POST = CHttpConnection::HTTP_VERB_POST;
 constexpr int GET = CHttpConnection::HTTP_VERB_GET;
 constexpr std::size_t kMostDocument = 8 * 1024 * 1024; // bytes
-constexpr std::size_t kReadBlock = 0x10000; // bytes; a declared length costs no memory before its bytes are there
+constexpr std::size_t kReadBlock =
+    0x10000; // bytes; keeps a declared length from costing memory before its bytes arrive
 
 // clang-format off
 constexpr ExchangeVariant kVariants[] = {
@@ -83,7 +84,7 @@ std::string ServiceExchange::ReadReply() {
     CString strLength;
     m_pFile->QueryInfo(HTTP_QUERY_CONTENT_LENGTH, strLength);
     int const nLength = _wtoi(strLength);
-    strReply = ReadUpTo(nLength > 0 ? static_cast<std::size_t>(nLength) : 0); // a negative length is no body
+    strReply = ReadUpTo(nLength > 0 ? static_cast<std::size_t>(nLength) : 0); // a negative length means no body
   } else if (m_variant.replySize == ReplySize::Available) {
     strReply = ReadAvailable();
   } else {
@@ -96,15 +97,15 @@ std::string ServiceExchange::ReadReply() {
 
 CComPtr<IXMLDOMDocument> ServiceExchange::ReadDocument() { return LoadReply(ReadReply()); }
 
-// What is there when the first byte is; empty at the end.
+// The bytes that are available when the first one has arrived; empty at the end of the reply.
 std::string ServiceExchange::ReadAvailable() {
   auto const cb = static_cast<DWORD>(m_pFile->GetLength());
   if (cb == 0)
-    CheckEnd(); // GetLength gives 0 for a failure, too
+    CheckEnd(); // GetLength returns 0 for a failure, too
   return ReadUpTo(cb);
 }
 
-// What one read of `cb` bytes gives, taken in blocks; less only at the reply's orderly end.
+// One read of `cb` bytes, done in blocks. Returns fewer only if the reply ends in order.
 std::string ServiceExchange::ReadUpTo(std::size_t cb) {
   std::string strRead;
   while (strRead.size() < cb) {
@@ -122,7 +123,7 @@ std::string ServiceExchange::ReadUpTo(std::size_t cb) {
   return strRead;
 }
 
-// A short read may be what came before a loss, a time-out or a limit: the next one then throws.
+// A short read may hold what came before a loss, a time-out or a limit; in that case the next read throws.
 void ServiceExchange::CheckEnd() {
   char c = 0;
   m_pFile->Read(&c, sizeof c);

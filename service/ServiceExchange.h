@@ -1,5 +1,5 @@
-// The one way in which a request goes to the service and its XML comes back: a procedure over a table of variants.
-// Blocks the calling thread. Knows nothing of Python.
+// The only way to send the service a request and read its reply, except for uploads: one procedure over a table of
+// variants. Runs on the calling thread and blocks it. Knows nothing of Python.
 #pragma once
 
 #include "framework/CString.h"
@@ -21,51 +21,53 @@ enum class RequestKind {
   BlockingRequestPlain,
 };
 
-/// Where the size of the reply comes from, and with it how often it is read.
+/// Where the size of the reply comes from, and so how often it is read.
 enum class ReplySize {
-  ContentLength, ///< Once, as the header says; a reply without one counts as empty.
-  Available,     ///< Once, what is there when the first bytes are.
-  AvailableLoop, ///< As long as there is something.
+  ContentLength, ///< Once, as many bytes as the header declares; a reply without the header counts as empty.
+  Available,     ///< Once, the bytes that are available when the first one has arrived.
+  AvailableLoop, ///< Like Available, repeated until the end; each piece counts up to its first zero byte.
 };
 
-/// A row of the table: how one kind of request differs from the others.
+/// A row of the table: what distinguishes one kind of request from the others.
 struct ExchangeVariant {
   RequestKind kind;
-  WCHAR const *wszOperation; ///< Name in the trace.
+  WCHAR const *wszOperation; ///< Its name in the trace.
   WCHAR const *wszAgent;     ///< Null: the module's application name.
   int nVerb;
   INTERNET_PORT nPort;
-  DWORD dwFlags;        ///< Of OpenRequest.
+  DWORD dwFlags;        ///< For OpenRequest.
   bool bSecurityOption; ///< Set the security option if the host is a demo or staging host.
-  bool bForm;           ///< Goes out with the fixed headers and a form body.
+  bool bForm;           ///< Has the fixed headers and a form body, if Send is given one.
   ReplySize replySize;
-  std::size_t cchMostObject; ///< Longest object name in characters; a longer one is refused. 0: no limit.
-  std::size_t cbMostReply;   ///< Longest reply in bytes; more is no reply. 0: the HTTP layer's limit.
+  std::size_t cchMostObject; ///< Longest object name, in characters; a longer one is refused. 0: no limit.
+  std::size_t cbMostReply;   ///< Longest reply, in bytes; a longer one throws. 0: the HTTP layer's limit.
 };
 
 ExchangeVariant const &VariantOf(RequestKind kind);
 
-/// Headers of the requests with a form body, divided by a single line feed.
+/// The headers of a request with a form body, separated by a single line feed.
 extern WCHAR const kFormHeaders[];
 
-/// One exchange, in stages. The session lives from construction to destruction.
+/// One exchange, in stages. Session, connection and request stay open until destruction.
 class ServiceExchange {
 public:
-  /// Makes the session. Throws CInternetException *.
+  /// Opens the session. `variant` is borrowed. Throws CInternetException *.
   explicit ServiceExchange(ExchangeVariant const &variant);
 
   /// Limits connecting and sending, in ms.
   void SetTimeouts(DWORD dwConnect, DWORD dwSend);
-  /// Connects, opens the request and sends it. `wszObject` is narrowed in the thread's ANSI code page; `szForm` is the
-  /// body if the row has a form, null for none. Returns: what SendRequest returned. FALSE is a failure without a
-  /// number: most topics ignore it, because reading the reply then throws. Throws CInternetException *, with
-  /// ERROR_INTERNET_INVALID_URL for an object name over the row's limit, and std::bad_alloc.
+  /// Connects, opens the request, sends it and waits for the reply's headers. Host and object name are narrowed in the
+  /// thread's ANSI code page; `szForm` is the body if the row has a form, null for none. Returns: what SendRequest
+  /// returned. FALSE is a failure without an error number, which a caller may ignore: reading then gives an empty reply
+  /// or throws. Throws CInternetException * (ERROR_INTERNET_INVALID_URL for an object name over the row's limit) and
+  /// std::bad_alloc.
   BOOL Send(WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm = nullptr);
-  /// Reads the reply's bytes as the row says. Call after Send. A reply that breaks off is an exception, whatever came
-  /// before: only an orderly end is an end. Throws CInternetException * (ERROR_HTTP_INVALID_SERVER_RESPONSE for a reply
-  /// over the row's limit) and std::bad_alloc.
+  /// Reads the reply's bytes as the row says; the HTTP status is ignored. Call after Send. A reply that is lost midway
+  /// throws, whatever has arrived; one that ends in order short of its declared length does not. Throws
+  /// CInternetException * (12152, ERROR_HTTP_INVALID_SERVER_RESPONSE, for a reply over the row's limit) and
+  /// std::bad_alloc.
   std::string ReadReply();
-  /// The same, as a document (LoadReply).
+  /// ReadReply and LoadReply in one.
   CComPtr<IXMLDOMDocument> ReadDocument();
 
 private:
@@ -83,9 +85,9 @@ private:
 /// Traces "[<operation>] Internet Exception! Error code: %d" and frees the exception. Returns: its number.
 DWORD TraceAndDelete(CInternetException *pException, WCHAR const *wszOperation);
 
-/// A whole exchange in its guarded region: makes the session and hands the exchange to `work`, which finds the host,
-/// sends, and reads the reply while the handles are open. Nothing escapes. Returns: the number of the Internet
-/// exception that ended it, which has been traced; else 0, also when memory ran out before `work` was through.
+/// Opens the session and passes the exchange to `work`, which finds the host, sends, and reads the reply and its
+/// document while the handles are open. Nothing escapes. Returns: the number of the Internet exception that ended the
+/// exchange, which has been traced; otherwise 0, also when `work` ran out of memory.
 template <class Work> DWORD RunExchange(RequestKind kind, Work work) {
   ExchangeVariant const &variant = VariantOf(kind);
   try {
@@ -94,7 +96,7 @@ template <class Work> DWORD RunExchange(RequestKind kind, Work work) {
   } catch (CInternetException *pException) {
     return TraceAndDelete(pException, variant.wszOperation);
   } catch (std::bad_alloc const &) {
-    // as a reply without content
+    // Ends like an exchange with an empty reply.
   }
   return 0;
 }

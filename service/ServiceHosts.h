@@ -2,7 +2,7 @@
 // SKIFFPORT_STAGING_SERVICE_HOST).
 #pragma once
 
-/// Asked for the service's addresses.
+/// Returns the address document.
 inline constexpr wchar_t DetectionHost[] = L"" SKIFFPORT_DETECTION_HOST;
 inline constexpr char DetectionProbeUrl[] = "https://" SKIFFPORT_DETECTION_HOST;
 /// The service's default host, probed before each login.

@@ -1,5 +1,7 @@
-// The extension skiffhost._messageloop: the platform's message queue of the calling thread, for Python event loops.
-// Any thread may call in; each sees its own queue. Knows nothing of uploads or of the Skiffport module.
+// The extension skiffhost._messageloop: gives Python event loops access to the calling thread's message queue. Knows
+// nothing of uploads or of the Skiffport module.
+//
+// Thread: any, with the GIL held; each thread has a queue of its own.
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
@@ -12,26 +14,26 @@ namespace {
 
 char const kFilenoDoc[] = "fileno() -> int\n\n"
                           "A descriptor that is readable while the calling thread's queue holds messages. The queue\n"
-                          "owns it: do not read, write or close it. Raises OSError if none can be had.";
+                          "owns it: do not read, write or close it. Raises OSError if none can be created.";
 
 char const kPumpDoc[] =
     "pump(limit=64) -> int\n\n"
-    "Runs at most `limit` of the messages that the calling thread's queue holds now, in order, and\n"
-    "returns how many ran. Callbacks run inside; what they raise is printed and dropped, also what a\n"
-    "signal handler raises inside them. SystemExit in a callback ends the process at once.";
+    "Runs at most `limit` of the messages that are in the calling thread's queue now, in order, and\n"
+    "returns how many ran. Callbacks run inside this call. Their exceptions are printed and dropped,\n"
+    "including those that a signal handler raises in them; SystemExit ends the process at once.";
 
 char const kWaitDoc[] = "wait(timeout=None) -> bool\n\n"
-                        "Waits until the calling thread's queue holds a message, at most `timeout` seconds, with the\n"
-                        "interpreter lock released. Returns whether it holds one; a signal ends the wait early.";
+                        "Releases the GIL and waits until the calling thread's queue holds a message, for at most\n"
+                        "`timeout` seconds. Returns whether it holds one. A signal ends the wait early.";
 
 char const kReleaseDoc[] = "release() -> bool\n\n"
-                           "Gives up the calling thread's queue and its descriptor if no object needs it any more.\n"
-                           "Returns whether it is gone.";
+                           "Frees the calling thread's queue and its descriptor unless an object still needs them.\n"
+                           "Returns whether the thread has no queue now.";
 
 PyObject *Fileno(PyObject *, PyObject *) {
   int const descriptor = MessageQueueDescriptor();
   if (descriptor < 0) {
-    PyErr_SetString(PyExc_OSError, "this thread can have no message queue");
+    PyErr_SetString(PyExc_OSError, "cannot create a message queue for this thread");
     return nullptr;
   }
   return PyLong_FromLong(descriptor);
@@ -52,7 +54,8 @@ PyObject *Pump(PyObject *, PyObject *args, PyObject *keywords) {
   return PyLong_FromLong(ran);
 }
 
-/// Turns seconds or None into milliseconds, rounded up; -1 means without limit. Returns: false with an exception set.
+/// Converts seconds to milliseconds, rounded up, and None to -1, which means no limit. Returns: false with an exception
+/// set if the value is not valid.
 bool ToMilliseconds(PyObject *timeout, int &milliseconds) {
   milliseconds = -1;
   if (timeout == Py_None)
@@ -77,7 +80,7 @@ PyObject *Wait(PyObject *, PyObject *args, PyObject *keywords) {
   if (!PyArg_ParseTupleAndKeywords(args, keywords, "|O:wait", const_cast<char **>(names), &timeout) ||
       !ToMilliseconds(timeout, milliseconds))
     return nullptr;
-  // A signal that arrived before the wait does not interrupt it, so its handler runs first.
+  // A signal that arrived before the wait would not interrupt it, so its handler runs now.
   if (PyErr_CheckSignals() != 0)
     return nullptr;
   int outcome = 0;
@@ -115,7 +118,7 @@ PyModuleDef definition = {PyModuleDef_HEAD_INIT,
 
 } // namespace
 
-// CPython before 3.9 leaves the visibility of the entry to the module.
+// Before CPython 3.9, PyMODINIT_FUNC does not make the function visible.
 extern "C" __attribute__((visibility("default"))) PyObject *PyInit__messageloop() {
   return PyModuleDef_Init(&definition);
 }

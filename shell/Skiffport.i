@@ -1,6 +1,6 @@
-// The module's face: the flat functions of the three classes, declared in the order of their table. Parameter names and types
-// are the documentation strings and the texts of type errors. CString, HINTERNET and _MAX_PATH stay undeclared here, so
-// that they come out as opaque wrapped types and as the symbolic name.
+// The Python interface of the module: the three classes, declared in the order of the function table. Parameter names and
+// types appear in the docstrings and in the messages of type errors, so they must not be changed. CString, HINTERNET and
+// _MAX_PATH are deliberately not declared: SWIG then wraps the first two as opaque types and prints the third as a name.
 %module Skiffport
 %feature("autodoc", "1");
 
@@ -14,7 +14,7 @@
 
 namespace {
 
-// Null, with a MemoryError, where memory is short.
+// Copies a value to the heap. Returns: null with a MemoryError set if memory runs out.
 template <class Value> Value *CopyOrReport(Value const &value) {
   try {
     return new Value(value);
@@ -24,7 +24,7 @@ template <class Value> Value *CopyOrReport(Value const &value) {
   }
 }
 
-// False, with a MemoryError, where memory is short.
+// Returns: false with a MemoryError set if memory runs out.
 template <class Value> bool AssignOrReport(Value &target, Value const &value) {
   try {
     target = value;
@@ -38,8 +38,8 @@ template <class Value> bool AssignOrReport(Value &target, Value const &value) {
 } // namespace
 %}
 
-// Wide arguments: a str becomes a zeroed array of its own for the length of the call. The library's fragment of this name
-// would throw when memory is short; this one reports it.
+// Wide string arguments: converts a str to an array that the wrapper frees after the call. Replaces the fragment of the
+// same name in SWIG's library, whose unguarded `new` would throw std::bad_alloc into the interpreter.
 %fragment("SWIG_AsWCharPtrAndSize", "header", fragment="<wchar.h>", fragment="SWIG_pwchar_descriptor") {
 SWIGINTERN int SWIG_AsWCharPtrAndSize(PyObject *obj, wchar_t **cptr, size_t *psize, int *alloc) {
   if (PyUnicode_Check(obj)) {
@@ -77,7 +77,7 @@ SWIGINTERN int SWIG_AsWCharPtrAndSize(PyObject *obj, wchar_t **cptr, size_t *psi
 }
 %include <cwstring.i>
 
-// No operation has a test for a null object.
+// Refuses None as `self`: SWIG would pass a null pointer, and no method tests for one.
 %typemap(in, noblock=1) SWIGTYPE *self (void *argp = 0, int res = 0) {
   res = SWIG_ConvertPtr($input, &argp, $descriptor, $disown | 0);
   if (!SWIG_IsOK(res)) {
@@ -89,9 +89,8 @@ SWIGINTERN int SWIG_AsWCharPtrAndSize(PyObject *obj, wchar_t **cptr, size_t *psi
   $1 = %reinterpret_cast(argp, $ltype);
 }
 
-// Nothing escapes into the interpreter: neither what an operation throws, nor the copies around it that the library's
-// typemaps would make unguarded.
-%allowexception; // for the members, too
+// Turns std::bad_alloc from a method into a MemoryError; the methods throw nothing else.
+%allowexception; // applies %exception to the member getters and setters, too
 %exception {
   try {
     $action
@@ -100,6 +99,8 @@ SWIGINTERN int SWIG_AsWCharPtrAndSize(PyObject *obj, wchar_t **cptr, size_t *psi
   }
 }
 
+// Types that members hold by value. SWIG's typemaps copy them outside the try block of %exception; these report an
+// allocation failure in the copy as a MemoryError. A variadic macro, because the map's name contains a comma.
 %define BY_VALUE(Type...)
 %typemap(in) Type (void *argp = 0, int res = 0) {
   res = SWIG_ConvertPtr($input, &argp, $&descriptor, 0);
@@ -122,8 +123,8 @@ SWIGINTERN int SWIG_AsWCharPtrAndSize(PyObject *obj, wchar_t **cptr, size_t *psi
 BY_VALUE(HINTERNET)
 BY_VALUE(std::map< unsigned int,int >)
 
-// A str goes from Python's own bytes into the array; the library's typemap would copy it once more, and throw when memory
-// is short.
+// Fixed-size char arrays: copies the UTF-8 bytes of a str into the array and fills the rest with zeros. SWIG's typemap
+// makes another copy with an unguarded `new`, which would throw std::bad_alloc into the interpreter.
 %fragment("SWIG_IntoCharArray", "header", fragment="SWIG_pchar_descriptor") {
 SWIGINTERN int SWIG_IntoCharArray(PyObject *obj, char *array, size_t capacity) {
   PyObject *bytes = 0; // new

@@ -1,4 +1,4 @@
-# The types of the proxy module: the native module's functions as classes. A str argument may be None, which passes a null.
+# Types of the proxy module, which offers the native module's functions as classes. None for a str passes a null pointer.
 from typing import Callable, Dict, Optional, Tuple
 
 from _Skiffport import _Pointer, _Reply, _Self

@@ -1,8 +1,8 @@
-# The types of the native module's flat functions. Each takes its arguments by position only. A str argument may be None,
-# which passes a null; `self` is what the constructor returned, or an object whose `this` is that.
+# Types of the native module's flat functions, which take positional arguments only. None for a str passes a null pointer.
+# `self` is what the constructor returned, or an object whose attribute `this` is.
 from typing import Any, Callable, Dict, Optional, Protocol, Tuple, Type, TypedDict, Union
 
-# A native pointer, and the boxes of its own that a getter makes for HINTERNET and for the map.
+# A native pointer, or the box in which a getter returns a HINTERNET or the map.
 class _Pointer:
     def own(self, owned: bool = ..., /) -> bool: ...
     def acquire(self) -> None: ...
@@ -17,7 +17,7 @@ class _Proxy(Protocol):
 
 _Self = Union[_Pointer, _Proxy]
 
-# Empty if host, path or parameters were None. bSucc is 1 if the request was sent; data is there if a reply was read.
+# Empty if host, path or parameters were None. bSucc is 1 if the request was sent; data is present if a reply was read.
 class _Reply(TypedDict, total=False):
     bSucc: int
     data: str

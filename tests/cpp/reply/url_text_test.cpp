@@ -8,13 +8,13 @@
 
 namespace {
 
-TEST(DecodeURLText, DecodesOneCharacterAnEscapeAndCutsAtItsBuffer) {
+TEST(DecodeURLText, DecodesOneCharacterPerEscapeAndCutsLongText) {
   std::pair<wchar_t const *, std::wstring> const cases[] = {
       {L"https%3a%2F%2fh/%41+b", L"https://h/A+b"},
       {L"%e4%C3%A4", L"\u00e4\u00c3\u00a4"}, // not combined
       {L"100%25", L"100%"},
-      {L"a%4gb", L"a\4b"}, // one digit counts alone
-      {L"a%g4b", L"a"},    // no digit: 0 ends the text
+      {L"a%4gb", L"a\4b"}, // a single digit counts alone
+      {L"a%g4b", L"a"},    // not a digit: 0 ends the text
       {L"a%00b", L"a"},
       {L"a%+1b", L"a"},
       {L"a%0xb", L"a"},

@@ -1,4 +1,4 @@
-// The service exchange and the probe: outcomes that Python can't provoke, and the hand-over of the probe's handles.
+// The service exchange and the probe: outcomes that Python can't provoke, and who closes the probe's handles.
 #include "service/ReachabilityProbe.h"
 #include "service/ServiceExchange.h"
 #include "tests/cpp/platform/TestSeam.h"
@@ -45,7 +45,7 @@ Outcome Exchange(RequestKind kind, std::wstring const &object = L"/x") {
   return outcome;
 }
 
-TEST(ServiceExchange, TellsItsOutcomesApart) {
+TEST(ServiceExchange, DistinguishesItsOutcomes) {
   Peer const peer("reply --body '<a/>'");
   struct Case {
     FaultPoint call;
@@ -69,11 +69,11 @@ TEST(ServiceExchange, TellsItsOutcomesApart) {
   EXPECT_EQ(Exchange(RequestKind::PresetCategories, std::wstring(254, L'/')), (Outcome{0, 1, "<a/>"}));
 }
 
-TEST(ServiceExchange, BrokenReplyIsAnExceptionWhateverCameBefore) {
+TEST(ServiceExchange, ThrowsForALostReplyWhateverHasArrived) {
   struct Case {
     std::string scenario;
     RequestKind kind;
-    DWORD dwError; // 1: lost, which of the two numbers the system's timing decides
+    DWORD dwError; // 1: lost; which of two numbers reports it depends on timing
   };
   std::string const over = std::to_string(8 * 1024 * 1024 + 1), most = std::to_string(8 * 1024 * 1024);
   std::string const half = " --body abcdefgh", none = half + " --length none";
@@ -97,7 +97,7 @@ TEST(ServiceExchange, BrokenReplyIsAnExceptionWhateverCameBefore) {
   }
 }
 
-TEST(ServiceExchange, NarrowsAllTextInTheCodePageOfTheThread) {
+TEST(ServiceExchange, NarrowsTheObjectNameInTheThreadsCodePage) {
   ThreadLocale const locale("ISO-8859-1");
   if (!locale)
     GTEST_SKIP() << "no character maps here (Debian package locales)";
@@ -115,16 +115,16 @@ protected:
   ReachabilityProbe probe = {m_hInternet, m_hConnect, m_bReachable, m_szUrl};
 };
 
-TEST_F(ProbeTest, TakesAnyAnswerAsReachable) {
+TEST_F(ProbeTest, CountsAnyAnswerAsReachable) {
   for (char const *szStatus : {"200", "302", "500"}) {
     Peer const peer("reply --tls good --status " + std::string(szStatus));
     EXPECT_TRUE(probe.CheckServerReachable("https://good.test"));
-    EXPECT_FALSE(m_hInternet || m_hConnect) << "both are closed and forgotten";
+    EXPECT_FALSE(m_hInternet || m_hConnect) << "both are closed and reset";
     EXPECT_STREQ(m_szUrl, "https://good.test");
   }
   {
     Fault const fault(FaultPoint::_beginthreadex, 8);
-    EXPECT_TRUE(probe.CheckServerReachable("https://good.test")) << "the last answer stands";
+    EXPECT_TRUE(probe.CheckServerReachable("https://good.test")) << "the previous result stands";
   }
   {
     Fault const fault(FaultPoint::InternetOpenA, 8);
@@ -133,11 +133,11 @@ TEST_F(ProbeTest, TakesAnyAnswerAsReachable) {
   EXPECT_FALSE(probe.CheckServerReachable(("https://" + std::string(260, 'h')).c_str()));
 }
 
-TEST_F(ProbeTest, LeavesItsOwnerAloneOnceAWaitHasFailed) {
+TEST_F(ProbeTest, DoesNotTouchItsOwnerAfterAFailedWait) {
   Peer const peer("reply --tls good");
   auto const uTasks = std::filesystem::hard_link_count("/proc/self/task"); // grows with each thread
-  static std::atomic<int> nStage = 0; // 1: the session is there, 2: the waiter has left
-  static PlatformTestHooks hooks;     // static, as the stage: nothing tells when the thread is done with them
+  static std::atomic<int> nStage = 0; // 1: the session is open, 2: the waiter has left
+  static PlatformTestHooks hooks;     // static, like the stage: the thread may use them after the test
   hooks.fault = [](FaultPoint call, DWORD *) {
     bool const bWait = call == FaultPoint::WaitForSingleObject;
     bool const bOpen = call == FaultPoint::InternetOpenUrlA;
@@ -150,7 +150,7 @@ TEST_F(ProbeTest, LeavesItsOwnerAloneOnceAWaitHasFailed) {
   SetPlatformTestHooks(&hooks);
   EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
   EXPECT_FALSE(m_hInternet || m_hConnect);
-  m_bReachable = 7; // in the owner's memory, whatever it is now
+  m_bReachable = 7; // stands for whatever the owner's memory holds by then
   nStage = 2;
   while (std::filesystem::hard_link_count("/proc/self/task") > uTasks)
     std::this_thread::yield();

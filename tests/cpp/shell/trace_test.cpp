@@ -1,4 +1,4 @@
-// The trace's switches, its prefix and its lines, read back from standard error.
+// The trace's switches, prefix and lines, as captured from standard error.
 #include "shell/Trace.h"
 #include "tests/cpp/platform/TestSeam.h"
 
@@ -43,10 +43,10 @@ protected:
 
 TEST_F(TraceTest, WritesLinesOnlyWhenSwitchedOn) {
   std::pair<char const *, char const *> const cases[] = {
-      // the values, and the lines that come of them
+      // the values and the resulting lines
       {"\"DumpMsg\"=dword:00000000\n\"DumpInETW\"=dword:00000001", ""},
       {"\"dumpmsg\"=dword:00000001", "[Case] n 5\n[Case] w \xC3\xA4 narrow (null)\n"},
-      // No journal runs behind the other road here: it counts as not there, and the lines go to the debug output.
+      // The event-trace library can't be loaded here, so the lines go to the debug output.
       {"\"DumpMsg\"=dword:ffffffff\n\"DumpInETW\"=dword:00000001", "[Case] n 5\n[Case] w \xC3\xA4 narrow (null)\n"},
   };
   PlatformTestHooks hooks;
@@ -65,7 +65,7 @@ TEST_F(TraceTest, WritesLinesOnlyWhenSwitchedOn) {
   SetPlatformTestHooks(nullptr);
 }
 
-TEST_F(TraceTest, KeepsItsSwitchesAndPrefixWhereNothingNewIsSaidAndCutsALongText) {
+TEST_F(TraceTest, KeepsSwitchesAndPrefixWithoutNewOnesAndCutsALongText) {
   Switches("\"DumpMsg\"=dword:1");
   TraceInit("First");
   std::filesystem::remove(m_registry); // no key: the switches stay
@@ -83,19 +83,19 @@ TEST_F(TraceTest, KeepsItsSwitchesAndPrefixWhereNothingNewIsSaidAndCutsALongText
   EXPECT_EQ(Lines([] { TraceMsgW(L"%s", std::wstring(2000, L'y').c_str()); }), line) << "cut";
 }
 
-TEST_F(TraceTest, AForkedChildTracesWhateverItsParentsThreadsWereDoing) {
+TEST_F(TraceTest, WorksInAForkedChildWhateverTheParentsThreadsWereDoing) {
   Switches("\"DumpMsg\"=dword:1\n\"DumpInETW\"=dword:1");
   std::atomic<bool> bInside = false, bDone = false;
   PlatformTestHooks hooks;
   hooks.fault = [&](FaultPoint call, DWORD *) {
-    bool const bFirst = call == FaultPoint::LoadLibraryA && !bInside.exchange(true); // inside the lock
+    bool const bFirst = call == FaultPoint::LoadLibraryA && !bInside.exchange(true); // holds the lock
     auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(bFirst ? 200 : 0);
-    while (std::chrono::steady_clock::now() < end) // time for the fork to come, which has to wait for the lock
+    while (std::chrono::steady_clock::now() < end) // leaves time for the fork, which has to wait for the lock
       std::this_thread::yield();
     return call == FaultPoint::LoadLibraryA;
   };
   SetPlatformTestHooks(&hooks);
-  std::thread([&bDone] { TraceInit("T"), bDone = true; }).detach(); // a checker would have the child join it
+  std::thread([&bDone] { TraceInit("T"), bDone = true; }).detach(); // a sanitizer would have the child join it
   while (!bInside)
     std::this_thread::yield();
   pid_t const child = fork();

@@ -1,10 +1,10 @@
-# What is installed and where, and the Debian package made of it. An install serves one interpreter, the first that was
-# built for: its extensions only, in a folder below the prefix that its own sys.path names when the prefix is the usual one.
+# What is installed and where, and the Debian package made of it. An installation serves one interpreter, the first of
+# those built for: it holds that one's extensions only, in the folder below the prefix where that interpreter looks.
 # Components: "python" is what an import needs, "command" the skiffhost command, "doc" the documents.
 include(GNUInstallDirs)
 
 list(GET SKIFFPORT_PYTHON_TAGS 0 _tag)
-# Debian's own scheme has the local administrator's prefix in front; here the prefix is CMake's.
+# Debian's default scheme starts with /local, the administrator's prefix; here CMake names the prefix.
 execute_process(
   COMMAND ${SKIFFPORT_PYTHON_${_tag}_EXECUTABLE} -c "import sys, sysconfig; \
 path = sysconfig.get_path('platlib', vars={'base': '', 'platbase': ''}); \
@@ -20,7 +20,7 @@ if(SKIFFPORT_INSTALL_PYTHONDIR)
   set(_site ${SKIFFPORT_INSTALL_PYTHONDIR})
 endif()
 
-# The one place that states the version is project().
+# The version is stated in project() and nowhere else.
 file(CONFIGURE OUTPUT ${SKIFFPORT_TREE}/skiffhost/_version.py @ONLY CONTENT [[
 """The version of the build that this package came with. Written by CMake."""
 
@@ -42,7 +42,7 @@ install(FILES ${SKIFFPORT_TREE}/Skiffport.py DESTINATION ${_site} COMPONENT pyth
 install(FILES ${SKIFFPORT_TREE}/skiffhost/_version.py DESTINATION ${_site}/skiffhost COMPONENT python)
 install(DIRECTORY host/skiffhost DESTINATION ${_site} COMPONENT python
   FILES_MATCHING PATTERN "*.py" PATTERN "*.pyi" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
-# Beside a module that is no package, a checker finds types only in a stub package of its own.
+# For a module that is not a package, type checkers look for a stub package of its own.
 foreach(_module IN ITEMS Skiffport _Skiffport)
   install(FILES shell/stubs/${_module}.pyi DESTINATION ${_site}/${_module}-stubs RENAME __init__.pyi COMPONENT python)
 endforeach()

@@ -1,11 +1,11 @@
-# Finds the interpreters to build for and their headers. One build tree serves them all: what includes Python.h is compiled
-# once for each, and everything else once. Sets SKIFFPORT_PYTHON_TAGS (such as "cpython-311-x86_64-linux-gnu") and, for
+# Finds the interpreters to build for and their headers. One build tree serves them all: what includes Python.h is
+# compiled once per interpreter, everything else once. Sets SKIFFPORT_PYTHON_TAGS (such as "cpython-311-x86_64-linux-gnu") and, for
 # each tag, SKIFFPORT_PYTHON_<tag>_EXECUTABLE and _INCLUDE.
 set(_pythons ${SKIFFPORT_PYTHONS})
 if(NOT _pythons)
   set(_pythons $ENV{SKIFFPORT_PYTHONS})
 endif()
-set(_versions "") # to look for
+set(_versions "") # those to look for
 if(NOT _pythons)
   set(_versions 3.8)
 elseif(_pythons STREQUAL "all")
@@ -14,7 +14,7 @@ endif()
 if(_versions)
   set(_pythons /usr/bin/python3)
   foreach(_version IN LISTS _versions)
-    # One on the PATH may be a version manager's stand-in that does not run; then the manager's own folder is tried.
+    # What the PATH finds may be a version manager's shim that does not run, so the manager's own folder is tried too.
     find_program(_on_path python${_version} NO_CACHE)
     file(GLOB _managed $ENV{PYENV_ROOT}/versions/${_version}.*/bin/python${_version}
       $ENV{HOME}/.pyenv/versions/${_version}.*/bin/python${_version})
@@ -31,7 +31,7 @@ foreach(_python IN LISTS _pythons)
 sysconfig.get_path('include'), sys.version_info >= (3, 8), sep=';')"
     OUTPUT_VARIABLE _found OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE _failed ERROR_QUIET)
   if(_failed)
-    message(STATUS "Python: ${_python} does not run, left out")
+    message(STATUS "Python: ${_python} does not run and is left out")
     continue()
   endif()
   list(GET _found 0 _executable)
@@ -42,7 +42,7 @@ sysconfig.get_path('include'), sys.version_info >= (3, 8), sep=';')"
     message(FATAL_ERROR "Python: ${_python} is older than 3.8")
   endif()
   if(NOT EXISTS ${_include}/Python.h)
-    message(STATUS "Python: ${_python} has no headers, left out")
+    message(STATUS "Python: ${_python} has no headers and is left out")
     continue()
   endif()
   if(NOT _tag IN_LIST SKIFFPORT_PYTHON_TAGS)
@@ -56,12 +56,12 @@ set(_list "")
 foreach(_tag IN LISTS SKIFFPORT_PYTHON_TAGS)
   string(APPEND _list "${SKIFFPORT_PYTHON_${_tag}_EXECUTABLE}\n")
 endforeach()
-file(WRITE ${PROJECT_BINARY_DIR}/pythons.txt "${_list}") # for the scripts, one a line
+file(WRITE ${PROJECT_BINARY_DIR}/pythons.txt "${_list}") # for the scripts, one per line
 if(NOT SKIFFPORT_PYTHON_TAGS)
-  message(FATAL_ERROR "Python: no interpreter with headers was found")
+  message(FATAL_ERROR "Python: found no interpreter with headers (Debian: python3-dev)")
 endif()
 
-# add_python_library(<name> <tag> <sources>...): a static library of code that includes Python.h, named <name>_<tag>.
+# add_python_library(<name> <tag> <sources>...): <name>_<tag>, a static library of code that includes Python.h.
 function(add_python_library name tag)
   add_library(${name}_${tag} STATIC ${ARGN})
   target_include_directories(${name}_${tag} SYSTEM PUBLIC ${SKIFFPORT_PYTHON_${tag}_INCLUDE})

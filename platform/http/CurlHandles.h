@@ -6,6 +6,7 @@
 #pragma once
 
 #include <memory>
+#include <new>
 
 #include <curl/curl.h>
 
@@ -27,3 +28,14 @@ struct CurlHandles {
 CurlHandles MakeCurlHandles(bool mayReuse);
 /// Takes a multi handle back whose only transfer is over and was removed. Cannot fail; one too many is freed.
 void KeepMultiHandle(CurlHandles::Multi multi) noexcept;
+
+/// Errors: throws std::bad_alloc, which is all that can fail: libcurl knows every option used here.
+template <class Value> void SetCurlOption(CURL *easy, CURLoption option, Value value) {
+  if (curl_easy_setopt(easy, option, value) != CURLE_OK)
+    throw std::bad_alloc();
+}
+template <class Value> Value GetCurlInfo(CURL *easy, CURLINFO info) {
+  Value value{};
+  curl_easy_getinfo(easy, info, &value);
+  return value;
+}

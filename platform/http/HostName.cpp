@@ -1,6 +1,8 @@
 // See HostName.h. libcurl would map the name by itself, with the same library, but without the check of the result.
 #include "platform/http/HostName.h"
 
+#include "platform/http/HttpText.h"
+
 #include <algorithm>
 #include <memory>
 #include <new>
@@ -14,8 +16,7 @@ bool IsAscii(std::string_view text) {
 }
 
 bool IsHost(std::string_view text) {
-  bool const hasControl = std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; });
-  return !text.empty() && !hasControl && text.find_first_of("/?#@\\% ") == text.npos;
+  return !text.empty() && !HasControlCharacter(text) && text.find_first_of("/?#@\\% ") == text.npos;
 }
 
 /// The ASCII form (RFC 5891, mapped as UTS 46 says); empty if there is none. May throw std::bad_alloc.

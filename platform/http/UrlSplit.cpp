@@ -1,12 +1,11 @@
 // The URL split of WinInet.h. Pure text work, any thread.
 #include "platform/base/LastError.h"
+#include "platform/http/HttpText.h"
 #include "platform/http/WinInet.h"
 
 #include <algorithm>
 #include <charconv>
 #include <string_view>
-
-#include <strings.h>
 
 namespace {
 
@@ -64,14 +63,14 @@ bool SplitPort(std::string_view &authority, Parts &parts) {
 DWORD Split(std::string_view url, Parts &parts) {
   if (url.empty())
     return ERROR_INVALID_PARAMETER;
-  if (std::any_of(url.begin(), url.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; }))
+  if (HasControlCharacter(url))
     return ERROR_INTERNET_INVALID_URL;
   std::size_t const colon = url.find(':');
   if (colon == url.npos || !IsScheme(url.substr(0, colon)))
     return ERROR_INTERNET_UNRECOGNIZED_SCHEME;
   parts.scheme = Cut(url, colon);
   for (Scheme const &scheme : kSchemes) {
-    if (scheme.name.size() == colon && strncasecmp(scheme.name.data(), parts.scheme.data(), colon) == 0) {
+    if (IsSameName(scheme.name, parts.scheme)) {
       parts.nScheme = scheme.nScheme;
       parts.nPort = scheme.nPort;
     }

@@ -6,6 +6,7 @@
 #include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
 #include "platform/http/HostName.h"
+#include "platform/http/HttpText.h"
 #include "platform/http/HttpTransfer.h"
 #include "platform/text/Utf8.h"
 
@@ -36,8 +37,7 @@ struct Entry {
 
 struct Settings {
   INTERNET_STATUS_CALLBACK callback = nullptr;
-  DWORD connectLimit = HttpRequest().connectLimit;
-  DWORD sendLimit = HttpRequest().sendLimit;
+  TimeLimits limits;
 };
 
 struct Session : Entry {
@@ -163,12 +163,8 @@ std::string Text(char const *szText) { return szText ? szText : ""; }
 /// In the calling thread's ANSI code page, as all text of the wide functions goes out.
 std::string Narrow(WCHAR const *wszText) { return AnsiFromWide(wszText ? wszText : L""); }
 
-bool HasControl(std::string_view text) {
-  return std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7F; });
-}
-
 DWORD OpenSession(std::string agent, HINTERNET &handle) {
-  if (HasControl(agent))
+  if (HasControlCharacter(agent))
     return ERROR_INVALID_PARAMETER;
   return Enter(std::make_shared<Session>(std::move(agent)), handle);
 }
@@ -183,7 +179,7 @@ DWORD Connect(HINTERNET hSession, std::string host, INTERNET_PORT port, HINTERNE
 }
 
 DWORD SetTarget(HttpRequest &head, std::string_view object) {
-  if (HasControl(object))
+  if (HasControlCharacter(object))
     return ERROR_INTERNET_INVALID_URL;
   head.target.assign(object.starts_with('/') ? 0 : 1, '/');
   for (char const c : object) {
@@ -201,8 +197,7 @@ void SetUp(Request &request, Session &session, DWORD dwFlags, DWORD_PTR dwContex
   {
     std::lock_guard<std::mutex> const lock(session.mutex);
     request.sink = {session.settings.callback, nullptr, dwContext};
-    head.connectLimit = session.settings.connectLimit;
-    head.sendLimit = session.settings.sendLimit;
+    head.limits = session.settings.limits;
   }
   head.isSecure = (dwFlags & INTERNET_FLAG_SECURE) || head.port == INTERNET_DEFAULT_HTTPS_PORT;
   head.ignoresDate = dwFlags & INTERNET_FLAG_IGNORE_CERT_DATE_INVALID;
@@ -301,10 +296,10 @@ DWORD SetSessionOption(Session &session, DWORD dwOption, DWORD dwValue) {
   std::lock_guard<std::mutex> const lock(session.mutex);
   switch (dwOption) {
   case INTERNET_OPTION_CONNECT_TIMEOUT:
-    session.settings.connectLimit = dwValue;
+    session.settings.limits.connect = dwValue;
     return ERROR_SUCCESS;
   case INTERNET_OPTION_SEND_TIMEOUT:
-    session.settings.sendLimit = dwValue;
+    session.settings.limits.send = dwValue;
     return ERROR_SUCCESS;
   default:
     return ERROR_INTERNET_INVALID_OPTION;

@@ -10,9 +10,8 @@
 #pragma once
 
 #include "platform/base/Types.h"
+#include "platform/http/InternetStatus.h"
 
-using HINTERNET = void *;
-using INTERNET_PORT = WORD;
 using INTERNET_SCHEME = int;
 constexpr INTERNET_SCHEME INTERNET_SCHEME_UNKNOWN = -1;
 constexpr INTERNET_SCHEME INTERNET_SCHEME_HTTP = 3;
@@ -43,23 +42,6 @@ constexpr DWORD HTTP_QUERY_STATUS_CODE = 19;
 constexpr DWORD HTTP_QUERY_FLAG_NUMBER = 0x20000000;
 constexpr DWORD HTTP_ADDREQ_FLAG_ADD = 0x20000000;
 constexpr DWORD HSR_INITIATE = 8;
-
-constexpr DWORD INTERNET_STATUS_RESOLVING_NAME = 10;
-constexpr DWORD INTERNET_STATUS_NAME_RESOLVED = 11;
-constexpr DWORD INTERNET_STATUS_CONNECTING_TO_SERVER = 20;
-constexpr DWORD INTERNET_STATUS_CONNECTED_TO_SERVER = 21;
-constexpr DWORD INTERNET_STATUS_SENDING_REQUEST = 30;
-constexpr DWORD INTERNET_STATUS_REQUEST_SENT = 31;
-constexpr DWORD INTERNET_STATUS_RECEIVING_RESPONSE = 40;
-constexpr DWORD INTERNET_STATUS_RESPONSE_RECEIVED = 41;
-constexpr DWORD INTERNET_STATUS_CLOSING_CONNECTION = 50;
-constexpr DWORD INTERNET_STATUS_CONNECTION_CLOSED = 51;
-
-/// Told of a connection's stages on the thread that makes the call, with the request's context; never with a zero
-/// context. The information is wide text for 10, 11, 20 and 21, a DWORD count of bytes for 31 and 41, else null; valid
-/// during the call only.
-using INTERNET_STATUS_CALLBACK = void (*)(HINTERNET hInternet, DWORD_PTR dwContext, DWORD dwStatus, void *pInformation,
-                                          DWORD dwLength);
 
 /// What HttpSendRequestExW takes; only dwBufferTotal, the declared length of the body in bytes, is read.
 struct INTERNET_BUFFERSW {

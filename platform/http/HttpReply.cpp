@@ -1,0 +1,60 @@
+// See HttpReply.h.
+#include "platform/http/HttpReply.h"
+
+#include "platform/base/LastError.h"
+#include "platform/http/HttpLimits.h"
+#include "platform/http/HttpText.h"
+
+#include <charconv>
+
+HttpReply::Length HttpReply::ParseLength(std::string_view text) {
+  std::int64_t number = 0;
+  char const *const end = text.data() + text.size();
+  auto const [stop, error] = std::from_chars(text.data(), end, number);
+  Length length{std::string(text), std::nullopt, stop == end && error == std::errc::result_out_of_range};
+  if (error == std::errc() && !text.starts_with('-'))
+    length.value = static_cast<std::uint64_t>(number);
+  return length;
+}
+
+DWORD HttpReply::TakeHeader(std::string_view line, long status) {
+  m_headSize += line.size();
+  if (m_headSize > kReplyHeadLimit)
+    return ERROR_HTTP_INVALID_SERVER_RESPONSE;
+  if (m_isHeadIn) // a trailer
+    return ERROR_SUCCESS;
+  if (line.starts_with("HTTP/")) {
+    m_length = {}; // what came before was an interim reply
+  } else if (IsSameName(HeaderName(line), "Content-Length")) {
+    m_length = ParseLength(Trimmed(line.substr(line.find(':') + 1)));
+  } else if (Trimmed(line).empty()) {
+    m_status = status;
+    m_isHeadIn = status >= 200 || status == 101;
+    if (m_isHeadIn && m_length.isTooLarge)
+      return ERROR_HTTP_INVALID_SERVER_RESPONSE; // a reply whose body can't be read
+  }
+  return ERROR_SUCCESS;
+}
+
+void HttpReply::EndHead(long status) {
+  m_status = status;
+  m_isHeadIn = true;
+}
+
+DWORD HttpReply::TakeBody(std::string_view data) {
+  m_bodySize += data.size();
+  if (m_bodySize > kReplyBodyLimit)
+    return ERROR_HTTP_INVALID_SERVER_RESPONSE;
+  m_body.append(data);
+  return ERROR_SUCCESS;
+}
+
+std::size_t HttpReply::Read(char *buffer, std::size_t size) {
+  std::size_t const read = m_body.copy(buffer, size, m_taken);
+  m_taken += read;
+  if (Buffered() == 0) {
+    m_body = {}; // frees its memory as well: the caller parses the document before it closes the handles
+    m_taken = 0;
+  }
+  return read;
+}

@@ -1,7 +1,9 @@
-// The URL split of WinInet.h. Pure text work, any thread.
+// See UrlSplit.h; InternetCrackUrlA copies the parts into the caller's buffers.
+#include "platform/http/UrlSplit.h"
+
 #include "platform/base/LastError.h"
 #include "platform/http/HttpText.h"
-#include "platform/http/WinInet.h"
+#include "platform/http/WinInetCall.h"
 
 #include <algorithm>
 #include <charconv>
@@ -11,17 +13,11 @@ namespace {
 
 struct Scheme {
   std::string_view name;
-  INTERNET_SCHEME nScheme;
-  INTERNET_PORT nPort;
+  INTERNET_SCHEME number;
+  INTERNET_PORT port;
 };
 constexpr Scheme kSchemes[] = {{"http", INTERNET_SCHEME_HTTP, INTERNET_DEFAULT_HTTP_PORT},
                                {"https", INTERNET_SCHEME_HTTPS, INTERNET_DEFAULT_HTTPS_PORT}};
-
-struct Parts {
-  std::string_view scheme, user, password, host, path, extra;
-  INTERNET_SCHEME nScheme = INTERNET_SCHEME_UNKNOWN;
-  INTERNET_PORT nPort = 0;
-};
 
 /// Cuts the text before the position off its front; all of it for npos.
 std::string_view Cut(std::string_view &text, std::size_t position) {
@@ -36,7 +32,7 @@ bool IsScheme(std::string_view text) {
   return !text.empty() && isAlpha(text.front()) && std::all_of(text.begin(), text.end(), isInner);
 }
 
-void SplitUser(std::string_view &authority, Parts &parts) {
+void SplitUser(std::string_view &authority, UrlParts &parts) {
   std::size_t const at = authority.rfind('@');
   if (at == authority.npos)
     return;
@@ -46,8 +42,8 @@ void SplitUser(std::string_view &authority, Parts &parts) {
   parts.password = user.empty() ? user : user.substr(1);
 }
 
-/// Takes the port behind the host. Returns: false for one that is no port number.
-bool SplitPort(std::string_view &authority, Parts &parts) {
+/// Takes the host and the port after it. Returns: false for one that is no port number.
+bool SplitPort(std::string_view &authority, UrlParts &parts) {
   bool const isLiteral = authority.starts_with('[');
   std::size_t const colon = authority.find(':', isLiteral ? authority.find(']') : 0);
   parts.host = Cut(authority, colon);
@@ -56,11 +52,13 @@ bool SplitPort(std::string_view &authority, Parts &parts) {
   if (authority.empty())
     return true;
   char const *const end = authority.data() + authority.size();
-  auto const [stop, error] = std::from_chars(authority.data() + 1, end, parts.nPort);
-  return error == std::errc() && stop == end && parts.nPort != 0;
+  auto const [stop, error] = std::from_chars(authority.data() + 1, end, parts.port);
+  return error == std::errc() && stop == end && parts.port != 0;
 }
 
-DWORD Split(std::string_view url, Parts &parts) {
+} // namespace
+
+DWORD SplitUrl(std::string_view url, UrlParts &parts) {
   if (url.empty())
     return ERROR_INVALID_PARAMETER;
   if (HasControlCharacter(url))
@@ -71,8 +69,8 @@ DWORD Split(std::string_view url, Parts &parts) {
   parts.scheme = Cut(url, colon);
   for (Scheme const &scheme : kSchemes) {
     if (IsSameName(scheme.name, parts.scheme)) {
-      parts.nScheme = scheme.nScheme;
-      parts.nPort = scheme.nPort;
+      parts.schemeNumber = scheme.number;
+      parts.port = scheme.port;
     }
   }
   if (!url.starts_with("://"))
@@ -85,35 +83,31 @@ DWORD Split(std::string_view url, Parts &parts) {
   return SplitPort(authority, parts) && !parts.host.empty() ? ERROR_SUCCESS : ERROR_INTERNET_INVALID_URL;
 }
 
-} // namespace
-
 BOOL InternetCrackUrlA(char const *szUrl, DWORD /*dwUrlLength*/, DWORD /*dwFlags*/, URL_COMPONENTSA *pComponents) {
-  Parts parts;
-  DWORD dwError = Split(szUrl ? szUrl : "", parts);
+  UrlParts parts;
+  DWORD error = SplitUrl(szUrl ? szUrl : "", parts);
   URL_COMPONENTSA &out = *pComponents;
   struct Component {
     std::string_view text;
-    char *szBuffer;
-    DWORD &dwLength;
+    char *buffer;
+    DWORD &length;
   };
   Component const components[] = {
       {parts.scheme, out.lpszScheme, out.dwSchemeLength},   {parts.host, out.lpszHostName, out.dwHostNameLength},
       {parts.user, out.lpszUserName, out.dwUserNameLength}, {parts.password, out.lpszPassword, out.dwPasswordLength},
       {parts.path, out.lpszUrlPath, out.dwUrlPathLength},   {parts.extra, out.lpszExtraInfo, out.dwExtraInfoLength}};
   for (Component const &component : components)
-    if (dwError == ERROR_SUCCESS && component.szBuffer && component.text.size() >= component.dwLength)
-      dwError = ERROR_INSUFFICIENT_BUFFER;
-  if (dwError != ERROR_SUCCESS) {
-    SetLastError(dwError);
-    return FALSE;
-  }
+    if (error == ERROR_SUCCESS && component.buffer && component.text.size() >= component.length)
+      error = ERROR_INSUFFICIENT_BUFFER;
+  if (error != ERROR_SUCCESS)
+    return ReportResult(error);
   for (Component const &component : components) {
-    if (!component.szBuffer)
+    if (!component.buffer)
       continue;
-    *std::copy(component.text.begin(), component.text.end(), component.szBuffer) = '\0';
-    component.dwLength = static_cast<DWORD>(component.text.size());
+    *std::copy(component.text.begin(), component.text.end(), component.buffer) = '\0';
+    component.length = static_cast<DWORD>(component.text.size());
   }
-  out.nScheme = parts.nScheme;
-  out.nPort = parts.nPort;
+  out.nScheme = parts.schemeNumber;
+  out.nPort = parts.port;
   return TRUE;
 }

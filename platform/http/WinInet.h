@@ -2,11 +2,10 @@
 // Every call blocks its thread. Handles are entries of a table: a call on a closed handle fails, and closing a handle
 // from another thread ends the call that blocks on it or on a handle below it (ERROR_INTERNET_OPERATION_CANCELLED).
 //
-// Limits: 60 s to connect, 30 s without progress while sending, 60 s without a byte while receiving, 300 s for one
-// whole reply, 64 MiB for one reply body, 100 KiB of reply headers. Nothing limits a body that keeps moving out. Common
-// errors (last error): 12002 time-out, 12005 a control character or an empty host, 12006, 12007 name, 12017 cancelled,
-// 12019 wrong state, 12029 no connection, 12030 and 12031 connection lost, 12037 certificate date, 12038 certificate
-// name, 12045 issuer, 12152 not HTTP, 12157 TLS, 8 memory.
+// HttpLimits.h holds the limits of time and size. Common errors (last error): 12002 time-out, 12005 a control character
+// or an empty host, 12006 no such scheme, 12007 name not resolved, 12017 cancelled, 12019 wrong state, 12029 no
+// connection, 12030 and 12031 connection lost, 12037 certificate date, 12038 certificate name, 12045 issuer, 12152 not
+// HTTP, 12157 TLS, 8 out of memory.
 #pragma once
 
 #include "platform/base/Types.h"
@@ -57,7 +56,7 @@ struct INTERNET_BUFFERSW {
   DWORD dwOffsetHigh;
 };
 
-/// A split URL: the caller gives each buffer and its size in bytes, and reads the text's length there.
+/// A split URL: the caller gives each buffer and its size in bytes, and finds the text's length there.
 struct URL_COMPONENTSA {
   DWORD dwStructSize;
   char *lpszScheme;
@@ -76,7 +75,9 @@ struct URL_COMPONENTSA {
   DWORD dwExtraInfoLength;
 };
 
-/// A session. The agent is the User-Agent of its requests; null or empty sends none. Proxies come from the usual
+// Thread, for all that opens or sets up a handle: any; calls on one session may overlap.
+
+/// Opens a session. The agent is the User-Agent of its requests; null or empty sends none. Proxies come from the usual
 /// environment variables. Differs: preconfigured access only, flags 0.
 SKIFFPORT_PLATFORM_API HINTERNET InternetOpenW(WCHAR const *wszAgent, DWORD dwAccessType, WCHAR const *wszProxy,
                                                WCHAR const *wszBypass, DWORD dwFlags);
@@ -88,8 +89,8 @@ SKIFFPORT_PLATFORM_API INTERNET_STATUS_CALLBACK InternetSetStatusCallbackW(HINTE
                                                                            INTERNET_STATUS_CALLBACK pfnCallback);
 
 /// Names the server; nothing goes out yet. A host that is empty, or holds a control character or one that ends or
-/// escapes a host in a URL ("/?#@\\% "), is refused (12005), also one that holds it only in the ASCII form of an
-/// international name (RFC 5891), which is what goes out.
+/// escapes a host in a URL ("/?#@\\% "), is refused (12005), and so is one whose ASCII form, which is what goes out
+/// for an international name (RFC 5891), holds such a character.
 SKIFFPORT_PLATFORM_API HINTERNET InternetConnectA(HINTERNET hSession, char const *szServer, INTERNET_PORT nPort,
                                                   char const *szUser, char const *szPassword, DWORD dwService,
                                                   DWORD dwFlags, DWORD_PTR dwContext);
@@ -97,7 +98,7 @@ SKIFFPORT_PLATFORM_API HINTERNET InternetConnectW(HINTERNET hSession, WCHAR cons
                                                   WCHAR const *wszUser, WCHAR const *wszPassword, DWORD dwService,
                                                   DWORD dwFlags, DWORD_PTR dwContext);
 
-/// Makes a request; nothing goes out yet. The object is path and query; an empty one becomes "/", a leading slash is
+/// Opens a request; nothing goes out yet. The object is path and query; an empty one becomes "/", a leading slash is
 /// added, a space goes out as %20, nothing else is touched (wide text goes out in the thread's ANSI code page). A
 /// control character is refused (12005). TLS with INTERNET_FLAG_SECURE, and always at port 443.
 /// INTERNET_FLAG_NO_CACHE_WRITE adds "Cache-Control: no-cache". Differs: GET (also for an empty verb) and POST only.
@@ -108,6 +109,9 @@ SKIFFPORT_PLATFORM_API HINTERNET HttpOpenRequestA(HINTERNET hConnect, char const
 SKIFFPORT_PLATFORM_API HINTERNET HttpOpenRequestW(HINTERNET hConnect, WCHAR const *wszVerb, WCHAR const *wszObject,
                                                   WCHAR const *wszVersion, WCHAR const *wszReferrer,
                                                   WCHAR const **pwszAcceptTypes, DWORD dwFlags, DWORD_PTR dwContext);
+
+// Thread, for all that works on a request, with InternetSetOptionW and HttpAddRequestHeadersA: any, but one call at a
+// time. A second call on the request, also one from its status callback, fails with 12019.
 
 /// Adds header lines (split at line ends) to the request; `dwLength` in characters, 0xFFFFFFFF for a terminated text.
 /// Errors: 87 for a line without a colon, 12019 once the request was sent. Differs: HTTP_ADDREQ_FLAG_ADD only.
@@ -151,13 +155,14 @@ SKIFFPORT_PLATFORM_API BOOL InternetQueryDataAvailable(HINTERNET hRequest, DWORD
 /// the next call fails.
 SKIFFPORT_PLATFORM_API BOOL InternetReadFile(HINTERNET hFile, void *pBuffer, DWORD dwBytes, DWORD *pdwRead);
 
+// Thread, for the rest: any.
+
 /// Opens a URL with GET and returns when the reply's headers are in, whatever the status; null on failure.
-/// Differs: no headers of the caller's; http and https only.
+/// Differs: the caller's headers are not sent; http and https only.
 SKIFFPORT_PLATFORM_API HINTERNET InternetOpenUrlA(HINTERNET hSession, char const *szUrl, char const *szHeaders,
                                                   DWORD dwHeadersLength, DWORD dwFlags, DWORD_PTR dwContext);
 
 /// Closes a handle and those below it, once; any call that blocks on them ends. Errors: FALSE with 6 the second time.
-/// Thread: any.
 SKIFFPORT_PLATFORM_API BOOL InternetCloseHandle(HINTERNET hInternet);
 
 /// Splits an absolute URL. Errors: 12006 no scheme, 87 null or empty, 122 a component that does not fit its buffer,

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Takes pictures of the Qt example's window in its states: make_screenshots.py FOLDER. Fails if a state does not come.
+"""Takes pictures of the Qt example's window in its states: make_screenshots.py FOLDER. Fails if the window does not reach a state.
 
 Started by scripts/screenshots, which provides the display and the stand-in of the service.
 """
@@ -11,7 +11,7 @@ import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "support"))
 import qt_publish  # noqa: E402
-import service  # noqa: E402
+from fixtures import write_preset  # noqa: E402
 from qt_publish import QtCore, QtWidgets  # noqa: E402
 
 from skiffhost import loop  # noqa: E402
@@ -64,7 +64,7 @@ def main(folder):
     application.setStyle("Fusion")
     with tempfile.TemporaryDirectory() as scratch, loop.attach_qt():
         os.chdir(scratch)  # so that the window shows a short path
-        service.write_preset(pathlib.Path(PRESET), SIZES)
+        write_preset(pathlib.Path(PRESET), SIZES)
         window = qt_publish.PublishWindow(PRESET)
         window.show()
         take_all(window, target)

@@ -1,29 +1,45 @@
-"""The parts of scripts/demo that are no commands: makes a sample preset, and checks what the stand-in stored of it.
+"""The program behind scripts/demo: publishes a sample preset to a stand-in and checks every field and byte it stored.
 
-``sample FOLDER`` writes the effect file and twelve pictures, the same bytes each time. ``check`` takes the publish
-command's own options and compares fields, sizes and SHA-256 with the stand-in's record. Standard library only.
+Runs ``python3 -m skiffhost addresses``, ``login`` and ``publish`` as a user would. SKIFFPORT_TREE names the
+built tree.
 """
 
-import argparse
 import hashlib
 import json
 import math
+import os
 import random
+import shlex
+import signal
 import struct
+import subprocess
 import sys
-import urllib.request
+import tempfile
 import zlib
 from pathlib import Path
-from typing import Any, Callable, Dict, List, Sequence, Tuple
+from typing import Any, Callable, Dict, List, Mapping, Sequence, Tuple
 
-FILES = ("effect", "cover_after", "cover_before", "thumbnail_after", "thumbnail_before", "curve_rgb", "curve_r",
-         "curve_g", "curve_b", "levels_rgb", "levels_r", "levels_g", "levels_b")
-PARTS = (("PIPfile", "effect"), ("PIPimg", "cover_after")) + tuple(
-    (f"PIPimg_{number}", name) for number, name in enumerate(FILES[1:], 1))
-FIELD_OPTIONS = {"title": "title", "category": "category", "tags": "tags", "description": "description",
-                 "collections": "collections", "pip_type": "PIPtype", "template_key": "templateKey",
-                 "version_type": "versionType", "uuid": "uuid"}
-FIXED_FIELDS = {"AP": "TWR", "AspectRatio": "1:1", "productName": "Quillon Tintwright", "templatetype": "PRESET"}
+# In place of this file's own folder, which holds only skiffhost's sources.
+sys.path[:1] = [os.environ["SKIFFPORT_TREE"], str(Path(__file__).resolve().parents[1] / "standin")]
+from kestrelhub_standin.launch import PASSWORD, USER, Standin  # noqa: E402
+from kestrelhub_standin.presets import FILE_PARTS  # noqa: E402
+
+from skiffhost.presetfiles import FILES, SENT  # noqa: E402
+
+PRODUCT = {"version_name": "3.2.1", "version_type": "Retail", "uuid": "4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10"}
+FIELDS = {
+    "title": "Abendröte über dem Hafen 🌇",
+    "category": "2",
+    "tags": "sunset,harbour,warm",
+    "description": 'Warms the lights & lifts the "evening" tones; 100% by hand.',
+    "collections": "Evenings",
+    "pip_type": "colour",
+    "template_key": "9C1A52F0-7B0E-4C55-8C39-6A1E7A4B9D21",
+}
+FORM_NAMES = {"pip_type": "PIPtype", "template_key": "templateKey", "version_type": "versionType",
+              "version_name": "versionInfo"}  # where they differ from the option's
+FIXED_FIELDS = {"AP": "TWR", "AspectRatio": "1:1", "productName": "Quillon Tintwright", "templatetype": "PRESET",
+                "Version": PRODUCT["version_name"]}
 
 Tone = Callable[[float], float]
 CHANNELS: Dict[str, Tuple[int, int, int]] = {"rgb": (230, 230, 230), "r": (230, 60, 60), "g": (60, 200, 60),
@@ -100,16 +116,15 @@ def sample(folder: Path) -> None:
     print(f"{len(FILES)} files, {size:,} bytes")
 
 
-def expected_fields(arguments: argparse.Namespace) -> Dict[str, str]:
-    """What the form holds besides the session's token."""
-    fields = {field: getattr(arguments, option) for option, field in FIELD_OPTIONS.items()}
-    return {**fields, **FIXED_FIELDS, "Version": arguments.version_name, "versionInfo": arguments.version_name}
+def expected_fields() -> Dict[str, str]:
+    """Returns what the form holds besides the session's token."""
+    return {**{FORM_NAMES.get(name, name): value for name, value in {**PRODUCT, **FIELDS}.items()}, **FIXED_FIELDS}
 
 
 def expected_files(folder: Path) -> List[Dict[str, Any]]:
-    """The fourteen parts in their order; the cover goes out twice."""
+    """Returns the fourteen file parts in their order."""
     files = []
-    for part, stem in PARTS:
+    for part, stem in zip(FILE_PARTS, SENT):
         (path,) = folder.glob(stem + ".*")
         data = path.read_bytes()
         files.append({"name": part, "filename": str(path), "content_type": "application/octet-stream",
@@ -117,19 +132,8 @@ def expected_files(folder: Path) -> List[Dict[str, Any]]:
     return files
 
 
-def stored_preset(port: int, address: str) -> Dict[str, Any]:
-    """Returns the stand-in's record of the preset with that address."""
-    opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
-    with opener.open(f"http://127.0.0.1:{port}/standin/presets", timeout=30) as reply:
-        records = [record for record in json.load(reply) if record["address"] == address]
-    if len(records) != 1:
-        raise SystemExit(f"the stand-in stored {len(records)} presets under {address!r}")
-    return records[0]
-
-
-def check(arguments: argparse.Namespace) -> int:
-    """Compares and prints. Returns the number of differences."""
-    record = stored_preset(arguments.port, arguments.address)
+def check(record: Dict[str, Any], folder: Path) -> int:
+    """Compares what was stored with what was sent, and prints it. Returns the number of differences."""
     differences = 0
 
     def compare(what: str, stored: Any, expected: Any) -> None:
@@ -139,37 +143,64 @@ def check(arguments: argparse.Namespace) -> int:
         print(f"  {'same ' if same else 'OTHER'}  {what}" + ("" if same else f": stored {stored!r}, sent {expected!r}"))
 
     print("fields")
-    compare("member", record["member"], arguments.user)
+    compare("member", record["member"], USER)
     token = record["fields"].pop("token", "")
     compare("token: of that member's session", bool(token), True)
-    expected = expected_fields(arguments)
+    expected = expected_fields()
     compare("names of the fields", sorted(record["fields"]), sorted(expected))
     for name, value in expected.items():
         compare(f"{name}: {value}", record["fields"].get(name), value)
     print("files")
-    files = expected_files(arguments.folder)
-    compare(f"names of the {len(files)} parts", [file["name"] for file in record["files"]], [name for name, _ in PARTS])
+    files = expected_files(folder)
+    compare(f"names of the {len(files)} parts", [file["name"] for file in record["files"]], list(FILE_PARTS))
     for stored, file in zip(record["files"], files):
         compare(f"{file['name']:9} {file['size']:9,} bytes  {file['sha256'][:16]}...",
                 {key: stored[key] for key in file}, file)
     return differences
 
 
+def options(values: Mapping[str, str]) -> List[str]:
+    return [word for name, value in values.items() for word in ("--" + name.replace("_", "-"), value)]
+
+
+def run(environment: Dict[str, str], *arguments: str) -> str:
+    """Prints the command as a user would type it and runs it. Returns its output, which is printed too."""
+    print("\n$ " + shlex.join(["python3", "-m", "skiffhost", *arguments]), flush=True)
+    output = subprocess.run([sys.executable, "-m", "skiffhost", *arguments], env=environment, check=True,
+                            stdout=subprocess.PIPE).stdout.decode()
+    print(output, end="", flush=True)
+    return output
+
+
+def demonstrate(standin: Standin, folder: Path) -> int:
+    """Returns the number of differences between what was sent and what was stored."""
+    process, secure, plain = (standin.ready[name] for name in ("pid", "https_port", "http_port"))
+    print(f"Stand-in of the service: process {process}, ports {secure} (TLS) and {plain}\n\nSample preset: ", end="")
+    sample(folder)
+    environment = {**standin.env, "SKIFFHOST_PASSWORD": PASSWORD}
+    product = options(PRODUCT)
+    run(environment, *product, "addresses")
+    run(environment, *product, "login", USER)
+    address = run(environment, *product, "publish", USER, str(folder), *options(FIELDS)).split()[-1]
+    print("\nWhat the stand-in stored")
+    (record,) = standin.presets()
+    if record["address"] != address:
+        raise SystemExit(f"the stand-in stored no preset with the address {address!r}")
+    differences = check(record, folder)
+    if not differences:
+        print(f"\nEverything that was sent was stored: {address}")
+    return differences
+
+
 def main() -> int:
-    parser = argparse.ArgumentParser(prog="demo.py", description=__doc__)
-    commands = parser.add_subparsers(dest="command", required=True)
-    commands.add_parser("sample").add_argument("folder", type=Path)
-    checking = commands.add_parser("check")
-    checking.add_argument("user")
-    checking.add_argument("folder", type=Path)
-    for option in ("address", "version_name", *FIELD_OPTIONS):
-        checking.add_argument("--" + option.replace("_", "-"), required=True)
-    checking.add_argument("--port", type=int, required=True)
-    arguments = parser.parse_args()
-    if arguments.command == "sample":
-        sample(arguments.folder)
-        return 0
-    return 1 if check(arguments) else 0
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(128 + signal.SIGTERM))  # runs the cleanup
+    try:
+        with tempfile.TemporaryDirectory() as work, Standin() as standin:
+            return 1 if demonstrate(standin, Path(work, "preset")) else 0
+    except KeyboardInterrupt:
+        return 128 + signal.SIGINT
+    except subprocess.CalledProcessError as error:  # the command has said why
+        return error.returncode
 
 
 if __name__ == "__main__":

@@ -8,19 +8,20 @@ from typing import Dict, List, Mapping, Optional
 
 from .outcome import EXIT_USAGE, Failure
 
-# In the order in which an uploader takes them; also the files' names in a preset's folder, without an extension.
+# In the order of an uploader's arguments; also the names of the files in a preset's folder, without the extension.
 FILES = ("effect", "cover_after", "cover_before", "thumbnail_after", "thumbnail_before", "curve_rgb", "curve_r",
          "curve_g", "curve_b", "levels_rgb", "levels_r", "levels_g", "levels_b")
-SENT_TWICE = "cover_after"
+# In the order in which they are sent; the cover goes out twice.
+SENT = ("effect", "cover_after", *FILES[1:])
 
-# A request's length is declared in 32 bits, and the form around the files takes a little of it.
+# A request's length is a 32-bit number, and the form around the files takes a little of it.
 LARGEST_UPLOAD = 2**32 - 2**20
 
 
 def find_files(folder: Optional[str], given: Mapping[str, Optional[str]]) -> List[str]:
-    """Returns the thirteen paths in order: those that were given, the others from the folder.
+    """Returns the thirteen paths in the order of FILES: the given ones, and the others from the folder.
 
-    Raises Failure with every fault that was found, one a line.
+    Raises Failure that lists every fault found.
     """
     entries = _by_stem(folder) if folder is not None else {}
     faults: List[str] = []
@@ -36,7 +37,7 @@ def find_files(folder: Optional[str], given: Mapping[str, Optional[str]]) -> Lis
             faults.append(f"several files could be {name}: {candidates}")
         else:
             faults.append(f"no file {name}" + (f" in {folder}" if folder is not None else ""))
-    if not faults and sum(map(os.path.getsize, paths + [paths[FILES.index(SENT_TWICE)]])) > LARGEST_UPLOAD:
+    if not faults and sum(os.path.getsize(paths[FILES.index(name)]) for name in SENT) > LARGEST_UPLOAD:
         faults.append("together the files are too large: an upload holds less than 4 GiB")
     if faults:
         raise Failure(EXIT_USAGE, "; ".join(faults))
@@ -44,7 +45,7 @@ def find_files(folder: Optional[str], given: Mapping[str, Optional[str]]) -> Lis
 
 
 def _by_stem(folder: str) -> Dict[str, List[str]]:
-    """The folder's entries by their names without the extension."""
+    """Returns the folder's entries by their names without the extension."""
     entries: Dict[str, List[str]] = {}
     try:
         for entry in os.listdir(folder):

@@ -1,7 +1,7 @@
-"""Who may log in, and the tokens that were handed out.
+"""Who may log in, and the tokens that have been issued.
 
-Members come from a JSON file: account -> {"password", "username", "reply"}; "reply" overrides or adds elements of the
-login reply ({"firstloginUrl": "https://..."}), and null leaves an element out.
+Members come from a JSON file: account -> {"password", "username", "reply"}. "reply" overrides or adds elements of the
+login reply ({"firstloginUrl": "https://..."}); null leaves an element out.
 """
 
 import json
@@ -9,13 +9,14 @@ import secrets
 from pathlib import Path
 from typing import Any, Dict, Mapping, Optional
 
-DEFAULT_MEMBERS: Mapping[str, Mapping[str, Any]] = {
-    "mika@kestrelhub.example": {"password": "tulip & birch = 100%", "username": "Mika Ångström"},
-}
+# The member that is built in.
+USER = "mika@kestrelhub.example"
+PASSWORD = "tulip & birch = 100%"
+DEFAULT_MEMBERS: Mapping[str, Mapping[str, Any]] = {USER: {"password": PASSWORD, "username": "Mika Ångström"}}
 
 
 class Members:
-    """The member list and its sessions; a token stays good for the life of the process."""
+    """The member list and its sessions. A token is valid for the life of the process."""
 
     def __init__(self, file: Optional[Path]) -> None:
         self._members = json.loads(file.read_text("utf-8")) if file else DEFAULT_MEMBERS
@@ -31,7 +32,7 @@ class Members:
         return token
 
     def account_of(self, token: str) -> Optional[str]:
-        """Returns whose token it is, or None if it was never handed out."""
+        """Returns the account that the token was issued to, or None for an unknown token."""
         return self._accounts.get(token)
 
     def details(self, account: str) -> Mapping[str, Any]:

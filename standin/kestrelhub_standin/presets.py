@@ -1,6 +1,6 @@
-"""The published presets on disk: a folder a preset, its files under their form names, and preset.json beside them.
+"""The published presets on disk: one folder per preset, with its files under their form names and preset.json.
 
-A preset that is still coming in lives in a folder with a leading dot, and becomes visible in one rename.
+A preset that is still arriving lives in a folder with a leading dot and becomes visible in one rename.
 """
 
 import contextlib
@@ -13,9 +13,12 @@ from typing import Any, AsyncIterator, Dict, Iterator, List, Optional
 
 Record = Dict[str, Any]
 
+# The names of a form's file parts, in their order.
+FILE_PARTS = ("PIPfile", "PIPimg") + tuple(f"PIPimg_{number}" for number in range(1, 13))
+
 
 class PresetStore:
-    """All published presets of one folder, those of earlier runs included."""
+    """All published presets of one folder, including those of earlier runs."""
 
     def __init__(self, folder: Path) -> None:
         folder.mkdir(parents=True, exist_ok=True)
@@ -26,14 +29,14 @@ class PresetStore:
             self._records[record["id"]] = record
 
     def all(self) -> List[Record]:
-        """Returns the records, oldest first of this run."""
+        """Returns the records, those of this run oldest first."""
         return list(self._records.values())
 
     def get(self, preset_id: str) -> Optional[Record]:
         return self._records.get(preset_id)
 
     def find(self, guid: str) -> Optional[Record]:
-        """Returns the latest preset with that id or template key, whatever the case of its letters."""
+        """Returns the latest preset with that id or template key, regardless of case."""
         for record in reversed(self.all()):
             if guid.lower() in (record["id"], record["fields"]["templateKey"].lower()):
                 return record
@@ -41,7 +44,7 @@ class PresetStore:
 
     @contextlib.contextmanager
     def incoming(self) -> Iterator["IncomingPreset"]:
-        """A preset that is being received; whatever was not published by the end of the block is removed."""
+        """A preset that is being received. Unless it is published by the end of the block, it is removed."""
         preset = IncomingPreset(self._folder)
         try:
             yield preset
@@ -53,7 +56,7 @@ class PresetStore:
 
 
 class IncomingPreset:
-    """One preset on its way in: files are written as they arrive, and the record last."""
+    """One preset while it arrives: files are written as they come, the record last."""
 
     def __init__(self, store_folder: Path) -> None:
         self.id = secrets.token_hex(8)
@@ -63,7 +66,7 @@ class IncomingPreset:
         self.record: Optional[Record] = None
 
     async def add_file(self, name: str, details: Record, chunks: AsyncIterator[bytes]) -> None:
-        """Streams one file to disk and notes its size and SHA-256 beside the details."""
+        """Streams one file to disk and records its size and SHA-256 along with the details."""
         size = 0
         digest = hashlib.sha256()
         with open(self.folder / name, "xb") as file:

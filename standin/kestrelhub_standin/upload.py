@@ -12,7 +12,7 @@ from aiohttp import BodyPartReader, MultipartReader, StreamReader, web
 from aiohttp.multipart import BadContentDispositionHeader, BadContentDispositionParam
 
 from .members import Members
-from .presets import IncomingPreset
+from .presets import FILE_PARTS, IncomingPreset
 from .replies import Refusal
 
 CHUNK_BYTES = 256 * 1024
@@ -22,7 +22,6 @@ SHORTEST_READ_BYTES = 128
 REQUIRED_FIELDS = ("AP", "AspectRatio", "PIPtype", "Version", "category", "description", "productName", "templateKey",
                    "templatetype", "title", "token", "uuid", "versionInfo", "versionType")
 OPTIONAL_FIELDS = ("collections", "tags")
-FILE_PARTS = ("PIPfile", "PIPimg") + tuple(f"PIPimg_{number}" for number in range(1, 13))
 
 # A file's name is a whole path with nothing escaped in it, so it ends at the last quote of the line.
 _DISPOSITION = re.compile(r'form-data; name="([^"]*)"(?:; filename="(.*)")?', re.DOTALL)

@@ -9,10 +9,11 @@ import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "python"))
 import common  # noqa: E402
-import standin  # noqa: E402
+import fixtures  # noqa: E402
+from kestrelhub_standin import launch  # noqa: E402
 
-EXAMPLES = standin.REPOSITORY / "examples"
-INTERRUPTED = str(standin.REPOSITORY / "tests" / "support" / "interrupted.py")
+EXAMPLES = fixtures.REPOSITORY / "examples"
+INTERRUPTED = str(fixtures.REPOSITORY / "tests" / "support" / "interrupted.py")
 BINDING = """
 import sys
 for binding in sys.argv[2:]:
@@ -38,9 +39,9 @@ class ExamplesTest(common.StandinCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.env = {**cls.standin.env, "SKIFFHOST_USER": standin.USER, "SKIFFHOST_PASSWORD": standin.PASSWORD,
+        cls.env = {**cls.standin.env, "SKIFFHOST_USER": launch.USER, "SKIFFHOST_PASSWORD": launch.PASSWORD,
                    "PYTHONPATH": os.pathsep.join((*common.PATH, str(EXAMPLES)))}
-        cls.large = standin.write_preset(cls.scratch / "large", {"effect": 80_000_000})
+        cls.large = fixtures.write_preset(cls.scratch / "large", {"effect": 80_000_000})
 
     def start(self, folder, title, *program):
         command = [sys.executable, "-B", *(program or [str(EXAMPLES / "asyncio_publish.py")]), str(folder), title]
@@ -50,18 +51,18 @@ class ExamplesTest(common.StandinCase):
         return process
 
     def test_the_asyncio_script_publishes_is_refused_and_cancelled(self):
-        small = standin.write_preset(self.scratch / "small")
-        output, errors = self.start(small, "From asyncio").communicate(timeout=standin.DEADLINE_SECONDS)
+        small = fixtures.write_preset(self.scratch / "small")
+        output, errors = self.start(small, "From asyncio").communicate(timeout=fixtures.DEADLINE_SECONDS)
         self.assertEqual(output, f"published {self.standin.presets()[-1]['address']}\n", errors)
         process = self.start(small, " ")
-        errors = process.communicate(timeout=standin.DEADLINE_SECONDS)[1]
+        errors = process.communicate(timeout=fixtures.DEADLINE_SECONDS)[1]
         self.assertTrue(errors.endswith("not published: A preset needs a title.\n"), errors)
         for program in ((), (INTERRUPTED, "asyncio_publish")):
             process = self.start(self.large, "Never", *program)
             if not program:
                 self.assertIn("uploading", process.stderr.readline())
                 process.send_signal(signal.SIGINT)
-            errors = process.communicate(timeout=standin.DEADLINE_SECONDS)[1]
+            errors = process.communicate(timeout=fixtures.DEADLINE_SECONDS)[1]
             self.assertTrue(errors.endswith("not published: cancelled\n"), errors)
             self.assertEqual(process.returncode, 130)
         self.assertEqual(len(self.standin.presets()), 1)

@@ -20,7 +20,8 @@ from unittest import mock
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "python"))
 import common  # noqa: E402
-import standin  # noqa: E402
+import fixtures  # noqa: E402
+from kestrelhub_standin import launch  # noqa: E402
 from publication import Publication  # noqa: E402
 
 import Skiffport  # noqa: E402
@@ -163,7 +164,7 @@ class LoopTest(common.StandinCase):
     def setUpClass(cls):
         super().setUpClass()
         session = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
-        assert session.LoginKestrelhub(standin.USER, standin.PASSWORD) == 1
+        assert session.LoginKestrelhub(launch.USER, launch.PASSWORD) == 1
         cls.session = session.GetServerUrl(), session.GetLoginTokenID()
         running.run(lambda: True)  # so that what the loop opens for itself is open
 
@@ -176,12 +177,12 @@ class LoopTest(common.StandinCase):
 
     def wait_for_uploads(self):
         """Waits, without the loop, until all uploads have ended: their events wait then."""
-        standin.wait_until(lambda: count_threads() <= self.threads, "end of the uploads' threads")
+        fixtures.wait_until(lambda: count_threads() <= self.threads, "end of the uploads' threads")
 
     def run_until(self, condition, what):
         """Runs the loop until the condition holds. Returns the time, and that of the processor for this thread, at each tick."""
         times = []
-        deadline = time.monotonic() + standin.DEADLINE_SECONDS
+        deadline = time.monotonic() + fixtures.DEADLINE_SECONDS
 
         def tick():
             times.append((time.monotonic(), time.thread_time()))

@@ -22,23 +22,24 @@ publish() {
   /usr/bin/python3 -B - "$@" <<'END'
 import hashlib, pathlib, shutil, subprocess, sys
 
-sys.path.insert(0, "tests/support")
-import service
+sys.path[:0] = "build/package/python", "standin", "tests/support"
+from fixtures import DEADLINE_SECONDS, write_preset
+from kestrelhub_standin.launch import PASSWORD, USER, Standin
+from skiffhost.presetfiles import SENT
 
 folder, seen, *command = sys.argv[1:]
-preset = service.write_preset(pathlib.Path(folder, "preset"), {"cover_after": 200000})
-with service.Standin() as standin:
+preset = write_preset(pathlib.Path(folder, "preset"), {"cover_after": 200000})
+with Standin() as standin:
     shutil.copy(standin.ready["ca_file"], folder)
-    env = {"SKIFFHOST_PASSWORD": service.PASSWORD, "SKIFFPORT_CONNECT_TO": standin.ready["connect_to"],
+    env = {"SKIFFHOST_PASSWORD": PASSWORD, "SKIFFPORT_CONNECT_TO": standin.ready["connect_to"],
            "SSL_CERT_FILE": f"{seen}/{pathlib.Path(standin.ready['ca_file']).name}", "LC_ALL": "C.UTF-8",
            "PATH": "/usr/sbin:/usr/bin"}
-    status = subprocess.run([*command, "publish", service.USER, f"{seen}/preset", "--title", "Packed ü"], env=env,
-                            cwd="/", timeout=120).returncode
+    status = subprocess.run([*command, "publish", USER, f"{seen}/preset", "--title", "Packed ü"], env=env,
+                            cwd="/", timeout=DEADLINE_SECONDS).returncode
     (record,) = standin.presets()
 assert status == 0, f"publish ended with {status}"
-assert (record["member"], record["fields"]["title"]) == (service.USER, "Packed ü"), record
-sent = [hashlib.sha256((preset / f"{name}.bin").read_bytes()).hexdigest()
-        for name in ("effect", "cover_after", *service.FILES[1:])]
+assert (record["member"], record["fields"]["title"]) == (USER, "Packed ü"), record
+sent = [hashlib.sha256((preset / f"{name}.bin").read_bytes()).hexdigest() for name in SENT]
 assert [file["sha256"] for file in record["files"]] == sent, record["files"]
 END
 }

@@ -1,6 +1,6 @@
-"""What the tests share: the way to the built tree and to tests/support, and cases with scripted peers or a stand-in.
+"""What the tests share: the import path, and test cases that run against scripted peers or a stand-in.
 
-Comes before the imports of what stands there, since it puts both on the path.
+Import it first: it puts the built tree, tests/support and standin/ on the path.
 """
 
 import os
@@ -11,14 +11,18 @@ import tempfile
 import unittest
 from unittest import mock
 
-PATH = [os.environ["SKIFFPORT_TREE"], str(pathlib.Path(__file__).resolve().parents[1] / "support")]
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+PATH = [os.environ["SKIFFPORT_TREE"], str(ROOT / "tests" / "support"), str(ROOT / "standin")]
 sys.path[:0] = PATH
-import standin  # noqa: E402
+import fixtures  # noqa: E402
+from kestrelhub_standin import launch  # noqa: E402
 from scripted import Network  # noqa: E402
+
+from skiffhost.presetfiles import FILES  # noqa: E402
 
 
 class Case(unittest.TestCase):
-    """Has a folder, ``scratch``, for all its tests."""
+    """Has one folder, ``scratch``, for all its tests."""
 
     @classmethod
     def setUpClass(cls):
@@ -27,19 +31,20 @@ class Case(unittest.TestCase):
         cls.scratch = pathlib.Path(scratch.name)
 
     def preset(self, sizes=None):
-        """Writes the files of a preset into a new folder. Returns: their paths."""
-        folder = standin.write_preset(pathlib.Path(tempfile.mkdtemp(dir=self.scratch), "preset"), sizes)
-        return [str(folder / f"{name}.bin") for name in standin.FILES]
+        """Writes the files of a preset into a new folder. Returns their paths."""
+        folder = fixtures.write_preset(pathlib.Path(tempfile.mkdtemp(dir=self.scratch), "preset"), sizes)
+        return [str(folder / f"{name}.bin") for name in FILES]
 
     def run_python(self, script, *arguments, **env):
-        """Runs a script in another interpreter. Returns: its exit status and all that it printed."""
-        done = subprocess.run([sys.executable, "-B", "-c", script, *arguments], stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                              env={**os.environ, "PYTHONPATH": os.pathsep.join(PATH), **env}, timeout=standin.DEADLINE_SECONDS)
+        """Runs a script in another interpreter. Returns its exit status and everything that it printed."""
+        done = subprocess.run([sys.executable, "-B", "-c", script, *arguments], stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, timeout=fixtures.DEADLINE_SECONDS,
+                              env={**os.environ, "PYTHONPATH": os.pathsep.join(PATH), **env})
         return done.returncode, done.stdout.decode()
 
 
 class NetworkCase(Case):
-    """Leads hosts to peers of its own in each test."""
+    """Directs hosts to peers of its own in each test."""
 
     def setUp(self):
         self.network = Network().__enter__()
@@ -47,12 +52,12 @@ class NetworkCase(Case):
 
 
 class StandinCase(Case):
-    """Leads all hosts to one stand-in."""
+    """Directs all hosts to one stand-in."""
 
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.standin = standin.Standin().__enter__()
+        cls.standin = launch.Standin().__enter__()
         cls.addClassCleanup(cls.standin.__exit__)
         patch = mock.patch.dict(os.environ, cls.standin.env, clear=True)
         patch.start()

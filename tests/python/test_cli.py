@@ -10,9 +10,11 @@ import sys
 import unittest
 
 import common
-import standin
+import fixtures
+from kestrelhub_standin import launch
 
 from skiffhost import progress
+from skiffhost.presetfiles import FILES, SENT
 
 FIELDS = ["--title", "Ü & 🌇", "--category", "2", "--tags", "a,b", "--description", 'x "y"', "--collections", "",
           "--pip-type", "colour", "--template-key", "K-1"]
@@ -22,8 +24,8 @@ class CommandLineCase(common.StandinCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        cls.env = {**cls.standin.env, "SKIFFHOST_PASSWORD": standin.PASSWORD, "TERM": "xterm"}
-        cls.preset = standin.write_preset(cls.scratch / "small", {"cover_after": 300000})
+        cls.env = {**cls.standin.env, "SKIFFHOST_PASSWORD": launch.PASSWORD, "TERM": "xterm"}
+        cls.preset = fixtures.write_preset(cls.scratch / "small", {"cover_after": 300000})
 
     def start(self, *arguments, program=("-m", "skiffhost"), **options):
         options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "env": self.env, **options}
@@ -36,7 +38,7 @@ class CommandLineCase(common.StandinCase):
     def run_cli(self, *arguments, **env):
         """Returns exit code, standard output and standard error."""
         process = self.start(*arguments, env={**self.env, **env})
-        output, errors = process.communicate(timeout=standin.DEADLINE_SECONDS)
+        output, errors = process.communicate(timeout=fixtures.DEADLINE_SECONDS)
         return process.returncode, output, errors
 
 
@@ -51,8 +53,8 @@ class AccountTest(CommandLineCase):
 
     def test_a_login_tells_of_the_member_and_keeps_the_token_back(self):
         password = self.scratch / "password"
-        password.write_text(standin.PASSWORD + "\n", "utf-8")
-        code, output, _ = self.run_cli("login", standin.USER, "--password-file", str(password), SKIFFHOST_PASSWORD="no")
+        password.write_text(launch.PASSWORD + "\n", "utf-8")
+        code, output, _ = self.run_cli("login", launch.USER, "--password-file", str(password), SKIFFHOST_PASSWORD="no")
         self.assertEqual(code, 0)
         self.assertIn("Mika Ångström", output)
         self.assertIsNone(re.search(r"\b[0-9a-f]{32}\b", output))
@@ -66,28 +68,26 @@ class AccountTest(CommandLineCase):
         ]
         for code, text, env in cases:
             with self.subTest(env=env):
-                found, output, errors = self.run_cli("login", standin.USER, "--json", **env)
+                found, output, errors = self.run_cli("login", launch.USER, "--json", **env)
                 self.assertEqual((found, json.loads(output)["exit_code"]), (code, code), errors)
                 self.assertIn(text, errors)
 
     def test_without_a_terminal_there_must_be_a_password(self):
-        process = self.start("login", standin.USER, env=dict(os.environ))
-        self.assertIn("no password", process.communicate(timeout=standin.DEADLINE_SECONDS)[1])
+        process = self.start("login", launch.USER, env=dict(os.environ))
+        self.assertIn("no password", process.communicate(timeout=fixtures.DEADLINE_SECONDS)[1])
         self.assertEqual(process.returncode, 2)
 
 
 class PublishTest(CommandLineCase):
     def publish(self, *arguments, fields=FIELDS):
-        return self.run_cli("publish", standin.USER, *arguments, *fields)
+        return self.run_cli("publish", launch.USER, *arguments, *fields)
 
     def test_every_field_and_file_arrives_and_lines_stay_few(self):
         code, output, errors = self.publish(str(self.preset), "--curve-r", str(self.preset / "curve_b.bin"))
         self.assertEqual(code, 0, errors)
         record = self.standin.presets()[-1]
         self.assertEqual(output, f"published {record['address']}\n")
-        names = [name for name in standin.FILES if name != "curve_r"]
-        names.insert(standin.FILES.index("curve_r"), "curve_b")
-        names.insert(1, "cover_after")
+        names = ["curve_b" if name == "curve_r" else name for name in SENT]
         digests = [hashlib.sha256((self.preset / f"{name}.bin").read_bytes()).hexdigest() for name in names]
         self.assertEqual([file["sha256"] for file in record["files"]], digests)
         expected = {"title": "Ü & 🌇", "category": "2", "tags": "a,b", "description": 'x "y"', "PIPtype": "colour",
@@ -100,7 +100,7 @@ class PublishTest(CommandLineCase):
         self.assertIn("finishing 100%", errors.splitlines()[-1])
 
     def test_faults_in_the_folder_are_told_before_anything_is_sent(self):
-        folder = standin.write_preset(self.scratch / "faulty")
+        folder = fixtures.write_preset(self.scratch / "faulty")
         (folder / "levels_g.bin").unlink()
         (folder / "effect.old").write_text("")
         (folder / "curve_r.bin").unlink()
@@ -119,20 +119,20 @@ class PublishTest(CommandLineCase):
         self.assertEqual(json.loads(output), {"ok": False, "error": "A preset needs a title.", "exit_code": 1})
 
     def test_interrupts_cancel_and_publish_nothing(self):
-        large = standin.write_preset(self.scratch / "large", dict.fromkeys(standin.FILES, 3 << 20))
+        large = fixtures.write_preset(self.scratch / "large", dict.fromkeys(FILES, 3 << 20))
         published = len(self.standin.presets())
-        inside = (str(standin.REPOSITORY / "tests" / "support" / "interrupted.py"), "skiffhost")
+        inside = (str(fixtures.REPOSITORY / "tests" / "support" / "interrupted.py"), "skiffhost")
         for program, sent, label in ((("-m", "skiffhost"), 3, "uploading"), (inside, 0, "cancelling")):
-            process = self.start("publish", standin.USER, str(large), "--progress", "lines", *FIELDS, program=program)
+            process = self.start("publish", launch.USER, str(large), "--progress", "lines", *FIELDS, program=program)
             self.assertIn(label, process.stderr.readline())
             for _ in range(sent):
                 process.send_signal(signal.SIGINT)
             errors = process.stderr.read()
-            self.assertEqual((process.wait(standin.DEADLINE_SECONDS), process.stdout.read()), (130, ""), errors)
+            self.assertEqual((process.wait(fixtures.DEADLINE_SECONDS), process.stdout.read()), (130, ""), errors)
             self.assertTrue(errors.endswith("skiffhost: cancelled\n"), errors)
             self.assertNotIn("Traceback", errors)
         self.assertEqual(len(self.standin.presets()), published)
-        standin.wait_until(lambda: not list(self.standin.folder.glob(".*")), "removal of what had arrived")
+        fixtures.wait_until(lambda: not list(self.standin.folder.glob(".*")), "removal of what had arrived")
 
 
 class ProgressTest(unittest.TestCase):

@@ -4,10 +4,10 @@ import json
 
 import test_cli
 import peer
-import standin
+from kestrelhub_standin import launch
 
 HOST = "www.kestrelhub.example"
-LOGIN = ("--user", standin.USER)
+LOGIN = ("--user", launch.USER)
 
 
 class ServiceCommandsTest(test_cli.CommandLineCase):
@@ -30,7 +30,7 @@ class ServiceCommandsTest(test_cli.CommandLineCase):
         self.check(["categories", "--host", "no-host.invalid"], 3, errors="no categories")
 
     def test_effects(self):
-        self.assertEqual(self.run_cli("publish", standin.USER, str(self.preset), "--title", "T", "--template-key",
+        self.assertEqual(self.run_cli("publish", launch.USER, str(self.preset), "--title", "T", "--template-key",
                                       "{K-9}")[0], 0)
         address = self.standin.presets()[-1]["address"]
         self.check(["effect", "{k-9}", *LOGIN], 0, address + "\n")

@@ -11,9 +11,10 @@ import sys
 import unittest
 
 import common
-import standin
+import fixtures
+from kestrelhub_standin import launch
 
-PAGES = [standin.REPOSITORY / "README.md", *sorted((standin.REPOSITORY / "docs").glob("*.md"))]
+PAGES = [fixtures.REPOSITORY / "README.md", *sorted((fixtures.REPOSITORY / "docs").glob("*.md"))]
 SNIPPET = re.compile(r"^```python *(\w*)\n(.*?)^```", re.MULTILINE | re.DOTALL)
 
 
@@ -27,8 +28,8 @@ def scripts(page):
 
 class Docs(common.StandinCase):
     def test_snippets_run(self):
-        standin.write_preset(self.scratch / "preset")
-        env = {**self.standin.env, "SKIFFHOST_USER": standin.USER, "SKIFFHOST_PASSWORD": standin.PASSWORD}
+        fixtures.write_preset(self.scratch / "preset")
+        env = {**self.standin.env, "SKIFFHOST_USER": launch.USER, "SKIFFHOST_PASSWORD": launch.PASSWORD}
         count = 0
         for page in PAGES:
             for heading, toolkit, script in scripts(page):

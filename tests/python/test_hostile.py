@@ -7,7 +7,7 @@ import sys
 import time
 
 import common
-import standin
+import fixtures
 from publication import Publication
 
 HOST = "good.test"
@@ -84,7 +84,7 @@ sys.stdin.read(1)
                    "SKIFFPORT_CONNECT_TO": f"slow.test:80:127.0.0.1:{listener.getsockname()[1]}"}
             with subprocess.Popen([sys.executable, "-B", "-u", "-c", self.SCRIPT], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                   stderr=subprocess.STDOUT, env=env) as child:
-                listener.settimeout(standin.DEADLINE_SECONDS)
+                listener.settimeout(fixtures.DEADLINE_SECONDS)
                 connection = listener.accept()[0]
                 child.stdin.write(b"x")
                 child.stdin.flush()
@@ -92,6 +92,6 @@ sys.stdin.read(1)
                 connection.close()
                 tasks = f"/proc/{child.pid}/task"
                 if sys.version_info >= (3, 9):  # before, it waits for the lock to the process's end
-                    standin.wait_until(lambda: child.poll() is not None or len(os.listdir(tasks)) == 1, "end of the thread")
-                self.assertEqual(child.communicate(timeout=standin.DEADLINE_SECONDS)[0], b"")
+                    fixtures.wait_until(lambda: child.poll() is not None or len(os.listdir(tasks)) == 1, "end of the thread")
+                self.assertEqual(child.communicate(timeout=fixtures.DEADLINE_SECONDS)[0], b"")
         self.assertEqual(child.returncode, 0)

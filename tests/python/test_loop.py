@@ -8,7 +8,7 @@ import threading
 from unittest import mock
 
 import common
-import standin
+import fixtures
 from publication import Publication
 
 from skiffhost import loop
@@ -30,7 +30,7 @@ def let_wait(publications):
     for publication in publications:
         threads = os.listdir("/proc/self/task")
         publication.start(FILES)
-        standin.wait_until(lambda: len(os.listdir("/proc/self/task")) <= len(threads), "end of the upload's thread")
+        fixtures.wait_until(lambda: len(os.listdir("/proc/self/task")) <= len(threads), "end of the upload's thread")
 
 
 class LoopCase(common.Case):
@@ -45,7 +45,7 @@ class LoopCase(common.Case):
     def check_descriptors(self, before):
         self.assertTrue(loop.release())
         # That of another thread closes as the thread goes, a little after it could be joined.
-        standin.wait_until(lambda: descriptors() == before, "end of every descriptor", seconds=5)
+        fixtures.wait_until(lambda: descriptors() == before, "end of every descriptor", seconds=5)
 
 
 class FunctionsTest(LoopCase):
@@ -105,7 +105,7 @@ class FunctionsTest(LoopCase):
 
 class AsyncioTest(LoopCase):
     def run_to_end(self, program):
-        self.running.run_until_complete(asyncio.wait_for(program, standin.DEADLINE_SECONDS))
+        self.running.run_until_complete(asyncio.wait_for(program, fixtures.DEADLINE_SECONDS))
 
     async def until(self, condition):
         while not condition():

@@ -5,7 +5,7 @@ import threading
 import time
 
 import common
-import standin
+import fixtures
 from scripted import DEFAULT, DETECT, STAGE, browser
 
 import Skiffport
@@ -179,6 +179,6 @@ class Login(common.NetworkCase):
                 self.assertEqual(self.data.LoginKestrelhub("u", "p"), 0 if address else 1)
                 self.assertEqual(self.state(), ("" if address else "tok%41", "Mika", "vg", "2"))
                 # An opener that was started has ended before its thread does.
-                standin.wait_until(lambda: len(os.listdir("/proc/self/task")) <= threads, "end of the opener's thread")
+                fixtures.wait_until(lambda: len(os.listdir("/proc/self/task")) <= threads, "end of the opener's thread")
                 self.assertIsNone(os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOHANG | os.WNOWAIT), "an opener not collected")
                 self.assertEqual(opened_pages(), address + "\n" if address in opened else "")

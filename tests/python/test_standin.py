@@ -3,7 +3,7 @@
 import subprocess
 
 import common
-import standin
+from kestrelhub_standin import launch
 
 BOUNDARY = "-" * 27 + "0041FA2B7B3C"
 BODY = "".join(f'--{BOUNDARY}\r\nContent-Disposition: form-data; name="{name}"\r\n\r\n{contents}\r\n'
@@ -39,6 +39,6 @@ for piece in range(1, 80):
 class BodyInPiecesTest(common.Case):
     def test_a_boundary_may_arrive_in_any_pieces(self):
         """Fed to the parser directly, since pieces on a wire arrive joined."""
-        ran = subprocess.run([standin.STANDIN_PYTHON, "-c", PIECES, BOUNDARY], env=standin.standin_environment(),
+        ran = subprocess.run([launch.PYTHON, "-c", PIECES, BOUNDARY], env=launch.standin_environment(),
                              input=BODY.encode(), stderr=subprocess.PIPE)
         self.assertEqual((ran.returncode, ran.stderr.decode()), (0, ""))

@@ -9,13 +9,13 @@ import sys
 import threading
 
 import common
-import standin
+from kestrelhub_standin import launch
+from kestrelhub_standin.presets import FILE_PARTS
 from publication import Publication
 
 import Skiffport
 from skiffhost import loop
 
-PARTS = ["PIPfile", "PIPimg"] + [f"PIPimg_{n}" for n in range(1, 13)]
 SLOW = {"effect": 40_000_000}  # some twelve chunks: time enough to interfere
 
 
@@ -24,7 +24,7 @@ class Upload(common.StandinCase):
     def setUpClass(cls):
         super().setUpClass()
         cls.session = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
-        assert cls.session.LoginKestrelhub(standin.USER, standin.PASSWORD) == 1
+        assert cls.session.LoginKestrelhub(launch.USER, launch.PASSWORD) == 1
         cls.host, cls.token = cls.session.GetServerUrl(), cls.session.GetLoginTokenID()
 
     def publication(self, **changes):
@@ -54,7 +54,7 @@ class Upload(common.StandinCase):
             "versionInfo": "10.5", "AP": "TWR", "Version": "10.5", "AspectRatio": "1:1", "versionType": "retail",
             "uuid": "uuid-1"})
         sent = [paths[0], paths[1], *paths[1:]]
-        for part, name, path in zip(stored["files"], PARTS, sent):
+        for part, name, path in zip(stored["files"], FILE_PARTS, sent):
             contents = pathlib.Path(path).read_bytes()
             self.assertEqual((part["name"], part["size"], part["sha256"]),
                              (name, len(contents), hashlib.sha256(contents).hexdigest()))

@@ -11,7 +11,7 @@ from typing import Any, Iterator, List
 from unittest import mock
 
 import peer
-import standin
+from kestrelhub_standin import launch
 
 DETECT, DEFAULT, STAGE = "detect.kestrelhub.example", "www.kestrelhub.example", "stage.kestrelhub.example"
 
@@ -23,7 +23,7 @@ def certificates() -> str:
     atexit.register(folder.cleanup)
     # in a process of its own: what makes certificates would show in a leak check of this one
     subprocess.run(["/usr/bin/python3", peer.__file__, "certificates", "--certs", folder.name], check=True,
-                   env=standin.standin_environment())
+                   env=launch.standin_environment())
     return folder.name
 
 
@@ -36,7 +36,7 @@ class Network:
 
     def __enter__(self) -> "Network":
         self.certificates = certificates()
-        env = {**standin.clean_environment(), "SSL_CERT_FILE": os.path.join(self.certificates, "ca.pem")}
+        env = {**launch.clean_environment(), "SSL_CERT_FILE": os.path.join(self.certificates, "ca.pem")}
         self._stack.enter_context(mock.patch.dict(os.environ, env, clear=True))
         return self
 

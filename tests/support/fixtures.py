@@ -1,0 +1,32 @@
+"""What tests of all kinds need: a deadline, a poll and a small preset to publish. Needs the built tree on sys.path."""
+
+import pathlib
+import time
+from typing import Any, Mapping, Optional
+
+from skiffhost.presetfiles import FILES
+
+REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
+DEADLINE_SECONDS = 60.0
+
+
+def wait_until(condition: Any, what: str, seconds: float = DEADLINE_SECONDS) -> Any:
+    """Polls the condition and returns its first true value. Fails when the time is up."""
+    deadline = time.monotonic() + seconds
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError(f"{what}: not within {seconds:.0f} seconds")
+        time.sleep(0.01)
+
+
+def write_preset(folder: pathlib.Path, sizes: Optional[Mapping[str, int]] = None) -> pathlib.Path:
+    """Writes the thirteen files, all different, of 100 bytes or the given sizes. Returns the folder."""
+    folder.mkdir(parents=True)
+    for number, name in enumerate(FILES):
+        size = (sizes or {}).get(name, 100)
+        pattern = b"\r\n--" + bytes(range(number, 251)) + b"-" * 27
+        (folder / f"{name}.bin").write_bytes((pattern * (size // len(pattern) + 1))[:size])
+    return folder

@@ -1,8 +1,8 @@
-"""One measured run of the module in a process of its own: `client.py upload|first-upload PATH...`, `client.py login COUNT`.
+"""One measured run of the module in its own process: `client.py upload|first-upload PATH...`, `client.py login COUNT`.
 
-An upload comes behind a login, as in every program, since it needs the token; a first upload is the process's first use
-of the network and of the libraries for it. Prints one JSON object: seconds of wall time and of CPU of the work alone, and
-the process's peak memory. The importable tree comes in SKIFFPORT_TREE.
+An upload follows a login, as in every program, since it needs the token; a first upload is the process's first use of
+the network and its libraries. Prints one JSON object: seconds of wall and CPU time for the work itself, and the
+process's peak memory. SKIFFPORT_TREE names the built tree.
 """
 
 from __future__ import annotations
@@ -24,7 +24,7 @@ UUID = "00000000-0000-4000-8000-000000000000"
 
 
 def peak_kib() -> int:
-    """The largest resident memory that this process has had, without what it was forked from."""
+    """Returns this process's peak resident memory, not counting the process it was forked from."""
     with open("/proc/self/status", encoding="ascii") as status:
         return int(re.search(r"VmHWM:\s+(\d+) kB", status.read()).group(1))
 

@@ -1,8 +1,8 @@
-"""Calls to the service by the module, beside the same exchanges made with requests and with pycurl; see scripts/bench.
+"""Compares the module's calls to the service with the same exchanges by requests and by pycurl; see scripts/bench.
 
-Each client runs in a process of its own, started once, and the calls of the three alternate, so that a busy machine burdens
-all alike. Every exchange has a connection of its own, and every client trusts the same file and parses the same replies.
-The clients' processor time is what counts; their imports and first calls don't.
+Each client runs in its own process, started once, and their calls alternate, so that a busy machine affects all alike.
+Every exchange has its own connection, and every client trusts the same file and parses the same replies. The clients'
+CPU time is what counts, without their imports and first calls.
 """
 
 from __future__ import annotations
@@ -31,9 +31,9 @@ LOGIN_REPLY = {
 }
 EFFECT_PATH = "/servlet/GetEffectByGUIDForTWR?token=&guid=4d0f2c1e"
 EFFECT = f"https://{HOST}/effects/a preset/4d0f2c1e"
-BLOCK = 1000  # categories of a reply
-GROWTH = [10, 50, 100]  # replies gathered by one object
-LONGEST_REPLY = 8 << 20  # bytes that are read of a reply
+BLOCK = 1000  # categories per reply
+GROWTH = [10, 50, 100]  # replies accumulated by one object
+LONGEST_REPLY = 8 << 20  # bytes of a reply that are read
 WORST_SECONDS, WORST_MIB = 2, 150
 
 
@@ -51,7 +51,7 @@ def category_reply(first: int, count: int) -> str:
 
 
 def fill_reply(part: Callable[[int], str]) -> str:
-    """A reply close to the longest that is read, of numbered parts."""
+    """Returns a reply of numbered parts, close to the longest that is read."""
     parts, size = [part(0)], 16
     while size + len(parts[-1]) <= LONGEST_REPLY:
         size += len(parts[-1])
@@ -59,7 +59,7 @@ def fill_reply(part: Callable[[int], str]) -> str:
     return f"<r>{''.join(parts[:-1])}</r>"
 
 
-# What costs a parser most, with the number of the root's children: none if the parser would need more than it may use.
+# What costs a parser most, with the number of the root's children, which is 0 if the parser hits a limit.
 WORST: list[tuple[str, Callable[[], str], int]] = [
     ("100,000 attributes", lambda: "<r" + "".join(f" a{number}=''" for number in range(100_000)) + "/>", 0),
     ("500,000 names", lambda: f"<r>{''.join(f'<n{number}/>' for number in range(500_000))}</r>", 500_000),
@@ -71,9 +71,11 @@ WORST: list[tuple[str, Callable[[], str], int]] = [
 
 
 def make_replies() -> list[tuple[str, str]]:
-    """The peer's replies: starts of request lines and bodies."""
+    """Returns the peer's replies: starts of request lines and bodies."""
     members = "".join(f"<{name}>{text}</{name}>" for name, text in LOGIN_REPLY.items())
-    blocks = [(f"POST {category_path(str(number))}", category_reply(number * BLOCK, BLOCK)) for number in range(GROWTH[-1])]
+    blocks = [
+        (f"POST {category_path(str(number))}", category_reply(number * BLOCK, BLOCK)) for number in range(GROWTH[-1])
+    ]
     return [
         (f"POST {LOGIN_PATH}", f"<info>{members}</info>"),
         (f"POST {EFFECT_PATH}", f"<PIP><pipURL>{EFFECT.replace(' ', '%20')}</pipURL></PIP>"),
@@ -83,7 +85,7 @@ def make_replies() -> list[tuple[str, str]]:
 
 
 class Module:
-    """The module's calls, on one object a row, as an application would keep it, whose host is fixed."""
+    """The module's calls, on one object per row with a fixed host, as an application would keep it."""
 
     def __init__(self) -> None:
         sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
@@ -111,8 +113,8 @@ class Module:
         return self.session("effect").GetEffectByGUID("4d0f2c1e")
 
     def grow(self) -> list[dict[str, float]]:
-        """Seconds of processor time for each number of gathered replies: of one more call, and of a like dictionary made
-        in Python."""
+        """Returns CPU seconds for each number of accumulated replies: of one more call, and of building a similar
+        dictionary in Python."""
         session, costs = self.session("growth"), []
         for number in range(GROWTH[-1]):
             session.GetPresetCategory(str(number))
@@ -124,7 +126,7 @@ class Module:
 
 
 def time_result(make: Callable[[], Any], expected: Any) -> float:
-    """Median processor time, in seconds, of making the result, which has to be the expected one."""
+    """Returns the median CPU seconds of making the result, which must be the expected one."""
     costs = []
     for _ in range(7):
         cpu = time.process_time()
@@ -136,7 +138,7 @@ def time_result(make: Callable[[], Any], expected: Any) -> float:
 
 
 class PythonClient:
-    """The same calls over an exchange that a subclass makes."""
+    """The same calls, over HTTP requests that a subclass sends."""
 
     def __init__(self) -> None:
         self.roots = os.environ["SSL_CERT_FILE"]
@@ -166,7 +168,7 @@ class PythonClient:
 
 
 class Requests(PythonClient):
-    """A session, which spares most of what a call sets up; the peer closes every connection."""
+    """One session, which saves most of a call's setup; the peer closes every connection."""
 
     def __init__(self) -> None:
         super().__init__()
@@ -183,7 +185,7 @@ class Requests(PythonClient):
 
 
 class Pycurl(PythonClient):
-    """A handle for all calls, which keeps what can be kept without keeping connections or resuming TLS sessions."""
+    """One handle for all calls, which reuses everything but connections and TLS sessions."""
 
     def __init__(self) -> None:
         super().__init__()
@@ -215,7 +217,7 @@ class Row(NamedTuple):
     """A call that every client makes."""
 
     name: str
-    count: int  # of calls a round
+    count: int  # calls per round
     call: Callable[[Any], Any]
     expected: Any
 
@@ -229,7 +231,7 @@ ROWS = [
 
 
 def run_client(name: str) -> None:
-    """Serves the measuring process: a row's number a line, or "grow", answered by figures in JSON."""
+    """Serves the measuring process: answers each line, a row's number or "grow", with figures in JSON."""
     client = CLIENTS[name]()
     for line in sys.stdin:
         if line == "grow\n":
@@ -255,16 +257,16 @@ class Client:
         )
 
     def ask(self, line: str) -> Any:
-        """What the client answers."""
+        """Returns the client's answer."""
         self.process.stdin.write(line + "\n")
         self.process.stdin.flush()
         answer = self.process.stdout.readline()
-        return json.loads(answer) if answer else sys.exit(1)  # it has said why
+        return json.loads(answer) if answer else sys.exit(1)  # the client printed why
 
 
 @contextlib.contextmanager
 def prepare(tree: Path) -> Iterator[dict[str, Client]]:
-    """Makes the certificates, and runs the peer and the clients meanwhile."""
+    """Makes the certificates, and runs the peer and the clients for the duration of the block."""
     import trustme
 
     with tempfile.TemporaryDirectory(prefix="skiffport-bench-") as name, contextlib.ExitStack() as stack:
@@ -273,7 +275,8 @@ def prepare(tree: Path) -> Iterator[dict[str, Client]]:
         authority.cert_pem.write_to_path(folder / "root.pem")
         authority.issue_cert(HOST, "127.0.0.1").private_key_and_cert_chain_pem.write_to_path(folder / "peer.pem")
         (folder / "replies.json").write_text(json.dumps(make_replies()))
-        command = [sys.executable, "-B", Path(__file__).with_name("sink.py"), folder / "peer.pem", folder / "replies.json"]
+        sink = Path(__file__).with_name("sink.py")
+        command = [sys.executable, "-B", sink, folder / "peer.pem", folder / "replies.json"]
         peer = stack.enter_context(subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True))
         secure, plain = (int(peer.stdout.readline()) for _ in range(2))
         environment = {key: value for key, value in os.environ.items() if not key.lower().endswith("_proxy")}
@@ -292,7 +295,7 @@ def prepare(tree: Path) -> Iterator[dict[str, Client]]:
 
 
 def measure(clients: dict[str, Client], rounds: int) -> list[dict[str, list[dict[str, float]]]]:
-    """For each row and client, a round's figures a piece."""
+    """Returns one round's figures after the other, for each row and client."""
     figures: list[dict[str, list[dict[str, float]]]] = [{name: [] for name in clients} for _ in ROWS]
     for number in range(rounds + 1):
         for row, made in enumerate(figures):
@@ -304,14 +307,15 @@ def measure(clients: dict[str, Client], rounds: int) -> list[dict[str, list[dict
 
 
 def spread(values: list[float]) -> float:
-    """Half the distance of the quartiles, in percent of the median."""
+    """Returns half the interquartile range, in percent of the median."""
     lower, middle, upper = quantiles(values, n=4)
     return (upper - lower) / 2 / middle * 100
 
 
 def report(figures: list[dict[str, list[dict[str, float]]]]) -> bool:
-    """Prints a line a row. Returns whether the module is at or below the faster of the others in all."""
-    print(f"{'ms a call':17}" + "".join(f"{name + ': wall':>16}     CPU    +-" for name in CLIENTS) + "   CPU in the faster's")
+    """Prints a line per row. Returns whether the module never takes more CPU than the faster of the others."""
+    columns = "".join(f"{name + ': wall':>16}     CPU    +-" for name in CLIENTS)
+    print(f"{'ms per call':17}{columns}   CPU to the faster's")
     holds = True
     for row, made in zip(ROWS, figures):
         wall, cpu = ({name: median(f[key] for f in made[name]) for name in made} for key in ("wall", "cpu"))
@@ -326,21 +330,22 @@ def report(figures: list[dict[str, list[dict[str, float]]]]) -> bool:
 
 
 def report_growth(costs: list[dict[str, float]]) -> bool:
-    """Prints what the whole cache costs as it grows. Returns whether an entry's cost grows no more than Python's own."""
+    """Prints the cost of the whole cache as it grows. Returns whether an entry's cost grows no faster than Python's."""
     print("\ncategories gathered   CPU of a call, ms   an entry, ns   in Python, ns")
     each = [{who: cost[who] / (blocks * BLOCK) for who in cost} for cost, blocks in zip(costs, GROWTH)]
     for blocks, cost, share in zip(GROWTH, costs, each):
-        print(f"{blocks * BLOCK:19,} {cost['call'] * 1000:19.2f} {share['call'] * 1e9:14.0f} {share['python'] * 1e9:15.0f}")
-    # Memory that no longer fits the processor's caches makes an entry dearer in either; a quadratic step would tenfold it.
+        call, own = share["call"] * 1e9, share["python"] * 1e9
+        print(f"{blocks * BLOCK:19,} {cost['call'] * 1000:19.2f} {call:14.0f} {own:15.0f}")
+    # Memory that outgrows the CPU's caches makes an entry dearer in both; a quadratic step would multiply it by ten.
     module, python = (each[-1][who] / each[0][who] for who in ("call", "python"))
     verdict = "holds" if module <= python else "FAILS"
-    print(f"an entry's cost at the last, in that at the first: {module:.2f} of Python's {python:.2f}   {verdict}")
+    print(f"growth of an entry's cost, first line to last: {module:.2f} of Python's {python:.2f}   {verdict}")
     return module <= python
 
 
 def report_worst(tree: Path) -> bool:
-    """Prints what the worst replies cost once they are there. Returns whether all keep to the limits."""
-    print("\na worst reply         CPU of reading it, s   growth, MiB")
+    """Prints what the worst replies cost to parse. Returns whether all stay within the limits."""
+    print("\nworst replies         CPU of parsing, s      growth, MiB")
     holds = True
     with tempfile.TemporaryDirectory(prefix="skiffport-bench-") as name:
         source, program, reply = Path(__file__).with_name("xml_bench.cpp"), Path(name, "xml_bench"), Path(name, "reply")

@@ -1,8 +1,8 @@
 """A peer that costs next to nothing: it reads a request's body into one buffer, drops it and sends a fixed reply.
 
-Run as its own process with the file of its certificate and key and, if wanted, a JSON file of further replies, which come
-first: pairs of the start of a request line and a body. It prints its two ports, one a line, for TLS and for plain
-connections, serves each connection for one request in a thread of its own, and ends with its standard input.
+Runs as its own process. Takes the file of its certificate and key and, optionally, a JSON file of further replies that
+take precedence: pairs of the start of a request line and a body. It prints its TLS port and its plain port, one per
+line, serves one request per connection, each on its own thread, and exits when standard input closes.
 """
 
 from __future__ import annotations
@@ -23,20 +23,21 @@ REPLIES: list[tuple[bytes, bytes]] = [
     ),
     (
         b"POST /servlet/memLogin",
-        b"<info><tokenid>0123456789abcdef</tokenid><username>Bench</username><profileURL>https://www.kestrelhub.example/u"
-        b"</profileURL><VideoGallery>https://www.kestrelhub.example/v</VideoGallery><search>s</search></info>",
+        b"<info><tokenid>0123456789abcdef</tokenid><username>Bench</username>"
+        b"<profileURL>https://www.kestrelhub.example/u</profileURL>"
+        b"<VideoGallery>https://www.kestrelhub.example/v</VideoGallery><search>s</search></info>",
     ),
     (
         b"GET /khserver.jsp",
-        b"<INFO><APIUrl>www.kestrelhub.example</APIUrl><AdjustmentPreset>/p?v=1</AdjustmentPreset><SignUp>/s?v=1</SignUp>"
-        b"</INFO>",
+        b"<INFO><APIUrl>www.kestrelhub.example</APIUrl><AdjustmentPreset>/p?v=1</AdjustmentPreset>"
+        b"<SignUp>/s?v=1</SignUp></INFO>",
     ),
     (b"", b"ok"),
 ]
 
 
 def serve(connection: socket.socket, context: ssl.SSLContext | None, replies: list[tuple[bytes, bytes]]) -> None:
-    """Handles one connection: handshake, unless it is plain, one request, one reply."""
+    """Handles one connection: the handshake if it uses TLS, one request, one reply."""
     connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
     with context.wrap_socket(connection, server_side=True) if context else connection as peer:
         head = b""
@@ -59,14 +60,14 @@ def serve(connection: socket.socket, context: ssl.SSLContext | None, replies: li
 
 
 def listen(context: ssl.SSLContext | None, replies: list[tuple[bytes, bytes]]) -> int:
-    """Serves connections from a thread of its own. Returns the port."""
+    """Serves connections on a thread of its own. Returns the port."""
     listener = socket.create_server(("127.0.0.1", 0))
 
     def quietly(connection: socket.socket) -> None:
         try:
             serve(connection, context, replies)
         except OSError:
-            pass  # the client has gone: a probe, say, which wants no more than an answer
+            pass  # the client is gone, such as a probe that only waits for an answer
 
     def accept() -> None:
         while True:
@@ -78,7 +79,7 @@ def listen(context: ssl.SSLContext | None, replies: list[tuple[bytes, bytes]]) -
 
 
 def main() -> None:
-    """Listens until standard input ends."""
+    """Listens until standard input closes."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
     context.load_cert_chain(sys.argv[1])
     replies = list(REPLIES)

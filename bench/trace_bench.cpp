@@ -1,5 +1,5 @@
-// What one trace call costs while tracing is off: the time of a loop of calls less that of the same loop without them.
-// One thread. Prints nanoseconds a call.
+// Measures a trace call while tracing is off: the time of a loop of calls minus that of the same loop without them.
+// Single-threaded. Prints nanoseconds per call.
 #include "shell/Trace.h"
 
 #include <chrono>
@@ -9,7 +9,7 @@ namespace {
 
 constexpr int CALLS = 20'000'000;
 
-// Nanoseconds that a round of the loop takes.
+// Returns the nanoseconds that one iteration takes.
 template <typename Call> double Measure(Call call) {
   auto const start = std::chrono::steady_clock::now();
   for (int i = 0; i < CALLS; ++i) {

@@ -1,7 +1,7 @@
-"""Uploads and logins of the module beside `curl -F` with the same form, over TLS on loopback; see scripts/bench.
+"""Compares the module's uploads with `curl -F` and the same form over TLS on loopback, and measures logins.
 
-The prescribed pause of 50 ms a chunk is the floor of every upload, so times are given as what comes on top of it. Runs of
-the two clients alternate, each in its own process, and the figures are medians.
+See scripts/bench. The prescribed pause of 50 ms per chunk is the floor of every upload, so times are given above it.
+Runs of the two clients alternate, each in its own process, and the figures are medians.
 """
 
 from __future__ import annotations
@@ -40,12 +40,12 @@ class FileSet(NamedTuple):
 
     @property
     def part_sizes(self) -> list[int]:
-        """The second file goes out twice."""
+        """The second file is sent twice."""
         return [self.sizes[0], self.sizes[1], *self.sizes[1:]]
 
     @property
     def chunks(self) -> int:
-        """How many chunks the parts make on a line on which no write takes half a second."""
+        """The number of chunks of all parts if no write takes half a second."""
         return sum(count_chunks(size) for size in self.part_sizes)
 
     @property
@@ -54,7 +54,7 @@ class FileSet(NamedTuple):
 
 
 def count_chunks(size: int) -> int:
-    """The chunks of one file: 32 KiB, doubled after each up to 16 MiB."""
+    """Returns the number of chunks of one file: 32 KiB, then doubled each time up to 16 MiB."""
     count, chunk = 0, 32 * KIB
     while size > 0:
         size -= chunk
@@ -69,7 +69,7 @@ LARGE = FileSet("1 GiB + twelve", 5, [GIB, *SMALL_SIZES[1:]])
 
 
 class Setting(NamedTuple):
-    """What a run needs: files, the peer and how to reach and trust it."""
+    """What a run needs: files, and how to reach and trust the peer."""
 
     folder: Path
     port: int
@@ -92,7 +92,7 @@ class Setting(NamedTuple):
 
 @contextlib.contextmanager
 def prepare(tree: Path) -> Iterator[Setting]:
-    """Makes a folder and certificates, and runs the peer meanwhile."""
+    """Makes a folder and certificates, and runs the peer for the duration of the block."""
     with tempfile.TemporaryDirectory(prefix="skiffport-bench-") as name:
         folder = Path(name)
         authority = trustme.CA()
@@ -122,7 +122,7 @@ def prepare(tree: Path) -> Iterator[Setting]:
 
 
 def make_files(setting: Setting, files: FileSet) -> list[str]:
-    """Makes the set's files, all zeros, and reads them once so that no run pays for the first reading."""
+    """Makes the set's files, all zeros, and reads them so that every run finds them cached."""
     paths = []
     for number, size in enumerate(files.sizes):
         path = setting.folder / f"{size}-{number}.bin"
@@ -136,13 +136,14 @@ def make_files(setting: Setting, files: FileSet) -> list[str]:
 
 
 def run_module(setting: Setting, paths: list[str], what: str = "upload") -> dict[str, Any]:
-    """One upload by the module."""
+    """Runs one upload by the module."""
     return json.loads(setting.run([sys.executable, "-B", str(BENCH / "client.py"), what, *paths])[0])
 
 
 def run_curl(setting: Setting, paths: list[str]) -> dict[str, Any]:
-    """One upload by curl with the same fields and file parts."""
-    command = ["curl", "-q", "-sS", "--fail", "--http1.1", "-H", "Expect:", "--cacert", str(setting.folder / "root.pem")]
+    """Runs one upload by curl with the same fields and file parts."""
+    command = ["curl", "-q", "-sS", "--fail", "--http1.1", "-H", "Expect:"]
+    command += ["--cacert", str(setting.folder / "root.pem")]
     command += ["--connect-to", f"{HOSTS[0]}:443:127.0.0.1:{setting.port}", "-w", "\n%{time_total}"]
     for name, value in FIELDS.items():
         command += ["--form-string", f"{name}={value}"]
@@ -153,7 +154,7 @@ def run_curl(setting: Setting, paths: list[str]) -> dict[str, Any]:
 
 
 def measure_uploads(setting: Setting, files: FileSet, quick: bool) -> dict[str, dict[str, float]]:
-    """Medians of both clients for one set of files, and a line about them."""
+    """Returns the medians of both clients for one set of files, and prints a line about them."""
     paths = make_files(setting, files)
     runs: dict[str, list[dict[str, Any]]] = {"module": [], "curl": []}
     for _ in range(1 if quick else files.rounds):
@@ -163,28 +164,28 @@ def measure_uploads(setting: Setting, files: FileSet, quick: bool) -> dict[str, 
     module, curl = result["module"], result["curl"]
     print(
         f"{files.name:16} {files.chunks:6} {files.pauses:7.2f} {module['wall']:8.3f} "
-        f"{(module['wall'] - files.pauses) * 1000:9.1f} {curl['wall'] * 1000:8.1f} {module['cpu']:8.3f} {curl['cpu']:8.3f} "
-        f"{module['peak_kib'] / KIB:8.1f}",
+        f"{(module['wall'] - files.pauses) * 1000:9.1f} {curl['wall'] * 1000:8.1f} {module['cpu']:8.3f} "
+        f"{curl['cpu']:8.3f} {module['peak_kib'] / KIB:8.1f}",
         flush=True,
     )
     return result
 
 
 def measure_login(setting: Setting, quick: bool) -> dict[str, float]:
-    """A login's cost with the system's trusted roots beside the peer's own."""
+    """Measures a login with the system's trusted roots in addition to the peer's own."""
     command = [sys.executable, "-B", str(BENCH / "client.py"), "login", "20" if quick else "100"]
     return json.loads(setting.run(command, SSL_CERT_FILE=str(setting.folder / "all-roots.pem"))[0])
 
 
 def measure_first_upload(setting: Setting, quick: bool) -> float:
-    """Seconds above its pauses that the small preset takes as a process's first use of the network."""
+    """Returns the seconds above its pauses of a small preset that is a process's first use of the network."""
     paths = make_files(setting, SMALL)
     walls = [run_module(setting, paths, "first-upload")["wall"] for _ in range(1 if quick else SMALL.rounds)]
     return median(walls) - SMALL.pauses
 
 
 def measure_trace(setting: Setting, build: Path) -> float:
-    """Nanoseconds of a trace call while tracing is off."""
+    """Returns the nanoseconds that a trace call takes while tracing is off."""
     program = setting.folder / "trace_bench"
     compile_ = ["g++", "-std=c++20", "-O2", f"-I{BENCH.parent}", str(BENCH / "trace_bench.cpp"), "-o", str(program)]
     libraries = [str(build / "shell" / "libskiffport_trace.a"), str(build / "python" / "libskiffport_platform.so")]
@@ -193,10 +194,10 @@ def measure_trace(setting: Setting, build: Path) -> float:
 
 
 def report_targets(uploads: dict[str, dict[str, dict[str, float]]], login: dict[str, float]) -> bool:
-    """Prints what each target allows and what was measured. Returns whether all hold."""
+    """Prints each target and what was measured. Returns whether all hold."""
     small, medium, large = (uploads[files.name] for files in (SMALL, MEDIUM, LARGE))
     sent = sum(LARGE.part_sizes) - sum(MEDIUM.part_sizes)
-    # Per byte, so that neither client's start counts.
+    # A difference, so that neither client's start-up counts.
     cpu = {who: (large[who]["cpu"] - medium[who]["cpu"]) * GIB / sent for who in large}
     print(f"\nCPU a GiB: module {cpu['module']:.3f} s, curl {cpu['curl']:.3f} s")
     rows = [
@@ -230,8 +231,8 @@ def main() -> int:
         uploads = {files.name: measure_uploads(setting, files, options.quick) for files in (SMALL, MEDIUM, LARGE)}
         login = measure_login(setting, options.quick)
         print(
-            f"\nlogin: {login['wall'] * 1000:.2f} ms, {login['cpu'] * 1000:.2f} ms CPU; the process's first, with address "
-            f"discovery: {login['first_wall'] * 1000:.2f} ms, {login['first_cpu'] * 1000:.2f} ms CPU"
+            f"\nlogin: {login['wall'] * 1000:.2f} ms, {login['cpu'] * 1000:.2f} ms CPU; the process's first, with "
+            f"address discovery: {login['first_wall'] * 1000:.2f} ms, {login['first_cpu'] * 1000:.2f} ms CPU"
         )
         first = measure_first_upload(setting, options.quick)
         print(f"small preset with no login before it: {first * 1000:.1f} ms above its pauses")

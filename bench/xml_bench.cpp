@@ -1,5 +1,5 @@
-// What one reply costs, from its bytes on: loading, the look-ups of a login and the walk that gathers categories. One
-// thread. Takes the reply's file; prints the seconds of processor time, the MiB that the process grew by at most, and
+// Measures what parsing one reply costs: loading it, a login's look-ups and the walk that collects categories.
+// Single-threaded. Takes the reply's file; prints the CPU seconds, the MiB that the process grew by at its peak, and
 // the number of the root's children.
 #include "framework/ComTypes.h"
 #include "platform/xml/XmlDom.h"
@@ -12,7 +12,7 @@
 
 namespace {
 
-// The value of a line of the process's status, in MiB.
+// Returns the value of a line of the process's status, in MiB.
 double Status(std::string const &name) {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);)

@@ -1,7 +1,7 @@
-"""Builds a wheel for the interpreter that runs this: CMake's own install, packed. The hooks are those of PEP 517.
+"""A PEP 517 backend: packs what CMake installs into a wheel for the interpreter that runs it.
 
-Needs cmake, ninja, swig and a compiler on the PATH, and the standard library alone. A setting of the front end whose
-name starts with SKIFFPORT_ becomes a CMake option:
+Needs cmake, ninja, swig and a compiler on the PATH, and only the standard library. A config setting whose name starts
+with SKIFFPORT_ becomes a CMake option:
     pip install . --config-settings=SKIFFPORT_DEFAULT_SERVICE_HOST=www.example.org
 """
 
@@ -41,7 +41,7 @@ skiffhost = skiffhost.__main__:main
 
 def build_wheel(wheel_directory: str, config_settings: Optional[Mapping[str, Any]] = None,
                 _metadata_directory: Optional[str] = None) -> str:
-    """Builds in a folder of its own and writes the wheel. Returns its file name."""
+    """Builds in a temporary folder and writes the wheel. Returns its file name."""
     version, tag = find_version(), find_tag()
     options = [f"-D{name}={value}" for name, value in (config_settings or {}).items() if name.startswith("SKIFFPORT_")]
     name = f"skiffport-{version}-{tag}.whl"
@@ -58,21 +58,21 @@ def build_wheel(wheel_directory: str, config_settings: Optional[Mapping[str, Any
 
 
 def find_version() -> str:
-    """The version that CMakeLists.txt states, the only place that does."""
+    """Returns the version, which only CMakeLists.txt states."""
     found = re.search(r"project\(Skiffport VERSION ([0-9.]+)", (SOURCE / "CMakeLists.txt").read_text("utf-8"))
     assert found, "CMakeLists.txt states no version"
     return found.group(1)
 
 
 def find_tag() -> str:
-    """Interpreter, ABI and platform, such as cp38-cp38-linux_x86_64."""
+    """Returns interpreter, ABI and platform, such as cp38-cp38-linux_x86_64."""
     abi = sysconfig.get_config_var("SOABI").split("-")[1]  # of cpython-38-x86_64-linux-gnu
     platform = re.sub(r"[^A-Za-z0-9]", "_", sysconfig.get_platform())
     return f"cp{sys.version_info.major}{sys.version_info.minor}-cp{abi}-{platform}"
 
 
 def install(build: pathlib.Path, staged: pathlib.Path, options: List[str]) -> None:
-    """Builds for this interpreter alone and installs what an import needs."""
+    """Builds for this interpreter only and installs what an import needs."""
     subprocess.run(["cmake", "-S", SOURCE, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
                     "-DSKIFFPORT_TESTS=OFF", f"-DSKIFFPORT_PYTHONS={sys.executable}",
                     "-DSKIFFPORT_INSTALL_PYTHONDIR=.", *options], check=True)
@@ -81,7 +81,7 @@ def install(build: pathlib.Path, staged: pathlib.Path, options: List[str]) -> No
 
 
 def pack(staged: pathlib.Path, record: pathlib.Path, wheel: pathlib.Path) -> None:
-    """Writes every file below a folder into the wheel, and the list of them last, as the format wants it."""
+    """Writes every file of the folder into the wheel, then the list of them, as the format requires."""
     lines = []
     with zipfile.ZipFile(wheel, "w", zipfile.ZIP_DEFLATED) as archive:
         for file in sorted(path for path in staged.rglob("*") if path.is_file()):

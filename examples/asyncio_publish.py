@@ -1,7 +1,7 @@
 #!/usr/bin/python3
-"""Publishes a preset's folder in asyncio: asyncio_publish.py FOLDER TITLE. Ctrl-C cancels.
+"""Publishes a preset's folder with asyncio: asyncio_publish.py FOLDER TITLE. Ctrl-C cancels.
 
-The member is in SKIFFHOST_USER and SKIFFHOST_PASSWORD. To try it on a stand-in of the service:
+SKIFFHOST_USER and SKIFFHOST_PASSWORD name the member. To try it against a stand-in of the service:
 scripts/with-standin /usr/bin/python3 examples/asyncio_publish.py FOLDER TITLE
 """
 
@@ -23,7 +23,7 @@ PRODUCT = ("10.5", "retail", "4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10")  # version,
 
 
 async def log_in(user, password):
-    """Returns the session. The call blocks, so it runs on another thread; it lets go of the interpreter lock."""
+    """Returns the session. The call blocks, so it runs on another thread; it releases the GIL."""
     session = Skiffport.KHLoginData(*PRODUCT)
     outcome = await asyncio.get_running_loop().run_in_executor(None, session.LoginKestrelhub, user, password)
     check_login(session, outcome)
@@ -43,7 +43,7 @@ async def upload(session, paths, title):
             done.set_result(Completion(*values))
 
     def cancel(uploader):
-        uploader.CancelUpload()  # the completion still comes
+        uploader.CancelUpload()  # the completion event still arrives
         view.cancelling = True
         view.draw()
 
@@ -58,7 +58,7 @@ async def upload(session, paths, title):
             completion = await done
         finally:
             running.remove_signal_handler(signal.SIGINT)
-            uploader.SetCallback(None)  # the uploader and the callable hold each other
+            uploader.SetCallback(None)  # breaks the cycle of uploader and callable
             del uploader
             view.close()
     return address_of(completion, view.cancelling)

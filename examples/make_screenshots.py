@@ -1,7 +1,8 @@
 #!/usr/bin/python3
-"""Takes pictures of the Qt example's window in its states: make_screenshots.py FOLDER. Fails if the window does not reach a state.
+"""Takes pictures of the Qt example's window in its states: make_screenshots.py FOLDER.
 
-Started by scripts/screenshots, which provides the display and the stand-in of the service.
+Fails if the window does not reach a state. Started by scripts/screenshots, which provides the display and the stand-in
+of the service.
 """
 
 import os
@@ -17,20 +18,20 @@ from qt_publish import QtCore, QtWidgets  # noqa: E402
 from skiffhost import loop  # noqa: E402
 
 PRESET = "evening-sky"
-SIZES = {"effect": 120_000_000, "cover_after": 9_000_000}  # enough for a bar that is half full
-LOOK_MILLISECONDS = 5
+SIZES = {"effect": 120_000_000, "cover_after": 9_000_000}  # large enough to catch the bar half full
+POLL_MILLISECONDS = 5
 DEADLINE_MILLISECONDS = 60000
 
 
 def run_until(condition, what):
     """Runs the window's event loop until the condition holds."""
-    waiting, look, deadline = QtCore.QEventLoop(), QtCore.QTimer(), QtCore.QTimer()
-    look.timeout.connect(lambda: condition() and waiting.exit(0))
-    look.start(LOOK_MILLISECONDS)
+    waiting, poll, deadline = QtCore.QEventLoop(), QtCore.QTimer(), QtCore.QTimer()
+    poll.timeout.connect(lambda: condition() and waiting.exit(0))
+    poll.start(POLL_MILLISECONDS)
     deadline.timeout.connect(lambda: waiting.exit(1))
     deadline.start(DEADLINE_MILLISECONDS)
     if (waiting.exec() if hasattr(waiting, "exec") else waiting.exec_()) != 0:
-        sys.exit(f"make_screenshots.py: {what} did not come")
+        sys.exit(f"make_screenshots.py: the window did not reach: {what}")
 
 
 def take_all(window, target):
@@ -63,7 +64,7 @@ def main(folder):
     application = QtWidgets.QApplication(sys.argv[:1])
     application.setStyle("Fusion")
     with tempfile.TemporaryDirectory() as scratch, loop.attach_qt():
-        os.chdir(scratch)  # so that the window shows a short path
+        os.chdir(scratch)  # makes the window show a short path
         write_preset(pathlib.Path(PRESET), SIZES)
         window = qt_publish.PublishWindow(PRESET)
         window.show()

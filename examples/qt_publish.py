@@ -1,7 +1,8 @@
 #!/usr/bin/python3
-"""A window that logs a member in and publishes a preset's folder, with PyQt6 or PySide2: qt_publish.py [FOLDER]. Ctrl-C closes it.
+"""A PyQt6 or PySide2 window that logs a member in and publishes a preset's folder: qt_publish.py [FOLDER].
 
-To try it on a stand-in of the service: scripts/with-standin /usr/bin/python3 examples/qt_publish.py
+Ctrl-C closes it. To try it against a stand-in of the service:
+scripts/with-standin /usr/bin/python3 examples/qt_publish.py
 """
 
 import html
@@ -27,11 +28,11 @@ from skiffhost.progress import describe, from_event
 from skiffhost.session import check_login
 
 PRODUCT = ("10.5", "retail", "4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10")  # version, its type, this installation
-SIGNAL_MILLISECONDS = 200  # how long Ctrl-C may wait
+SIGNAL_MILLISECONDS = 200  # upper bound on the delay of Ctrl-C
 
 
 class PublishWindow(QtWidgets.QWidget):
-    """All of it runs on the window's thread but ``_log_in``."""
+    """Everything but ``_log_in`` runs on the window's thread."""
 
     login_ended = Signal(object, object)  # the session and LoginKestrelhub's outcome
 
@@ -61,7 +62,8 @@ class PublishWindow(QtWidgets.QWidget):
         self._form = QtWidgets.QWidget()
         form = QtWidgets.QFormLayout(self._form)
         form.setContentsMargins(0, 0, 0, 0)
-        for label, field in (("User", self.user), ("Password", self.password), ("Folder", folder_row), ("Title", self.title)):
+        for label, field in (("User", self.user), ("Password", self.password), ("Folder", folder_row),
+                             ("Title", self.title)):
             form.addRow(label, field)
 
         self.bar = QtWidgets.QProgressBar()
@@ -92,17 +94,17 @@ class PublishWindow(QtWidgets.QWidget):
         self.folder.setText(folder or self.folder.text())
 
     def _show(self, text, busy=False, percent=0, link=False):
-        """``percent`` None shows that something goes on, without saying how far it is."""
+        """With ``percent`` None the bar only shows that work is going on."""
         self.bar.setRange(0, 0 if percent is None else 100)
         self.bar.setValue(percent or 0)
         formats = QtCore.Qt.TextFormat
-        self.status.setTextFormat(formats.RichText if link else formats.PlainText)  # the service's words are no markup
+        self.status.setTextFormat(formats.RichText if link else formats.PlainText)  # the service's texts are not markup
         self.status.setText(text)
         self._form.setDisabled(busy)
         self.publish_button.setDisabled(busy)
         self.cancel_button.setEnabled(busy and not self._cancelled)
 
-    # One publication: the login on a thread of its own, then the upload and its events
+    # One publication: the login on its own thread, then the upload and its events
 
     def publish(self):
         self._cancelled = False
@@ -149,12 +151,12 @@ class PublishWindow(QtWidgets.QWidget):
         if self._cancelled:
             return
         if progress.finishing:
-            self._show("Finishing: everything is sent, the service has yet to answer.", busy=True, percent=None)
+            self._show("Finishing: everything is sent, waiting for the service.", busy=True, percent=None)
         else:
             self._show(describe(progress), busy=True, percent=progress.percent)
 
     def cancel(self):
-        """The login can't be cut short; an upload ends with its completion event, which still comes."""
+        """The login cannot be interrupted. A cancelled upload still ends with its completion event."""
         self._cancelled = True
         if self._uploader is not None:
             self._uploader.CancelUpload()
@@ -162,7 +164,7 @@ class PublishWindow(QtWidgets.QWidget):
 
     def _end(self, failure=None, text=""):
         if self._uploader is not None:
-            self._uploader.SetCallback(None)  # the uploader and the callable hold each other
+            self._uploader.SetCallback(None)  # breaks the cycle of uploader and callable
             self._uploader = None
         if failure:
             self._show(f"Not published: {failure.text}")
@@ -172,7 +174,7 @@ class PublishWindow(QtWidgets.QWidget):
             self.close()
 
     def closeEvent(self, event):
-        """Closing cancels first: deleting an uploader that runs would freeze the window until its thread ends."""
+        """Cancels first: deleting a running uploader would freeze the window until its thread ends."""
         self._closing = not self.publish_button.isEnabled()
         if self._closing:
             self.cancel()
@@ -183,7 +185,7 @@ def main():
     application = QtWidgets.QApplication(sys.argv)
     window = PublishWindow(*application.arguments()[1:2])
     window.show()
-    # Raises nothing: what a handler raises while an event runs is dropped. Python handles signals while Python runs only.
+    # Must not raise: an exception from a handler during an event is dropped. Handlers run only while Python code does.
     signal.signal(signal.SIGINT, lambda *_: QtCore.QTimer.singleShot(0, window.close))
     waking = QtCore.QTimer()
     waking.timeout.connect(lambda: None)

@@ -1,4 +1,4 @@
-"""Command line of the stand-in: certificates, two listening ports on loopback, one line of JSON when they are ready."""
+"""Runs the stand-in: makes certificates, listens on two loopback ports and prints a line of JSON when it is ready."""
 
 import argparse
 import asyncio
@@ -26,16 +26,18 @@ DEFAULT_MAX_UPLOAD = 2**32 - 1
 
 def parse_arguments() -> argparse.Namespace:
     parser = argparse.ArgumentParser(prog="kestrelhub_standin", description=__doc__)
-    parser.add_argument("--https-port", type=int, default=0, help="port for TLS; 0 takes a free one")
-    parser.add_argument("--http-port", type=int, default=0, help="port for plain HTTP; 0 takes a free one")
-    parser.add_argument("--folder", type=Path, required=True, help="where presets are stored")
-    parser.add_argument("--cert-folder", type=Path, required=True, help="where ca.pem and server.pem are written")
-    parser.add_argument("--members", type=Path, help="JSON file of the members; default: one built-in member")
-    parser.add_argument("--host", action="append", default=[], metavar="NAME", help="one more host to answer for")
-    parser.add_argument("--api-host", default="www.kestrelhub.example", help="the host that detection hands out")
-    parser.add_argument("--max-upload", type=int, default=DEFAULT_MAX_UPLOAD, metavar="BYTES", help="longest upload")
-    parser.add_argument("--ready-file", type=Path, help="file that gets the ready line too")
-    parser.add_argument("--until-stdin-closes", action="store_true", help="end when standard input does")
+    parser.add_argument("--https-port", type=int, default=0, help="port for TLS (default: a free one)")
+    parser.add_argument("--http-port", type=int, default=0, help="port for plain HTTP (default: a free one)")
+    parser.add_argument("--folder", type=Path, required=True, help="folder for published presets")
+    parser.add_argument("--cert-folder", type=Path, required=True, help="folder for ca.pem and server.pem")
+    parser.add_argument("--members", type=Path, help="JSON file of the members (default: one built-in member)")
+    parser.add_argument("--host", action="append", default=[], metavar="NAME", help="another host to answer for")
+    parser.add_argument("--api-host", default="www.kestrelhub.example",
+                        help="host that detection returns (default: %(default)s)")
+    parser.add_argument("--max-upload", type=int, default=DEFAULT_MAX_UPLOAD, metavar="BYTES",
+                        help="size limit of an upload (default: %(default)s)")
+    parser.add_argument("--ready-file", type=Path, help="also write the ready line to this file")
+    parser.add_argument("--until-stdin-closes", action="store_true", help="exit when standard input closes")
     return parser.parse_args()
 
 
@@ -47,7 +49,7 @@ async def listen(application: web.Application, port: int, context: Optional[ssl.
 
 
 def ready_line(hosts: List[str], https_port: int, http_port: int, ca_file: Path) -> Dict[str, Any]:
-    """What a client needs to reach this process."""
+    """Returns what a client needs to reach this process."""
     ports = ((443, https_port), (80, http_port))
     connect_to = ",".join(f"{host}:{port}:{ADDRESS}:{real}" for host in hosts for port, real in ports)
     return {"pid": os.getpid(), "https_port": https_port, "http_port": http_port, "ca_file": str(ca_file.resolve()),
@@ -63,7 +65,7 @@ def announce(line: str, ready_file: Optional[Path]) -> None:
 
 
 def stop_event(until_stdin_closes: bool) -> asyncio.Event:
-    """An event that a signal sets, and, if asked for, the end of standard input."""
+    """Returns an event that a signal sets and, on request, the end of standard input."""
     loop = asyncio.get_running_loop()
     stop = asyncio.Event()
     for number in (signal.SIGTERM, signal.SIGINT):

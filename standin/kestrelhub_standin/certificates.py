@@ -1,6 +1,6 @@
-"""The stand-in's own certificate authority and server certificate, made anew at each start.
+"""The stand-in's own certificate authority and server certificate, created at each start.
 
-Knows nothing of HTTP or of the service.
+Knows nothing of HTTP or the service.
 """
 
 import os

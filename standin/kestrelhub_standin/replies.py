@@ -1,7 +1,6 @@
 """XML replies: every reply of the service is one small document with a Content-Length.
 
-Documents are written in ASCII with character references, so that they read the same in whatever code page the client
-takes the bytes.
+Documents are ASCII with character references, so they read the same in any code page that the client assumes.
 """
 
 import re
@@ -14,7 +13,7 @@ _NOT_IN_XML = re.compile("[^\t\n\r\x20-\ud7ff\ue000-\ufffd\U00010000-\U0010ffff]
 
 
 class Refusal(Exception):
-    """A request that the service turns down: an HTTP status of 400 or more, and a text for the member."""
+    """Refuses a request, with an HTTP status of 400 or more and a message for the member."""
 
     def __init__(self, status: int, text: str) -> None:
         super().__init__(text)
@@ -23,19 +22,19 @@ class Refusal(Exception):
 
 
 def add_element(parent: ElementTree.Element, name: str, text: str) -> ElementTree.Element:
-    """Adds a child with that text; what XML cannot hold becomes a question mark."""
+    """Adds a child with that text. Characters that XML does not allow become question marks."""
     child = ElementTree.SubElement(parent, name)
     child.text = _NOT_IN_XML.sub("?", text)
     return child
 
 
 def document(root: ElementTree.Element, status: int = 200) -> web.Response:
-    """Returns the reply that holds the document."""
+    """Returns a reply that holds the document."""
     return web.Response(status=status, body=ElementTree.tostring(root), content_type="text/xml", charset="us-ascii")
 
 
 def flat_document(root: str, children: Mapping[str, Optional[str]], status: int = 200) -> web.Response:
-    """Returns the reply of a root with one level of text elements, in order; None leaves an element out."""
+    """Returns a reply with a root and one level of text elements, in order; None leaves an element out."""
     element = ElementTree.Element(root)
     for name, text in children.items():
         if text is not None:

@@ -1,7 +1,7 @@
-"""The service's requests: what each path takes and answers, and which of the two ports it stands on.
+"""The service's requests: what each path accepts and replies, and on which of the two ports.
 
-Detection, login and upload are reached over TLS only; categories, effects and related videos over plain HTTP only.
-``/standin/...`` is no part of the service: there the demo and the tests read what was stored and asked for.
+Detection, login and upload are served over TLS only; categories, effects and related videos over plain HTTP only.
+``/standin/...`` is not part of the service: the demo and the tests read there what was stored and requested.
 """
 
 import collections
@@ -22,7 +22,7 @@ Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
 
 REQUESTS_KEPT = 1000
 
-# Page addresses of a member who is not logged in: what follows the host, with the start of a query.
+# Page addresses for visitors who are not logged in: the part after the host, with the start of a query.
 PAGES = {
     "AdjustmentPreset": "/presets?from=twr",
     "SignUp": "/signUp?from=twr",
@@ -31,18 +31,18 @@ PAGES = {
     "Tutorial": "/tutorials?from=twr",
 }
 
-# Category names by location; an unknown location gets the first.
+# Category names by location; an unknown location gets the English ones.
 CATEGORIES = {
     "en": {"1": "Portrait", "2": "Landscape", "3": "Night", "4": "Food & Drink", "5": "Black & White"},
     "de": {"1": "Porträt", "2": "Landschaft", "3": "Nacht", "4": "Essen & Trinken", "5": "Schwarzweiß"},
 }
 
-# The login form is not escaped: a password may hold anything, so each value ends where the next name begins.
+# The login form is not escaped and a password may hold anything, so each value ends where the next name begins.
 _LOGIN_BODY = re.compile(r"account=(.*?)&pwd=(.*)&AP=TWR&Version=(.*?)&versionType=(.*?)&uuid=(.*)", re.DOTALL)
 
 
 class Service:
-    """Both faces of the service over one set of members and presets."""
+    """Both ports of the service, which share one set of members and presets."""
 
     def __init__(self, members: Members, presets: PresetStore, api_host: str, max_upload: int) -> None:
         self._members = members
@@ -53,7 +53,7 @@ class Service:
         self._requests: Deque[Dict[str, Any]] = collections.deque(maxlen=REQUESTS_KEPT)
 
     def secure_application(self) -> web.Application:
-        """What answers on the TLS port."""
+        """Returns the application for the TLS port."""
         return self._application([
             web.get("/", self._front_page),
             web.get("/khserver.jsp", self._addresses),
@@ -63,7 +63,7 @@ class Service:
         ])
 
     def plain_application(self) -> web.Application:
-        """What answers on the plain port."""
+        """Returns the application for the plain port."""
         return self._application([
             web.get("/", self._front_page),
             web.post("/servlet/getPresetCategory", _refusing("categories", self._categories)),
@@ -107,7 +107,7 @@ class Service:
 
     async def _log_in(self, request: web.Request) -> web.Response:
         if request.content_type != "application/x-www-form-urlencoded":
-            raise Refusal(415, "The login is no form.")
+            raise Refusal(415, "The login is not a form.")
         body = (await request.read()).decode("utf-8", "surrogateescape")
         match = _LOGIN_BODY.fullmatch(body)
         if match is None:
@@ -134,9 +134,9 @@ class Service:
 
     async def _upload(self, request: web.Request) -> web.Response:
         if request.content_length is None:
-            raise Refusal(411, "The upload declares no length.")
+            raise Refusal(411, "The upload has no Content-Length.")
         if request.content_length > self._max_upload:
-            raise Refusal(413, f"An upload may hold {self._max_upload} bytes.")
+            raise Refusal(413, f"An upload may have at most {self._max_upload} bytes.")
         with self._presets.incoming() as preset:
             address = await receive_preset(request, self._members, preset, self._api_host)
         return flat_document("uploadTemplate", {"templateUrl": urllib.parse.quote(address, safe="")})
@@ -190,15 +190,15 @@ class Service:
 
 
 def _only(request: web.Request, key: str) -> str:
-    """Returns the value of a query key that must stand there once."""
+    """Returns the value of a query key that must occur once."""
     values: List[str] = request.query.getall(key, [])
     if len(values) != 1:
-        raise Refusal(400, f"The query holds {key} {len(values)} times.")
+        raise Refusal(400, f"The query has {key} {len(values)} times.")
     return values[0]
 
 
 def _refusing(root: str, handler: Callable[[web.Request], Awaitable[web.Response]]) -> Handler:
-    """The handler, with its refusals told in the errMsg element of the reply's usual root."""
+    """Wraps a handler so that its refusals become the errMsg element of the usual root."""
 
     async def answer(request: web.Request) -> web.Response:
         try:
@@ -206,6 +206,6 @@ def _refusing(root: str, handler: Callable[[web.Request], Awaitable[web.Response
         except Refusal as refusal:
             return flat_document(root, {"errMsg": refusal.text}, status=refusal.status)
         except (ConnectionError, ClientPayloadError, web.RequestPayloadError):
-            return flat_document(root, {"errMsg": "The client has gone."}, status=400)  # reaches the log alone
+            return flat_document(root, {"errMsg": "The client disconnected."}, status=400)  # only for the log
 
     return answer

@@ -1,7 +1,7 @@
-"""POST /servlet/uploadTemplate: takes a preset's form apart while it arrives and stores it.
+"""POST /servlet/uploadTemplate: parses a preset's form while it arrives and stores it.
 
-Text parts come before file parts, so everything about the member and the form is checked before the first file byte is
-kept. The body is never held in memory: a file goes to disk chunk by chunk.
+Text parts come before file parts, so the member and the form are checked before the first byte of a file is stored.
+The body is never held in memory: files are written to disk chunk by chunk.
 """
 
 import re
@@ -23,7 +23,7 @@ REQUIRED_FIELDS = ("AP", "AspectRatio", "PIPtype", "Version", "category", "descr
                    "templatetype", "title", "token", "uuid", "versionInfo", "versionType")
 OPTIONAL_FIELDS = ("collections", "tags")
 
-# A file's name is a whole path with nothing escaped in it, so it ends at the last quote of the line.
+# A file name is a whole, unescaped path, so it ends at the last quotation mark of the line.
 _DISPOSITION = re.compile(r'form-data; name="([^"]*)"(?:; filename="(.*)")?', re.DOTALL)
 
 for _category in (BadContentDispositionHeader, BadContentDispositionParam):
@@ -31,9 +31,9 @@ for _category in (BadContentDispositionHeader, BadContentDispositionParam):
 
 
 class WholeReads:
-    """A request's body whose reads are never short but at its end.
+    """A request's body whose reads are short only at its end.
 
-    The multipart reader looks for a boundary in two reads at a time, so one that lies across three would be missed.
+    The multipart reader looks for a boundary in two consecutive reads, so it would miss one that spans three.
     """
 
     def __init__(self, content: StreamReader) -> None:
@@ -55,7 +55,7 @@ class WholeReads:
 async def receive_preset(request: web.Request, members: Members, preset: IncomingPreset, api_host: str) -> str:
     """Reads the whole form into the preset and publishes it. Returns its address. Raises Refusal."""
     if request.content_type != "multipart/form-data":
-        raise Refusal(415, "The upload is no form.")
+        raise Refusal(415, "The upload is not a form.")
     try:
         fields, account = await _read_form(request, members, preset)
     except (ValueError, AssertionError, KeyError, RuntimeError) as error:  # what the multipart reader raises
@@ -71,7 +71,7 @@ async def _read_form(request: web.Request, members: Members, preset: IncomingPre
     account = ""
     async for part in MultipartReader(request.headers, WholeReads(request.content)):
         if not isinstance(part, BodyPartReader):
-            raise Refusal(400, "The form holds a part of parts.")
+            raise Refusal(400, "The form has a nested multipart.")
         name, details = _describe(part)
         if "filename" in details:
             account = account or _check_fields(fields, members)
@@ -79,7 +79,7 @@ async def _read_form(request: web.Request, members: Members, preset: IncomingPre
             await preset.add_file(name, details, _chunks(part))
         else:
             if account:
-                raise Refusal(400, f"The field {name} stands behind a file.")
+                raise Refusal(400, f"The field {name} comes after a file.")
             _check_new(name, REQUIRED_FIELDS + OPTIONAL_FIELDS, fields)
             fields[name] = await _field_text(name, part)
     account = account or _check_fields(fields, members)
@@ -90,7 +90,7 @@ async def _read_form(request: web.Request, members: Members, preset: IncomingPre
 
 
 def _describe(part: BodyPartReader) -> Tuple[str, Dict[str, Any]]:
-    """Returns the part's name and, for a file, what its head says of it."""
+    """Returns the part's name and, for a file, the details in its header."""
     raw = part.headers.get("Content-Disposition", "")
     match = _DISPOSITION.fullmatch(raw)
     name, filename = match.groups() if match else (part.name, part.filename)
@@ -103,13 +103,13 @@ def _describe(part: BodyPartReader) -> Tuple[str, Dict[str, Any]]:
 
 def _check_new(name: str, known: Any, seen: Any) -> None:
     if name not in known:
-        raise Refusal(400, f"The form holds an unknown part: {name}")
+        raise Refusal(400, f"The form has an unknown part: {name}")
     if name in seen:
-        raise Refusal(400, f"The form holds {name} twice.")
+        raise Refusal(400, f"The form has {name} twice.")
 
 
 def _check_fields(fields: Dict[str, str], members: Members) -> str:
-    """Returns the account behind the form's token. Raises Refusal if a field is missing or does not do."""
+    """Returns the account that the form's token belongs to. Raises Refusal if a field is missing or invalid."""
     account = members.account_of(fields.get("token", ""))
     if account is None:
         raise Refusal(401, "The session has ended. Please log in again.")

@@ -1,4 +1,4 @@
-"""The command line: ``python3 -m skiffhost``. Parses, runs one subcommand, prints its result or its failure."""
+"""The command line, ``python3 -m skiffhost``: parses it, runs one subcommand and prints its result or its failure."""
 
 from __future__ import annotations
 
@@ -10,15 +10,13 @@ from typing import List, Optional
 from . import __version__
 from .commands import GROUPS
 from .commands.options import DEFAULTS, add_common_options
-from .outcome import EXIT_CANCELLED, Failure, print_failure, print_result
-
-EXIT_CODES = ("exit codes: 0 done; 1 the service said no; 2 wrong arguments or files, nothing was sent; "
-              "3 no answer that counts; 130 cancelled")
+from .outcome import EXIT_CANCELLED, EXIT_CODES, Failure, print_failure, print_result
 
 
 def make_parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog="skiffhost", description="Kestrelhub from the command line.",
-                                     epilog=EXIT_CODES)
+    codes = "; ".join(f"{code} {meaning}" for code, meaning in EXIT_CODES.items())
+    parser = argparse.ArgumentParser(prog="skiffhost", description="Use Kestrelhub from the command line.",
+                                     epilog="exit codes: " + codes)
     parser.set_defaults(**DEFAULTS)
     parser.add_argument("--version", action="version", version=f"skiffhost {__version__}")
     add_common_options(parser)
@@ -38,7 +36,7 @@ def main(argv: Optional[List[str]] = None) -> int:
         return print_failure(failure, arguments.json)
     except KeyboardInterrupt:
         return print_failure(Failure(EXIT_CANCELLED, "cancelled"), arguments.json)
-    except BrokenPipeError:  # the reader has gone; nothing more can be said, nor flushed at exit
+    except BrokenPipeError:  # the reader is gone: nothing can be printed, nor flushed at exit
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         return 1
 

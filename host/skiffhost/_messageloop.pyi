@@ -1,4 +1,4 @@
-# The types of the extension that host/messageloop.cpp makes.
+# Types of the extension module that host/messageloop.cpp implements.
 from typing import Optional
 
 def fileno() -> int: ...

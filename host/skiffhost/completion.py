@@ -1,4 +1,4 @@
-"""What the end of an upload means. Knows the UploadComplete event and nothing else of the module."""
+"""Interprets the end of an upload. Knows the UploadComplete event and nothing else of the module."""
 
 from __future__ import annotations
 
@@ -8,7 +8,7 @@ from .outcome import EXIT_CANCELLED, EXIT_NO_ANSWER, EXIT_REFUSED, Failure
 
 
 class Completion(NamedTuple):
-    """The arguments of an UploadComplete event behind its name."""
+    """The arguments that follow the name of an UploadComplete event."""
 
     percent: int
     accepted: int

@@ -1,13 +1,13 @@
-"""The message loop that an uploader's events arrive through, for whatever event loop the program has.
+"""Delivers an uploader's events through the program's own event loop, whichever it is.
 
-An uploader belongs to the thread that makes it, and its events run when that thread calls ``pump``. A program without
-a loop of its own alternates ``wait`` and ``pump``; one with a loop attaches it: asyncio, Qt, GLib and Tk have a function
-each, any other loop makes an ``Attachment``. Every function speaks of the calling thread. Needs the standard library
-alone; a toolkit is looked for when it is attached.
+An uploader belongs to the thread that creates it, and its events run when that thread calls ``pump``. A program without
+an event loop alternates ``wait`` and ``pump``; one with a loop attaches to it: there is a function each for asyncio,
+Qt, GLib and Tk, and ``Attachment`` for any other. Every function acts on the calling thread. Needs the standard library
+only; a toolkit is imported when it is attached.
 
-What an uploader's callable raises is printed and dropped, also what a signal handler raises inside it: no loop sees that
-KeyboardInterrupt, so let the handler of SIGINT raise nothing and call ``CancelUpload`` or set a flag. SystemExit in the
-callable ends the process at once, without a ``finally`` of its callers.
+An exception in an uploader's callable is printed and dropped, even one that a signal handler raises inside it. No loop
+sees that KeyboardInterrupt, so a SIGINT handler should not raise but call ``CancelUpload`` or set a flag. SystemExit in
+the callable ends the process at once and skips every ``finally`` of its callers.
 """
 
 from __future__ import annotations
@@ -26,44 +26,45 @@ from ._messageloop import release as _release
 
 __all__ = ["Attachment", "attach_asyncio", "attach_glib", "attach_qt", "attach_tk", "fileno", "pump", "release", "wait"]
 
-# How long a loop is kept from its timers and its windows, however many events wait.
+# How long events may keep the loop from its timers and windows, however many are waiting.
 SLICE_SECONDS = 0.01
-# How many events may be under way at a time, each inside the one before because that runs the loop itself.
+# How deeply events may nest, which they do when an event runs the loop itself.
 MOST_NESTED = 8
 
 QT_BINDINGS = ("PyQt6", "PySide6", "PyQt5", "PySide2")
 
-# Takes a descriptor, and what is to be called while it is readable. Returns what ends the watch.
+# Takes a descriptor and the function to call while it is readable. Returns the function that ends the watch.
 Watch = Callable[[int, Callable[[], None]], Callable[[], object]]
 
 
 class _Thread(threading.local):
     def __init__(self) -> None:
-        self.attachments: Set[Attachment] = set()  # held, so that a watch lasts even if its maker drops it
+        self.attachments: Set[Attachment] = set()  # keeps a watch alive even if its creator drops it
 
 
 _thread = _Thread()
 
 
 def release() -> bool:
-    """Gives up the calling thread's queue and its descriptor if no object and no attachment needs it any more.
+    """Releases the calling thread's queue and its descriptor if no object or attachment needs it any more.
 
-    Returns whether it is gone.
+    Returns whether it was released.
     """
     return not _thread.attachments and _release()
 
 
 class Attachment:
-    """A loop's watch of the thread's queue: events run on the loop's thread, also those that waited before.
+    """A loop's watch on the thread's queue. Events run on the loop's thread, including those already waiting.
 
-    There may be several. It lasts until ``detach``, or to the end of a ``with`` block, whether or not it is kept. What a
-    signal handler raises goes where the loop sends such things, and the watch goes on; inside an uploader's callable it is
-    printed and dropped. An event may run the loop itself, for a dialog or to draw: the next events then run inside it.
+    A thread may have several. One lasts until ``detach`` or the end of a ``with`` block, even if nothing references it.
+    If a signal handler raises, the loop treats that as usual and the watch goes on; inside an uploader's callable the
+    exception is printed and dropped. An event may run the loop itself, for a dialog or to redraw: further events then
+    run nested inside it.
     """
 
     def __init__(self, watch: Watch) -> None:
         self._thread = threading.get_ident()
-        self._descriptor = os.dup(fileno())  # the queue's own may be watched but once, and is not ours to close
+        self._descriptor = os.dup(fileno())  # the queue's own can be watched only once and is not ours to close
         self._watch = watch
         self._nested = 0
         try:
@@ -75,12 +76,12 @@ class Attachment:
         _thread.attachments.add(self)
 
     def detach(self) -> None:
-        """Ends the watch, and gives the thread's queue up if nothing needs it: delete the uploaders before.
+        """Ends the watch and releases the thread's queue unless it is still needed, so delete the uploaders first.
 
-        Doing it again is harmless; an event may do it. Must be called on the thread that attached.
+        Calling it again is harmless, and an event may call it. Must be called on the thread that attached.
         """
         if threading.get_ident() != self._thread:
-            raise RuntimeError("an attachment ends on the thread that made it")
+            raise RuntimeError("an attachment must be detached on the thread that created it")
         if self._attached():
             _thread.attachments.remove(self)
             try:
@@ -96,7 +97,7 @@ class Attachment:
         self.detach()
 
     def _pump(self) -> None:
-        """Runs events for a short while. What is left keeps the descriptor readable, and the loop calls again."""
+        """Runs events for a short while. Any that are left keep the descriptor readable, so the loop calls again."""
         deadline = time.monotonic() + SLICE_SECONDS
         self._nested += 1
         deepest = self._nested == MOST_NESTED
@@ -115,7 +116,7 @@ class Attachment:
 
 
 def attach_asyncio(loop: Optional[asyncio.AbstractEventLoop] = None) -> Attachment:
-    """Lets an asyncio loop, by default the running one, bring the calling thread's events. Must be that loop's thread."""
+    """Lets an asyncio loop, by default the running one, deliver the events. Must be called on the loop's thread."""
     target = loop or asyncio.get_running_loop()
 
     def watch(descriptor: int, run: Callable[[], None]) -> Callable[[], object]:
@@ -126,13 +127,13 @@ def attach_asyncio(loop: Optional[asyncio.AbstractEventLoop] = None) -> Attachme
 
 
 def attach_qt(core: Optional[ModuleType] = None) -> Attachment:
-    """Lets the calling thread's Qt event loop bring its events. Make the QCoreApplication first.
+    """Lets the calling thread's Qt event loop deliver its events. Create the QCoreApplication first.
 
     ``core`` is the binding's QtCore module, by default the one that the program has imported.
     """
     qt: Any = core or _imported_qt()
     if qt.QAbstractEventDispatcher.instance() is None:
-        raise RuntimeError("this thread has no Qt event dispatcher: make the QCoreApplication first")
+        raise RuntimeError("this thread has no Qt event dispatcher: create the QCoreApplication first")
     kinds = qt.QSocketNotifier.Type if hasattr(qt.QSocketNotifier.Type, "Read") else qt.QSocketNotifier
 
     def watch(descriptor: int, run: Callable[[], None]) -> Callable[[], object]:
@@ -140,9 +141,9 @@ def attach_qt(core: Optional[ModuleType] = None) -> Attachment:
         notifier.activated.connect(lambda *_: _report_raised(run))
 
         def unwatch() -> None:
-            with contextlib.suppress(RuntimeError):  # the application has gone and taken it along
+            with contextlib.suppress(RuntimeError):  # the application is gone, and the notifier with it
                 notifier.setEnabled(False)
-                notifier.deleteLater()  # it may be what calls
+                notifier.deleteLater()  # this may run inside its signal
 
         return unwatch
 
@@ -150,9 +151,9 @@ def attach_qt(core: Optional[ModuleType] = None) -> Attachment:
 
 
 def attach_glib(context: Any = None) -> Attachment:
-    """Lets a GLib main context bring the calling thread's events; by default the one that is the thread's default.
+    """Lets a GLib main context, by default the thread's default one, deliver the calling thread's events.
 
-    As with GLib's own sources, no further event runs inside one that runs the loop itself: they wait.
+    As with GLib's own sources, an event that runs the loop itself does not nest others: they wait until it returns.
     """
     from gi.repository import GLib  # type: ignore[import]
 
@@ -171,11 +172,11 @@ def attach_glib(context: Any = None) -> Attachment:
 
         def dispatch(self, _callback: object, _arguments: object) -> bool:
             _report_raised(self._run)
-            return True  # goes on
+            return True  # keep the source
 
     def watch(descriptor: int, run: Callable[[], None]) -> Callable[[], object]:
         source = QueueSource(descriptor, run)
-        source.set_callback(run)  # one without a callback is not dispatched
+        source.set_callback(run)  # GLib does not dispatch a source without a callback
         source.attach(context or GLib.MainContext.ref_thread_default())
         return source.destroy  # type: ignore[no-any-return]
 
@@ -183,7 +184,7 @@ def attach_glib(context: Any = None) -> Attachment:
 
 
 def attach_tk(widget: Any) -> Attachment:
-    """Lets a Tk main loop bring the calling thread's events; any widget of the application does."""
+    """Lets a Tk main loop deliver the calling thread's events. Any widget of the application will do."""
     from tkinter import READABLE
 
     def watch(descriptor: int, run: Callable[[], None]) -> Callable[[], object]:
@@ -203,7 +204,7 @@ def _imported_qt() -> ModuleType:
 
 
 def _report_raised(run: Callable[[], None]) -> None:
-    """Runs something for a loop that drops a watch, or ends the process, when its callable raises."""
+    """Reports exceptions itself, for a loop that would drop the watch or end the process when its callable raises."""
     try:
         run()
     except SystemExit:

@@ -7,15 +7,18 @@ import sys
 import unicodedata
 from typing import Any, Dict, List, NamedTuple
 
-EXIT_OK = 0
-EXIT_REFUSED = 1  # the service answered and said no
-EXIT_USAGE = 2  # arguments or files are wrong; nothing was sent
-EXIT_NO_ANSWER = 3  # no answer that counts came back
-EXIT_CANCELLED = 130  # as after Ctrl-C
+EXIT_OK, EXIT_REFUSED, EXIT_USAGE, EXIT_NO_ANSWER, EXIT_CANCELLED = 0, 1, 2, 3, 130  # 130 as after Ctrl-C
+EXIT_CODES = {
+    EXIT_OK: "success",
+    EXIT_REFUSED: "the service refused",
+    EXIT_USAGE: "wrong arguments or files, nothing was sent",
+    EXIT_NO_ANSWER: "no valid answer",
+    EXIT_CANCELLED: "cancelled",
+}
 
 
 class Failure(Exception):
-    """Ends a command with a text for the user and an exit code."""
+    """Ends a command with a message for the user and an exit code."""
 
     def __init__(self, exit_code: int, text: str) -> None:
         super().__init__(text)
@@ -24,14 +27,14 @@ class Failure(Exception):
 
 
 class Result(NamedTuple):
-    """What a command found out: lines for a reader, values for a program."""
+    """What a command found out: lines for people, values for programs."""
 
     lines: List[str]
     values: Dict[str, Any]
 
 
 def printable(text: str) -> str:
-    """The text with nothing in it that could steer a terminal."""
+    """Returns the text without anything that could control a terminal."""
     return "".join("?" if unicodedata.category(character) in ("Cc", "Cs") else character for character in text)
 
 
@@ -46,7 +49,7 @@ def print_result(result: Result, as_json: bool) -> int:
 
 
 def print_failure(failure: Failure, as_json: bool) -> int:
-    """Writes the failure to standard error, and for a program to standard output. Returns the exit code."""
+    """Writes the failure to standard error and, as JSON, to standard output. Returns the exit code."""
     print(f"skiffhost: {printable(failure.text)}", file=sys.stderr)
     if as_json:
         print(json.dumps({"ok": False, "error": failure.text, "exit_code": failure.exit_code}))

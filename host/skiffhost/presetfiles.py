@@ -1,4 +1,4 @@
-"""Finds the thirteen files of a preset and checks them before anything is sent. Touches the file system only."""
+"""Finds the thirteen files of a preset and checks them before anything is sent. Uses only the file system."""
 
 from __future__ import annotations
 
@@ -38,7 +38,7 @@ def find_files(folder: Optional[str], given: Mapping[str, Optional[str]]) -> Lis
         else:
             faults.append(f"no file {name}" + (f" in {folder}" if folder is not None else ""))
     if not faults and sum(os.path.getsize(paths[FILES.index(name)]) for name in SENT) > LARGEST_UPLOAD:
-        faults.append("together the files are too large: an upload holds less than 4 GiB")
+        faults.append("the files are too large together: an upload is limited to 4 GiB")
     if faults:
         raise Failure(EXIT_USAGE, "; ".join(faults))
     return paths
@@ -51,13 +51,13 @@ def _by_stem(folder: str) -> Dict[str, List[str]]:
         for entry in os.listdir(folder):
             entries.setdefault(os.path.splitext(entry)[0], []).append(os.path.join(folder, entry))
     except OSError as error:
-        raise Failure(EXIT_USAGE, f"the folder cannot be read: {error}") from error
+        raise Failure(EXIT_USAGE, f"cannot read the folder: {error}") from error
     return entries
 
 
 def _faults_of(path: str) -> List[str]:
     if any(unicodedata.category(character) == "Cc" for character in path):
-        return [f"a control character in the file name {path!r}"]
+        return [f"control character in the file name {path!r}"]
     if not os.path.isfile(path):
         return [f"not a file: {path}" if os.path.exists(path) else f"no such file: {path}"]
     if not os.access(path, os.R_OK):

@@ -1,6 +1,6 @@
 """Shows an upload's progress: a bar on a terminal, plain lines elsewhere.
 
-Knows the numbers of the ProgressChanged event and nothing else of the module. Draws on the thread that calls it.
+Knows the ProgressChanged event and nothing else of the module. Draws on the calling thread.
 """
 
 from __future__ import annotations
@@ -35,15 +35,15 @@ class Progress(NamedTuple):
 
     @property
     def finishing(self) -> bool:
-        """Every file byte is out, but the service has not answered yet."""
+        """Every byte of the files has been sent, but the service has not answered yet."""
         return self.sent >= self.total
 
 
 def from_event(_percent: int, _file_ticks: int, sent: int, total: int, ticks_left: int, bytes_per_tick: int,
                _path: str) -> Progress:
-    """Takes the arguments of a ProgressChanged event behind its name. Its counts are unsigned numbers of 32 bits that
-    arrive as signed ones; its times are ticks of 500 ms, its rate bytes per tick. The first event of a file tells the
-    time for all files as if none had been sent, so what is left bounds it."""
+    """Takes the arguments that follow the name of a ProgressChanged event. Counts are unsigned 32-bit numbers that
+    arrive as signed ones, times are ticks of 500 ms, and the rate is bytes per tick. A file's first event estimates the
+    time as if nothing had been sent yet, so it is capped by the time that the remaining bytes take."""
     sent, total, ticks_left, bytes_per_tick = (value % 2**32 for value in (sent, total, ticks_left, bytes_per_tick))
     ticks_left = min(ticks_left, max(total - sent, 0) // max(bytes_per_tick, 1))
     return Progress(sent, total, ticks_left * SECONDS_PER_TICK, bytes_per_tick / SECONDS_PER_TICK)
@@ -68,7 +68,7 @@ def format_seconds(seconds: float) -> str:
 
 
 def describe(progress: Progress) -> str:
-    """Amount, rate and time left as one text."""
+    """Returns the amount, the rate and the time left as one text."""
     amount = f"{format_bytes(progress.sent)} of {format_bytes(progress.total)}"
     if progress.finishing:
         return amount
@@ -76,12 +76,12 @@ def describe(progress: Progress) -> str:
 
 
 class View:
-    """Keeps the latest progress and state; what it looks like is up to the derived classes."""
+    """Keeps the latest progress and state; the derived classes display them."""
 
     def __init__(self) -> None:
         self.progress = Progress(0, 0, 0.0, 0.0)
         self.started = False
-        self.cancelling = False  # set once the upload was asked to stop; shows at the next drawing
+        self.cancelling = False  # set once a cancel was requested; shown by the next draw
 
     @property
     def label(self) -> str:
@@ -96,14 +96,14 @@ class View:
         self.draw()
 
     def draw(self) -> None:
-        """Brings what is seen up to date; to be called a few times a second while no event comes."""
+        """Updates the display. Call it a few times a second while no event arrives."""
 
     def close(self) -> None:
-        """Leaves the cursor on a line of its own."""
+        """Leaves the cursor at the start of a new line."""
 
 
 class LineView(View):
-    """A line for each ten percent, or each ten seconds, and one for each change of state."""
+    """Prints a line every ten percent or ten seconds, and one for each change of state."""
 
     def __init__(self, stream: TextIO, clock: Callable[[], float] = time.monotonic) -> None:
         super().__init__()
@@ -130,7 +130,7 @@ class LineView(View):
 
 
 class CarriageView(View):
-    """One terminal line that is written over, for a terminal without the library that draws bars."""
+    """Overwrites one line of the terminal; used where rich is not installed."""
 
     BAR_CELLS = 20
 
@@ -150,7 +150,7 @@ class CarriageView(View):
     def _columns(self) -> int:
         try:
             return os.get_terminal_size(self._stream.fileno()).columns or DEFAULT_COLUMNS
-        except OSError:  # a bar was asked for where there is no terminal
+        except OSError:  # a bar was requested, but this is no terminal
             return DEFAULT_COLUMNS
 
     def close(self) -> None:
@@ -160,7 +160,7 @@ class CarriageView(View):
 
 
 class BarView(View):
-    """A bar drawn by rich, without a thread of its own."""
+    """A bar drawn by rich, without rich's refresh thread."""
 
     def __init__(self, stream: TextIO) -> None:
         super().__init__()
@@ -191,7 +191,7 @@ class BarView(View):
 
 
 def choose_view(kind: str, stream: TextIO, environment: Any) -> View:
-    """Returns the view of that kind ("auto", "bar", "lines" or "none") on the stream."""
+    """Returns a view of the given kind ("auto", "bar", "lines" or "none") on the stream."""
     able = stream.isatty() and environment.get("TERM", "dumb") != "dumb"
     if kind == "none":
         return View()

@@ -1,6 +1,6 @@
-"""Opens a session with the community service on behalf of a command: product identity, password, login.
+"""Opens a session with the community service for a command: product identity, password, login.
 
-The Skiffport module is imported here and nowhere else, after the environment that it reads has been set.
+Only this file imports the Skiffport module, after the environment that it reads has been set.
 """
 
 from __future__ import annotations
@@ -20,22 +20,22 @@ from .signals import handling
 
 PASSWORD_VARIABLE = "SKIFFHOST_PASSWORD"
 
-# What the commoner transport errors of a login mean.
-TRANSPORT_ERRORS = {
-    12002: "it took too long",
-    12005: "the address is wrong",
-    12007: "the host is unknown",
-    12029: "no connection came about",
+# What the common network errors mean that a login returns.
+NETWORK_ERRORS = {
+    12002: "it timed out",
+    12005: "the address is invalid",
+    12007: "the host was not found",
+    12029: "the connection failed",
     12030: "the connection was closed",
     12031: "the connection was reset",
     12045: "the certificate's issuer is not trusted",
-    12152: "the answer was no HTTP",
+    12152: "the reply was not valid HTTP",
     12157: "the secure connection failed",
 }
 
 
 class Session(NamedTuple):
-    """The module and its session object, with what both an uploader and a login are given."""
+    """The module, its session object, and the product identity that an uploader needs too."""
 
     module: ModuleType
     data: Any
@@ -45,7 +45,7 @@ class Session(NamedTuple):
 
 
 def open_session(arguments: argparse.Namespace) -> Session:
-    """Makes a session object for the command's product identity. Makes no request."""
+    """Creates a session object with the command's product identity. Sends no request."""
     if arguments.connect_to is not None:
         os.environ["SKIFFPORT_CONNECT_TO"] = arguments.connect_to
     if arguments.ca_file is not None:
@@ -53,7 +53,7 @@ def open_session(arguments: argparse.Namespace) -> Session:
     try:
         import Skiffport
     except ImportError as error:
-        raise Failure(EXIT_USAGE, f"the module cannot be loaded, is the built tree on PYTHONPATH? {error}") from error
+        raise Failure(EXIT_USAGE, f"cannot import Skiffport, is the built tree on PYTHONPATH? {error}") from error
     installation = arguments.uuid or str(uuid.uuid5(uuid.NAMESPACE_DNS, socket.gethostname()))
     data = Skiffport.KHLoginData(arguments.version_name, arguments.version_type, installation)
     if arguments.host is not None:
@@ -62,7 +62,7 @@ def open_session(arguments: argparse.Namespace) -> Session:
 
 
 def find_service(session: Session) -> None:
-    """Finds the service's address, unless it was given. Cannot fail: there is a fallback."""
+    """Finds the service's address unless it was given. Cannot fail: there is a fallback."""
     with native_interrupts():
         session.data.InitKHServerURL()
 
@@ -76,11 +76,11 @@ def log_in(session: Session, user: str, password: str) -> None:
 
 
 def check_login(data: Any, outcome: int) -> None:
-    """Raises Failure unless that outcome of the session object's login means that a member is logged in."""
+    """Raises Failure unless the outcome of LoginKestrelhub means that the member is logged in."""
     if outcome == 1:
         return
     if outcome != 0:
-        reason = TRANSPORT_ERRORS.get(outcome, "the exchange failed")
+        reason = NETWORK_ERRORS.get(outcome, "the exchange failed")
         raise Failure(EXIT_NO_ANSWER, f"no answer to the login: {reason} (error {outcome})")
     if not data.m_bServerReachable:
         raise Failure(EXIT_NO_ANSWER, "no answer to the login: the service cannot be reached")
@@ -88,23 +88,23 @@ def check_login(data: Any, outcome: int) -> None:
 
 
 def password_of(arguments: argparse.Namespace) -> str:
-    """Returns the password from the file, the environment or a prompt, in this order. Raises Failure."""
+    """Returns the password from the file, the environment or a prompt, in that order. Raises Failure."""
     if arguments.password_file is not None:
         try:
             with open(arguments.password_file, encoding="utf-8") as file:
                 return file.readline().rstrip("\r\n")
         except (OSError, ValueError) as error:
-            raise Failure(EXIT_USAGE, f"the password file cannot be read: {error}") from error
+            raise Failure(EXIT_USAGE, f"cannot read the password file: {error}") from error
     if PASSWORD_VARIABLE in os.environ:
         return os.environ[PASSWORD_VARIABLE]
     if not sys.stdin.isatty():
-        raise Failure(EXIT_USAGE, f"no password: give --password-file, or set {PASSWORD_VARIABLE}")
+        raise Failure(EXIT_USAGE, f"no password: use --password-file or set {PASSWORD_VARIABLE}")
     try:
-        return getpass.getpass(f"Password of {arguments.user}: ")
+        return getpass.getpass(f"Password for {arguments.user}: ")
     except EOFError as error:
         raise Failure(EXIT_USAGE, "no password") from error
 
 
 def native_interrupts() -> ContextManager[None]:
-    """A service call blocks the thread that would run Python's handler, so Ctrl-C ends the process meanwhile."""
+    """Lets Ctrl-C end the process: a service call blocks the thread that would run Python's handler."""
     return handling((signal.SIGINT,), signal.SIG_DFL)

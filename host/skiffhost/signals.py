@@ -1,4 +1,4 @@
-"""Signal handlers for the length of a block. Main thread only."""
+"""Signal handlers for the duration of a block. Main thread only."""
 
 from __future__ import annotations
 
@@ -9,7 +9,7 @@ from typing import Any, Iterator, Tuple
 
 @contextlib.contextmanager
 def handling(numbers: Tuple[signal.Signals, ...], handler: Any) -> Iterator[None]:
-    """Gives the signals that handler, and their earlier ones back at the end. What was ignored stays ignored."""
+    """Installs the handler and restores the earlier ones at the end. Ignored signals stay ignored."""
     previous = {number: signal.getsignal(number) for number in numbers}
     changed = [number for number in numbers if previous[number] != signal.SIG_IGN]
     for number in changed:

@@ -35,7 +35,7 @@ class ServiceCommandsTest(test_cli.CommandLineCase):
         address = self.standin.presets()[-1]["address"]
         self.check(["effect", "{k-9}", *LOGIN], 0, address + "\n")
         self.assertEqual(json.loads(self.check(["effect", "{k-9}", *LOGIN, "--json"], 0, "{"))["address"], address)
-        self.check(["effect", "{k-9}"], 3, errors="it may want a login")
+        self.check(["effect", "{k-9}"], 3, errors="it may need a login")
         self.assertEqual(self.last_target(), "/servlet/GetEffectByGUIDForTWR?token=&guid={k-9}")
         self.check(["effect", "unknown", *LOGIN], 3, errors="no such effect")
 

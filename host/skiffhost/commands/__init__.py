@@ -1,4 +1,4 @@
-"""The subcommands, a module for each group. A module's ``register`` adds its parsers and names their functions."""
+"""The subcommands, one module per group. A module's ``register`` adds the group's parsers and their functions."""
 
 from . import account, publish, service
 

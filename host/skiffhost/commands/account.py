@@ -1,4 +1,4 @@
-"""Subcommands about the service and a member's account: addresses, login."""
+"""Subcommands for the service's addresses and a member's account: addresses, login."""
 
 from __future__ import annotations
 
@@ -12,20 +12,20 @@ from .options import add_command, add_login_options
 
 
 def register(subparsers: Any) -> None:
-    add_command(subparsers, "addresses", addresses, "find the service's server and page addresses")
-    login_parser = add_command(subparsers, "login", login, "log a member in and show what the service says of them")
+    add_command(subparsers, "addresses", addresses, "find the addresses of the service and its pages")
+    login_parser = add_command(subparsers, "login", login, "log a member in and show the account's details")
     add_login_options(login_parser)
-    login_parser.add_argument("--show-token", action="store_true", help="show the session's token too")
+    login_parser.add_argument("--show-token", action="store_true", help="also show the session token")
 
 
 def addresses(arguments: argparse.Namespace) -> Result:
     if arguments.host is not None:
-        raise Failure(EXIT_USAGE, "with --host there are no addresses to find")
+        raise Failure(EXIT_USAGE, "--host cannot be combined with addresses")
     session = open_session(arguments)
     find_service(session)
     data = session.data
     if not data.m_bServerReachable:
-        print("skiffhost: no answer from the detection host, these are fallbacks", file=sys.stderr)
+        print("skiffhost: no answer from the detection host, showing fallback addresses", file=sys.stderr)
     server = data.GetServerUrl()
     gallery = data.GetVideoGalleryURL()[0]
     return _listing({

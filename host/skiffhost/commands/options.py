@@ -21,19 +21,20 @@ DEFAULTS: Dict[str, Any] = {
 
 
 def add_common_options(parser: argparse.ArgumentParser) -> None:
-    """Adds the options that stand before or behind the subcommand; their defaults are DEFAULTS."""
+    """Adds the options that may come before or after the subcommand; DEFAULTS holds their defaults."""
     group = parser.add_argument_group("common options", argument_default=argparse.SUPPRESS)
-    group.add_argument("--host", help="the service's host, in place of the one that detection finds")
-    group.add_argument("--connect-to", metavar="LIST", help="host:port:address:port, comma-separated: connect there")
-    group.add_argument("--ca-file", metavar="FILE", help="trusted certificate issuers, in place of the system's")
-    group.add_argument("--version-name", metavar="TEXT", help="product version (%s)" % DEFAULTS["version_name"])
-    group.add_argument("--version-type", metavar="TEXT", help="version type (%s)" % DEFAULTS["version_type"])
-    group.add_argument("--uuid", help="installation uuid (default: derived from this machine's name)")
-    group.add_argument("--json", action="store_true", help="write the result as one JSON object")
+    group.add_argument("--host", help="host of the service (default: found by detection)")
+    group.add_argument("--connect-to", metavar="LIST",
+                       help="redirect connections: comma-separated rules host:port:address:port")
+    group.add_argument("--ca-file", metavar="FILE", help="PEM file of trusted CAs (default: the system's)")
+    group.add_argument("--version-name", metavar="TEXT", help=f"product version (default: {DEFAULTS['version_name']})")
+    group.add_argument("--version-type", metavar="TEXT", help=f"version type (default: {DEFAULTS['version_type']})")
+    group.add_argument("--uuid", help="installation UUID (default: derived from the host name)")
+    group.add_argument("--json", action="store_true", help="print the result as one JSON object")
 
 
 def add_command(subparsers: Any, name: str, run: Command, text: str) -> argparse.ArgumentParser:
-    """Adds a subcommand. Returns its parser, for its own options."""
+    """Adds a subcommand. Returns its parser, for further options."""
     parser: argparse.ArgumentParser = subparsers.add_parser(name, help=text, description=text)
     parser.set_defaults(run=run)
     add_common_options(parser)
@@ -41,7 +42,7 @@ def add_command(subparsers: Any, name: str, run: Command, text: str) -> argparse
 
 
 def add_login_options(parser: argparse.ArgumentParser, user: str = "user", **how: Any) -> None:
-    """Adds what a login needs: the user as an argument, or as that option; the password is never an argument."""
-    parser.add_argument(user, help="the member's account", **how)
+    """Adds what a login needs: the user, as an argument or the named option, and a source of the password."""
+    parser.add_argument(user, help="account of the member", **how)
     parser.add_argument("--password-file", metavar="FILE", help="file whose first line is the password "
-                        "(else $SKIFFHOST_PASSWORD, else a prompt)")
+                        "(default: $SKIFFHOST_PASSWORD, or a prompt)")

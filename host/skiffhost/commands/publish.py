@@ -1,4 +1,4 @@
-"""Subcommand publish: logs a member in and uploads a preset, with progress and a cancel on Ctrl-C.
+"""Subcommand publish: logs a member in and uploads a preset, shows progress, and cancels on Ctrl-C.
 
 The uploader's events arrive through the message loop, which this command pumps on the main thread.
 """
@@ -28,22 +28,22 @@ UPLOAD_ID = 1
 def register(subparsers: Any) -> None:
     parser = add_command(subparsers, "publish", publish, "publish a preset")
     add_login_options(parser)
-    parser.add_argument("folder", nargs="?", help="folder with the preset's files: " + ", ".join(FILES) +
-                        ", each with any extension")
-    files = parser.add_argument_group("files, in place of those of the folder")
+    parser.add_argument("folder", nargs="?", help="folder with the preset's files, each with any extension: " +
+                        ", ".join(FILES))
+    files = parser.add_argument_group("files that replace those of the folder")
     for name in FILES:
         files.add_argument("--" + name.replace("_", "-"), metavar="FILE")
-    fields = parser.add_argument_group("description")
+    fields = parser.add_argument_group("preset fields")
     fields.add_argument("--title", required=True)
-    fields.add_argument("--category", default="", help="category id")
+    fields.add_argument("--category", default="", help="category ID")
     fields.add_argument("--tags", default="")
     fields.add_argument("--description", default="")
     fields.add_argument("--collections", default="")
     fields.add_argument("--pip-type", default="")
-    fields.add_argument("--template-key", default="", help="the preset's key (default: a new GUID)")
+    fields.add_argument("--template-key", default="", help="key of the preset (default: a new GUID)")
     parser.add_argument("--progress", choices=("auto", "bar", "lines", "none"), default="auto",
-                        help="how progress is shown on standard error (default: a bar on a terminal, else lines; "
-                        "none with --json off a terminal)")
+                        help="progress on standard error (default: auto, a bar on a terminal; elsewhere lines, "
+                        "or none with --json)")
 
 
 def publish(arguments: argparse.Namespace) -> Result:
@@ -69,7 +69,7 @@ def publish(arguments: argparse.Namespace) -> Result:
 
 
 class Upload:
-    """One upload from its start to its completion event, on the thread that makes it."""
+    """One upload from its start to its completion event, on the thread that creates it."""
 
     def __init__(self, session: Session, view: View) -> None:
         data = session.data
@@ -80,7 +80,7 @@ class Upload:
             data.GetServerUrl(), data.GetLoginTokenID(), session.version, session.version_type, session.installation)
 
     def run(self, paths: List[str], fields: List[str]) -> Completion:
-        """Uploads and pumps until the completion arrives; SIGINT and SIGTERM cancel, however often they come."""
+        """Uploads and pumps until the completion arrives. SIGINT and SIGTERM cancel, however often they come."""
         with handling((signal.SIGINT, signal.SIGTERM), self._cancel):
             try:
                 self._uploader.SetCallback(self._on_event)
@@ -92,10 +92,10 @@ class Upload:
                         self._view.draw()
                 return self._completion
             finally:
-                self._uploader.SetCallback(None)  # the two hold each other, and no collector sees it
+                self._uploader.SetCallback(None)  # breaks a reference cycle that the garbage collector cannot see
 
     def _cancel(self, *_signal: Any) -> None:
-        """Raises nothing: it may run inside ``_on_event``, where what is raised is printed and dropped."""
+        """Must not raise: it may run inside ``_on_event``, where an exception is printed and dropped."""
         self._uploader.CancelUpload()
         self.cancelled = self._view.cancelling = True
 

@@ -1,7 +1,7 @@
 """Subcommands for the service's other requests: categories, effects, related videos, and requests to any host.
 
-The module says little about a failure of these, so a request without a result counts as one without an answer. It escapes
-nothing that it is given: what stands in a query is escaped here.
+The module reports little about a failure of these, so a request without a result counts as unanswered. It does not
+escape its arguments: what goes into a query is escaped here.
 """
 
 from __future__ import annotations
@@ -16,22 +16,22 @@ from .options import add_command, add_login_options
 
 
 def register(subparsers: Any) -> None:
-    parser = add_command(subparsers, "categories", categories, "list the preset categories of a location")
-    parser.add_argument("location", nargs="?", default="en", help="location id (en)")
+    parser = add_command(subparsers, "categories", categories, "list the preset categories for a location")
+    parser.add_argument("location", nargs="?", default="en", help="location ID (default: en)")
     parser = add_command(subparsers, "effect", effect, "find the address of a shared effect")
-    parser.add_argument("guid", help="the effect's GUID")
+    parser.add_argument("guid", help="GUID of the effect")
     add_login_options(parser, "--user")
-    parser = add_command(subparsers, "relate-video", relate_video, "tell the service of a related video")
-    parser.add_argument("video_url", help="the video's address")
-    parser.add_argument("website", help="the website that it is on")
-    parser.add_argument("info", nargs="?", default="", help="further information, as ready query text: name=value&...")
+    parser = add_command(subparsers, "relate-video", relate_video, "report a related video to the service")
+    parser.add_argument("video_url", help="address of the video")
+    parser.add_argument("website", help="website that hosts the video")
+    parser.add_argument("info", nargs="?", default="", help="further information as an escaped query: name=value&...")
     add_login_options(parser, "--user", required=True)
-    parser = add_command(subparsers, "request", request, "send a POST request to any host and show the reply's body")
-    parser.add_argument("server", metavar="host", help="the host's name")
-    parser.add_argument("path", help="the path, as it is to go out")
-    parser.add_argument("--port", type=int, choices=(443, 80), default=443, help="443 speaks TLS (443)")
-    parser.add_argument("--params", metavar="TEXT", default="", help="the query, as it is to go out")
-    parser.add_argument("--form", action="store_true", help="send the parameters as a form, in place of the query")
+    parser = add_command(subparsers, "request", request, "send a POST request to any host and print the reply's body")
+    parser.add_argument("server", metavar="host", help="name of the host")
+    parser.add_argument("path", help="path, sent as it is")
+    parser.add_argument("--port", type=int, choices=(443, 80), default=443, help="443 uses TLS (default: 443)")
+    parser.add_argument("--params", metavar="TEXT", default="", help="query, sent as it is")
+    parser.add_argument("--form", action="store_true", help="send the parameters as a form instead of a query")
 
 
 def categories(arguments: argparse.Namespace) -> Result:
@@ -40,7 +40,7 @@ def categories(arguments: argparse.Namespace) -> Result:
     with native_interrupts():
         names = session.data.GetPresetCategory(_escaped(arguments.location))
     if not names:
-        raise Failure(EXIT_NO_ANSWER, "no categories: the service names none, or did not answer")
+        raise Failure(EXIT_NO_ANSWER, "no categories: the service has none or did not answer")
     width = max(map(len, names)) + 2
     lines = [f"{number:{width}}{names[number]}" for number in sorted(names, key=lambda number: (len(number), number))]
     return Result(lines, {"categories": names})
@@ -51,8 +51,8 @@ def effect(arguments: argparse.Namespace) -> Result:
     with native_interrupts():
         address = session.data.GetEffectByGUID(_escaped(arguments.guid)).strip()
     if not address:
-        advice = "" if arguments.user else "; it may want a login (--user)"
-        raise Failure(EXIT_NO_ANSWER, "no such effect: the service knows none, or did not answer" + advice)
+        advice = "" if arguments.user else "; it may need a login (--user)"
+        raise Failure(EXIT_NO_ANSWER, "no such effect, or the service did not answer" + advice)
     return Result([address], {"address": address})
 
 
@@ -62,10 +62,10 @@ def relate_video(arguments: argparse.Namespace) -> Result:
         try:
             address = session.data.SetRelateVideo(_escaped(arguments.video_url), _escaped(arguments.website),
                                                   arguments.info).strip()
-        except SystemError as error:  # how the module tells of a reply without a byte
+        except SystemError as error:  # how the module reports an empty reply
             raise Failure(EXIT_NO_ANSWER, "no address for the video: the service's reply is empty") from error
     if not address:
-        raise Failure(EXIT_NO_ANSWER, "no address for the video: the service refused it, or did not answer")
+        raise Failure(EXIT_NO_ANSWER, "no address for the video: the service refused it or did not answer")
     return Result([address], {"address": address})
 
 
@@ -81,7 +81,7 @@ def request(arguments: argparse.Namespace) -> Result:
     if not reply.get("bSucc") or "errMsg" in reply:
         raise Failure(EXIT_NO_ANSWER, f"no answer: {reply.get('errMsg', 'the request could not be sent')}")
     if not data:
-        raise Failure(EXIT_NO_ANSWER, "the reply is empty, or does not tell its length")
+        raise Failure(EXIT_NO_ANSWER, "the reply is empty or has no Content-Length")
     return Result(data.splitlines(), {"data": data})
 
 

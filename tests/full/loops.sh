@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Uploads in the event loops of real toolkits, without a screen: the attachments, a process for each loop; the snippets of the
-# docs; and the examples, the window in each state that a picture is taken of. Prints unittest's output.
-# SKIFFPORT_TREE names another tree than build/release/python.
+# Uploads in the event loops of real toolkits, without a screen: the attachments, one process per loop; the snippets of
+# the docs; and the examples, with the window in each state that has a screenshot. Prints unittest's output.
+# SKIFFPORT_TREE names a tree other than build/release/python.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 scripts/setup --for full
@@ -11,7 +11,7 @@ trap 'rm -rf "$work"' EXIT
 export XDG_RUNTIME_DIR=$work
 failed=0
 
-# part NAME COMMAND...: runs a part on a display of its own, and goes on to the next if it fails.
+# part NAME COMMAND...: runs a part on its own display, and continues with the next one if it fails.
 part() {
   echo "== $1"
   timeout -k 10 300 xvfb-run -a "${@:2}" || { echo "FAILED: $1" && failed=1; }

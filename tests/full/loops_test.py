@@ -1,6 +1,6 @@
-"""Uploads in a real event loop: ``loops_test.py LOOP [TEST]...``, where LOOP is a name in LOOPS. One loop a process.
+"""Uploads in a real event loop: ``loops_test.py LOOP [TEST]...``, where LOOP is a name in LOOPS. One loop per process.
 
-Each test runs the loop with a timer of 10 ms of its own, and leaves no descriptor behind. What was measured is printed.
+Each test runs the loop with its own 10 ms timer and checks that no descriptor leaks. Prints what it measured.
 """
 
 import asyncio
@@ -28,19 +28,19 @@ import Skiffport  # noqa: E402
 from skiffhost import loop  # noqa: E402
 
 TICK_MILLISECONDS = 10
-LONGEST_GAP_SECONDS = 0.05  # of this thread's processor time, so that a busy machine makes no difference
+LONGEST_GAP_SECONDS = 0.05  # of this thread's CPU time, so that a busy machine makes no difference
 WAITING_UPLOADS = 36
 WAITING_COMMANDS = 2000
-EVENT_SECONDS = 0.0005  # what a window may spend on an event
-NO_SERVICE = "no-host:1"  # no address, so the upload fails at once, with one event
+EVENT_SECONDS = 0.0005  # what a window may spend on one event
+NO_SERVICE = "no-host:1"  # an invalid address: the upload fails at once with one event
 
 
 def print_error(error):
     print(repr(error), file=sys.stderr)
 
 
-# Each loop has ``attach``, ``run_inside``, which is what an event does that runs the loop itself, if it can, and ``run``,
-# which runs the loop and calls ``tick`` every 10 ms, until it returns something true.
+# Each loop has ``attach``; ``run_inside``, which an event calls to run the loop itself, where that is possible; and
+# ``run``, which runs the loop and calls ``tick`` every 10 ms until it returns something true.
 
 
 class AsyncioLoop:
@@ -114,7 +114,7 @@ class TkLoop:
             try:
                 self._root.mainloop()
                 break
-            except RuntimeError as error:  # what a signal handler raised
+            except RuntimeError as error:  # raised by a signal handler
                 print_error(error)
         self._root.after_cancel(timer[0])
 
@@ -136,7 +136,7 @@ class Recorded(Publication):
     work = staticmethod(lambda: None)
 
     def on_event(self, *arguments):
-        assert threading.current_thread() is threading.main_thread()  # a lost event fails the test
+        assert threading.current_thread() is threading.main_thread()  # a dropped event fails the test
         super().on_event(*arguments)
         self.work()
 
@@ -166,7 +166,7 @@ class LoopTest(common.StandinCase):
         session = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
         assert session.LoginKestrelhub(launch.USER, launch.PASSWORD) == 1
         cls.session = session.GetServerUrl(), session.GetLoginTokenID()
-        running.run(lambda: True)  # so that what the loop opens for itself is open
+        running.run(lambda: True)  # opens the loop's own descriptors
 
     def setUp(self):
         self.small = self.preset()
@@ -176,11 +176,11 @@ class LoopTest(common.StandinCase):
         self.assertEqual(descriptors(), self.before)
 
     def wait_for_uploads(self):
-        """Waits, without the loop, until all uploads have ended: their events wait then."""
+        """Waits, without running the loop, until all uploads have ended and their events are queued."""
         fixtures.wait_until(lambda: count_threads() <= self.threads, "end of the uploads' threads")
 
     def run_until(self, condition, what):
-        """Runs the loop until the condition holds. Returns the time, and that of the processor for this thread, at each tick."""
+        """Runs the loop until the condition holds. Returns wall time and this thread's CPU time at each tick."""
         times = []
         deadline = time.monotonic() + fixtures.DEADLINE_SECONDS
 
@@ -199,7 +199,7 @@ class LoopTest(common.StandinCase):
         self.assertLess(processor, LONGEST_GAP_SECONDS)
 
     def check_events(self, publication):
-        """Numbers that only grow, one completion, which is accepted and comes last. Ends the publication."""
+        """Expects growing numbers, then one accepted completion. Ends the publication."""
         *progress, completion = publication.events
         self.assertEqual({event[0] for event in progress}, {"ProgressChanged"})
         sent = [event[3] for event in progress]
@@ -208,7 +208,7 @@ class LoopTest(common.StandinCase):
         self.assertEqual((completion[0], completion[2], completion[4]), ("UploadComplete", 1, ""))
         publication.uploader = None
 
-    def test_a_whole_upload_arrives_while_the_timer_goes_on(self):
+    def test_the_timer_keeps_running_during_an_upload(self):
         with running.attach():
             publication = Recorded(*self.session)
             self.assertNotEqual(publication.start(self.preset({"effect": 40_000_000, "cover_before": 8_000_000})), 0)
@@ -219,7 +219,7 @@ class LoopTest(common.StandinCase):
             self.assertIn(publication.events[-1][3], [record["address"] for record in self.standin.presets()])
 
     def flood(self, work):
-        """Lets the commands of many uploads wait, then attaches. Returns how many there were, and the times of the ticks."""
+        """Queues the commands of many uploads, then attaches. Returns their number and the times of the ticks."""
         publications = [Recorded(*self.session) for _ in range(WAITING_UPLOADS)]
         for publication in publications:
             publication.work = work
@@ -234,9 +234,9 @@ class LoopTest(common.StandinCase):
         self.assertGreater(sum(ran), WAITING_COMMANDS)
         return sum(ran), times
 
-    def test_what_waited_arrives_in_slices(self):
+    def test_queued_events_arrive_in_slices(self):
         count, times = self.flood(busy_work)
-        self.check_gaps(times, f"{count} commands that waited")
+        self.check_gaps(times, f"{count} queued commands")
 
     def test_an_event_may_run_the_loop_itself(self):
         depths = [0]
@@ -265,7 +265,7 @@ class LoopTest(common.StandinCase):
             publication.uploader = None
         self.assertTrue(loop.release())
 
-    def test_goes_on_when_a_signal_handler_raises(self):
+    def test_continues_after_a_signal_handler_raises(self):
         def handle(*_):
             raise RuntimeError("from the handler")
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# What is packaged works where this tree is not. The Debian package is installed by dpkg into a root that holds nothing
-# but what the package depends on, made of the files of this machine's packages; `pip install` puts a wheel into a virtual
-# environment of each interpreter. Both publish a preset to a stand-in that runs outside. Uses no network but loopback.
+# Checks that the packages work without this tree. dpkg installs the Debian package into a root that holds only its
+# dependencies, copied from this machine's packages; `pip install` installs a wheel into a virtual environment of each
+# interpreter. Both publish a preset to a stand-in that runs outside. Uses no network but loopback.
 set -euo pipefail
 export LC_ALL=C.UTF-8
 cd "$(dirname "$0")/../.."
@@ -44,7 +44,7 @@ assert [file["sha256"] for file in record["files"]] == sent, record["files"]
 END
 }
 
-# installed_closure PACKAGE...: the essential packages, those named, and all that they depend on, of what is installed.
+# installed_closure PACKAGE...: the essential packages, the named ones and all their dependencies that are installed.
 installed_closure() {
   local essential
   mapfile -t essential < <(dpkg-query -W -f '${Essential} ${Package}\n' | sed -n 's/^yes //p')
@@ -53,14 +53,14 @@ installed_closure() {
     comm -12 - <(dpkg-query -W -f '${db:Status-Status} ${Package}\n' | sed -n 's/^installed //p' | sort -u)
 }
 
-# make_root FOLDER PACKAGE...: a system of those packages and what they depend on, with dpkg's records of them.
+# make_root FOLDER PACKAGE...: makes a system of those packages and their dependencies, with dpkg's records of them.
 make_root() {
   local root=$1 packages name
   shift
   mapfile -t packages < <(installed_closure "$@")
   mkdir -p "$root"/{tmp,usr/{bin,sbin,lib,lib64}} "$root"/var/lib/dpkg/{info,updates,triggers}
   for name in bin sbin lib lib64; do ln -s "usr/$name" "$root/$name"; done
-  # A small system may have been told to leave documents and translations out.
+  # A small system may be configured to leave out documentation and translations.
   dpkg -L "${packages[@]}" | sort -u | while read -r name; do [[ ! -e $name ]] || echo ".$name"; done |
     tar -C / --no-recursion -cf - -T - | tar -C "$root" --keep-directory-symlink -xf -
   dpkg-query -s "${packages[@]}" >"$root/var/lib/dpkg/status"
@@ -71,7 +71,7 @@ make_root() {
   chroot "$root" ldconfig
 }
 
-check_files() { # FOLDER: no file names this tree, and libraries are looked for beside the one that needs them only
+check_files() { # FOLDER: no file names this tree, and libraries are searched only next to their users
   local file
   ! grep -rlF --exclude=direct_url.json "$PWD" "$1" || fail "a packaged file names the tree that it was built in"
   while read -r file; do

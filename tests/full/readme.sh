@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The README's commands as a newcomer types them.
+# Runs the README's commands as a newcomer would type them.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Checks the types: the stubs against the built modules, the host package against them and for 3.8, and what a checker
-# tells the user of an installed copy about wrong calls.
+# Checks the types: the stubs against the built modules, the host package against the stubs and Python 3.8, and that a
+# type checker reports wrong calls to an installed copy.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 scripts/setup --for full
@@ -8,7 +8,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 tree=$(scripts/build release 2>"$work/log" | tail -n 1) || { cat "$work/log" && exit 1; }
 export MYPY_CACHE_DIR=$work/cache
-# A virtual environment is a place where the checker looks for installed packages, and it only needs the files there.
+# The checker looks for installed packages in a virtual environment, and only needs the files there.
 /usr/bin/python3 -m venv --without-pip "$work/environment"
 cmake --install build/release --prefix "$work/installed" --component python >/dev/null
 site=$(echo "$work"/environment/lib/python3*/site-packages)
@@ -16,7 +16,7 @@ mv "$(dirname "$(find "$work/installed" -name Skiffport.py)")"/* "$site"
 
 PYTHONPATH=$tree MYPYPATH=shell/stubs /usr/bin/python3 -m mypy.stubtest _Skiffport
 PYTHONPATH=$tree MYPYPATH=shell/stubs /usr/bin/python3 -m mypy.stubtest Skiffport
-# A native function has no signature to compare; its documentation string tells the same.
+# A native function has no signature to compare, but its docstring states it.
 PYTHONPATH=$tree /usr/bin/python3 -B - <<'END'
 import ast, pathlib, re
 

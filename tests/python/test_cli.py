@@ -1,4 +1,4 @@
-"""The command line, as a process against the stand-in."""
+"""The command line, run as a process against the stand-in."""
 
 import hashlib
 import json
@@ -51,7 +51,7 @@ class AccountTest(CommandLineCase):
         self.assertEqual(values["sign_up"], "https://www.kestrelhub.example/signUp?from=twr&uuid=u-1")
         self.assertIn("version=7&versionType=Retail", self.standin.requests()[-1]["target"])
 
-    def test_a_login_tells_of_the_member_and_keeps_the_token_back(self):
+    def test_login_prints_the_member_but_not_the_token(self):
         password = self.scratch / "password"
         password.write_text(launch.PASSWORD + "\n", "utf-8")
         code, output, _ = self.run_cli("login", launch.USER, "--password-file", str(password), SKIFFHOST_PASSWORD="no")
@@ -59,7 +59,7 @@ class AccountTest(CommandLineCase):
         self.assertIn("Mika Ångström", output)
         self.assertIsNone(re.search(r"\b[0-9a-f]{32}\b", output))
 
-    def test_failed_logins_name_their_reason(self):
+    def test_failed_logins_state_the_reason(self):
         closed = ",".join(f"{name}.kestrelhub.example:443:127.0.0.1:1" for name in ("detect", "www", "stage"))
         cases = [
             (1, "did not accept the login", {"SKIFFHOST_PASSWORD": "wrong"}),
@@ -72,7 +72,7 @@ class AccountTest(CommandLineCase):
                 self.assertEqual((found, json.loads(output)["exit_code"]), (code, code), errors)
                 self.assertIn(text, errors)
 
-    def test_without_a_terminal_there_must_be_a_password(self):
+    def test_a_password_is_required_without_a_terminal(self):
         process = self.start("login", launch.USER, env=dict(os.environ))
         self.assertIn("no password", process.communicate(timeout=fixtures.DEADLINE_SECONDS)[1])
         self.assertEqual(process.returncode, 2)
@@ -82,7 +82,7 @@ class PublishTest(CommandLineCase):
     def publish(self, *arguments, fields=FIELDS):
         return self.run_cli("publish", launch.USER, *arguments, *fields)
 
-    def test_every_field_and_file_arrives_and_lines_stay_few(self):
+    def test_publishes_all_files_and_fields_and_prints_few_progress_lines(self):
         code, output, errors = self.publish(str(self.preset), "--curve-r", str(self.preset / "curve_b.bin"))
         self.assertEqual(code, 0, errors)
         record = self.standin.presets()[-1]
@@ -99,7 +99,7 @@ class PublishTest(CommandLineCase):
         self.assertLessEqual(len(percents), 12)
         self.assertIn("finishing 100%", errors.splitlines()[-1])
 
-    def test_faults_in_the_folder_are_told_before_anything_is_sent(self):
+    def test_reports_faulty_files_before_anything_is_sent(self):
         folder = fixtures.write_preset(self.scratch / "faulty")
         (folder / "levels_g.bin").unlink()
         (folder / "effect.old").write_text("")
@@ -112,13 +112,13 @@ class PublishTest(CommandLineCase):
             self.assertIn(text, errors)
         self.assertEqual(self.standin.requests(), asked)
 
-    def test_a_refusal_comes_in_the_service_s_words(self):
+    def test_prints_the_service_s_own_message_on_refusal(self):
         code, output, errors = self.publish(str(self.preset), "--json", fields=["--title", " "])
         self.assertEqual(code, 1)
         self.assertIn("A preset needs a title.", errors)
         self.assertEqual(json.loads(output), {"ok": False, "error": "A preset needs a title.", "exit_code": 1})
 
-    def test_interrupts_cancel_and_publish_nothing(self):
+    def test_interrupts_cancel_the_upload(self):
         large = fixtures.write_preset(self.scratch / "large", dict.fromkeys(FILES, 3 << 20))
         published = len(self.standin.presets())
         inside = (str(fixtures.REPOSITORY / "tests" / "support" / "interrupted.py"), "skiffhost")
@@ -132,11 +132,11 @@ class PublishTest(CommandLineCase):
             self.assertTrue(errors.endswith("skiffhost: cancelled\n"), errors)
             self.assertNotIn("Traceback", errors)
         self.assertEqual(len(self.standin.presets()), published)
-        fixtures.wait_until(lambda: not list(self.standin.folder.glob(".*")), "removal of what had arrived")
+        fixtures.wait_until(lambda: not list(self.standin.folder.glob(".*")), "removal of the partial preset")
 
 
 class ProgressTest(unittest.TestCase):
-    def test_counts_over_two_gigabytes_are_made_whole(self):
+    def test_shows_counts_above_two_gigabytes(self):
         shown = progress.from_event(70, 1, -1294967296, -2, 120, 2500000, "x")
         self.assertEqual(progress.describe(shown), "3.0 GB of 4.3 GB, 5.0 MB/s, 1:00 left")
         self.assertEqual((shown.percent, shown.finishing), (69, False))

@@ -1,4 +1,4 @@
-"""The command line's requests besides login and upload, as processes against the stand-in and scripted peers."""
+"""The command line's other requests, run as processes against the stand-in and scripted peers."""
 
 import json
 
@@ -12,7 +12,7 @@ LOGIN = ("--user", launch.USER)
 
 class ServiceCommandsTest(test_cli.CommandLineCase):
     def check(self, arguments, code, output="", errors=""):
-        """Compares the exit code, and looks for the texts; nothing else may be on the stream of an empty text."""
+        """Compares the exit code and searches the streams for the texts; an empty text stands for an empty stream."""
         found = self.run_cli(*arguments)
         self.assertEqual(found[0], code, found)
         for text, stream in zip((output, errors), found[1:]):

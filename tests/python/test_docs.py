@@ -1,7 +1,7 @@
-"""Every Python snippet in README and docs runs as it stands, beside a stand-in.
+"""Runs every Python snippet of README and docs unchanged against a stand-in.
 
-The snippets below one heading are one script. A word behind "python" names a toolkit that the snippet needs; those run where
-SKIFFPORT_TOOLKITS is set.
+The snippets below one heading make one script. A word after "python" names a toolkit that the snippet needs; those run
+only where SKIFFPORT_TOOLKITS is set.
 """
 
 import os
@@ -26,7 +26,7 @@ def scripts(page):
             yield part.split("\n", 1)[0], snippets[0][0], "\n".join(code for _, code in snippets)
 
 
-class Docs(common.StandinCase):
+class SnippetsTest(common.StandinCase):
     def test_snippets_run(self):
         fixtures.write_preset(self.scratch / "preset")
         env = {**self.standin.env, "SKIFFHOST_USER": launch.USER, "SKIFFHOST_PASSWORD": launch.PASSWORD}
@@ -36,8 +36,9 @@ class Docs(common.StandinCase):
                 if toolkit and "SKIFFPORT_TOOLKITS" not in os.environ:
                     continue
                 with self.subTest(f"{page.name}: {heading}"):
-                    done = subprocess.run([sys.executable, "-B", "-c", script, "preset/effect.bin"], cwd=self.scratch, env=env,
-                                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=60)
+                    done = subprocess.run([sys.executable, "-B", "-c", script, "preset/effect.bin"], cwd=self.scratch,
+                                          env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                          timeout=fixtures.DEADLINE_SECONDS)
                     self.assertEqual(done.returncode, 0, done.stdout.decode())
                     count += 1
         self.assertGreaterEqual(count, 4)

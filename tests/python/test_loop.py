@@ -1,4 +1,4 @@
-"""The message loop: what its functions promise, and its attachment to asyncio. Whole uploads and other loops: tests/full."""
+"""The message loop's functions and its attachment to asyncio. tests/full has whole uploads and other loops."""
 
 import asyncio
 import os
@@ -13,8 +13,8 @@ from publication import Publication
 
 from skiffhost import loop
 
-FILES = [__file__] * 13
-NO_SERVICE = "no-host:1"  # no address, so the upload fails at once, with one event
+PATHS = [__file__] * 13
+NO_SERVICE = "no-host:1"  # an invalid address: the upload fails at once with one event
 
 
 def descriptors():
@@ -25,16 +25,16 @@ def readable():
     return bool(select.select([loop.fileno()], [], [], 0)[0])
 
 
-def let_wait(publications):
-    """Lets an event of each publication wait in the queue."""
+def queue_events(publications):
+    """Leaves an event of each publication waiting in the queue."""
     for publication in publications:
         threads = os.listdir("/proc/self/task")
-        publication.start(FILES)
+        publication.start(PATHS)
         fixtures.wait_until(lambda: len(os.listdir("/proc/self/task")) <= len(threads), "end of the upload's thread")
 
 
 class LoopCase(common.Case):
-    """Each test leaves no descriptor."""
+    """Checks that no test leaks a descriptor."""
 
     def setUp(self):
         self.running = asyncio.new_event_loop()
@@ -44,17 +44,17 @@ class LoopCase(common.Case):
 
     def check_descriptors(self, before):
         self.assertTrue(loop.release())
-        # That of another thread closes as the thread goes, a little after it could be joined.
+        # Another thread's descriptor closes when the thread exits, slightly after a join returns.
         fixtures.wait_until(lambda: descriptors() == before, "end of every descriptor", seconds=5)
 
 
 class FunctionsTest(LoopCase):
-    def test_the_descriptor_tells_what_waits(self):
+    def test_the_descriptor_is_readable_while_events_wait(self):
         publications = [Publication(NO_SERVICE) for _ in range(3)]
         self.assertEqual(loop.fileno(), loop.fileno())
         self.assertFalse(os.get_inheritable(loop.fileno()))
         self.assertEqual((readable(), loop.wait(0), loop.pump()), (False, False, 0))
-        let_wait(publications)
+        queue_events(publications)
         self.assertFalse(loop.release(), "the uploaders need it")
         self.assertEqual((readable(), loop.wait(), loop.pump(2), readable(), loop.pump(limit=2), readable()),
                          (True, True, 2, True, 1, False))
@@ -62,13 +62,13 @@ class FunctionsTest(LoopCase):
         for publication in publications:
             publication.uploader.SetCallback(None)
 
-    def test_wrong_arguments(self):
+    def test_rejects_wrong_arguments(self):
         for call in (lambda: loop.pump(0), lambda: loop.wait(-1), lambda: loop.wait(float("nan"))):
             self.assertRaises(ValueError, call)
         for call in (lambda: loop.pump("1"), lambda: loop.wait("1"), lambda: loop.wait(1, 2)):
             self.assertRaises(TypeError, call)
 
-    def test_a_wait_lets_threads_run_and_ends_with_a_signal(self):
+    def test_wait_releases_the_gil_and_ends_with_a_signal(self):
         stop = threading.Event()
 
         def send():
@@ -92,15 +92,16 @@ class FunctionsTest(LoopCase):
             stop.set()
             thread.join()
 
-    def test_what_is_raised_inside_a_callable_reaches_no_loop(self):
+    def test_exceptions_in_a_callable_do_not_reach_the_loop(self):
         script = ("import signal, sys\nfrom publication import Publication\nfrom skiffhost import loop\n"
                   "p = Publication(sys.argv[1])\np.uploader.SetCallback(lambda *_: {})\n"
                   "assert p.start(sys.argv[2:]) != 0 and loop.wait()\n"
                   "try:\n    assert loop.pump() == 1\n"
                   "finally:\n    print('after', flush=True)\n")
         for action, status, goes_on in (("signal.raise_signal(signal.SIGINT)", 0, True), ("sys.exit(3)", 3, False)):
-            found, output = self.run_python(script.format(action), NO_SERVICE, *FILES)
-            self.assertEqual((found, "KeyboardInterrupt" in output, "after" in output), (status, goes_on, goes_on), output)
+            found, output = self.run_python(script.format(action), NO_SERVICE, *PATHS)
+            self.assertEqual((found, "KeyboardInterrupt" in output, "after" in output), (status, goes_on, goes_on),
+                             output)
 
 
 class AsyncioTest(LoopCase):
@@ -111,13 +112,13 @@ class AsyncioTest(LoopCase):
         while not condition():
             await asyncio.sleep(0)
 
-    def test_attachments_share_the_queue_and_keep_it(self):
+    def test_attachments_share_the_queue_and_keep_it_alive(self):
         async def program():
             first, second = loop.attach_asyncio(asyncio.get_running_loop()), loop.attach_asyncio()
             first.detach()
             self.assertFalse(loop.release(), "an attachment needs it")
             publication = Publication(NO_SERVICE)
-            publication.start(FILES)
+            publication.start(PATHS)
             await self.until(lambda: publication.events)
             publication.uploader.SetCallback(None)
             with self.assertRaises(RuntimeError):
@@ -128,7 +129,7 @@ class AsyncioTest(LoopCase):
 
         self.run_to_end(program())
 
-    def test_a_failed_attachment_leaves_nothing(self):
+    def test_a_failed_attachment_leaks_nothing(self):
         with mock.patch.object(self.running, "add_reader", side_effect=OSError("no more")):
             self.assertRaises(OSError, loop.attach_asyncio, self.running)
         self.assertRaises(RuntimeError, loop.attach_asyncio)

@@ -1,4 +1,4 @@
-"""Categories, effect lookup, related video and blocking requests: wire, replies, failures."""
+"""Categories, effect lookup, related video and blocking requests: wire format, replies and failures."""
 
 import time
 
@@ -15,14 +15,14 @@ def post(target, rest=AGENT, host=HOST):
     return f"POST {target} HTTP/1.1\r\nHost: {host}\r\n{rest}".encode()
 
 
-class RequestTest(common.NetworkCase):
+class RequestCase(common.NetworkCase):
     def setUp(self):
         super().setUp()
         self.data = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
         self.data.SetKHURLAsReg(HOST)
 
     def plain(self, body, *options, scenario="reply"):
-        """Lets port 80 of the host go to a peer with that reply."""
+        """Directs port 80 of the host to a peer with that reply."""
         return self.network.play(HOST, scenario, "--body", body, *options, tls="")
 
     def log_in(self):
@@ -31,35 +31,36 @@ class RequestTest(common.NetworkCase):
         self.assertEqual(self.data.LoginKestrelhub("u", "p"), 1)
 
 
-class Categories(RequestTest):
-    def test_gathers_the_replies_by_their_ids(self):
+class CategoriesTest(RequestCase):
+    def test_collects_the_categories_by_id(self):
         peer = self.plain("<!-- c --><categories><!-- c --><category categoryid='7'>A &amp; B</category><other/>"
                           "<CATEGORY categoryid='8'> x </CATEGORY><category CategoryID='9'>no</category>"
                           "<category>no</category><category categoryid=''>no</category>"
                           "<category categoryid='7'>later</category></categories>")
         self.assertEqual(self.data.GetPresetCategory("en us"), {"7": "later", "8": "x"})
         self.assertEqual(peer.received(), post("/servlet/getPresetCategory?ap=TWR&Locid=en%20us&version=10.5"))
-        peer = self.plain("<Categories><category categoryid='8'>y</category><category categoryid='ä'>z</category></Categories>")
+        peer = self.plain("<Categories><category categoryid='8'>y</category>"
+                          "<category categoryid='ä'>z</category></Categories>")
         self.assertEqual(self.data.GetPresetCategory(None), {"7": "later", "8": "y", "ä": "z"})
         self.assertIn(b"Locid=(null)&", peer.received())
         self.data.LogoutKestrelhub()
         self.assertEqual(self.data.GetCategoryCount(), 3)
 
-    def test_an_empty_name_counts_but_ends_the_copy(self):
+    def test_an_empty_name_is_counted_but_ends_the_copy(self):
         self.plain("<categories><category categoryid='1'/></categories>")
         self.assertEqual((self.data.GetPresetCategory("en"), self.data.GetCategoryCount()), ({}, 1))
 
-    def test_failures_leave_the_cache(self):
+    def test_failures_keep_the_cache(self):
         good = "<categories><category categoryid='1'>one</category></categories>"
         self.plain(good)
         self.assertEqual(self.data.GetPresetCategory("en"), {"1": "one"})
         other = good.replace("1", "2").replace("one", "two")
-        for scenario, body, options in (("pieces", other, ()), ("reply", "", ()), ("reply", "<categories><category", ()),
-                                        ("close", "", ()), ("garbage", "", ()), ("reset-send", "", ())):
+        for scenario, body in (("pieces", other), ("reply", ""), ("reply", "<categories><category"), ("close", ""),
+                               ("garbage", ""), ("reset-send", "")):
             with self.subTest(scenario + body):
-                self.plain(body, *options, scenario=scenario)
+                self.plain(body, scenario=scenario)
                 self.assertEqual(self.data.GetPresetCategory("en"), {"1": "one"})
-        self.plain(other, "--status", "500", "--length", "none")  # neither counts
+        self.plain(other, "--status", "500", "--length", "none")  # neither matters
         self.assertEqual(self.data.GetPresetCategory("en"), {"1": "one", "2": "two"})
         peer = self.plain(good)
         fits = 254 - len("/servlet/getPresetCategory?ap=TWR&Locid=&version=10.5")
@@ -68,14 +69,14 @@ class Categories(RequestTest):
         self.data.GetPresetCategory("x" * fits)
         self.assertIn(b"x" * fits, peer.received())
 
-    def test_a_hostile_length_costs_nothing(self):
+    def test_ignores_a_hostile_content_length(self):
         for length in ("2147483647", "99999999999999999999", "-1", "0x10", "abc"):
             self.plain("<categories/>", "--length", "none", "--header", f"Content-Length: {length}")
             self.assertEqual(self.data.GetPresetCategory("en"), {})
 
 
-class Effects(RequestTest):
-    def test_finds_the_last_address_and_decodes_it(self):
+class EffectsTest(RequestCase):
+    def test_decodes_the_last_address(self):
         peer = self.plain("<pip><!-- c --><pipURL>no</pipURL><PIPURL>https%3A//h/a%20b+c</PIPURL><x/></pip>")
         self.assertEqual(self.data.GetEffectByGUID("{g}"), "https://h/a b+c")
         self.assertEqual(peer.received(), post("/servlet/GetEffectByGUIDForTWR?token=&guid={g}"))
@@ -83,9 +84,10 @@ class Effects(RequestTest):
         self.assertEqual(self.data.GetEffectByGUID(None), " ")
         self.assertEqual(peer.received(), sent)
 
-    def test_failures_give_an_empty_text(self):
+    def test_failures_return_an_empty_string(self):
         good = "<PIP><pipURL>u</pipURL></PIP>"
-        for scenario, body in (("pieces", good), ("reply", ""), ("reply", "<PIP/>"), ("reply", "<info/>"), ("close", "")):
+        for scenario, body in (("pieces", good), ("reply", ""), ("reply", "<PIP/>"), ("reply", "<info/>"),
+                               ("close", "")):
             self.plain(body, scenario=scenario)
             self.assertEqual(self.data.GetEffectByGUID("g"), "", scenario + body)
         peer = self.plain(good)
@@ -93,20 +95,20 @@ class Effects(RequestTest):
         self.assertEqual(peer.received(), b"")
 
 
-class RelatedVideo(RequestTest):
+class RelatedVideoTest(RequestCase):
     ID = "<info><videoId>v1</videoId><videoUrl>https://h/%41</videoUrl></info>"
 
-    def test_tells_the_service_in_two_exchanges(self):
+    def test_reports_a_video_in_two_requests(self):
         self.log_in()
-        for scenario in ("reply", "pieces"):  # pieces are put together here
+        for scenario in ("reply", "pieces"):  # this function reassembles pieces
             peer = self.plain(self.ID, scenario=scenario)
             self.assertEqual(self.data.SetRelateVideo("https://v?a=1&b=2", "w", "x=y"), "https://h/%41", scenario)
             self.assertEqual(peer.received(), post(
                 "/servlet/setRelateVideo?tokenid=tok&AP=TWR&Version=10.5&versionType=retail&uuid=uuid-1") + post(
-                "/servlet/setRelateVideo?tokenid=tok&videoID=v1&videoURL=https://v?a=1&b=2&website=w&AP=TWR&Version=10.5"
-                "&versionType=retail&uuid=uuid-1&x=y"))
+                "/servlet/setRelateVideo?tokenid=tok&videoID=v1&videoURL=https://v?a=1&b=2&website=w&AP=TWR"
+                "&Version=10.5&versionType=retail&uuid=uuid-1&x=y"))
 
-    def test_failures_give_a_blank(self):
+    def test_failures_return_a_blank(self):
         peer = self.plain(self.ID)
         self.assertEqual(self.data.SetRelateVideo("", "", ""), " ", "nobody is logged in")
         self.log_in()
@@ -116,7 +118,8 @@ class RelatedVideo(RequestTest):
         self.assertEqual(self.data.SetRelateVideo("", "", ""), "https://h/%41")
         self.assertIn(b"&uuid=uuid-1& HTTP/1.1", peer.received())
         self.assertEqual(self.data.SetRelateVideo("x" * 2047, "", ""), " ", "too long for the second request")
-        for body, scenario in (("", "reply"), ("<info/>", "reply"), ("<info><videoId/></info>", "reply"), ("", "close")):
+        for body, scenario in (("", "reply"), ("<info/>", "reply"), ("<info><videoId/></info>", "reply"),
+                               ("", "close")):
             peer = self.plain(body, scenario=scenario)
             self.assertEqual(self.data.SetRelateVideo("", "", ""), " ")
             self.assertEqual(peer.received().count(b"POST"), 1, "no second request")
@@ -125,14 +128,14 @@ class RelatedVideo(RequestTest):
         self.plain("<info><videoId>v</videoId><videoUrl/></info>")
         self.assertEqual(self.data.SetRelateVideo("", "", ""), "")
 
-    def test_an_empty_second_reply_is_the_interpreters_own_error(self):
+    def test_an_empty_second_reply_raises_system_error(self):
         self.log_in()
         self.plain(self.ID, "--then", "")
         with self.assertRaises(SystemError):
             self.data.SetRelateVideo("", "", "")
 
 
-class BlockingRequests(RequestTest):
+class BlockingRequestsTest(RequestCase):
     def test_sends_parameters_in_query_or_body(self):
         util = Skiffport.KHConnectUtil()
         form = "User-Agent: Tintwright\r\nContent-Type: application/x-www-form-urlencoded\r\nContent-Length: "
@@ -147,7 +150,7 @@ class BlockingRequests(RequestTest):
             self.assertEqual(peer.received(), post("/a?b=ü%20d", nothing) + post("/a", nothing)
                              + post("/a?q", form + "6\r\n\r\nb=ü d") + post("/", form + "0\r\n\r\n"))
 
-    def test_tells_what_went_wrong(self):
+    def test_reports_errors(self):
         util = Skiffport.KHConnectUtil()
         for arguments in ((None, 80, "/", ""), (HOST, 80, None, ""), (HOST, 80, "/", None)):
             self.assertEqual(util.SyncSendHttpRequest(*arguments, ""), {})
@@ -167,22 +170,24 @@ class BlockingRequests(RequestTest):
                 self.assertIn(word, result["errMsg"])
                 self.assertLessEqual(len(result["errMsg"]), 79)
 
-    def test_takes_the_body_as_its_length_says(self):
+    def test_reads_the_body_by_its_content_length(self):
         util = Skiffport.KHConnectUtil()
         for options, data in ((("--length", "none"), ""), (("--length", "chunked"), ""), (("--length", "negative"), ""),
-                              (("--length", "short"), "abc"), (("--length", "long"), "abcdef"), (("--status", "404"), "abcdef")):
+                              (("--length", "short"), "abc"), (("--length", "long"), "abcdef"),
+                              (("--status", "404"), "abcdef")):
             self.plain("abcdef", *options)
             self.assertEqual(util.SyncSendHttpRequest(HOST, 80, "/", "", ""), {"bSucc": 1, "data": data}, options)
         self.plain("abcdef", scenario="pieces")
-        self.assertEqual(util.SyncSendHttpRequest(HOST, 80, "/", "", "")["data"], "abcdef", "whole, however it comes")
+        self.assertEqual(util.SyncSendHttpRequest(HOST, 80, "/", "", "")["data"], "abcdef", "whole, however it arrives")
         self.plain("abcdef", scenario="reset-reply")
-        self.assertEqual(set(util.SyncSendHttpRequest(HOST, 80, "/", "", "")), {"bSucc", "errMsg"}, "a lost half is no body")
+        self.assertEqual(set(util.SyncSendHttpRequest(HOST, 80, "/", "", "")), {"bSucc", "errMsg"},
+                         "an incomplete body is dropped")
         self.plain(b"a\xff\xe4b".decode("utf-8", "surrogateescape"))
         self.assertEqual(util.SyncSendHttpRequest(HOST, 80, "/", "", "")["data"], "a\ufffd\ufffdb")
         self.plain("", "--fill", "600")  # has a zero byte every 251
         self.assertEqual(util.SyncSendHttpRequest(HOST, 80, "/", "", "")["data"], "")
 
-    def test_a_connection_that_does_not_come_about_costs_five_seconds(self):
+    def test_connecting_times_out_after_five_seconds(self):
         self.network.play(HOST, "silent-connect", tls="")
         start = time.monotonic()
         result = Skiffport.KHConnectUtil().SyncSendHttpRequest(HOST, 80, "/", "", "")
@@ -190,6 +195,6 @@ class BlockingRequests(RequestTest):
         self.assertIn("time", result["errMsg"])
         self.assertTrue(4.9 < time.monotonic() - start < 6, time.monotonic() - start)
 
-    def test_staging_hosts_are_told_by_their_name(self):
+    def test_staging_hosts_are_recognised_by_name(self):
         self.network.reply(STAGE, "x", tls="expired-wrong-name")
         self.assertEqual(Skiffport.KHConnectUtil().SyncSendHttpRequest(STAGE, 443, "/", "", "")["bSucc"], 1)

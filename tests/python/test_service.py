@@ -1,4 +1,4 @@
-"""Address discovery, login and logout: what goes over the wire, what comes back, and what a failure leaves."""
+"""Address discovery, login and logout: requests, results, and the state after a failure."""
 
 import os
 import threading
@@ -10,7 +10,7 @@ from scripted import DEFAULT, DETECT, STAGE, browser
 
 import Skiffport
 
-HOST = "good.test"  # a host without "stage" in its name, for the exchanges that a test scripts
+HOST = "good.test"  # a host without "stage" in its name, for scripted exchanges
 PAGES = ("<SignUp>/su?a=%41+b</SignUp><ForgetPassword>/fp?x</ForgetPassword><VideoGallery>/vg</VideoGallery>"
          "<Tutorial>/tu?x</Tutorial><AdjustmentPreset>/ap?x</AdjustmentPreset>")
 
@@ -19,8 +19,8 @@ def session(version_type="retail"):
     return Skiffport.KHLoginData("10.5", version_type, "uuid-1")
 
 
-class Discovery(common.NetworkCase):
-    def test_asks_once_and_hands_out_the_pages(self):
+class DiscoveryTest(common.NetworkCase):
+    def test_asks_once_and_returns_the_page_addresses(self):
         for version_type, query in (("retail", "&versionType=retail"), ("", "")):
             peer = self.network.reply(DETECT, f"<INFO><APIUrl>{HOST}</APIUrl>{PAGES}</INFO>")
             data = session(version_type)
@@ -28,7 +28,7 @@ class Discovery(common.NetworkCase):
             data.InitKHServerURL()
             requests = peer.received()
             data.InitKHServerURL()
-            self.assertEqual(peer.received(), requests, "the second call asks nobody")
+            self.assertEqual(peer.received(), requests, "the second call sends nothing")
             self.assertEqual(requests, (
                 "GET / HTTP/1.1\r\nHost: detect.kestrelhub.example\r\nUser-Agent: Microsoft Internet Explorer\r\n\r\n"
                 f"GET /khserver.jsp?ap=tintwright&version=10.5{query} HTTP/1.1\r\nHost: detect.kestrelhub.example\r\n"
@@ -40,8 +40,9 @@ class Discovery(common.NetworkCase):
             self.assertEqual(data.GetPresetDownloadURL(), f"https://{HOST}/ap?x&uuid=uuid-1")
             self.assertEqual(data.GetVideoGalleryURL(), ("/vg", ""))
 
-    def test_falls_back_and_keeps_what_it_read(self):
+    def test_falls_back_but_keeps_what_was_read(self):
         document = f"<INFO><APIUrl>{HOST}</APIUrl>{PAGES}</INFO>"
+        entity = "<INFO><APIUrl>&h;</APIUrl></INFO>"
         cases = {
             "no answer": ("close", (), "good", ""),
             "garbage": ("garbage", (), "good", ""),
@@ -52,7 +53,7 @@ class Discovery(common.NetworkCase):
             "a negative length": ("reply", ("--body", document, "--length", "negative"), "good", ""),
             "a short length": ("reply", ("--body", document, "--length", "short"), "good", ""),
             "another root": ("reply", ("--body", document.replace("INFO", "info")), "good", ""),
-            "a DOCTYPE": ("reply", ("--body", '<!DOCTYPE INFO [<!ENTITY h "evil.test">]><INFO><APIUrl>&h;</APIUrl></INFO>'), "good", ""),
+            "a DOCTYPE": ("reply", ("--body", f'<!DOCTYPE INFO [<!ENTITY h "evil.test">]>{entity}'), "good", ""),
             "an empty address": ("reply", ("--body", f"<INFO><APIUrl/>{PAGES}</INFO>"), "good", "/vg"),
         }
         for name, (scenario, options, certificate, gallery) in cases.items():
@@ -61,13 +62,14 @@ class Discovery(common.NetworkCase):
                 data = session()
                 data.InitKHServerURL()
                 self.assertEqual((data.GetServerUrl(), data.GetVideoGalleryURL()[0]), (STAGE, gallery))
-        for options in (("--status", "500"), ("--length", "long"), ("--header", "Content-Type: text/xml; charset=GB2312")):
+        for options in (("--status", "500"), ("--length", "long"),
+                        ("--header", "Content-Type: text/xml; charset=GB2312")):
             self.network.reply(DETECT, document, *options)
             data = session()
             data.InitKHServerURL()
             self.assertEqual(data.GetServerUrl(), HOST, options)
 
-    def test_a_silent_host_costs_five_and_a_half_seconds_without_the_interpreter_lock(self):
+    def test_a_silent_host_costs_five_and_a_half_seconds_without_the_gil(self):
         self.network.play(DETECT, "silent-reply")
         data = session()
         start = time.monotonic()
@@ -79,18 +81,19 @@ class Discovery(common.NetworkCase):
             beats += 1
         self.assertTrue(5.4 < time.monotonic() - start < 6.5, time.monotonic() - start)
         self.assertGreater(beats, 50)
-        self.assertEqual((data.GetServerUrl(), data.m_bServerReachable, data.m_szChkServerUrl), (STAGE, 0, f"https://{DETECT}"))
+        self.assertEqual((data.GetServerUrl(), data.m_bServerReachable, data.m_szChkServerUrl),
+                         (STAGE, 0, f"https://{DETECT}"))
 
 
-GOOD_LOGIN = ("<info><tokenid>tok%41</tokenid><username>Mika</username><profileURL>p</profileURL><VideoGallery>vg</VideoGallery>"
-              "<AdjustmentPreset>https://ap/%41</AdjustmentPreset><Tutorial>https://tu</Tutorial><search/><RevisionAPI>2</RevisionAPI>"
-              "</info>")
+GOOD_LOGIN = ("<info><tokenid>tok%41</tokenid><username>Mika</username><profileURL>p</profileURL>"
+              "<VideoGallery>vg</VideoGallery><AdjustmentPreset>https://ap/%41</AdjustmentPreset>"
+              "<Tutorial>https://tu</Tutorial><search/><RevisionAPI>2</RevisionAPI></info>")
 
 
-class Login(common.NetworkCase):
+class LoginTest(common.NetworkCase):
     def setUp(self):
         super().setUp()
-        self.network.reply(DEFAULT, "")  # what the probe asks
+        self.network.reply(DEFAULT, "")  # for the probe
         self.data = session()
         self.data.SetKHURLAsReg(HOST)
 
@@ -98,7 +101,7 @@ class Login(common.NetworkCase):
         data = self.data
         return data.GetLoginTokenID(), data.GetUserName(), data.GetVideoGalleryURL()[1], data.GetRevisionAPI()
 
-    def test_logs_in_reads_the_addresses_and_forgets_them(self):
+    def test_logs_in_reads_the_addresses_and_logs_out(self):
         peer = self.network.reply(HOST, GOOD_LOGIN)
         self.assertEqual(self.data.LoginKestrelhub("m&u=%", "päss\U0001F600"), 1)
         body = "account=m&u=%&pwd=päss\U0001F600&AP=TWR&Version=10.5&versionType=retail&uuid=uuid-1".encode()
@@ -111,16 +114,18 @@ class Login(common.NetworkCase):
         self.assertEqual((self.data.GetPresetDownloadURL(), self.data.GetTutorialURL()), ("https://ap/A", "https://tu"))
         for _ in range(2):
             self.data.LogoutKestrelhub()
-            self.assertEqual((self.state(), self.data.GetServerUrl(), self.data.GetUserProfileURL()), (("", "", "", ""), "", ""))
+            self.assertEqual((self.state(), self.data.GetServerUrl(), self.data.GetUserProfileURL()),
+                             (("", "", "", ""), "", ""))
             self.assertEqual(self.data.m_bServerReachable, 0)
 
-    def test_replies_decide_as_the_elements_stand(self):
+    def test_the_elements_of_the_reply_decide(self):
         cases = [
             ("an empty token", GOOD_LOGIN.replace("tok%41", ""), (), 1, ("", "Mika", "vg", "2")),
             ("the longest token", GOOD_LOGIN.replace("tok%41", "t" * 259), (), 1, ("t" * 259, "Mika", "vg", "2")),
             ("a token too long", GOOD_LOGIN.replace("tok%41", "t" * 260), (), 0, ("old", "Mika", "vg", "2")),
             ("no token", GOOD_LOGIN.replace("tokenid", "token"), (), 0, ("old", "Mika", "vg", "2")),
-            ("an error text", "<info><username>New</username><errMsg>no</errMsg></info>", (), 0, ("old", "New", "old", "old")),
+            ("an error text", "<info><username>New</username><errMsg>no</errMsg></info>", (), 0,
+             ("old", "New", "old", "old")),
             ("a bare token", "<info><tokenid>new</tokenid></info>", (), 1, ("new", "old", "old", "old")),
             ("an error status", GOOD_LOGIN, ("--status", "401"), 1, ("tok%41", "Mika", "vg", "2")),
             ("another root", GOOD_LOGIN.replace("info", "INFO"), (), 0, ("old", "old", "old", "old")),
@@ -129,29 +134,29 @@ class Login(common.NetworkCase):
         ]
         for name, document, options, result, state in cases:
             with self.subTest(name):
-                self.network.reply(HOST, "<info><tokenid>old</tokenid><username>old</username><VideoGallery>old</VideoGallery>"
-                                         "<RevisionAPI>old</RevisionAPI></info>")
+                self.network.reply(HOST, "<info><tokenid>old</tokenid><username>old</username>"
+                                         "<VideoGallery>old</VideoGallery><RevisionAPI>old</RevisionAPI></info>")
                 self.assertEqual(self.data.LoginKestrelhub("", ""), 1)
                 self.network.reply(HOST, document, *options)
                 self.assertEqual((self.data.LoginKestrelhub("u", "p"), self.state()), (result, state))
 
-    def test_network_failures_come_out_as_their_numbers(self):
+    def test_returns_the_numbers_of_network_errors(self):
         cases = [
             ({12030, 12031, 12152}, "close", (), "good"),
             ({12152}, "garbage", (), "good"),
             ({12045}, "reply", ("--body", GOOD_LOGIN), "unknown-issuer"),
-            ({1}, "reply", ("--body", GOOD_LOGIN), "expired-wrong-name"),  # the request asks for leniency in these two
+            ({1}, "reply", ("--body", GOOD_LOGIN), "expired-wrong-name"),  # the request tolerates these two
         ]
         for numbers, scenario, options, certificate in cases:
             with self.subTest(f"{scenario} {certificate}"):
                 self.network.play(HOST, scenario, *options, tls=certificate)
                 self.assertIn(self.data.LoginKestrelhub("u", "p"), numbers)
-        self.network.lead(f"{HOST}:443:127.0.0.1:1")  # nobody listens there
+        self.network.lead(f"{HOST}:443:127.0.0.1:1")  # nothing listens there
         self.assertEqual(self.data.LoginKestrelhub("u", "p"), 12029)
         self.data.SetKHURLAsReg("a\r\nX: y")
         self.assertEqual(self.data.LoginKestrelhub("u", "p"), 12005)
 
-    def test_nothing_goes_out_for_a_null_argument_or_an_unreachable_default_host(self):
+    def test_sends_nothing_for_a_null_argument_or_an_unreachable_default_host(self):
         peer = self.network.reply(HOST, GOOD_LOGIN)
         self.assertEqual(self.data.LoginKestrelhub("u", "p"), 1)
         sent = peer.received()
@@ -163,22 +168,24 @@ class Login(common.NetworkCase):
         self.assertEqual((self.data.LoginKestrelhub("u", "p"), self.data.m_bServerReachable), (0, 0))
         self.assertEqual(peer.received(), sent)
 
-    def test_a_first_login_opens_its_page_and_is_no_login(self):
+    def test_a_first_login_opens_its_page_and_fails(self):
         page = "https://h/first?a=1&b='$(x)"
         opened = (page, "https://h/a b", "http://u@[::1]:80", "HTTPS://h?@", "https://h/\u00e9\u200a\u2027\u202f\u2065")
         refused = ("", "file:///etc/passwd", "javascript://x", "--help", "https://h/" + "x" * 250,
                    *("https://" + rest for rest in ("", "#", "?", "@", "/h", "\\h", "u@", "u@:80", " /")),
-                   *(f"https://h/{character}x" for character in "\t\x7f\x9f\u061c\u200b\u200f\u2028\u202e\u2060\u2066\u2069\ufeff"))
+                   *(f"https://h/{character}x"
+                     for character in "\t\x7f\x9f\u061c\u200b\u200f\u2028\u202e\u2060\u2066\u2069\ufeff"))
         threads = len(os.listdir("/proc/self/task"))
         for address in opened + refused:
             with self.subTest(address), browser() as opened_pages:
                 escaped = address.replace("&", "&amp;")
-                self.network.reply(HOST, GOOD_LOGIN.replace("<info>", f"<info><firstloginUrl>{escaped}</firstloginUrl>"))
+                first = f"<info><firstloginUrl>{escaped}</firstloginUrl>"
+                self.network.reply(HOST, GOOD_LOGIN.replace("<info>", first))
                 self.data.LogoutKestrelhub()
                 self.data.SetKHURLAsReg(HOST)
                 self.assertEqual(self.data.LoginKestrelhub("u", "p"), 0 if address else 1)
                 self.assertEqual(self.state(), ("" if address else "tok%41", "Mika", "vg", "2"))
-                # An opener that was started has ended before its thread does.
+                # The opener ends before its thread does.
                 fixtures.wait_until(lambda: len(os.listdir("/proc/self/task")) <= threads, "end of the opener's thread")
-                self.assertIsNone(os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOHANG | os.WNOWAIT), "an opener not collected")
+                self.assertIsNone(os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOHANG | os.WNOWAIT), "a zombie opener")
                 self.assertEqual(opened_pages(), address + "\n" if address in opened else "")

@@ -1,4 +1,4 @@
-"""The stand-in's upload: boundaries that arrive in pieces."""
+"""The stand-in's multipart parser."""
 
 import subprocess
 
@@ -20,7 +20,7 @@ async def parse(body, headers, piece):
     async def feed():
         for start in range(0, len(body), piece):
             reader.feed_data(body[start:start + piece])
-            for _ in range(3):  # lets the parser take it
+            for _ in range(3):  # lets the parser run
                 await asyncio.sleep(0)
         reader.feed_eof()
 
@@ -37,8 +37,8 @@ for piece in range(1, 80):
 
 
 class BodyInPiecesTest(common.Case):
-    def test_a_boundary_may_arrive_in_any_pieces(self):
-        """Fed to the parser directly, since pieces on a wire arrive joined."""
+    def test_a_boundary_may_arrive_in_pieces_of_any_size(self):
+        """Feeds the parser directly, since a connection would join the pieces."""
         ran = subprocess.run([launch.PYTHON, "-c", PIECES, BOUNDARY], env=launch.standin_environment(),
                              input=BODY.encode(), stderr=subprocess.PIPE)
         self.assertEqual((ran.returncode, ran.stderr.decode()), (0, ""))

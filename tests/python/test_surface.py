@@ -1,4 +1,4 @@
-"""The module's flat table as a caller sees it: names, documentation, conversions and their errors, lifetime."""
+"""The module's flat functions as a caller sees them: names, docstrings, conversions and their errors, out of memory."""
 
 import os
 import unittest
@@ -63,12 +63,12 @@ PyPresetUploader_GetUploadedFileUrl(PyPresetUploader self) -> PyObject *
 PyPresetUploader_m_mapTID2KHID_set(PyPresetUploader self, std::map< unsigned int,int > m_mapTID2KHID)
 PyPresetUploader_m_mapTID2KHID_get(PyPresetUploader self) -> std::map< unsigned int,int >
 """.splitlines()
-# Takes all the memory that there is in copies. Nothing after the limit needs memory of Python's.
-SHORT_OF_MEMORY = """
+# Exhausts the memory with copies. After the limit is set, the script itself allocates nothing.
+OUT_OF_MEMORY = """
 import os, resource, sys, _Skiffport, Skiffport
 from skiffhost import loop
 data, uploader = Skiffport.KHLoginData("1", "r", "u"), Skiffport.PyPresetUploader("no-host:1", "", "1", "r", "u")
-for _ in range(20):  # one pair more each
+for _ in range(20):  # each adds a pair
     assert uploader.StartUpload(*[sys.argv[1]] * 13, *[""] * 7, 1)
     numbers = uploader.m_mapTID2KHID
     loop.wait(), loop.pump()
@@ -88,13 +88,13 @@ os._exit(outcomes)
 CLASSES = ("KHLoginData", "KHConnectUtil", "PyPresetUploader")
 
 
-class Surface(common.Case):
+class SurfaceTest(common.Case):
     def setUp(self):
-        import Skiffport  # the proxy registers the classes, so that objects are freed
+        import Skiffport  # the proxy registers the classes, without which objects leak
         self.proxy = Skiffport
         self.data = Skiffport.KHLoginData("10.5", "retail", "uuid")
 
-    def test_table_holds_just_what_is_documented(self):
+    def test_the_module_has_exactly_the_documented_functions(self):
         functions = {name: value for name, value in vars(_Skiffport).items() if not name.startswith("__")}
         undocumented = {f"{name}_{end}" for name in CLASSES for end in ("swigregister", "swiginit")}
         self.assertEqual(set(functions), {line.split("(")[0] for line in DOCUMENTED} | undocumented)
@@ -102,22 +102,26 @@ class Surface(common.Case):
         self.assertEqual({functions[name].__doc__ for name in undocumented}, {None})
         self.assertIsNone(_Skiffport.__doc__)
 
-    def test_wrong_arguments_raise_before_anything_is_done(self):
+    def test_wrong_arguments_raise(self):
         data, uploader = self.data, self.proxy.PyPresetUploader("h", "t", "1", "r", "u")
         login = _Skiffport.KHLoginData_LoginKestrelhub
         start = _Skiffport.PyPresetUploader_StartUpload
         url = _Skiffport.KHLoginData_m_szChkServerUrl_set
-        texts = [""] * 20
+        texts, null = [""] * 20, "invalid null reference in method"
         cases = [
             (TypeError, "KHLoginData_LoginKestrelhub expected 3 arguments, got 2", login, (data, "a")),
-            (TypeError, "in method 'KHLoginData_LoginKestrelhub', argument 2 of type 'WCHAR const *'", login, (data, b"a", 1)),
-            (ValueError, "invalid null reference in method 'KHLoginData_LoginKestrelhub', argument 1 of type 'KHLoginData *'",
+            (TypeError, "in method 'KHLoginData_LoginKestrelhub', argument 2 of type 'WCHAR const *'",
+             login, (data, b"a", 1)),
+            (ValueError, f"{null} 'KHLoginData_LoginKestrelhub', argument 1 of type 'KHLoginData *'",
              login, (None, 1, 2)),
-            (OverflowError, "in method 'PyPresetUploader_StartUpload', argument 22 of type 'int'", start, (uploader, *texts, 2**31)),
-            (TypeError, "in method 'KHLoginData_m_szChkServerUrl_set', argument 2 of type 'char [_MAX_PATH]'", url, (data, "x" * 260)),
-            (ValueError, "invalid null reference in method 'KHLoginData_m_hInternet_set', argument 2 of type 'HINTERNET'",
+            (OverflowError, "in method 'PyPresetUploader_StartUpload', argument 22 of type 'int'",
+             start, (uploader, *texts, 2**31)),
+            (TypeError, "in method 'KHLoginData_m_szChkServerUrl_set', argument 2 of type 'char [_MAX_PATH]'",
+             url, (data, "x" * 260)),
+            (ValueError, f"{null} 'KHLoginData_m_hInternet_set', argument 2 of type 'HINTERNET'",
              _Skiffport.KHLoginData_m_hInternet_set, (data, None)),
-            (TypeError, "in method 'PyPresetUploader_m_mapTID2KHID_set', argument 2 of type 'std::map< unsigned int,int >'",
+            (TypeError, "in method 'PyPresetUploader_m_mapTID2KHID_set', argument 2 of type "
+                        "'std::map< unsigned int,int >'",
              _Skiffport.PyPresetUploader_m_mapTID2KHID_set, (uploader, {})),
         ]
         for exception, text, function, arguments in cases:
@@ -126,7 +130,7 @@ class Surface(common.Case):
                     function(*arguments)
                 self.assertEqual(str(caught.exception), text)
 
-    def test_members_and_texts_convert_both_ways(self):
+    def test_members_and_strings_convert_both_ways(self):
         data = self.data
         data.m_bServerReachable = 7
         self.assertEqual(data.m_bServerReachable, 7)
@@ -137,12 +141,12 @@ class Surface(common.Case):
         self.assertEqual(data.m_szChkServerUrl, "")
         data.SetKHURLAsReg("h\U0001F600\ud800x")
         self.assertEqual(data.GetServerUrl(), "h\U0001F600\ud800x")
-        # A default address is whole already; logged out, it is joined all the same.
+        # A default address is complete, but without a login the host is prepended all the same.
         data.SetKHURLAsReg("h")
         self.assertEqual(data.GetSignUpURL(), "https://hhttps://www.kestrelhub.example/signUp&uuid=uuid")
         self.assertEqual(data.GetTutorialURL(), "https://h&uuid=uuid")
         self.assertEqual(self.proxy.KHLoginData(None, None, None).GetUserName(), "")
 
-    @unittest.skipIf("asan" in os.environ.get("LD_PRELOAD", ""), "needs more address space than the limit, and never throws")
-    def test_short_memory_is_a_memory_error(self):
-        self.assertEqual(self.run_python(SHORT_OF_MEMORY, __file__)[0], 3)
+    @unittest.skipIf("asan" in os.environ.get("LD_PRELOAD", ""), "ASan exceeds the limit and never throws")
+    def test_running_out_of_memory_raises_memory_error(self):
+        self.assertEqual(self.run_python(OUT_OF_MEMORY, __file__)[0], 3)

@@ -1,4 +1,4 @@
-"""The trace of whole operations: the lines in their order, and no secret in any of them."""
+"""The trace of whole operations: its lines, their order, and that no secret is among them."""
 
 import os
 import socket
@@ -8,8 +8,8 @@ import common
 from scripted import DETECT
 
 TOKEN, PASSWORD = "T0KEN-planted-secret", "P4SS-planted-secret"
-LOGIN = (f"<info><tokenid>{TOKEN}</tokenid><username>Mika</username><VideoGallery>/vg</VideoGallery><Tutorial>/tu</Tutorial>"
-         "<RevisionAPI>2</RevisionAPI></info>")
+LOGIN = (f"<info><tokenid>{TOKEN}</tokenid><username>Mika</username><VideoGallery>/vg</VideoGallery>"
+         "<Tutorial>/tu</Tutorial><RevisionAPI>2</RevisionAPI></info>")
 
 SCRIPT = """
 import os, sys
@@ -27,16 +27,16 @@ del publication.uploader
 """
 
 
-class Trace(common.NetworkCase):
+class TraceTest(common.NetworkCase):
     def run_traced(self, switches, script, *arguments):
-        """Runs a script with these switches. Returns: all that it printed."""
+        """Runs a script with these switches. Returns everything that it printed."""
         registry = self.scratch / "registry.reg"
         registry.write_text("[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright]\r\n" + switches, "utf-16")
         status, printed = self.run_python(script, *arguments, SKIFFPORT_REGISTRY=str(registry), SECRET=PASSWORD)
         self.assertEqual(status, 0, printed)
         return printed
 
-    def test_tells_the_work_and_no_secret(self):
+    def test_traces_the_work_without_secrets(self):
         self.network.reply("www.kestrelhub.example", "")
         self.network.reply(DETECT, "<INFO><APIUrl>good.test</APIUrl><SignUp>/su</SignUp></INFO>")
         self.network.reply("good.test", LOGIN)
@@ -46,13 +46,16 @@ class Trace(common.NetworkCase):
         printed = self.run_traced('"DumpMsg"=dword:00000001\r\n"DumpInETW"=dword:00000000\r\n', SCRIPT, *paths)
         self.assertNotIn("planted-secret", printed)
         wanted = [
-            "[KHLoginData] TWR version = 10.5", "[KHLoginData] TWR versionType = retail", "[KHLoginData] TWR SignUp = /su",
-            "[KHLoginData] Get KH server URL from server. URL = good.test", "[KHLoginData] TWR VideoGalleryURL_login = /vg",
+            "[KHLoginData] TWR version = 10.5", "[KHLoginData] TWR versionType = retail",
+            "[KHLoginData] TWR SignUp = /su", "[KHLoginData] Get KH server URL from server. URL = good.test",
+            "[KHLoginData] TWR VideoGalleryURL_login = /vg",
             "[KHLoginData] TWR Tutorial = /tu", "[KHLoginData] TWR Revision API = 2",
             "[KHLoginData] [GetEffectByGUID] Internet Exception! Error code: 12029",
             "[KHLoginData] [GetPresetCategory] Internet Exception! Error code: 12029",
-            "[KHLoginData] [GetVideoID] Internet Exception! Error code: 12029", "[KHLoginData] SetRelateVideo GetVideoID fail",
-            "[PyPresetUploader] PyPresetUploader::PyPresetUploader() enter", "[PyPresetUploader] PyPresetUploader::PyPresetUploader() end",
+            "[KHLoginData] [GetVideoID] Internet Exception! Error code: 12029",
+            "[KHLoginData] SetRelateVideo GetVideoID fail",
+            "[PyPresetUploader] PyPresetUploader::PyPresetUploader() enter",
+            "[PyPresetUploader] PyPresetUploader::PyPresetUploader() end",
             "[PyPresetUploader] PyPresetUploader::StartUpload() enter",
             "[PyPresetUploader]  upload address https://good.test/servlet/uploadTemplate ",
             "[PyPresetUploader] PyPresetUploader::StartUpload() end",
@@ -60,14 +63,15 @@ class Trace(common.NetworkCase):
             "[PyPresetUploader]  All Files  :: (0)BytesSent / (101100)BytesTotal / (0)%, 18 sec. remaining.",
             "[PyPresetUploader]  Cur File\t:: (0)BytesSent / (0)BytesTotal / (-1)%, 0 sec. remaining.",
             "[PyPresetUploader]  Background Upload (End) hr(0x0) ! ",
-            "[PyPresetUploader] PyPresetUploader::~PyPresetUploader() enter", "[PyPresetUploader] PyPresetUploader::~PyPresetUploader() end",
+            "[PyPresetUploader] PyPresetUploader::~PyPresetUploader() enter",
+            "[PyPresetUploader] PyPresetUploader::~PyPresetUploader() end",
         ]
         lines = iter(printed.split("\n"))
         for line in wanted:
-            self.assertIn(line, lines, printed)  # in this order: the search goes on behind the last one found
+            self.assertIn(line, lines, printed)  # in this order: the search resumes after the last match
 
-    @unittest.skipIf(os.geteuid() != 0 or os.path.exists("/run/systemd/journal"), "needs a machine whose journal it can be")
-    def test_goes_to_the_journal_instead(self):
+    @unittest.skipIf(os.geteuid() != 0 or os.path.exists("/run/systemd/journal"), "needs to pose as the journal")
+    def test_writes_to_the_journal_instead(self):
         os.makedirs("/run/systemd/journal")
         self.addCleanup(os.removedirs, "/run/systemd/journal")
         with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as journal:

@@ -1,4 +1,4 @@
-"""A preset's whole road from the call to the event, against the stand-in in its own process."""
+"""Whole uploads, from the call to the completion event, against the stand-in."""
 
 import contextlib
 import hashlib
@@ -16,10 +16,10 @@ from publication import Publication
 import Skiffport
 from skiffhost import loop
 
-SLOW = {"effect": 40_000_000}  # some twelve chunks: time enough to interfere
+SLOW = {"effect": 40_000_000}  # about twelve chunks, enough time to interfere
 
 
-class Upload(common.StandinCase):
+class UploadTest(common.StandinCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
@@ -30,11 +30,11 @@ class Upload(common.StandinCase):
     def publication(self, **changes):
         return Publication(**{"host": self.host, "token": self.token, **changes})
 
-    def test_publishes_every_file_and_field_as_given(self):
+    def test_publishes_every_file_and_field_unchanged(self):
         paths = self.preset(sizes={"effect": 3_000_000, "cover_after": 0, "levels_b": 70_001})
         odd = self.scratch / 'quote" ä \U0001F600 name.bin'
         os.rename(paths[3], odd)
-        raw = os.fsencode(str(self.scratch)) + b"/raw-\xff\xe4.bin"  # no UTF-8
+        raw = os.fsencode(str(self.scratch)) + b"/raw-\xff\xe4.bin"  # not UTF-8
         os.rename(paths[4], raw)
         paths[3], paths[4] = str(odd), os.fsdecode(raw)
         texts = ("k-1", 'Ti"t\r\nle', "ca\U0001F600", "", "lone \ud800 pair \ud83d\ude00", None, "pi")
@@ -49,23 +49,23 @@ class Upload(common.StandinCase):
         stored = self.standin.presets()[-1]
         self.assertTrue(address.startswith("https://") and stored["id"] in address, address)
         self.assertEqual(stored["fields"], {
-            "token": self.token, "title": 'Ti"t\r\nle', "description": "lone \ufffd pair \U0001F600", "category": "ca\U0001F600",
-            "PIPtype": "pi", "templatetype": "PRESET", "templateKey": "k-1", "productName": "Quillon Tintwright",
-            "versionInfo": "10.5", "AP": "TWR", "Version": "10.5", "AspectRatio": "1:1", "versionType": "retail",
-            "uuid": "uuid-1"})
+            "token": self.token, "title": 'Ti"t\r\nle', "description": "lone \ufffd pair \U0001F600",
+            "category": "ca\U0001F600", "PIPtype": "pi", "templatetype": "PRESET", "templateKey": "k-1",
+            "productName": "Quillon Tintwright", "versionInfo": "10.5", "AP": "TWR", "Version": "10.5",
+            "AspectRatio": "1:1", "versionType": "retail", "uuid": "uuid-1"})
         sent = [paths[0], paths[1], *paths[1:]]
         for part, name, path in zip(stored["files"], FILE_PARTS, sent):
             contents = pathlib.Path(path).read_bytes()
             self.assertEqual((part["name"], part["size"], part["sha256"]),
                              (name, len(contents), hashlib.sha256(contents).hexdigest()))
 
-    def test_reports_numbers_that_add_up(self):
+    def test_progress_numbers_are_consistent(self):
         paths = self.preset(sizes={"effect": 9_000_000})
         publication = self.publication()
         publication.start(paths)
         publication.completion()
         progress = publication.events[:-1]
-        total = 9_000_000 + 13 * 100  # one file goes out twice
+        total = 9_000_000 + 13 * 100  # one file is sent twice
         self.assertEqual({event[0] for event in progress}, {"ProgressChanged"})
         self.assertEqual({event[4] for event in progress}, {total})
         sent = [event[3] for event in progress]
@@ -73,21 +73,21 @@ class Upload(common.StandinCase):
         self.assertEqual([event[1] for event in progress], [int(100 * bytes / total) for bytes in sent])
         self.assertEqual([event[7] for event in progress if event[3] == 0], [paths[0]])
         first_reports = [event for event in progress if event[3] in (0, 9_000_000)]
-        self.assertGreaterEqual(len(first_reports), 3)  # of each file the first and the last report at least
+        self.assertGreaterEqual(len(first_reports), 3)  # at least the first and last of each file
         self.assertEqual(progress[0][6], 5600)
         self.assertEqual(progress[0][5], total // 5600)
 
-    def test_refuses_what_is_not_there_and_changes_nothing(self):
+    def test_refuses_bad_paths_and_changes_nothing(self):
         paths = self.preset()
         broken = paths[0] + "\nX: y"
-        os.link(paths[0], broken)  # is there, but would break a part's head
+        os.link(paths[0], broken)  # exists, but would break a part's header
         publication = self.publication()
         for number in range(13):
             for bad in (None, "", paths[number] + ".missing", broken):
                 self.assertEqual(publication.start(paths[:number] + [bad] + paths[number + 1:]), 0)
         self.assertEqual((loop.pump(), publication.events), (0, []))
 
-    def test_fails_in_order_where_a_file_cannot_be_sent(self):
+    def test_fails_at_a_file_that_cannot_be_sent(self):
         fifo = self.scratch / "fifo"
         os.mkfifo(fifo)
         publication = self.publication()
@@ -98,7 +98,7 @@ class Upload(common.StandinCase):
             self.assertEqual(publication.completion(), (100, 0, "", "", thread_id, number))
             self.assertEqual({event[7] for event in publication.events[:-1]}, set(paths[:5]))
 
-    def test_notices_a_file_that_changes_meanwhile(self):
+    def test_notices_a_file_that_changes_during_the_upload(self):
         for name, change in {"vanishes": os.unlink, "shrinks": lambda path: os.truncate(path, 10),
                              "grows": lambda path: os.truncate(path, 1000)}.items():
             with self.subTest(name):
@@ -109,7 +109,7 @@ class Upload(common.StandinCase):
                 change(paths[-1])
                 self.assertEqual(publication.completion()[1:4], (0, "", ""))
 
-    def test_one_upload_at_a_time_and_the_next_from_the_completion(self):
+    def test_runs_one_upload_at_a_time_and_restarts_from_the_completion(self):
         paths = self.preset()
         publication = self.publication()
         started = []
@@ -123,12 +123,12 @@ class Upload(common.StandinCase):
 
         publication.uploader.SetCallback(on_event)
         started.append(publication.start(paths, number=0))
-        self.assertEqual(publication.start(paths), 0, "one runs")
+        self.assertEqual(publication.start(paths), 0, "one is running")
         publication.pump_until(lambda: sum(event[0] == "UploadComplete" for event in publication.events) == 2)
         completions = [event for event in publication.events if event[0] == "UploadComplete"]
         self.assertEqual([(event[2], *event[5:]) for event in completions], [(1, started[0], 0), (1, started[1], 1)])
 
-    def test_cancels_only_the_upload_that_runs(self):
+    def test_cancels_only_the_running_upload(self):
         paths = self.preset(sizes=SLOW)
         publication = self.publication()
         publication.start(self.preset())
@@ -143,13 +143,13 @@ class Upload(common.StandinCase):
         publication.start(self.preset())
         self.assertEqual(publication.completion()[1], 1)
 
-    def test_refuses_an_address_that_cannot_be_used(self):
+    def test_fails_for_an_invalid_address(self):
         for host in ("", None, "h" * 229, f"{self.host}:8443", f"u@{self.host}", "a\r\nb", "no-such-host.invalid"):
             publication = self.publication(host=host)
             self.assertNotEqual(publication.start(self.preset()), 0, host)
             self.assertEqual(publication.completion()[1:4], (0, "", ""), host)
 
-    def test_a_callable_may_raise_be_replaced_or_go(self):
+    def test_a_callable_may_raise_or_be_replaced_or_removed(self):
         publication = self.publication()
         calls = []
 
@@ -161,17 +161,17 @@ class Upload(common.StandinCase):
         with contextlib.redirect_stderr(io.StringIO()) as stderr:
             publication.start(self.preset())
             publication.pump_until(lambda: len(calls) >= 3)
-            publication.uploader.SetCallback(5)  # can't be called
+            publication.uploader.SetCallback(5)  # not callable
             publication.pump_until(lambda: "not callable" in stderr.getvalue())
             publication.uploader.SetCallback(publication.on_event)
             self.assertEqual(publication.completion()[1], 1)
         self.assertEqual(stderr.getvalue().count("RuntimeError: from the callable"), len(calls))
         publication.uploader.SetCallback(None)
-        self.assertEqual(sys.getrefcount(raising), 2, "the uploader keeps nothing")
+        self.assertEqual(sys.getrefcount(raising), 2, "the uploader keeps no reference")
         publication.start(self.preset())
-        publication.pump_until(lambda: publication.uploader.GetUploadedFileUrl())  # the work is done all the same
+        publication.pump_until(lambda: publication.uploader.GetUploadedFileUrl())  # the upload runs all the same
 
-    def test_may_be_deleted_at_any_moment(self):
+    def test_may_be_deleted_at_any_time(self):
         publication = self.publication()
         publication.start(self.preset(SLOW))
         publication.pump_until(lambda: publication.events)
@@ -194,7 +194,7 @@ class Upload(common.StandinCase):
             loop.pump()
             self.assertEqual([event[0] for event in publication.events].count(last), 1)
 
-    def test_threads_publish_side_by_side(self):
+    def test_threads_publish_in_parallel(self):
         results = []
 
         def publish(number):
@@ -209,7 +209,7 @@ class Upload(common.StandinCase):
             thread.join()
         self.assertEqual(sorted(results), [(number, (1, number)) for number in range(4)])
 
-    def test_owners_may_pump_side_by_side_without_the_gil(self):
+    def test_threads_may_pump_in_parallel_without_the_gil(self):
         script = """
 import ctypes, os, sys, threading, Skiffport
 library = ctypes.CDLL(os.path.join(os.path.dirname(Skiffport.__file__), "libskiffport_platform.so"))
@@ -226,7 +226,7 @@ for _ in range(4): threading.Thread(target=publish).start()
         self.assertEqual(self.run_python(script, __file__), (0, ""))
 
     def run_script(self, lines, **env):
-        """Runs a script that has a started, slow upload in `p`. Returns: its exit status and output."""
+        """Runs a script with a slow upload running in `p`. Returns its exit status and output."""
         head = ("import os, sys\nfrom publication import Publication\nfrom skiffhost import loop\n"
                 "p = Publication(*sys.argv[1:3])\n"
                 "assert p.start(sys.argv[3:]) != 0\np.pump_until(lambda: p.events)\n")
@@ -242,7 +242,7 @@ for _ in range(4): threading.Thread(target=publish).start()
             "    sys.exit(5)\n"  # with the child's own exit hook
             "assert os.WEXITSTATUS(os.waitpid(child, 0)[1]) == 5\n"
             "assert p.completion()[1] == 1\n",
-            PYTHONWARNINGS="ignore::DeprecationWarning"), (0, ""))  # from 3.12 on, of any fork beside threads
+            PYTHONWARNINGS="ignore::DeprecationWarning"), (0, ""))  # since 3.12, for any fork in a process with threads
 
     def test_the_interpreter_may_exit_during_an_upload(self):
         self.assertEqual(self.run_script("sys.exit(3)\n"), (3, ""))

@@ -1,5 +1,7 @@
-"""Runs a module as the main program: interrupted.py MODULE ARGUMENTS... Each callable of a progress event gets a SIGINT
-while it runs, in every program that imports this first."""
+"""Runs a module as the main program, with a SIGINT inside every progress event: interrupted.py MODULE ARGUMENTS...
+
+A program that imports this module first gets the same signals.
+"""
 
 import runpy
 import signal

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""A peer that misbehaves: plays one scenario on a loopback port for each connection that comes in.
+"""A misbehaving peer: plays one scenario on a loopback port for each incoming connection.
 
-Prints "port N" when it listens. It ends when its standard input closes. With --tls it speaks TLS with one of several
-certificates, which "peer.py certificates" has made, with their authority (ca.pem), in the folder given by --certs.
+Prints "port N" once it listens, and exits when standard input closes. With --tls it speaks TLS with one of several
+certificates that "peer.py certificates" has written, with their authority (ca.pem), to the folder given by --certs.
 `Peer` runs it as a child process:
 
     with Peer("reply", "--body", "hello", tls="good", certs=folder) as peer:
@@ -49,7 +49,7 @@ def make_certificates(folder: str) -> None:
 
 
 class Exchange:
-    """One connection: the bytes that come in, the reply that the options ask for, and the steps that scenarios are made of."""
+    """One connection: what it receives, the reply that the options specify, and the steps that make up a scenario."""
 
     def __init__(self, connection: socket.socket, options: argparse.Namespace, stop: threading.Event) -> None:
         self.connection = connection
@@ -59,7 +59,7 @@ class Exchange:
         self.half = len(options.body) // 2
 
     def receive(self) -> bytes:
-        """The next bytes, recorded; none at the end."""
+        """Returns the next bytes after recording them; none at the end."""
         data = self.connection.recv(1 << 18)
         if data and self.options.record:
             with open(self.options.record, "ab") as record:
@@ -70,7 +70,7 @@ class Exchange:
         self.connection.sendall(data)
 
     def read(self, wanted: int | None) -> None:
-        """Reads the request's head and that many bytes of its body, None: all of it."""
+        """Reads the request's head and ``wanted`` bytes of its body, or all of it if None."""
         pending = b""
         while b"\r\n\r\n" not in pending:
             data = self.receive()
@@ -85,7 +85,7 @@ class Exchange:
             left -= len(data)
 
     def head(self) -> bytes:
-        """The reply's head."""
+        """Returns the reply's head."""
         size = len(self.body)
         line = {
             "right": "Content-Length: %d" % size,
@@ -100,7 +100,7 @@ class Exchange:
         return "\r\n".join(line for line in lines if line).encode() + b"\r\n\r\n"
 
     def framed(self, data: bytes, end: bytes = b"") -> bytes:
-        """A piece of the reply's body as it goes out."""
+        """Returns a piece of the reply's body as it is sent."""
         if self.options.length != "chunked":
             return data
         return (b"%x\r\n%s\r\n" % (len(data), data) if data else b"") + end
@@ -115,7 +115,7 @@ class Exchange:
         self.read(self.options.after)
 
     def send_reply(self) -> None:
-        """The whole reply in one go."""
+        """Sends the whole reply at once."""
         self.send(self.options.raw or self.head() + self.framed(self.body, b"0\r\n\r\n"))
 
     def send_half(self) -> None:
@@ -125,34 +125,34 @@ class Exchange:
         self.send(self.framed(self.body[self.half :], b"0\r\n\r\n"))
 
     def send_slowly(self) -> None:
-        """The reply with a pause before each byte of its body."""
+        """Sends the reply with a pause before each byte of the body."""
         self.send(self.head())
         for position in range(len(self.body)):
             self.pause()
             self.send(self.body[position : position + 1])
 
     def send_interim(self) -> None:
-        """Two interim replies, one with a length."""
+        """Sends two interim replies, one with a length."""
         self.send(b"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nContent-Length: 77\r\n\r\n")
 
     def send_garbage(self) -> None:
         self.send(b"\x00\x01\x02 this is no reply\r\n\r\n")
 
     def flood_headers(self) -> None:
-        """Header lines without end."""
+        """Sends header lines without end."""
         self.send(b"HTTP/1.1 200 OK\r\n")
         while not self.stop.is_set():
             self.send(b"X-Line: flood\r\n" * 64)
 
     def flood_body(self) -> None:
-        """A body without end."""
+        """Sends a body without end."""
         self.send(b"HTTP/1.1 200 OK\r\n\r\n")
         while not self.stop.is_set():
             self.send(b"flood" * 65536)
 
     def update_keys(self) -> None:
-        """Asks for new TLS keys again and again (RFC 8446, section 4.6.3): bytes go both ways, and none of them is a reply's."""
-        library = ctypes.CDLL("libssl.so.3")  # the ssl module's own library, which has no call for it
+        """Requests new TLS keys over and over (RFC 8446, section 4.6.3): bytes flow both ways, but no reply."""
+        library = ctypes.CDLL("libssl.so.3")  # the library under the ssl module, which does not expose it
         session = ctypes.c_void_p.from_address(id(self.connection._sslobj) + 3 * ctypes.sizeof(ctypes.c_void_p))
         self.connection.settimeout(0.002)
         while not self.stop.is_set():
@@ -166,7 +166,7 @@ class Exchange:
         self.stop.wait(self.options.pause)
 
     def hold(self) -> None:
-        """Keeps the connection open, unread, until the peer ends."""
+        """Keeps the connection open, without reading, until the peer exits."""
         self.stop.wait()
 
     def drain(self) -> None:
@@ -193,7 +193,7 @@ SCENARIOS = {
     "first-bytes": (Exchange.receive, Exchange.send_reply, Exchange.drain),
     "reset-send": (Exchange.read_some, Exchange.reset),
     "reset-reply": (Exchange.read_request, Exchange.send_half, Exchange.pause, Exchange.reset),
-    "silent-connect": (),  # no connection comes about
+    "silent-connect": (),  # the connection is never established
     "silent-tls": (Exchange.hold,),
     "silent-reply": (Exchange.read_request, Exchange.hold),
     "update-keys": (Exchange.read_request, Exchange.update_keys),
@@ -224,7 +224,7 @@ def play(
 
 
 def accept(listener: socket.socket, options: argparse.Namespace, stop: threading.Event) -> None:
-    """Plays each connection on a thread of its own."""
+    """Plays each connection on its own thread."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER) if options.tls else None
     if context:
         context.load_cert_chain(os.path.join(options.certs, options.tls + ".pem"))
@@ -248,7 +248,7 @@ def serve(options: argparse.Namespace) -> None:
         threading.Thread(target=accept, args=(listener, options, stop), daemon=True).start()
     else:
         listener.listen(0)
-        fillers = [socket.socket() for _ in range(4)]  # fill the queue of connections that nobody accepts
+        fillers = [socket.socket() for _ in range(4)]  # fill the queue of unaccepted connections
         for filler in fillers:
             filler.setblocking(False)
             filler.connect_ex(listener.getsockname())
@@ -259,26 +259,26 @@ def serve(options: argparse.Namespace) -> None:
 
 
 def unescaped(text: str) -> bytes:
-    """The bytes that a text with backslash escapes stands for."""
+    """Returns the bytes that a string with backslash escapes represents."""
     return text.encode("latin-1").decode("unicode_escape").encode("latin-1")
 
 
 def parse() -> argparse.Namespace:
-    """The command line."""
+    """Parses the command line."""
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("scenario", choices=[*SCENARIOS, "certificates"])
     parser.add_argument("--tls", choices=CERTIFICATES, help="speak TLS with this certificate")
     parser.add_argument("--certs", metavar="DIR", help="folder of the certificates")
-    parser.add_argument("--record", metavar="FILE", help="append what comes in to this file")
+    parser.add_argument("--record", metavar="FILE", help="append what is received to this file")
     parser.add_argument("--status", type=int, default=200, help="status of the reply (default: %(default)s)")
     parser.add_argument("--header", action="append", default=[], metavar="LINE", help="header line of the reply")
     parser.add_argument("--body", type=os.fsencode, default=b"", help="body of the reply")
     parser.add_argument("--then", type=os.fsencode, action="append", default=[], metavar="BODY",
-                        help="body of the next connection's reply, and of those behind it")  # fmt: skip
-    parser.add_argument("--fill", type=int, metavar="BYTES", help="a reply body of that many bytes instead")
+                        help="body of the next connection's reply and of all later ones")  # fmt: skip
+    parser.add_argument("--fill", type=int, metavar="BYTES", help="use a reply body of that many bytes instead")
     parser.add_argument("--length", default="right", help="the reply's Content-Length (default: %(default)s)",
                         choices=("right", "none", "short", "long", "negative", "garbage", "chunked"))  # fmt: skip
-    parser.add_argument("--raw", type=unescaped, metavar="BYTES", help="the whole reply, as a Python bytes literal has it")
+    parser.add_argument("--raw", type=unescaped, metavar="BYTES", help="the whole reply, as in a Python bytes literal")
     parser.add_argument("--pause", type=float, default=0.2, help="seconds of a pause (default: %(default)s)")
     parser.add_argument("--after", type=int, default=0, metavar="BYTES", help="bytes of the body to read first")
     parser.add_argument("--window", type=int, metavar="BYTES", help="receive buffer, for a peer that reads slowly")
@@ -289,7 +289,7 @@ def parse() -> argparse.Namespace:
 
 
 class Peer:
-    """Runs the peer as a child process for the length of a `with` block."""
+    """Runs the peer as a child process for the duration of a `with` block."""
 
     def __init__(self, scenario: str, *arguments: str, tls: str = "", certs: str = "") -> None:
         self._folder = tempfile.TemporaryDirectory()
@@ -300,7 +300,7 @@ class Peer:
         self.port = 0
 
     def __enter__(self) -> "Peer":
-        env = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}  # a checker's run-time
+        env = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}  # a sanitizer's runtime
         self._process = subprocess.Popen(self._command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=env)
         line = self._process.stdout.readline().split()
         if len(line) != 2:
@@ -315,7 +315,7 @@ class Peer:
         self._folder.cleanup()
 
     def received(self) -> bytes:
-        """What came in so far."""
+        """Returns everything received so far."""
         if not os.path.exists(self._record):
             return b""
         with open(self._record, "rb") as record:

@@ -1,17 +1,18 @@
-"""One uploader under test, with its events written down. Needs the built tree on sys.path."""
+"""One uploader under test that records its events. Needs the built tree on sys.path."""
 
 import time
 from typing import Any, List, Sequence, Tuple
 
+from fixtures import DEADLINE_SECONDS
+
 import Skiffport
 from skiffhost import loop
 
-TEXTS = ("key", "Title", "Category", "tag", "Description", "", "colour")  # template key to PIP type, in their order
-DEADLINE_SECONDS = 60.0
+TEXTS = ("key", "Title", "Category", "tag", "Description", "", "colour")  # template key to PIP type, in order
 
 
 class Publication:
-    """An uploader on the calling thread; ``events`` holds each event's arguments behind the first."""
+    """An uploader on the calling thread. ``events`` holds the arguments of each event after the first."""
 
     def __init__(self, host: str = "www.kestrelhub.example", token: str = "") -> None:
         self.events: List[Tuple[Any, ...]] = []
@@ -24,11 +25,11 @@ class Publication:
         self.events.append(arguments[1:])
 
     def start(self, paths: Sequence[Any], texts: Sequence[Any] = TEXTS, number: int = 7) -> int:
-        """Starts an upload of thirteen paths. Returns: what StartUpload returned."""
+        """Starts an upload of thirteen paths. Returns StartUpload's result."""
         return self.uploader.StartUpload(*paths, *texts, number)
 
     def pump_until(self, condition: Any, seconds: float = DEADLINE_SECONDS) -> None:
-        """Pumps events until the condition holds; fails when the time is up."""
+        """Pumps events until the condition holds. Fails when the time is up."""
         deadline = time.monotonic() + seconds
         while not condition():
             if time.monotonic() > deadline:
@@ -37,6 +38,6 @@ class Publication:
             loop.pump()
 
     def completion(self) -> Tuple[Any, ...]:
-        """Pumps until the upload is over. Returns: the completion's arguments behind its name."""
+        """Pumps until the upload ends. Returns the arguments that follow the completion's name."""
         self.pump_until(lambda: self.events and self.events[-1][0] == "UploadComplete")
         return self.events[-1][1:]

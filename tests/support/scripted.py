@@ -1,4 +1,4 @@
-"""Sends the service's hosts to scripted peers that misbehave for the length of a test."""
+"""Directs the service's hosts to scripted, misbehaving peers for the duration of a test."""
 
 import atexit
 import contextlib
@@ -18,17 +18,17 @@ DETECT, DEFAULT, STAGE = "detect.kestrelhub.example", "www.kestrelhub.example", 
 
 @functools.lru_cache(maxsize=None)
 def certificates() -> str:
-    """The folder of the peers' certificates, made once for this process and gone with it."""
+    """Returns the folder of the peers' certificates, which lives as long as this process."""
     folder = tempfile.TemporaryDirectory()
     atexit.register(folder.cleanup)
-    # in a process of its own: what makes certificates would show in a leak check of this one
+    # in its own process, since making certificates would show up in this one's leak check
     subprocess.run(["/usr/bin/python3", peer.__file__, "certificates", "--certs", folder.name], check=True,
                    env=launch.standin_environment())
     return folder.name
 
 
 class Network:
-    """Where hosts lead. All peers share one folder of certificates, and every request trusts its authority."""
+    """Where hosts lead. All peers share one folder of certificates, whose authority every request trusts."""
 
     def __init__(self) -> None:
         self._stack = contextlib.ExitStack()
@@ -44,24 +44,24 @@ class Network:
         self._stack.close()
 
     def play(self, host: str, scenario: str, *options: str, tls: str = "good") -> peer.Peer:
-        """Lets a host's connections on port 443 (80 with tls="") go to a new scripted peer from now on."""
+        """Directs a host's connections on port 443, or 80 with tls="", to a new scripted peer."""
         running = self._stack.enter_context(peer.Peer(scenario, *options, tls=tls, certs=self.certificates))
         self.lead(f"{host}:{443 if tls else 80}:127.0.0.1:{running.port}")
         return running
 
     def reply(self, host: str, body: str, *options: str, tls: str = "good") -> peer.Peer:
-        """The same with a peer that answers every request with this body."""
+        """Does the same with a peer that answers every request with this body."""
         return self.play(host, "reply", "--body", body, *options, tls=tls)
 
     def lead(self, rule: str) -> None:
-        """Adds a rule, which goes before the earlier ones."""
+        """Adds a rule, which overrides earlier ones."""
         self._rules.insert(0, rule)
         os.environ["SKIFFPORT_CONNECT_TO"] = ",".join(self._rules)
 
 
 @contextlib.contextmanager
 def browser() -> Iterator[Any]:
-    """A browser opener that writes down what it is asked to open. Gives a function that reads it back."""
+    """Installs a browser opener that records what it opens. Yields a function that returns the record."""
     with tempfile.TemporaryDirectory() as folder:
         opened = pathlib.Path(folder, "opened")
         opener = pathlib.Path(folder, "xdg-open")

@@ -10,37 +10,35 @@
 
 namespace {
 
-std::atomic<PlatformTestHooks const *> g_pHooks = nullptr;
+std::atomic<PlatformTestHooks const *> g_hooks = nullptr;
 
 } // namespace
 
-void SetPlatformTestHooks(PlatformTestHooks const *pHooks) { g_pHooks = pHooks; }
+void SetPlatformTestHooks(PlatformTestHooks const *hooks) { g_hooks = hooks; }
 
 bool FaultAt(FaultPoint call) {
-  PlatformTestHooks const *const pHooks = g_pHooks;
-  DWORD dwError = 0;
-  if (!pHooks || !pHooks->fault || !pHooks->fault(call, &dwError))
+  PlatformTestHooks const *const hooks = g_hooks;
+  DWORD error = 0;
+  if (!hooks || !hooks->fault || !hooks->fault(call, &error))
     return false;
-  SetLastError(dwError);
+  SetLastError(error);
   return true;
 }
 
 bool ClockIsDriven() {
-  PlatformTestHooks const *const pHooks = g_pHooks;
-  return pHooks && pHooks->now;
+  PlatformTestHooks const *const hooks = g_hooks;
+  return hooks && hooks->now;
 }
 
 std::uint64_t SteadyMilliseconds() {
-  PlatformTestHooks const *const pHooks = g_pHooks;
-  if (pHooks && pHooks->now)
-    return pHooks->now();
-  return SystemMilliseconds();
+  PlatformTestHooks const *const hooks = g_hooks;
+  return hooks && hooks->now ? hooks->now() : SystemMilliseconds();
 }
 
 void SleepMilliseconds(DWORD ms) {
-  PlatformTestHooks const *const pHooks = g_pHooks;
-  if (pHooks && pHooks->sleep)
-    pHooks->sleep(ms);
+  PlatformTestHooks const *const hooks = g_hooks;
+  if (hooks && hooks->sleep)
+    hooks->sleep(ms);
   else if (ms == 0)
     std::this_thread::yield();
   else

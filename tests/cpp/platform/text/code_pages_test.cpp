@@ -1,47 +1,49 @@
-// The code pages.
+// The code pages, the wide formatter and the two number functions.
 #include "framework/CString.h"
 #include "platform/text/CodePages.h"
+#include "platform/text/Text.h"
 #include "tests/cpp/platform/text/thread_locale.h"
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <optional>
 #include <string>
 #include <utility>
 
 namespace {
 
-std::string Narrow(UINT uCodePage, std::wstring const &strText) {
+std::string Narrow(UINT codePage, std::wstring const &text) {
   char buffer[64];
-  int const cch = static_cast<int>(strText.size());
-  int const cb = WideCharToMultiByte(uCodePage, 0, strText.data(), cch, buffer, sizeof buffer, nullptr, nullptr);
-  EXPECT_EQ(WideCharToMultiByte(uCodePage, 0, strText.data(), cch, nullptr, 0, nullptr, nullptr), cb);
-  return std::string(buffer, static_cast<std::size_t>(cb));
+  int const length = static_cast<int>(text.size());
+  int const size = WideCharToMultiByte(codePage, 0, text.data(), length, buffer, sizeof buffer, nullptr, nullptr);
+  EXPECT_EQ(WideCharToMultiByte(codePage, 0, text.data(), length, nullptr, 0, nullptr, nullptr), size);
+  return std::string(buffer, static_cast<std::size_t>(size));
 }
 
-std::wstring Widen(UINT uCodePage, std::string const &strBytes) {
+std::wstring Widen(UINT codePage, std::string const &bytes) {
   WCHAR buffer[64];
-  int const cb = static_cast<int>(strBytes.size());
-  int const cch = MultiByteToWideChar(uCodePage, 0, strBytes.data(), cb, buffer, std::size(buffer));
-  EXPECT_EQ(MultiByteToWideChar(uCodePage, 0, strBytes.data(), cb, nullptr, 0), cch);
-  return std::wstring(buffer, static_cast<std::size_t>(cch));
+  int const size = static_cast<int>(bytes.size());
+  int const length = MultiByteToWideChar(codePage, 0, bytes.data(), size, buffer, std::size(buffer));
+  EXPECT_EQ(MultiByteToWideChar(codePage, 0, bytes.data(), size, nullptr, 0), length);
+  return std::wstring(buffer, static_cast<std::size_t>(length));
 }
 
 TEST(CodePages, Utf8IsStrictBothWays) {
   std::pair<char const *, WCHAR const *> const texts[] = {
       {"a\xC3\xA4\xE4\xB8\xAD\xF0\x9F\x98\x80", L"a\u00E4\u4E2D\U0001F600"},
       {"\xF4\x8F\xBF\xBF\xED\x9F\xBF\xEF\xBB\xBFx", L"\U0010FFFF\uD7FF\uFEFFx"}};
-  for (auto const &[szBytes, wszText] : texts)
-    for (UINT const uCodePage : {CP_UTF8, CP_ACP, CP_THREAD_ACP}) { // the tests run in the C locale
-      EXPECT_EQ(Widen(uCodePage, szBytes), wszText);
-      EXPECT_EQ(Narrow(uCodePage, wszText), szBytes);
+  for (auto const &[bytes, wide] : texts)
+    for (UINT const codePage : {CP_UTF8, CP_ACP, CP_THREAD_ACP}) { // the tests run in the C locale
+      EXPECT_EQ(Widen(codePage, bytes), wide);
+      EXPECT_EQ(Narrow(codePage, wide), bytes);
     }
   std::pair<std::string, std::size_t> const malformed[] = {
       {"\xFF", 1},         {"\xE2\x82", 1},     {"\xF0\x9F\x98", 1},    {"\xC0\x80", 2},
       {"\xED\xA0\xBD", 3}, {"\xE0\x9F\xBF", 3}, {"\xF4\x90\x80\x80", 4}};
-  for (auto const &[strBytes, uCount] : malformed)
-    for (std::string const strTail : {"", "z"})
-      EXPECT_EQ(Widen(CP_UTF8, strBytes + strTail), std::wstring(uCount, 0xFFFD).append(strTail.size(), 'z'));
+  for (auto const &[bytes, count] : malformed)
+    for (std::string const tail : {"", "z"})
+      EXPECT_EQ(Widen(CP_UTF8, bytes + tail), std::wstring(count, 0xFFFD).append(tail.size(), 'z'));
   EXPECT_EQ(Narrow(CP_UTF8, {0xD83D, 0xDE00}), "\xF0\x9F\x98\x80") << "a surrogate pair";
   EXPECT_EQ(Narrow(CP_UTF8, {0xDE00, 0xD83D, 'x', 0x110000, -1}), "\xEF\xBF\xBD\xEF\xBF\xBDx\xEF\xBF\xBD\xEF\xBF\xBD");
 }
@@ -58,6 +60,40 @@ TEST(CodePages, TheThreadsLocaleGivesTheAnsiPage) {
   EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, "\xD6\xD0", -1, wide, 1), 0);
   locale.reset();
   EXPECT_EQ(Narrow(CP_THREAD_ACP, L"\u4E2D"), "\xE4\xB8\xAD");
+}
+
+template <class... Arguments> std::wstring Formatted(WCHAR const *format, Arguments... arguments) {
+  WCHAR buffer[16];
+  int const length = _snwprintf_s(buffer, std::size(buffer), _TRUNCATE, format, arguments...);
+  std::wstring const text = buffer;
+  return length == static_cast<int>(text.size()) ? text : text + L"|cut";
+}
+
+TEST(Text, WideFormatsFollowTheNativeConventions) {
+  std::pair<std::wstring, std::wstring> const rows[] = {
+      {Formatted(L"%s %S %hs", L"w\u4E2D", "n\xC3\xA4", "h"), L"w\u4E2D n\u00E4 h"},
+      {Formatted(L"%s %S", nullptr, nullptr), L"(null) (null)"},
+      {Formatted(L"[%5s|%-4S|%.2s]", L"ab", "c", L"def"), L"[   ab|c   |de]"},
+      {Formatted(L"[%*d|%-*d|%.*d]", 3, 1, 3, 2, 3, 3), L"[  1|2  |003]"},
+      {Formatted(L"%+d % d %05d", 7, 8, -9), L"+7  8 -0009"},
+      {Formatted(L"%x %#X %02x", 171U, 171U, 5U), L"ab 0XAB 05"},
+      {Formatted(L"%lld", LLONG_MIN), L"-92233720368547|cut"},
+      {Formatted(L"%u%%%c%q", UINT_MAX, L'\u00E4'), L"4294967295%\u00E4q"},
+      {Formatted(L"%s", L"exactly sixteen!"), L"exactly sixteen|cut"},
+  };
+  for (auto const &[text, wanted] : rows)
+    EXPECT_EQ(text, wanted);
+}
+
+TEST(Text, NumbersSaturateAndRound) {
+  WCHAR const *const texts[] = {nullptr, L"x1", L" \t\u00A0-12abc", L"+7", L"+-7", L"0x10", L"\uFF11", L"99999999999"};
+  int const numbers[] = {0, 0, -12, 7, 0, 0, 0, INT_MAX};
+  for (std::size_t i = 0; i < std::size(texts); ++i)
+    EXPECT_EQ(_wtoi(texts[i]), numbers[i]) << testing::PrintToString(texts[i]);
+  int const products[][4] = {{7, 1, 2, 4},        {-7, 1, 2, -4}, {7, 1, -2, -4}, {INT_MAX, 9, 9, INT_MAX},
+                             {INT_MAX, 2, 1, -1}, {1, 1, 0, -1}};
+  for (auto const &[number, numerator, denominator, result] : products)
+    EXPECT_EQ(MulDiv(number, numerator, denominator), result) << number << '*' << numerator << '/' << denominator;
 }
 
 } // namespace

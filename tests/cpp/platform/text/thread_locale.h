@@ -13,10 +13,10 @@ class ThreadLocale {
 public:
   /// False afterwards if the system has no character maps (Debian package locales).
   explicit ThreadLocale(std::string const &charset) {
-    char szFolder[] = "/tmp/skiffport-locale-XXXXXX";
-    std::string const folder = mkdtemp(szFolder), name = "zz." + charset;
+    char path[] = "/tmp/skiffport-locale-XXXXXX";
+    std::string const folder = mkdtemp(path), name = "zz." + charset;
     std::string const make = "localedef -c -i POSIX -f " + charset + " " + folder + "/" + name + " >/dev/null 2>&1";
-    setenv("LOCPATH", szFolder, 1); // setlocale, since newlocale loses memory with it
+    setenv("LOCPATH", path, 1); // setlocale, since newlocale loses memory with it
     bool const isMade = std::system(make.c_str()) != -1 && setlocale(LC_CTYPE, name.c_str());
     m_locale = isMade ? duplocale(LC_GLOBAL_LOCALE) : nullptr;
     setlocale(LC_CTYPE, "C");

@@ -1,6 +1,6 @@
 // Windows, queues and the descriptor: order, nesting, ends of windows and threads, and what a forked child sees.
-#include "platform/base/LastError.h"
 #include "framework/Wnd.h"
+#include "platform/base/LastError.h"
 
 #include <gtest/gtest.h>
 
@@ -18,8 +18,8 @@ using Handler = std::function<void(WPARAM)>;
 constexpr int kAll = 1 << 30;
 
 LRESULT TestProc(HWND hWnd, UINT, WPARAM wParam, LPARAM) {
-  if (auto *const pHandler = reinterpret_cast<Handler *>(GetWindowLongPtrW(hWnd, GWLP_USERDATA)))
-    (*pHandler)(wParam);
+  if (auto *const target = reinterpret_cast<Handler *>(GetWindowLongPtrW(hWnd, GWLP_USERDATA)))
+    (*target)(wParam);
   return 0;
 }
 
@@ -47,14 +47,14 @@ TEST(Messages, KeepTheOrderOfEachThreadAcrossTwoWindows) {
   Handler const note = [&](WPARAM w) { ran[w / kEach].push_back(w % kEach); };
   TestWindow const first(note), second(note);
   std::vector<std::thread> posters;
-  for (int nThread = 0; nThread < 2; ++nThread)
-    posters.emplace_back([&, nThread] {
+  for (int thread = 0; thread < 2; ++thread)
+    posters.emplace_back([&, thread] {
       for (int n = 0; n < kEach; ++n)
-        (n % 3 ? first : second).Post(static_cast<WPARAM>(nThread) * kEach + static_cast<WPARAM>(n));
+        (n % 3 ? first : second).Post(static_cast<WPARAM>(thread) * kEach + static_cast<WPARAM>(n));
     });
-  for (int nDone = 0; nDone < 2 * kEach;) {
+  for (int done = 0; done < 2 * kEach;) {
     ASSERT_EQ(WaitForMessages(10000), 1);
-    nDone += PumpMessages(64);
+    done += PumpMessages(64);
   }
   for (std::thread &poster : posters)
     poster.join();
@@ -64,37 +64,37 @@ TEST(Messages, KeepTheOrderOfEachThreadAcrossTwoWindows) {
   EXPECT_EQ(WaitForMessages(0), 0);
 }
 
-TEST(Messages, NestedPumpKeepsTheOrderAndWhatCameInMeanwhileWaits) {
+TEST(Messages, NestedPumpKeepsTheOrderAndWhatArrivesMeanwhileWaits) {
   std::vector<WPARAM> ran;
-  int nNested = 0;
-  TestWindow *pWindow = nullptr;
+  int nested = 0;
+  TestWindow *self = nullptr;
   TestWindow window([&](WPARAM w) {
     ran.push_back(w);
     if (w == 2) {
-      pWindow->Post(6);
+      self->Post(6);
       EXPECT_EQ(WaitForMessages(0), 1) << "a loop inside the handler must see the rest";
-      nNested = PumpMessages(2);
+      nested = PumpMessages(2);
     }
   });
-  pWindow = &window;
+  self = &window;
   for (WPARAM w = 1; w <= 5; ++w)
     window.Post(w);
   EXPECT_EQ(PumpMessages(kAll), 3); // 1, 2 and 5
-  EXPECT_EQ(nNested, 2);
+  EXPECT_EQ(nested, 2);
   EXPECT_EQ(ran, (std::vector<WPARAM>{1, 2, 3, 4, 5}));
   EXPECT_EQ(PumpMessages(kAll), 1);
   EXPECT_EQ(ran.back(), 6U);
 }
 
 TEST(Messages, DestroyedWindowTakesItsOwnMessagesAndNoOthers) {
-  for (bool const bFromOtherThread : {false, true}) {
+  for (bool const isFromOtherThread : {false, true}) {
     std::vector<WPARAM> ran;
     std::unique_ptr<TestWindow> doomed;
     TestWindow const kept([&](WPARAM w) { ran.push_back(w); });
     doomed = std::make_unique<TestWindow>([&](WPARAM w) {
       ran.push_back(w);
       auto const destroy = [hWnd = doomed->hWnd] { EXPECT_TRUE(DestroyWindow(hWnd)); };
-      bFromOtherThread ? std::thread(destroy).join() : destroy();
+      isFromOtherThread ? std::thread(destroy).join() : destroy();
       EXPECT_FALSE(doomed->Post(9));
       EXPECT_EQ(GetLastError(), ERROR_INVALID_WINDOW_HANDLE);
     });
@@ -120,24 +120,24 @@ TEST(Messages, QueueOfAnEndedThreadTakesNoPostsButCanBeEmptied) {
 }
 
 TEST(Messages, ForkedChildLeavesTheParentsQueueAloneAndCanHaveItsOwn) {
-  int nRan = 0;
-  TestWindow const window([&](WPARAM) { ++nRan; });
+  int ranCount = 0;
+  TestWindow const window([&](WPARAM) { ++ranCount; });
   window.Post(1);
   pid_t const child = fork();
   if (child == 0) {
     MSG message;
-    bool const bLeftAlone = PumpMessages(kAll) == 0 && WaitForMessages(-1) == 0 && !window.Post(2) &&
-                            !PeekMessageW(&message, window.hWnd, 0, WM_APP, PM_REMOVE) && !DestroyWindow(window.hWnd);
+    bool const isLeftAlone = PumpMessages(kAll) == 0 && WaitForMessages(-1) == 0 && !window.Post(2) &&
+                             !PeekMessageW(&message, window.hWnd, 0, WM_APP, PM_REMOVE) && !DestroyWindow(window.hWnd);
     if (MessageQueueDescriptor() == -1 || WaitForMessages(0) != 0) // a loop may be attached before there is a window
       _exit(3);
     TestWindow const own([](WPARAM) {});
-    _exit(!bLeftAlone ? 1 : own.Post(3) && WaitForMessages(0) == 1 && PumpMessages(kAll) == 1 ? 0 : 2);
+    _exit(!isLeftAlone ? 1 : own.Post(3) && WaitForMessages(0) == 1 && PumpMessages(kAll) == 1 ? 0 : 2);
   }
-  int nStatus = -1;
-  EXPECT_EQ(waitpid(child, &nStatus, 0), child);
-  EXPECT_EQ(nStatus, 0);
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
   EXPECT_EQ(PumpMessages(kAll), 1);
-  EXPECT_EQ(nRan, 1);
+  EXPECT_EQ(ranCount, 1);
 }
 
 } // namespace

@@ -62,17 +62,14 @@ AFX_MSGMAP const *CWnd::GetThisMessageMap() {
   return &kMap;
 }
 
-LRESULT CWnd::DispatchMessage(UINT uMessage, WPARAM wParam, LPARAM lParam) {
+LRESULT CWnd::DispatchMessage(UINT uMessage, WPARAM wParam, LPARAM lParam) try {
   for (AFX_MSGMAP const *map = GetMessageMap(); map; map = map->pBaseMap)
     for (AFX_MSGMAP_ENTRY const *entry = map->lpEntries; entry->nMessage != 0; ++entry)
-      if (entry->nMessage == uMessage) {
-        try {
-          return (this->*entry->pfn)(wParam, lParam);
-        } catch (ThreadEnd const &) { // the thread is being ended inside the handler
-          throw;
-        } catch (...) {
-          return 0;
-        }
-      }
+      if (entry->nMessage == uMessage)
+        return (this->*entry->pfn)(wParam, lParam);
   return DefWindowProcW(m_hWnd, uMessage, wParam, lParam);
+} catch (ThreadEnd const &) { // the thread is being ended inside the handler
+  throw;
+} catch (...) {
+  return 0;
 }

@@ -75,7 +75,7 @@ private:
   void SetUploadAddress();
   void RecordUpload(UINT uThreadId, int nKHID);
   std::string EndThread(UINT &uThreadId, int &nKHID);
-  void ReadUploadReply(std::string const &strReply, WCHAR *wszError, std::size_t cchError);
+  void ReadUploadReply(std::string strReply, WCHAR *wszError, std::size_t cchError);
   HANDLE UploadThread() const { return m_pUploadThread ? m_pUploadThread->m_hThread : nullptr; }
   bool UploadIsOver();
   bool EnsureThreadWillEnd();

@@ -61,10 +61,10 @@ void PyPresetUploader::OnBackgroundUploadComplete(long hr) {
   WCHAR wszError[kErrorSize] = {};
   UINT uThreadId = 0;
   int nKHID = 0;
-  std::string const strReply = EndThread(uThreadId, nKHID);
+  std::string strReply = EndThread(uThreadId, nKHID);
   if (!strReply.empty()) {
     try {
-      ReadUploadReply(strReply, wszError, kErrorSize);
+      ReadUploadReply(std::move(strReply), wszError, kErrorSize);
     } catch (std::bad_alloc const &) {
       // the same as a reply that does not parse
     }
@@ -93,14 +93,9 @@ std::string PyPresetUploader::EndThread(UINT &uThreadId, int &nKHID) {
   return strReply;
 }
 
-void PyPresetUploader::ReadUploadReply(std::string const &strReply, WCHAR *wszError, std::size_t cchError) {
+void PyPresetUploader::ReadUploadReply(std::string strReply, WCHAR *wszError, std::size_t cchError) {
   ComScope const com;
-  CComPtr<IXMLDOMDocument> pDocument;
-  if (FAILED(CoCreateInstance(CLSID_DOMDocument, nullptr, CLSCTX_ALL, IID_IXMLDOMDocument,
-                              reinterpret_cast<void **>(&pDocument))))
-    return;
-  VARIANT_BOOL bLoaded = 0; // not examined: a reply that does not parse is an empty document
-  pDocument->loadXML(CComBSTR(strReply.c_str()), &bLoaded);
+  CComPtr<IXMLDOMDocument> const pDocument = LoadReply(std::move(strReply), CLSCTX_ALL);
   CString strText;
   if (ReadElement(pDocument, L"uploadTemplate/templateUrl", strText) == ElementState::Found)
     m_strUploadedFileUrl = DecodeURLText(strText);

@@ -17,7 +17,7 @@ struct IdleHandles {
 
   std::mutex mutex;
   pid_t process = CurrentProcess();
-  std::array<CurlHandles::Multi, 4> multis; // more transfers at a time are rare
+  std::array<CurlHandles::Multi, 4> multis; // more transfers at once are rare
 };
 
 IdleHandles &Idle() {
@@ -39,7 +39,7 @@ CurlHandles::Multi TakeIdle() {
   IdleHandles &idle = Idle();
   std::lock_guard<std::mutex> const lock(idle.mutex);
   if (std::exchange(idle.process, CurrentProcess()) != CurrentProcess())
-    idle.multis = {}; // a wake-up would reach the parent's
+    idle.multis = {}; // waking one would wake the parent's
   for (CurlHandles::Multi &multi : idle.multis)
     if (multi)
       return std::move(multi);

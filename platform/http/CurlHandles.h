@@ -1,7 +1,7 @@
-// The two libcurl handles of a transfer. A small request's multi handle is reused for a later one: making it costs such
-// a request a tenth of its processor time. An idle one holds no connection, no option and no name of the transfer
-// before, only the two descriptors that libcurl wakes itself with. The easy handle is always new: libcurl 7.88 keeps a
-// pointer to the last header of a handle's previous transfer, and follows it when a reply's first header line begins
+// The two libcurl handles of a transfer. A small request's multi handle is reused for a later one: creating one costs
+// such a request a tenth of its processor time. An idle one holds no connection, option or name of its previous
+// transfer, only the two descriptors that libcurl wakes itself with. The easy handle is always new: libcurl 7.88 keeps
+// a pointer to the last header of a handle's previous transfer, and follows it when a reply's first header line begins
 // with a blank. Safe from any thread.
 #pragma once
 
@@ -20,13 +20,13 @@ struct CurlHandles {
   using Multi = std::unique_ptr<CURLM, MultiCleanUp>;
 
   Multi multi;
-  std::unique_ptr<CURL, EasyCleanUp> easy; // goes first
+  std::unique_ptr<CURL, EasyCleanUp> easy; // destroyed first
 };
 
-/// A new easy handle with a new multi handle, or with an idle one if `mayReuse`. The easy one is not added yet.
+/// A new easy handle with a new multi handle, or with an idle one if `mayReuse`. The easy handle is not added yet.
 /// Errors: throws std::bad_alloc.
 CurlHandles MakeCurlHandles(bool mayReuse);
-/// Takes a multi handle back whose only transfer is over and was removed. Cannot fail; one too many is freed.
+/// Takes back a multi handle whose only transfer is over and was removed. Cannot fail; a surplus handle is freed.
 void KeepMultiHandle(CurlHandles::Multi multi) noexcept;
 
 /// Errors: throws std::bad_alloc, which is all that can fail: libcurl knows every option used here.

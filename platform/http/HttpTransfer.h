@@ -111,7 +111,7 @@ private:
   long m_sizeBeforeHead = 0;       ///< bytes that went to a proxy first
   std::string_view m_source[2];    ///< what goes out now: the held bytes, then the caller's; empty between calls
   bool m_isPaused = false;         ///< libcurl waits for body bytes
-  bool m_isCutShort = false;       ///< after an early reply libcurl was told that no more bytes come
+  bool m_isCutShort = false;       ///< Supply ended the body after an early reply
   HttpReply m_reply;
 
   // libcurl's own. It points into m_memory, and calls back until the handles are gone.

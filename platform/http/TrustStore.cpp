@@ -1,4 +1,4 @@
-// See TrustStore.h. Reading the system's roots anew for each connection would cost some 17 ms of processor time each.
+// See TrustStore.h. Reading the system's roots for each connection would cost some 17 ms of processor time each.
 #include "platform/http/TrustStore.h"
 
 #include "platform/base/Fork.h"
@@ -47,14 +47,14 @@ Source CurrentSource() {
   return {path, info.st_dev, info.st_ino, info.st_size, info.st_mtim.tv_sec, info.st_mtim.tv_nsec};
 }
 
-/// A store of the roots; null if there is no memory for one. `isComplete` tells whether they could be read: a store
-/// that lacks them refuses every server.
+/// A store of the roots; null if out of memory. `isComplete` says whether they could be read: a store without them
+/// refuses every server.
 Store ReadRoots(std::string const &path, bool &isComplete) {
   Store store(X509_STORE_new());
   if (!store)
     return nullptr;
   X509_STORE_set_flags(store.get(), X509_V_FLAG_TRUSTED_FIRST | X509_V_FLAG_PARTIAL_CHAIN);
-  if (path.empty()) // a hashed directory, which is read certificate by certificate as they are met
+  if (path.empty()) // a hashed directory; its certificates are read one by one when needed
     isComplete = X509_STORE_set_default_paths(store.get()) == 1;
   else
     isComplete = X509_STORE_load_file(store.get(), path.c_str()) == 1;
@@ -73,11 +73,11 @@ bool UseTrustStore(ssl_ctx_st *context) {
     Store store = ReadRoots(std::get<0>(source), isComplete);
     if (!store)
       return false;
-    if (!isComplete) { // this connection's failure alone: the next one reads the roots again
+    if (!isComplete) { // fails this connection only: the next one reads the roots again
       SSL_CTX_set1_cert_store(context, store.get());
       return true;
     }
-    shared.store = std::move(store); // contexts that use the one before keep their own reference
+    shared.store = std::move(store); // contexts that use the previous store keep their own reference
     shared.source = std::move(source);
   }
   SSL_CTX_set1_cert_store(context, shared.store.get());

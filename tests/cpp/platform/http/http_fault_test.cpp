@@ -1,4 +1,4 @@
-// The HTTP interface when something is in the way: calls that block, limits, handles closed under a call.
+// The HTTP interface under faults: calls that block, limits, handles closed while a call runs.
 #include "tests/cpp/platform/http/http_peer.h"
 
 #include "tests/cpp/platform/TestSeam.h"
@@ -19,13 +19,13 @@ struct DrivenClock : PlatformTestHooks {
 
 enum Doing { Sending, Filling, Reading };
 
-/// A place where an exchange hangs.
+/// A point at which an exchange hangs.
 struct Phase {
   char const *szScenario;
   INTERNET_PORT nPort;
   Doing doing;
-  DWORD dwStage; // the status that is told last before it hangs ...
-  int nCount;    // ... that often
+  DWORD dwStage; // the status that is reported last before it hangs ...
+  int nCount;    // ... and how often
   bool isReceiving;
 };
 Phase const kPhases[] = {
@@ -38,7 +38,7 @@ Phase const kPhases[] = {
     {"stall --window 4096 --tls good", 443, Filling, INTERNET_STATUS_SENDING_REQUEST, 3, false},
 };
 
-/// Goes through an exchange that the peer lets hang; returns the error that ended it.
+/// Runs an exchange that the peer lets hang; returns the error that ended it.
 DWORD GoThrough(Client &client, Doing doing) {
   DWORD dwError = doing == Filling ? client.Begin(0xFFFFFFFF) : client.Send();
   std::string bytes(1 << 20, 'b');
@@ -76,7 +76,7 @@ TEST(HttpFaults, TimeLimits) {
       std::uint64_t uNow = 1'000'000, uBegin = uNow;
       client.stages.onStage = [&](DWORD dwStatus) {
         if (dwStatus >= INTERNET_STATUS_SENDING_REQUEST && dwStatus < INTERNET_STATUS_CLOSING_CONNECTION)
-          uBegin = uNow; // the limit for connecting runs from the call's begin
+          uBegin = uNow; // the limit for connecting runs from the start of the call
       };
       DrivenClock const clock([&] { return uNow += 500; });
       EXPECT_EQ(12002u, GoThrough(client, phase.doing)) << phase.szScenario;
@@ -95,14 +95,13 @@ TEST(HttpFaults, TlsChatterExtendsNoLimit) {
   EXPECT_LE(uNow, 1'000'000u + 320'000u);
 }
 
-TEST(HttpFaults, OneWholeReplyHasALimitThatPausesDoNotUse) {
+TEST(HttpFaults, ReplyTimeLimitLeavesOutTheCallersPauses) {
   Peer peer("trickle --fill 40 --pause 0.02");
   Client client(80);
   ASSERT_EQ(0u, client.Send());
   std::uint64_t uBase = 1'000'000;
   int nLooks = 0, nCalls = 0;
-  DrivenClock const clock(
-      [&] { return nLooks++ == 0 ? uBase : uBase + 19'000; }); // a call waits 19 s, whatever it does
+  DrivenClock const clock([&] { return nLooks++ == 0 ? uBase : uBase + 19'000; }); // each call waits 19 s
   std::string byte;
   for (DWORD dwError = 0; dwError == 0; ++nCalls) {
     uBase += 600'000; // the caller's pause

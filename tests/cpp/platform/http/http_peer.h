@@ -1,4 +1,4 @@
-// What the tests of the HTTP layer share: a scripted peer as a child process, and a client that goes through a whole
+// What the tests of the HTTP layer share: a scripted peer as a child process, and a client for a whole
 // exchange.
 #pragma once
 
@@ -17,7 +17,7 @@
 #include <string>
 #include <thread>
 
-/// Waits for a condition. Returns: false if it did not come about in ten seconds.
+/// Waits for a condition. Returns: false if it is still not met after ten seconds.
 inline bool WaitFor(std::function<bool()> const &condition) {
   for (int n = 0; n < 5000 && !condition(); ++n)
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
@@ -29,7 +29,7 @@ inline std::string Content(std::string const &path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-/// The scripted peer's command, and the folder that lives as long as the test program, with its certificates.
+/// The scripted peer's command, and a folder with its certificates that lasts as long as the test program.
 inline std::string const kPeerCommand = "exec /usr/bin/python3 " SKIFFPORT_SOURCE_DIR "/tests/support/peer.py ";
 inline std::string const &Folder() {
   static struct Temporary {
@@ -43,7 +43,7 @@ inline std::string const &Folder() {
   return folder.name;
 }
 
-/// Runs the scripted peer with these arguments. While it lives, "good.test" leads to it on every port.
+/// Runs the scripted peer with these arguments. While it lives, "good.test" resolves to it on every port.
 class Peer {
 public:
   explicit Peer(std::string const &arguments) {
@@ -69,7 +69,7 @@ private:
   int m_port = 0;
 };
 
-/// Remembers the status callbacks of its request.
+/// Counts the status callbacks of its request.
 struct Stages {
   static void Callback(HINTERNET, DWORD_PTR dwContext, DWORD dwStatus, void *, DWORD) {
     auto &self = *reinterpret_cast<Stages *>(dwContext);
@@ -78,7 +78,7 @@ struct Stages {
     if (self.onStage)
       self.onStage(dwStatus);
   }
-  /// How often the status was told.
+  /// How often the status was reported.
   int Count(DWORD dwStatus) {
     std::lock_guard<std::mutex> const lock(mutex);
     return counts[dwStatus];
@@ -96,7 +96,7 @@ struct Options {
   char const *szHost = "good.test";
   std::string object = "/x";
   DWORD dwFlags = 0;
-  DWORD dwLimit = 0; // ms, for connecting and for sending; 0 leaves the layer's own
+  DWORD dwLimit = 0; // ms, for connecting and for sending; 0 keeps the defaults
 };
 
 /// A session, a connection and a request. The calls return their error number.
@@ -106,7 +106,7 @@ struct Client {
         connection(InternetConnectA(session, options.szHost, nPort, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 1)),
         request(HttpOpenRequestA(connection, "POST", options.object.c_str(), nullptr, nullptr, nullptr, options.dwFlags,
                                  reinterpret_cast<DWORD_PTR>(&stages))) {}
-  ~Client() { InternetCloseHandle(session); } // and what was made of it
+  ~Client() { InternetCloseHandle(session); } // and its connection and request
 
   static HINTERNET Prepare(Options const &options) {
     HINTERNET const hSession = InternetOpenW(nullptr, 0, nullptr, nullptr, 0);

@@ -10,7 +10,7 @@ namespace {
 
 std::string const kTls = " --tls good";
 std::string const kMegabyte(1 << 20, 'b');
-constexpr DWORD kLost = 1; // stands for 12030 or 12031: which of them it is, the system's timing decides
+constexpr DWORD kLost = 1; // stands for 12030 or 12031; which of them it is depends on timing
 
 void ExpectError(DWORD dwExpected, DWORD dwError, std::string const &context) {
   bool const isLost = dwError == 12030 || dwError == 12031;
@@ -29,7 +29,7 @@ TEST(Http, SmallWritesWaitAndLargeOnesAreOutOnReturn) {
     EXPECT_EQ(0u, client.Write(small));
     EXPECT_EQ(head, peer.Received().size());
     EXPECT_EQ(0u, client.Write(large));
-    EXPECT_TRUE(WaitFor([&] { return peer.Received().size() == head + 4095 + 300'000; })); // nobody drives it now
+    EXPECT_TRUE(WaitFor([&] { return peer.Received().size() == head + 4095 + 300'000; })); // no call drives it now
     EXPECT_EQ(0u, client.Write("tail\n"));
     EXPECT_EQ(0u, client.End());
     EXPECT_EQ("head" + small + large + "tail\n", peer.Received().substr(head));
@@ -57,7 +57,7 @@ TEST(Http, MalformedReplies) {
        {Row{" X: y", 12152, 0}, Row{" X: y", 12152, 0}, Row{"X: a\\0b", 12152, 0}, Row{"Content-Length: -5", 0, 0},
         Row{"Content-Length: x5", 0, 0}, Row{"Content-Length: 99999999999999999999", 0, 12152}}) {
     Peer peer("reply --raw '" + ok + row.szReply + end + "body'");
-    for (int n = 0; n < 2; ++n) { // what one exchange leaves behind must not reach the next
+    for (int n = 0; n < 2; ++n) { // what one exchange leaves in a handle must not affect the next
       Client client(80);
       std::string bytes;
       EXPECT_EQ(row.dwSend, client.Send()) << row.szReply;
@@ -94,7 +94,7 @@ TEST(Http, HostIsCheckedAsItGoesOut) {
   EXPECT_NE(std::string::npos, peer.Received().find("Host: good.test\r\n"));
 }
 
-TEST(Http, FailedReadOfTheRootsIsThatConnectionsAlone) {
+TEST(Http, FailureToReadTheRootsFailsOneConnectionOnly) {
   Peer peer("reply" + kTls);
   std::string const roots = Folder() + "/other_ca.pem";
   std::filesystem::copy_file(Folder() + "/ca.pem", roots);
@@ -126,7 +126,7 @@ TEST(Http, SendErrors) {
     Peer peer(row.scenario);
     ExpectError(row.dwError, Client(row.nPort).Send(), row.scenario + std::to_string(row.nPort));
   }
-  EXPECT_EQ(12029u, Client(1, {.szHost = "127.0.0.1"}).Send()) << "nobody listens there";
+  EXPECT_EQ(12029u, Client(1, {.szHost = "127.0.0.1"}).Send()) << "nothing listens there";
   EXPECT_EQ(12007u, Client(80, {.szHost = "nowhere.invalid"}).Send());
 
   for (INTERNET_PORT const nPort : {80, 443}) {
@@ -156,7 +156,7 @@ TEST(Http, CertificateFlags) {
                            INTERNET_FLAG_IGNORE_CERT_DATE_INVALID | INTERNET_FLAG_IGNORE_CERT_CN_INVALID};
   for (Row const &row : rows) {
     Peer peer(std::string("reply --tls ") + row.szCertificate);
-    for (int n : {3, 0, 1, 2}) { // a lenient request must not open the door for a strict one
+    for (int n : {3, 0, 1, 2}) { // a lenient request must not let a later strict one pass
       EXPECT_EQ(row.dwErrors[n], Client(443, {.dwFlags = dwFlags[n]}).Send()) << row.szCertificate << n;
     }
   }

@@ -54,8 +54,8 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME python3-skiffport)
 set(CPACK_PACKAGE_CONTACT "Skiffport developers <skiffport@kestrelhub.example>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "links a desktop application to its community web service")
-set(CPACK_PACKAGE_DESCRIPTION "A CPython extension that logs members in, lists categories and publishes colour presets, \
-and skiffhost, a message loop and a command line for it.")
+set(CPACK_PACKAGE_DESCRIPTION "A CPython extension that logs members in, lists categories and publishes colour \
+presets, and skiffhost, a message loop and a command line for it.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ

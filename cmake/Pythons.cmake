@@ -1,6 +1,6 @@
 # Finds the interpreters to build for and their headers. One build tree serves them all: what includes Python.h is
-# compiled once per interpreter, everything else once. Sets SKIFFPORT_PYTHON_TAGS (such as "cpython-311-x86_64-linux-gnu") and, for
-# each tag, SKIFFPORT_PYTHON_<tag>_EXECUTABLE and _INCLUDE.
+# compiled once per interpreter, everything else once. Sets SKIFFPORT_PYTHON_TAGS (such as
+# "cpython-311-x86_64-linux-gnu") and, for each tag, SKIFFPORT_PYTHON_<tag>_EXECUTABLE and _INCLUDE.
 set(_pythons ${SKIFFPORT_PYTHONS})
 if(NOT _pythons)
   set(_pythons $ENV{SKIFFPORT_PYTHONS})

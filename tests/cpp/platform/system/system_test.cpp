@@ -52,7 +52,8 @@ TEST(Threads, SuspendedThreadRunsOnceResumedAndEachHandleClosesOnce) {
   EXPECT_TRUE(id != 0 && WaitForSingleObject(thread, 20) == WAIT_TIMEOUT);
   EXPECT_TRUE(GetExitCodeThread(thread, &code) && code == STILL_ACTIVE);
   EXPECT_TRUE(ResumeThread(thread) == 1 && WaitForSingleObject(thread, INFINITE) == WAIT_OBJECT_0);
-  EXPECT_TRUE(CloseHandle(thread) && !CloseHandle(thread));
+  EXPECT_TRUE(CloseHandle(thread));
+  EXPECT_FALSE(CloseHandle(thread)) << "the second time";
   EXPECT_EQ(WaitForSingleObject(thread, 0), WAIT_FAILED);
   EXPECT_TRUE(GetExitCodeThread(second, &code) && code == 0x80040301U) << "the other handle is open";
   EXPECT_TRUE(CloseHandle(second));

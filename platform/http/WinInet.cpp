@@ -1,6 +1,7 @@
 // The functions of WinInet.h that work on open handles: options, headers, sending, the reply. Any thread; no exception
 // leaves a function.
 #include "platform/http/WinInetCall.h"
+#include "platform/text/AnsiText.h"
 #include "platform/text/Utf8.h"
 
 #include <algorithm>

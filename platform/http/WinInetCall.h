@@ -2,7 +2,7 @@
 // exception leaves a call. Any thread.
 #pragma once
 
-#include "platform/base/LastError.h"
+#include "platform/base/Fail.h"
 #include "platform/base/Seam.h"
 #include "platform/http/HandleTree.h"
 #include "platform/http/WinInet.h"
@@ -12,11 +12,7 @@
 #include <utility>
 
 /// Sets the last error unless it is ERROR_SUCCESS. Returns: TRUE for ERROR_SUCCESS.
-inline BOOL ReportResult(DWORD error) {
-  if (error != ERROR_SUCCESS)
-    SetLastError(error);
-  return error == ERROR_SUCCESS;
-}
+inline BOOL ReportResult(DWORD error) { return error == ERROR_SUCCESS ? TRUE : Fail(error, FALSE); }
 
 /// Runs one call's work, which returns an error number; running out of memory becomes one.
 template <class Work> BOOL RunCall(Work work) {

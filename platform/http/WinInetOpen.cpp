@@ -4,6 +4,7 @@
 #include "platform/http/HttpText.h"
 #include "platform/http/UrlSplit.h"
 #include "platform/http/WinInetCall.h"
+#include "platform/text/AnsiText.h"
 #include "platform/text/Utf8.h"
 
 #include <string>

@@ -4,7 +4,6 @@
 #pragma once
 
 #include "platform/base/Types.h"
-#include "platform/text/AnsiText.h"
 
 #include <cstddef>
 #include <cstring>

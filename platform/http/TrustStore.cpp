@@ -24,16 +24,16 @@ struct StoreCleanUp {
 };
 using Store = std::unique_ptr<X509_STORE, StoreCleanUp>;
 
-struct Shared {
-  Shared() { HoldAcrossFork(mutex); }
+struct SharedStore {
+  SharedStore() { HoldAcrossFork(mutex); }
 
   std::mutex mutex;
   Source source;
   Store store;
 };
 
-Shared &TheStore() {
-  static Shared &shared = *new Shared; // never destroyed: a thread may still connect at exit
+SharedStore &ProcessStore() {
+  static SharedStore &shared = *new SharedStore; // never destroyed: a thread may still connect at exit
   return shared;
 }
 
@@ -65,7 +65,7 @@ Store ReadRoots(std::string const &path, bool &isComplete) {
 } // namespace
 
 bool UseTrustStore(ssl_ctx_st *context) {
-  Shared &shared = TheStore();
+  SharedStore &shared = ProcessStore();
   std::lock_guard<std::mutex> const lock(shared.mutex);
   Source source = CurrentSource();
   if (!shared.store || source != shared.source) {

@@ -2,7 +2,7 @@
 #include "platform/base/LastError.h"
 #include "publish/CUploadProgressProxyWindow.h"
 #include "publish/PresetForm.h"
-#include "tests/cpp/platform/TestSeam.h"
+#include "tests/cpp/platform/TestHooks.h"
 #include "tests/cpp/upload/receiver.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // Replies as documents: which elements are found, and how failures of the DOM are told apart.
 #include "reply/Document.h"
-#include "tests/cpp/platform/TestSeam.h"
+#include "tests/cpp/platform/TestHooks.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // The service exchange and the probe: outcomes that Python can't provoke, and who closes the probe's handles.
 #include "service/ReachabilityProbe.h"
 #include "service/ServiceExchange.h"
-#include "tests/cpp/platform/TestSeam.h"
+#include "tests/cpp/platform/TestHooks.h"
 #include "tests/cpp/platform/http/http_peer.h"
 #include "tests/cpp/platform/text/thread_locale.h"
 

@@ -1,6 +1,6 @@
 // A whole transfer against a scripted peer: the bytes on the wire, the chunks, and how it ends when a call fails.
 #include "platform/text/CodePages.h"
-#include "tests/cpp/platform/TestSeam.h"
+#include "tests/cpp/platform/TestHooks.h"
 #include "tests/cpp/platform/http/http_peer.h"
 #include "tests/cpp/upload/receiver.h"
 #include "upload/MultipartBody.h"

@@ -1,7 +1,7 @@
 // The HTTP interface under faults: calls that block, limits, handles closed while a call runs.
 #include "tests/cpp/platform/http/http_peer.h"
 
-#include "tests/cpp/platform/TestSeam.h"
+#include "tests/cpp/platform/TestHooks.h"
 
 #include <future>
 

@@ -1,5 +1,5 @@
-// See TestSeam.h and platform/base/Seam.h.
-#include "tests/cpp/platform/TestSeam.h"
+// See TestHooks.h and platform/base/Seam.h.
+#include "tests/cpp/platform/TestHooks.h"
 
 #include "platform/base/Clock.h"
 #include "platform/base/LastError.h"

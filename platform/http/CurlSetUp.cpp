@@ -24,10 +24,11 @@ void Append(CurlMemory::List &list, std::string const &line) {
   list.reset(longer);
 }
 
-/// True if the environment names a proxy for plain HTTP. Whether "no_proxy" excludes the host is left to libcurl.
-bool IsProxyNamed() {
+/// True for plain HTTP if the environment names a proxy. Whether "no_proxy" excludes the host is left to libcurl.
+bool GoesByPlainProxy(HttpRequest const &request) {
   char const *const names[] = {"http_proxy", "all_proxy", "ALL_PROXY"};
-  return std::any_of(std::begin(names), std::end(names), [](char const *name) { return std::getenv(name); });
+  return !request.isSecure &&
+         std::any_of(std::begin(names), std::end(names), [](char const *name) { return std::getenv(name); });
 }
 
 /// The target as a URL can hold it.
@@ -48,7 +49,7 @@ void SetUpTarget(CURL *easy, HttpRequest const &request) {
   std::string url = request.isSecure ? "https://" : "http://";
   url += isBareIPv6 ? '[' + request.host + ']' : request.host;
   url += ':' + std::to_string(request.port);
-  if (!request.isSecure && IsProxyNamed()) {
+  if (GoesByPlainProxy(request)) {
     url += Escaped(request.target); // libcurl derives from it what the proxy wants
   } else {
     url += '/';
@@ -102,7 +103,8 @@ void SetUpTls(CURL *easy, HttpRequest const &request) {
 } // namespace
 
 std::size_t EstimateHeadSize(HttpRequest const &request) {
-  std::size_t size = 256 + request.target.size() + 2 * request.host.size();
+  std::size_t const targetSize = GoesByPlainProxy(request) ? Escaped(request.target).size() : request.target.size();
+  std::size_t size = 256 + targetSize + 2 * request.host.size();
   for (auto const *lines : {&request.headers, &request.defaults})
     for (std::string const &line : *lines)
       size += line.size() + 2;

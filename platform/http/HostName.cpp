@@ -22,7 +22,9 @@ bool IsHost(std::string_view text) {
 /// The ASCII form (RFC 5891, mapped as UTS 46 says); empty if there is none. May throw std::bad_alloc.
 std::string AsciiForm(std::string const &host) {
   char *text = nullptr;
-  int const result = idn2_lookup_ul(host.c_str(), &text, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL);
+  int result = idn2_lookup_ul(host.c_str(), &text, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL);
+  if (result != IDN2_OK && result != IDN2_MALLOC)
+    result = idn2_lookup_ul(host.c_str(), &text, IDN2_TRANSITIONAL); // as libcurl does
   std::unique_ptr<char, decltype(&idn2_free)> const owner(text, idn2_free);
   if (result == IDN2_MALLOC)
     throw std::bad_alloc();

@@ -53,7 +53,7 @@ std::size_t HttpReply::Read(char *buffer, std::size_t size) {
   std::size_t const read = m_body.copy(buffer, size, m_taken);
   m_taken += read;
   if (Buffered() == 0) {
-    m_body = {}; // frees its memory as well: the caller parses the document before it closes the handles
+    std::string().swap(m_body); // frees its memory: the caller parses the document before it closes the handles
     m_taken = 0;
   }
   return read;

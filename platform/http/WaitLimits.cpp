@@ -34,9 +34,13 @@ WaitLimits::~WaitLimits() {
 
 std::uint64_t WaitLimits::Left(Progress progress, bool isConnecting) {
   std::uint64_t const now = SteadyMilliseconds();
-  if (progress.handed != m_progress.handed)
-    m_ackLimit = progress.acked + progress.unacked;
-  progress.acked = std::min(progress.acked, m_ackLimit); // what a peer makes TLS answer is no progress
+  if (m_isReceiving) {
+    // What a peer makes TLS answer is no progress. While sending, the answers queue up after the body, and libcurl
+    // reports a block only when all of it is out: there every acknowledgement counts.
+    if (progress.handed != m_progress.handed)
+      m_ackLimit = progress.acked + progress.unacked;
+    progress.acked = std::min(progress.acked, m_ackLimit);
+  }
   bool const isSending = progress.handed != m_progress.handed || progress.acked != m_progress.acked;
   if (isSending || (m_isReceiving && progress.received != m_progress.received))
     m_moved = now;

@@ -39,6 +39,6 @@ private:
   std::uint64_t &m_replyWait;
   std::uint64_t m_begin;
   std::uint64_t m_moved;    ///< when something moved last
-  std::uint64_t m_ackLimit; ///< acknowledgements count up to here
+  std::uint64_t m_ackLimit; ///< acknowledgements count up to here while receiving
   Progress m_progress;      ///< as of the last look
 };

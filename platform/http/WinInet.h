@@ -84,7 +84,7 @@ SKIFFPORT_PLATFORM_API HINTERNET InternetOpenW(WCHAR const *wszAgent, DWORD dwAc
 SKIFFPORT_PLATFORM_API HINTERNET InternetOpenA(char const *szAgent, DWORD dwAccessType, char const *szProxy,
                                                char const *szBypass, DWORD dwFlags);
 
-/// Sets the callback of the session's later connections and requests. Returns: the earlier one, null for none.
+/// Sets the callback of the session's later requests. Returns: the earlier one, null for none.
 SKIFFPORT_PLATFORM_API INTERNET_STATUS_CALLBACK InternetSetStatusCallbackW(HINTERNET hSession,
                                                                            INTERNET_STATUS_CALLBACK pfnCallback);
 

@@ -4,6 +4,7 @@
 
 #include "platform/base/Fail.h"
 #include "platform/base/Seam.h"
+#include "platform/base/ThreadEnd.h"
 #include "platform/http/HandleTree.h"
 #include "platform/http/WinInet.h"
 
@@ -19,6 +20,8 @@ template <class Work> BOOL RunCall(Work work) {
   DWORD error = ERROR_NOT_ENOUGH_MEMORY;
   try {
     error = work();
+  } catch (ThreadEnd const &) { // the thread is being ended inside a status callback
+    throw;
   } catch (...) {
     // memory is all that can fail by exception here
   }

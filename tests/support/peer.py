@@ -150,6 +150,11 @@ class Exchange:
         while not self.stop.is_set():
             self.send(b"flood" * 65536)
 
+    def sip(self) -> None:
+        """Reads on slowly until the other side closes."""
+        while self.connection.recv(4096):
+            self.pause()
+
     def update_keys(self) -> None:
         """Requests new TLS keys over and over (RFC 8446, section 4.6.3): bytes flow both ways, but no reply."""
         library = ctypes.CDLL("libssl.so.3")  # the library under the ssl module, which does not expose it
@@ -198,6 +203,7 @@ SCENARIOS = {
     "silent-reply": (Exchange.read_request, Exchange.hold),
     "update-keys": (Exchange.read_request, Exchange.update_keys),
     "silent-body": (Exchange.read_request, Exchange.send_half, Exchange.hold),
+    "sip": (Exchange.read_some, Exchange.sip),
     "stall": (Exchange.read_some, Exchange.hold),
     "close": (Exchange.read_request,),
     "garbage": (Exchange.receive, Exchange.send_garbage),

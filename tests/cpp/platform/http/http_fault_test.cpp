@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+
 namespace {
 
 struct DrivenClock : PlatformTestHooks {
@@ -83,6 +85,31 @@ TEST(HttpFaults, TimeLimits) {
       EXPECT_GE(uNow - uBegin, uLimit) << phase.szScenario;
       EXPECT_LE(uNow - uBegin, uLimit + 40'000) << phase.szScenario; // buffers take a while to fill
     }
+  }
+}
+
+/// Gives every connected socket of this process a small send buffer.
+void NarrowSendBuffers() {
+  int const nBytes = 40'000;
+  sockaddr_storage peer;
+  for (int fd = 3; fd < 256; ++fd)
+    if (socklen_t size = sizeof peer; getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &size) == 0)
+      setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &nBytes, sizeof nBytes);
+}
+
+TEST(HttpFaults, SlowReaderOfALargeBlockIsProgress) {
+  for (std::string const tls : {"", " --tls good"}) {
+    Peer peer("sip --window 8192 --pause 0.02" + tls);
+    Client client(tls.empty() ? 80 : 443);
+    client.stages.onStage = [](DWORD dwStatus) {
+      if (dwStatus == INTERNET_STATUS_CONNECTED_TO_SERVER)
+        NarrowSendBuffers();
+    };
+    ASSERT_EQ(0u, client.Begin(1 << 20));
+    std::uint64_t uNow = 1'000'000;
+    DrivenClock const clock([&] { return uNow += 500; });
+    EXPECT_EQ(0u, client.Write(std::string(400'000, 'b'))) << "after " << uNow - 1'000'000 << " ms";
+    EXPECT_GT(uNow, 1'000'000u + 60'000u) << "longer than any limit without progress";
   }
 }
 

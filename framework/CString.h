@@ -3,7 +3,7 @@
 // thread at a time.
 #pragma once
 
-#include "platform/text/CodePages.h"
+#include "platform/base/Types.h"
 
 #include <functional>
 #include <string>
@@ -16,8 +16,6 @@ public:
   /// A null text gives an empty string.
   CString(WCHAR const *wszText) : m_str(wszText ? wszText : L"") {}
   CString(std::wstring text) : m_str(std::move(text)) {}
-  /// Widens bytes, up to the first zero, in the calling thread's ANSI code page.
-  explicit CString(char const *szText) : m_str(Widen(szText)) {}
 
   operator WCHAR const *() const { return m_str.c_str(); }
   WCHAR const *GetString() const { return m_str.c_str(); }
@@ -33,8 +31,6 @@ public:
   bool operator==(CString const &other) const { return m_str == other.m_str; }
 
 private:
-  static std::wstring Widen(char const *text);
-
   std::wstring m_str;
 };
 

@@ -5,14 +5,15 @@
 
 #include <climits>
 #include <cstring>
-#include <new>
 
 BSTR CComBSTR::Widened(char const *text) {
-  if (!text)
+  std::size_t const size = text ? std::strlen(text) : 0;
+  if (!text || size > INT_MAX)
     return nullptr;
-  std::size_t const size = std::strlen(text) + 1; // no character set yields more characters than bytes
-  BSTR const wide = size > INT_MAX ? nullptr : new (std::nothrow) WCHAR[size];
-  if (wide && MultiByteToWideChar(CP_THREAD_ACP, 0, text, static_cast<int>(size), wide, static_cast<int>(size)) == 0)
-    *wide = 0;
+  auto const bytes = static_cast<int>(size);
+  int const count = bytes == 0 ? 0 : MultiByteToWideChar(CP_THREAD_ACP, 0, text, bytes, nullptr, 0);
+  BSTR const wide = SysAllocStringLen(nullptr, static_cast<UINT>(count));
+  if (wide && count != 0)
+    MultiByteToWideChar(CP_THREAD_ACP, 0, text, bytes, wide, count);
   return wide;
 }

@@ -5,11 +5,7 @@
 
 #include "platform/window/Messages.h"
 
-struct CREATESTRUCTW;
 class CWnd;
-struct RECT {
-  LONG left, top, right, bottom;
-};
 
 /// The run-time class record of a framework class.
 struct CRuntimeClass {
@@ -52,8 +48,8 @@ protected:
   static AFX_MSGMAP const *GetThisMessageMap();
 
 public:
-  /// Runs the message's handler from the object's message map, or DefWindowProcW. Lets no exception escape, and does
-  /// not touch the object after a handler has run, since that may have deleted it.
+  /// Runs the message's handler from the object's message map, or DefWindowProcW. Lets no exception escape but
+  /// ThreadEnd, and does not touch the object after a handler has run, since that may have deleted it.
   LRESULT DispatchMessage(UINT uMessage, WPARAM wParam, LPARAM lParam);
   static CRuntimeClass const classCWnd;
 };

@@ -3,7 +3,6 @@
 
 #include "platform/base/Clock.h"
 #include "platform/base/LastError.h"
-#include "platform/system/Threads.h"
 #include "publish/Command.h"
 
 #include <new>

@@ -22,7 +22,8 @@ public:
   /// uuid. Null counts as empty; an empty or unusable host makes each upload fail. May throw std::bad_alloc.
   PyPresetUploader(WCHAR const *szKHServerUrl, WCHAR const *szKHLoginTokenID, WCHAR const *szProdVersion,
                    WCHAR const *szVersionType, WCHAR const *szUUID);
-  /// Cancels a running upload and waits for its thread, as long as one blocking write may take. No event follows.
+  /// Cancels a running upload and waits for its thread, which sees that only between chunks: connecting and reading the
+  /// reply may take as long as the HTTP layer's limits allow. No event follows.
   ~PyPresetUploader() override;
   /// Destroys the object, or deliberately leaks it while a thread that cannot be waited for still uses it: in a forked
   /// child, after the exit hook has run, or when a suspended thread can't be resumed. SWIG's wrapper destroys with a
@@ -34,8 +35,8 @@ public:
 
   /// Starts the upload of thirteen files and seven texts in the background. Copies all arguments. Does not throw.
   /// Returns: the upload's thread id; 0, and no event follows, if a path is null or does not exist, while an upload
-  /// runs or its completion is still queued, or if no thread can be started. An upload whose completion was lost is
-  /// over and gets no event.
+  /// runs or its completion is still queued, if there is no proxy window or no thread, or if memory runs out. An upload
+  /// whose completion was lost is over and gets no event.
   UINT StartUpload(WCHAR const *szEffectFilePath, WCHAR const *szEffectCoverFilePathAfter,
                    WCHAR const *szEffectCoverFilePathBefore, WCHAR const *szEffectThumbnailAfter,
                    WCHAR const *szEffectThumbnailBefore, WCHAR const *szEffectCurveRGBImg,

@@ -16,7 +16,7 @@ void KHLoginData::InitKHServerURL() {
   try {
     EnsureKHServerURL();
   } catch (std::bad_alloc const &) {
-    // The host stays empty; the next operation tries again.
+    // Not even the fallback could be stored: the next operation tries again.
   }
 }
 

@@ -2,7 +2,6 @@
 #include "service/KHConnectUtil.h"
 
 #include "framework/CW2A.h"
-#include "platform/base/LastError.h"
 #include "service/JoinText.h"
 #include "service/ServiceExchange.h"
 #include "shell/ScopedGILRelease.h"

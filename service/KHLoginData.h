@@ -32,7 +32,7 @@ public:
   UINT LoginKestrelhub(WCHAR const *wszUserName, WCHAR const *wszPassword);
   /// Forgets host, token, name and addresses, but not the logged-out gallery address. Makes no request.
   void LogoutKestrelhub();
-  /// Finds the service's host unless it is known. Releases the GIL. Leaves the host unknown if it runs out of memory.
+  /// Finds the service's host unless it is known. Releases the GIL. Out of memory counts as a failed detection.
   void InitKHServerURL();
   /// Sets the service's host, unchecked, so that none is looked up. The host stays as it was if memory runs out.
   void SetKHURLAsReg(WCHAR *wszKHURL);

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cstring>
 #include <cwchar>
-#include <cwctype>
 #include <new>
 
 namespace {

@@ -90,6 +90,7 @@ bool RegisterProvider() {
 // A copy of the event-trace channel for use without the lock. That is safe: the library is never unmapped, and a
 // provider that has been unregistered meanwhile ignores the line.
 struct EventChannel {
+  bool bEtw = g_bEtw; // whether lines go there
   REGHANDLE hProvider = g_hProvider;
   EventWriteStringFunction pfnWriteString = g_pfnWriteString;
 
@@ -142,7 +143,7 @@ void TraceMsgA(char const *szFormat, ...) {
 
   char szLine[kLineSize];
   EventChannel const channel = MakeLine(szLine, szText);
-  if (!g_bEtw) {
+  if (!channel.bEtw) {
     OutputDebugStringA(szLine);
     return;
   }
@@ -163,7 +164,7 @@ void TraceMsgW(wchar_t const *wszFormat, ...) {
 
   WCHAR wszLine[kLineSize];
   EventChannel const channel = MakeLine(wszLine, wszText);
-  if (g_bEtw)
+  if (channel.bEtw)
     channel.Write(wszLine);
   else
     OutputDebugStringW(wszLine);

@@ -6,8 +6,6 @@
 #include "upload/UploadJob.h"
 #include "upload/UploadProgress.h"
 
-class ProgressMeter;
-
 /// The result of an upload, written by the transfer.
 struct UploadResult {
   HRESULT m_hr = 0;       ///< 0: sent completely and answered, whatever the HTTP status.

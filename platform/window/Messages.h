@@ -39,6 +39,10 @@ struct WNDCLASSEXW {
   void *hIconSm;
 };
 
+struct RECT {
+  LONG left, top, right, bottom;
+};
+
 struct MSG {
   HWND hwnd;
   UINT message;

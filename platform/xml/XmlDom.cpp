@@ -280,12 +280,16 @@ HRESULT CoCreateInstance(CLSID const &clsid, IUnknown *pOuter, DWORD /*dwContext
 }
 
 BSTR SysAllocString(WCHAR const *wszText) {
-  if (!wszText)
+  return wszText ? SysAllocStringLen(wszText, static_cast<UINT>(std::wcslen(wszText))) : nullptr;
+}
+
+BSTR SysAllocStringLen(WCHAR const *wszText, UINT cchText) {
+  BSTR const bstrText = new (std::nothrow) WCHAR[static_cast<std::size_t>(cchText) + 1];
+  if (!bstrText)
     return nullptr;
-  std::size_t const length = std::wcslen(wszText) + 1;
-  BSTR const bstrText = new (std::nothrow) WCHAR[length];
-  if (bstrText)
-    std::wmemcpy(bstrText, wszText, length);
+  if (wszText)
+    std::wmemcpy(bstrText, wszText, cchText);
+  bstrText[cchText] = 0;
   return bstrText;
 }
 

@@ -90,5 +90,7 @@ SKIFFPORT_PLATFORM_API HRESULT CoCreateInstance(CLSID const &clsid, IUnknown *pO
 
 /// A new string that the caller frees with SysFreeString; null when out of memory, and for a null text.
 SKIFFPORT_PLATFORM_API BSTR SysAllocString(WCHAR const *wszText);
+/// The same of `cchText` characters, not initialised for a null text; the terminator comes on top.
+SKIFFPORT_PLATFORM_API BSTR SysAllocStringLen(WCHAR const *wszText, UINT cchText);
 SKIFFPORT_PLATFORM_API void SysFreeString(BSTR bstrText);
 SKIFFPORT_PLATFORM_API HRESULT VariantClear(VARIANT *pValue);

@@ -1,5 +1,5 @@
 // The code pages, the wide formatter and the two number functions.
-#include "framework/CString.h"
+#include "framework/ComTypes.h"
 #include "platform/text/CodePages.h"
 #include "platform/text/Text.h"
 #include "tests/cpp/platform/text/thread_locale.h"
@@ -54,7 +54,7 @@ TEST(CodePages, TheThreadsLocaleGivesTheAnsiPage) {
     GTEST_SKIP() << "no character maps here (Debian package locales)";
   EXPECT_EQ(Narrow(CP_THREAD_ACP, L"a\u4E2D\u0E01\U0001F600z"), "a\xD6\xD0??z");
   EXPECT_EQ(Widen(CP_ACP, "a\xD6\xD0\xFFz\xD6"), L"a\u4E2D\uFFFDz\uFFFD");
-  EXPECT_STREQ(CString("\xD6\xD0"), L"\u4E2D");
+  EXPECT_STREQ(CComBSTR("\xD6\xD0"), L"\u4E2D");
   WCHAR wide[8];
   EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, "\xD6\xD0", -1, wide, 8), 2) << "the terminator counts";
   EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, "\xD6\xD0", -1, wide, 1), 0);

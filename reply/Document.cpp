@@ -11,7 +11,7 @@ CComPtr<IXMLDOMDocument> LoadReply(std::string strReply, DWORD dwContext) {
                               reinterpret_cast<void **>(&pDocument))))
     return pDocument;
   CComBSTR const bstrReply(strReply.c_str());
-  strReply = {}; // frees the bytes of a large reply before the tree is built
+  std::string().swap(strReply); // frees the bytes of a large reply before the tree is built
   VARIANT_BOOL bLoaded = 0;
   pDocument->loadXML(bstrReply, &bLoaded);
   return pDocument;

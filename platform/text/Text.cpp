@@ -49,7 +49,7 @@ private:
 
 enum class Size { plain, half, wide, widest };
 
-/// One conversion specification of a format.
+/// One conversion of a format, from its "%" to its type.
 struct Conversion {
   bool isLeft = false;
   bool hasPlus = false;

@@ -6,6 +6,7 @@
 #include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
 #include "platform/http/CurlCallbacks.h"
+#include "platform/http/SendBuffer.h"
 #include "platform/http/TrustStore.h"
 #include "platform/text/Utf8.h"
 
@@ -281,6 +282,7 @@ DWORD HttpTransfer::Write(void const *data, std::size_t size) {
     m_source[1] = bytes;
     if (!Flush())
       return Failure();
+    WidenSendBuffer(m_connection.Socket());
   }
   m_connection.Sink().ReportCount(INTERNET_STATUS_REQUEST_SENT, size);
   return ERROR_SUCCESS;

@@ -5,12 +5,7 @@
 
 #include <thread>
 
-namespace {
-
-/// How long an idle processor may take to run a thread that is due.
-constexpr std::chrono::microseconds kWakeUpTime(300);
-
-} // namespace
+#include <sys/prctl.h>
 
 DWORD GetTickCount() { return static_cast<DWORD>(SteadyMilliseconds()); }
 
@@ -22,7 +17,7 @@ std::uint64_t SystemMilliseconds() {
 }
 
 void SleepUntil(std::chrono::steady_clock::time_point deadline) {
-  std::this_thread::sleep_until(deadline - kWakeUpTime);
-  while (std::chrono::steady_clock::now() < deadline)
-    std::this_thread::yield();
+  prctl(PR_SET_TIMERSLACK, 1UL); // ns
+  std::this_thread::sleep_until(deadline);
+  prctl(PR_SET_TIMERSLACK, 0UL); // the thread's default
 }

@@ -8,12 +8,13 @@
 /// Milliseconds of a steady clock, modulo 2^32. Cannot fail.
 SKIFFPORT_PLATFORM_API DWORD GetTickCount();
 
-/// Blocks the calling thread for that many ms, punctually: it spins for the last 0.3 ms. 0 yields the processor.
+/// Blocks the calling thread for that many ms, punctually. 0 yields the processor.
 SKIFFPORT_PLATFORM_API void Sleep(DWORD dwMilliseconds);
 
 // For the platform's own use: what Seam.h answers while no test drives the time.
 
 /// Milliseconds of the system's steady clock.
 std::uint64_t SystemMilliseconds();
-/// Sleeps until just before the deadline and spins the rest: wake-up latency would otherwise add up over many sleeps.
+/// Sleeps until the deadline. The kernel, which delays a thread's timers by 50 µs to join them, is asked not to: that
+/// would add up over many sleeps.
 void SleepUntil(std::chrono::steady_clock::time_point deadline);

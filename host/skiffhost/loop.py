@@ -12,14 +12,10 @@ the callable ends the process at once and skips every ``finally`` of its callers
 
 from __future__ import annotations
 
-import asyncio
-import contextlib
 import os
 import sys
-import threading
 import time
-from types import ModuleType
-from typing import Any, Callable, Optional, Set
+from _thread import _local, get_ident  # what threading, which takes long to import, has from there too
 
 from ._messageloop import fileno, pump, wait
 from ._messageloop import release as _release
@@ -33,11 +29,17 @@ MOST_NESTED = 8
 
 QT_BINDINGS = ("PyQt6", "PySide6", "PyQt5", "PySide2")
 
-# Takes a descriptor and the function to call while it is readable. Returns the function that ends the watch.
-Watch = Callable[[int, Callable[[], None]], Callable[[], object]]
+TYPE_CHECKING = False  # as typing's, whose import takes longer than that of this module
+if TYPE_CHECKING:
+    import asyncio
+    from types import ModuleType
+    from typing import Any, Callable, Optional, Set
+
+    # Takes a descriptor and the function to call while it is readable. Returns the function that ends the watch.
+    Watch = Callable[[int, Callable[[], None]], Callable[[], object]]
 
 
-class _Thread(threading.local):
+class _Thread(_local):
     def __init__(self) -> None:
         self.attachments: Set[Attachment] = set()  # keeps a watch alive even if its creator drops it
 
@@ -63,7 +65,7 @@ class Attachment:
     """
 
     def __init__(self, watch: Watch) -> None:
-        self._thread = threading.get_ident()
+        self._thread = get_ident()
         self._descriptor = os.dup(fileno())  # the queue's own can be watched only once and is not ours to close
         self._watch = watch
         self._nested = 0
@@ -80,7 +82,7 @@ class Attachment:
 
         Calling it again is harmless, and an event may call it. Must be called on the thread that attached.
         """
-        if threading.get_ident() != self._thread:
+        if get_ident() != self._thread:
             raise RuntimeError("an attachment must be detached on the thread that created it")
         if self._attached():
             _thread.attachments.remove(self)
@@ -117,6 +119,8 @@ class Attachment:
 
 def attach_asyncio(loop: Optional[asyncio.AbstractEventLoop] = None) -> Attachment:
     """Lets an asyncio loop, by default the running one, deliver the events. Must be called on the loop's thread."""
+    import asyncio
+
     target = loop or asyncio.get_running_loop()
 
     def watch(descriptor: int, run: Callable[[], None]) -> Callable[[], object]:
@@ -141,9 +145,11 @@ def attach_qt(core: Optional[ModuleType] = None) -> Attachment:
         notifier.activated.connect(lambda *_: _report_raised(run))
 
         def unwatch() -> None:
-            with contextlib.suppress(RuntimeError):  # the application is gone, and the notifier with it
+            try:
                 notifier.setEnabled(False)
                 notifier.deleteLater()  # this may run inside its signal
+            except RuntimeError:
+                pass  # the application is gone, and the notifier with it
 
         return unwatch
 

@@ -1,8 +1,11 @@
-"""One measured run of the module in its own process: `client.py upload|first-upload PATH...`, `client.py login COUNT`.
+"""One measured run of the module in its own process. Prints one JSON object; SKIFFPORT_TREE names the built tree.
 
-An upload follows a login, as in every program, since it needs the token; a first upload is the process's first use of
-the network and its libraries. Prints one JSON object: seconds of wall and CPU time for the work itself, and the
-process's peak memory. SKIFFPORT_TREE names the built tree.
+    upload PATH...         seconds of wall and CPU time of an upload, and the process's peak memory; the upload follows a
+                           login, as in every program, since it needs the token
+    first-upload PATH...   the same as the process's first use of the network and its libraries
+    uploads COUNT PATH...  the same of that many uploads at once, and the longest time that one turn of the pump took
+    login COUNT            seconds per login: of the first, with address discovery and a cold trust store, and of COUNT
+    logins THREADS COUNT   logins per second of COUNT sessions on so many threads
 """
 
 from __future__ import annotations
@@ -12,6 +15,7 @@ import os
 import re
 import sys
 import time
+from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
 sys.path.insert(0, os.environ["SKIFFPORT_TREE"])
@@ -29,23 +33,42 @@ def peak_kib() -> int:
         return int(re.search(r"VmHWM:\s+(\d+) kB", status.read()).group(1))
 
 
-def upload(paths: list[str], is_first: bool) -> dict[str, Any]:
-    """Uploads the thirteen files and pumps events until the upload is complete."""
+def upload(paths: list[str], count: int, is_first: bool) -> dict[str, Any]:
+    """Uploads the thirteen files, `count` times at once, and pumps events until all are complete."""
     if not is_first:
         login(0)
     completions: list[tuple] = []
-    uploader = Skiffport.PyPresetUploader(HOST, "0123456789abcdef", "1.0", "bench", UUID)
-    uploader.SetCallback(lambda *event: completions.append(event) if event[1] == "UploadComplete" else None)
+    uploaders = [Skiffport.PyPresetUploader(HOST, "0123456789abcdef", "1.0", "bench", UUID) for _ in range(count)]
     wall, cpu = time.perf_counter(), time.process_time()
-    if not uploader.StartUpload(*paths, "key", "A title", "3", "tag", "A description", "", "PRESET", 7):
-        sys.exit("the upload did not start")
-    while not completions:
+    for uploader in uploaders:
+        uploader.SetCallback(lambda *event: completions.append(event) if event[1] == "UploadComplete" else None)
+        if not uploader.StartUpload(*paths, "key", "A title", "3", "tag", "A description", "", "PRESET", 7):
+            sys.exit("the upload did not start")
+    gap = 0.0
+    while len(completions) < count:
         loop.wait(1.0)
+        turn = time.perf_counter()
         loop.pump()
+        gap = max(gap, time.perf_counter() - turn)
     wall, cpu = time.perf_counter() - wall, time.process_time() - cpu
-    if completions[0][3:5] != (1, f"https://{HOST}/p/7"):
-        sys.exit(f"the upload failed: {completions[0]}")
-    return {"wall": wall, "cpu": cpu, "peak_kib": peak_kib()}
+    if any(event[3:5] != (1, f"https://{HOST}/p/7") for event in completions):
+        sys.exit(f"an upload failed: {completions}")
+    return {"wall": wall, "cpu": cpu, "peak_kib": peak_kib(), "gap": gap}
+
+
+def logins(threads: int, count: int) -> dict[str, float]:
+    """Logs in `count` sessions on so many threads, each twice."""
+    sessions = [Skiffport.KHLoginData("1.0", "bench", UUID) for _ in range(count)]
+
+    def log_in(session: Any) -> int:
+        return session.LoginKestrelhub("member", "password")
+
+    with ThreadPoolExecutor(threads) as pool:
+        for _ in range(2):  # the first round finds the hosts
+            wall, cpu = time.perf_counter(), time.process_time()
+            if set(pool.map(log_in, sessions)) != {1}:
+                sys.exit("a login failed")
+    return {"rate": count / (time.perf_counter() - wall), "cpu": (time.process_time() - cpu) / count}
 
 
 def login(count: int) -> dict[str, Any]:
@@ -66,7 +89,12 @@ def login(count: int) -> dict[str, Any]:
 
 
 if __name__ == "__main__":
-    if sys.argv[1] == "login":
-        print(json.dumps(login(int(sys.argv[2]))))
+    what, *arguments = sys.argv[1:]
+    if what == "login":
+        print(json.dumps(login(int(arguments[0]))))
+    elif what == "logins":
+        print(json.dumps(logins(int(arguments[0]), int(arguments[1]))))
+    elif what == "uploads":
+        print(json.dumps(upload(arguments[1:], int(arguments[0]), False)))
     else:
-        print(json.dumps(upload(sys.argv[2:], sys.argv[1] == "first-upload")))
+        print(json.dumps(upload(arguments, 1, what == "first-upload")))

@@ -21,6 +21,8 @@ from typing import Any, Callable, Iterator, NamedTuple
 from urllib.parse import unquote, urlencode
 from xml.etree import ElementTree
 
+from setting import compile_program, prepare
+
 HOST = "www.kestrelhub.example"
 VERSION = ["1.0", "bench", "00000000-0000-4000-8000-000000000000"]
 LOGIN_PATH = "/servlet/memLogin"
@@ -211,6 +213,7 @@ class Pycurl(PythonClient):
 
 
 CLIENTS = {"module": Module, "requests": Requests, "pycurl": Pycurl}
+BARE = "bare loop"  # of libcurl, which only logs in
 
 
 class Row(NamedTuple):
@@ -250,8 +253,7 @@ def run_client(name: str) -> None:
 class Client:
     """A client's process."""
 
-    def __init__(self, name: str, environment: dict[str, str]) -> None:
-        command = [sys.executable, "-B", __file__, "--client", name]
+    def __init__(self, command: list[str], environment: dict[str, str]) -> None:
         self.process = subprocess.Popen(
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=environment
         )
@@ -265,41 +267,32 @@ class Client:
 
 
 @contextlib.contextmanager
-def prepare(tree: Path) -> Iterator[dict[str, Client]]:
-    """Makes the certificates, and runs the peer and the clients for the duration of the block."""
-    import trustme
-
-    with tempfile.TemporaryDirectory(prefix="skiffport-bench-") as name, contextlib.ExitStack() as stack:
-        folder = Path(name)
-        authority = trustme.CA()
-        authority.cert_pem.write_to_path(folder / "root.pem")
-        authority.issue_cert(HOST, "127.0.0.1").private_key_and_cert_chain_pem.write_to_path(folder / "peer.pem")
-        (folder / "replies.json").write_text(json.dumps(make_replies()))
-        sink = Path(__file__).with_name("sink.py")
-        command = [sys.executable, "-B", sink, folder / "peer.pem", folder / "replies.json"]
-        peer = stack.enter_context(subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True))
-        secure, plain = (int(peer.stdout.readline()) for _ in range(2))
-        environment = {key: value for key, value in os.environ.items() if not key.lower().endswith("_proxy")}
-        environment.update(
-            SKIFFPORT_TREE=str(tree),
-            SKIFFPORT_REGISTRY=str(folder / "no-registry"),
-            SKIFFPORT_CONNECT_TO=f"{HOST}:443:127.0.0.1:{secure},{HOST}:80:127.0.0.1:{plain}",
-            SECURE_PORT=str(secure),
-            PLAIN_PORT=str(plain),
-            SSL_CERT_FILE=str(folder / "root.pem"),
-        )
-        clients = {name: Client(name, environment) for name in CLIENTS}
+def start_clients(tree: Path) -> Iterator[dict[str, Client]]:
+    """Runs the peer and the clients for the duration of the block."""
+    with prepare(tree, make_replies()) as setting, contextlib.ExitStack() as stack:
+        environment = {
+            **setting.environment,
+            "SECURE_PORT": str(setting.secure),
+            "PLAIN_PORT": str(setting.plain),
+        }
+        loop = compile_program(setting.folder, "login_loop", "-lcurl")
+        bare = [loop, f"https://{setting.address}:{setting.secure}", environment["SSL_CERT_FILE"]]
+        commands = {name: [sys.executable, "-B", __file__, "--client", name] for name in CLIENTS}
+        clients = {name: Client(command, environment) for name, command in {**commands, BARE: bare}.items()}
         for client in clients.values():
             stack.enter_context(client.process)
         yield clients
 
 
 def measure(clients: dict[str, Client], rounds: int) -> list[dict[str, list[dict[str, float]]]]:
-    """Returns one round's figures after the other, for each row and client."""
-    figures: list[dict[str, list[dict[str, float]]]] = [{name: [] for name in clients} for _ in ROWS]
+    """Returns one round's figures after the other, for each row and each client that takes part in it."""
+    figures: list[dict[str, list[dict[str, float]]]] = [
+        {name: [] for name in clients if name != BARE or row.name == "login"} for row in ROWS
+    ]
     for number in range(rounds + 1):
         for row, made in enumerate(figures):
-            for name in list(clients)[number % 3 :] + list(clients)[: number % 3]:
+            names = list(made)
+            for name in names[number % len(names) :] + names[: number % len(names)]:
                 figure = clients[name].ask(str(row))
                 if number > 0:  # the first round warms up
                     made[name].append(figure)
@@ -313,19 +306,20 @@ def spread(values: list[float]) -> float:
 
 
 def report(figures: list[dict[str, list[dict[str, float]]]]) -> bool:
-    """Prints a line per row. Returns whether the module never takes more CPU than the faster of the others."""
-    columns = "".join(f"{name + ': wall':>16}     CPU    +-" for name in CLIENTS)
-    print(f"{'ms per call':17}{columns}   CPU to the faster's")
+    """Prints a line per row and client. Returns whether the module's CPU time is within the limits."""
+    print("ms per call        client         wall     CPU    +-   module's CPU to it")
     holds = True
     for row, made in zip(ROWS, figures):
-        wall, cpu = ({name: median(f[key] for f in made[name]) for name in made} for key in ("wall", "cpu"))
-        ratio = cpu["module"] / min(cpu["requests"], cpu["pycurl"])
-        holds &= ratio <= 1
-        cells = "".join(
-            f"{wall[name] * 1000:16.3f} {cpu[name] * 1000:7.3f} {spread([f['cpu'] for f in made[name]]):4.0f}%"
-            for name in made
-        )
-        print(f"{row.name:17}{cells}   {ratio:6.2f} of 1   {'holds' if ratio <= 1 else 'FAILS'}")
+        cpu = {name: median(f["cpu"] for f in made[name]) for name in made}
+        for name in made:
+            wall = median(f["wall"] for f in made[name])
+            cells = f"{wall * 1000:9.3f} {cpu[name] * 1000:7.3f} {spread([f['cpu'] for f in made[name]]):4.0f}%"
+            print(f"{row.name:18} {name:10}{cells}   {cpu['module'] / cpu[name]:6.2f}")
+        # A login is two TLS handshakes. Another client's may use another TLS library, so the loop sets its limit.
+        limit = 1.3 if BARE in made else 1
+        ratio = cpu["module"] / (cpu[BARE] if BARE in made else min(cpu["requests"], cpu["pycurl"]))
+        holds &= ratio <= limit
+        print(f"{row.name:18} {ratio:.2f} of {limit}   {'holds' if ratio <= limit else 'FAILS'}")
     return holds
 
 
@@ -348,10 +342,9 @@ def report_worst(build: Path) -> bool:
     print("\nworst replies         CPU of parsing, s      growth, MiB")
     holds = True
     with tempfile.TemporaryDirectory(prefix="skiffport-bench-") as name:
-        source, program, reply = Path(__file__).with_name("xml_bench.cpp"), Path(name, "xml_bench"), Path(name, "reply")
-        command = ["g++", "-std=c++20", "-O2", f"-I{source.parent.parent}", source, "-o", program]
         libraries = [build / "framework" / "libskiffport_framework.a", build / "python" / "libskiffport_platform.so"]
-        subprocess.run([*command, *libraries, f"-Wl,-rpath,{build / 'python'}"], check=True)
+        program = compile_program(Path(name), "xml_bench", *map(str, libraries), f"-Wl,-rpath,{build / 'python'}")
+        reply = Path(name, "reply")
         for what, make, children in WORST:
             reply.write_text(make(), encoding="ascii")
             output = subprocess.run([program, reply], check=True, stdout=subprocess.PIPE).stdout
@@ -376,7 +369,7 @@ def main() -> int:
         return 0
     if not options.build:
         parser.error("--build is needed")
-    with prepare(options.build.resolve() / "python") as clients:
+    with start_clients(options.build.resolve() / "python") as clients:
         rows_hold = report(measure(clients, 5 if options.quick else 25))
         growth_holds = report_growth(clients["module"].ask("grow"))
     worst_hold = report_worst(options.build.resolve())

@@ -7,21 +7,14 @@ Runs of the two clients alternate, each in its own process, and the figures are 
 from __future__ import annotations
 
 import argparse
-import contextlib
 import json
-import os
-import subprocess
 import sys
-import tempfile
-import time
 from pathlib import Path
 from statistics import median
-from typing import Any, Iterator, NamedTuple
+from typing import Any, NamedTuple
 
-import trustme
+from setting import BENCH, HOSTS, Setting, compile_program, prepare, warn_if_busy
 
-BENCH = Path(__file__).resolve().parent
-HOSTS = ["www.kestrelhub.example", "detect.kestrelhub.example"]
 SYSTEM_ROOTS = Path("/etc/ssl/certs/ca-certificates.crt")
 KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
 SMALL_SIZES = [20_000 + i * 280_000 // 12 for i in range(13)]
@@ -68,59 +61,6 @@ MEDIUM = FileSet("10 MiB + twelve", 5, [10 * MIB, *SMALL_SIZES[1:]])
 LARGE = FileSet("1 GiB + twelve", 5, [GIB, *SMALL_SIZES[1:]])
 
 
-class Setting(NamedTuple):
-    """What a run needs: files, and how to reach and trust the peer."""
-
-    folder: Path
-    port: int
-    environment: dict[str, str]
-
-    def run(self, command: list[str], **variables: str) -> tuple[str, float, float]:
-        """Runs a client to its end. Returns its output, wall seconds and CPU seconds."""
-        start = time.perf_counter()
-        process = subprocess.Popen(
-            command, stdout=subprocess.PIPE, text=True, env={**self.environment, **variables}, cwd=self.folder
-        )
-        output = process.stdout.read()
-        _, status, usage = os.wait4(process.pid, 0)
-        process.returncode = os.waitstatus_to_exitcode(status)
-        process.stdout.close()
-        if process.returncode:
-            sys.exit(f"{command[0]} failed with {process.returncode}: {output}")
-        return output, time.perf_counter() - start, usage.ru_utime + usage.ru_stime
-
-
-@contextlib.contextmanager
-def prepare(tree: Path) -> Iterator[Setting]:
-    """Makes a folder and certificates, and runs the peer for the duration of the block."""
-    with tempfile.TemporaryDirectory(prefix="skiffport-bench-") as name:
-        folder = Path(name)
-        authority = trustme.CA()
-        authority.cert_pem.write_to_path(folder / "root.pem")
-        authority.issue_cert(*HOSTS).private_key_and_cert_chain_pem.write_to_path(folder / "peer.pem")
-        roots = SYSTEM_ROOTS.read_bytes() if SYSTEM_ROOTS.exists() else b""
-        (folder / "all-roots.pem").write_bytes(roots + authority.cert_pem.bytes())
-        peer = subprocess.Popen(
-            [sys.executable, str(BENCH / "sink.py"), str(folder / "peer.pem")],
-            stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE,
-        )
-        try:
-            port = int(peer.stdout.readline())
-            environment = {key: value for key, value in os.environ.items() if not key.lower().endswith("_proxy")}
-            environment.update(
-                SKIFFPORT_TREE=str(tree),
-                SKIFFPORT_REGISTRY=str(folder / "no-registry"),
-                SKIFFPORT_CONNECT_TO=",".join(f"{host}:443:127.0.0.1:{port}" for host in HOSTS),
-                SSL_CERT_FILE=str(folder / "root.pem"),
-            )
-            yield Setting(folder, port, environment)
-        finally:
-            peer.stdin.close()
-            peer.wait()
-            peer.stdout.close()
-
-
 def make_files(setting: Setting, files: FileSet) -> list[str]:
     """Makes the set's files, all zeros, and reads them so that every run finds them cached."""
     paths = []
@@ -135,22 +75,28 @@ def make_files(setting: Setting, files: FileSet) -> list[str]:
     return paths
 
 
-def run_module(setting: Setting, paths: list[str], what: str = "upload") -> dict[str, Any]:
+def run_client(setting: Setting, *arguments: str) -> dict[str, Any]:
+    """Runs the module's client. Adds the user and system time of the whole process to its figures."""
+    output, _, times = setting.run([sys.executable, "-B", str(BENCH / "client.py"), *arguments])
+    return {**json.loads(output), "user": times[0], "system": times[1]}
+
+
+def run_module(setting: Setting, paths: list[str]) -> dict[str, Any]:
     """Runs one upload by the module."""
-    return json.loads(setting.run([sys.executable, "-B", str(BENCH / "client.py"), what, *paths])[0])
+    return run_client(setting, "upload", *paths)
 
 
 def run_curl(setting: Setting, paths: list[str]) -> dict[str, Any]:
     """Runs one upload by curl with the same fields and file parts."""
     command = ["curl", "-q", "-sS", "--fail", "--http1.1", "-H", "Expect:"]
     command += ["--cacert", str(setting.folder / "root.pem")]
-    command += ["--connect-to", f"{HOSTS[0]}:443:127.0.0.1:{setting.port}", "-w", "\n%{time_total}"]
+    command += ["--connect-to", f"{HOSTS[0]}:443:{setting.address}:{setting.secure}", "-w", "\n%{time_total}"]
     for name, value in FIELDS.items():
         command += ["--form-string", f"{name}={value}"]
     for number, path in enumerate([paths[0], paths[1], *paths[1:]]):
         command += ["-F", f"PIPfile{number}=@{path};type=application/octet-stream"]
-    output, _, cpu = setting.run([*command, f"https://{HOSTS[0]}/servlet/uploadTemplate"])
-    return {"wall": float(output.rsplit("\n", 1)[1]), "cpu": cpu}
+    output, _, times = setting.run([*command, f"https://{HOSTS[0]}/servlet/uploadTemplate"])
+    return {"wall": float(output.rsplit("\n", 1)[1]), "cpu": sum(times), "user": times[0], "system": times[1]}
 
 
 def measure_uploads(setting: Setting, files: FileSet, quick: bool) -> dict[str, dict[str, float]]:
@@ -171,29 +117,73 @@ def measure_uploads(setting: Setting, files: FileSet, quick: bool) -> dict[str, 
     return result
 
 
+def write_all_roots(setting: Setting) -> Path:
+    """Writes the system's trusted roots and the peer's own into one file."""
+    path = setting.folder / "all-roots.pem"
+    roots = SYSTEM_ROOTS.read_bytes() if SYSTEM_ROOTS.exists() else b""
+    path.write_bytes(roots + (setting.folder / "root.pem").read_bytes())
+    return path
+
+
 def measure_login(setting: Setting, quick: bool) -> dict[str, float]:
     """Measures a login with the system's trusted roots in addition to the peer's own."""
-    command = [sys.executable, "-B", str(BENCH / "client.py"), "login", "20" if quick else "100"]
-    return json.loads(setting.run(command, SSL_CERT_FILE=str(setting.folder / "all-roots.pem"))[0])
+    setting = setting._replace(environment={**setting.environment, "SSL_CERT_FILE": str(write_all_roots(setting))})
+    return run_client(setting, "login", "20" if quick else "100")
 
 
 def measure_first_upload(setting: Setting, quick: bool) -> float:
     """Returns the seconds above its pauses of a small preset that is a process's first use of the network."""
     paths = make_files(setting, SMALL)
-    walls = [run_module(setting, paths, "first-upload")["wall"] for _ in range(1 if quick else SMALL.rounds)]
+    walls = [run_client(setting, "first-upload", *paths)["wall"] for _ in range(1 if quick else SMALL.rounds)]
     return median(walls) - SMALL.pauses
+
+
+def report_many(setting: Setting) -> None:
+    """Prints what many uploads on one thread's pump, and many logins on many threads, do to each other."""
+    many = run_client(setting, "uploads", "16", *make_files(setting, SMALL))
+    print(
+        f"16 small presets at once: {(many['wall'] - SMALL.pauses) * 1000:.0f} ms above one's pauses, "
+        f"{many['cpu'] * 1000 / 16:.1f} ms CPU each, the pump's longest turn {many['gap'] * 1000:.2f} ms"
+    )
+    for threads in (1, 4, 16):
+        figures = run_client(setting, "logins", str(threads), "64")
+        print(
+            f"64 sessions' logins on {threads:2} threads: {figures['rate']:.0f} a second, "
+            f"{figures['cpu'] * 1000:.2f} ms CPU each"
+        )
+
+
+def measure_start(setting: Setting, quick: bool) -> float:
+    """Returns the CPU seconds of importing the module and its message loop, above the bare interpreter's start."""
+    programs = ["pass", f"import sys; sys.path.append({setting.environment['SKIFFPORT_TREE']!r}); "
+                        "import Skiffport; from skiffhost import loop"]  # fmt: skip
+    times: list[list[float]] = [[], []]
+    for _ in range(5 if quick else 25):
+        for program, made in zip(programs, times):
+            made.append(sum(setting.run([sys.executable, "-c", program])[2]))
+    return median(times[1]) - median(times[0])
 
 
 def measure_trace(setting: Setting, build: Path) -> float:
     """Returns the nanoseconds that a trace call takes while tracing is off."""
-    program = setting.folder / "trace_bench"
-    compile_ = ["g++", "-std=c++20", "-O2", f"-I{BENCH.parent}", str(BENCH / "trace_bench.cpp"), "-o", str(program)]
     libraries = [str(build / "shell" / "libskiffport_trace.a"), str(build / "python" / "libskiffport_platform.so")]
-    setting.run([*compile_, *libraries, f"-Wl,-rpath,{build / 'python'}"])
-    return float(setting.run([str(program)])[0])
+    program = compile_program(setting.folder, "trace_bench", *libraries, f"-Wl,-rpath,{build / 'python'}")
+    return float(setting.run([program])[0])
 
 
-def report_targets(uploads: dict[str, dict[str, dict[str, float]]], login: dict[str, float]) -> bool:
+def report_processor(uploads: dict[str, dict[str, dict[str, float]]]) -> None:
+    """Prints where the largest upload's CPU time goes, with the interpreter's start and the imports and without."""
+    module, curl = (uploads[LARGE.name][who] for who in ("module", "curl"))
+    print("\nCPU of 1 GiB, s       user  system     all  to curl")
+    for name, run in (("module's process", module), ("curl's process", curl)):
+        both = run["user"] + run["system"]
+        print(f"{name:18} {run['user']:7.3f} {run['system']:7.3f} {both:7.3f} {both / (curl['cpu']):8.2f}")
+    print(f"{'the upload alone':18} {'':15} {module['cpu']:7.3f} {module['cpu'] / curl['cpu']:8.2f}")
+
+
+def report_targets(
+    uploads: dict[str, dict[str, dict[str, float]]], login: dict[str, float], start: float
+) -> bool:
     """Prints each target and what was measured. Returns whether all hold."""
     small, medium, large = (uploads[files.name] for files in (SMALL, MEDIUM, LARGE))
     sent = sum(LARGE.part_sizes) - sum(MEDIUM.part_sizes)
@@ -210,6 +200,7 @@ def report_targets(uploads: dict[str, dict[str, dict[str, float]]], login: dict[
         ("CPU a GiB, in curl's", cpu["module"] / cpu["curl"], 1.15),
         ("peak memory, 1 GiB over 10 MiB, MiB", (large["module"]["peak_kib"] - medium["module"]["peak_kib"]) / KIB, 40),
         ("CPU of a login, ms", login["cpu"] * 1000, 5),
+        ("CPU of importing module and loop, ms", start * 1000, 15),
     ]
     for name, measured, limit in rows:
         print(f"{name:40} {measured:7.2f} of {limit:5}   {'holds' if measured <= limit else 'FAILS'}")
@@ -223,8 +214,7 @@ def main() -> int:
     parser.add_argument("--quick", action="store_true", help="one round")
     options = parser.parse_args()
     build = options.build.resolve()
-    if os.getloadavg()[0] > 0.5 * (os.cpu_count() or 1):
-        print(f"The machine is busy (load {os.getloadavg()[0]:.1f}): these figures say little.\n")
+    warn_if_busy()
     with prepare(build / "python") as setting:
         print("files            chunks pauses s module s  above ms  curl ms  module's curl's   module's")
         print("                                                             CPU s    CPU s    peak MiB")
@@ -237,7 +227,9 @@ def main() -> int:
         first = measure_first_upload(setting, options.quick)
         print(f"small preset with no login before it: {first * 1000:.1f} ms above its pauses")
         print(f"trace call while tracing is off: {measure_trace(setting, build):.2f} ns")
-        return 0 if report_targets(uploads, login) else 1
+        report_many(setting)
+        report_processor(uploads)
+        return 0 if report_targets(uploads, login, measure_start(setting, options.quick)) else 1
 
 
 if __name__ == "__main__":

@@ -16,7 +16,8 @@ from skiffhost import loop
 from skiffhost.completion import Completion, address_of
 from skiffhost.outcome import EXIT_CANCELLED, EXIT_NO_ANSWER, Failure
 from skiffhost.presetfiles import find_files
-from skiffhost.progress import choose_view, from_event
+from skiffhost.progress import from_event
+from skiffhost.views import choose_view
 from skiffhost.session import check_login
 
 PRODUCT = ("10.5", "retail", "4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10")  # version, its type, this installation

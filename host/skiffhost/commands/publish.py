@@ -16,9 +16,10 @@ from .. import loop
 from ..completion import Completion, address_of
 from ..outcome import EXIT_NO_ANSWER, Failure, Result
 from ..presetfiles import FILES, find_files
-from ..progress import View, choose_view, from_event
+from ..progress import from_event
 from ..session import Session, log_in, open_session, password_of
 from ..signals import handling
+from ..views import View, choose_view
 from .options import add_command, add_login_options
 
 PUMP_SECONDS = 0.2

@@ -17,5 +17,16 @@ void HoldAcrossFork(std::mutex &mutex);
 /// whether it is registered. When out of memory, the mutex stays unregistered until the next call.
 void HoldAcrossFork(std::mutex &mutex, std::atomic<bool> &isHeld) noexcept;
 
+/// Makes each fork wait while a thread is in the scope: for a library whose locks a fork would leave locked in the
+/// child. Nests. The thread must not block in it, and must not hold a mutex that is held across forks when it enters
+/// the outermost scope. May throw std::bad_alloc.
+class NoForkScope {
+public:
+  NoForkScope();
+  NoForkScope(NoForkScope const &) = delete;
+  NoForkScope &operator=(NoForkScope const &) = delete;
+  ~NoForkScope();
+};
+
 /// The id of the calling process, cached: cheap enough to ask for in every call.
 pid_t CurrentProcess();

@@ -25,6 +25,14 @@ IdleHandles &Idle() {
   return idle;
 }
 
+/// Frees what OpenSSL has for a thread before OpenSSL itself does, which would keep no fork out meanwhile.
+struct ThreadCleanUp {
+  ~ThreadCleanUp() {
+    NoForkScope const scope;
+    OPENSSL_thread_stop();
+  }
+};
+
 void InitializeCurl() {
   static bool const isReady = [] {
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); // a thread may still send at exit
@@ -50,6 +58,7 @@ CurlHandles::Multi TakeIdle() {
 
 CurlHandles MakeCurlHandles(bool mayReuse) {
   InitializeCurl();
+  [[maybe_unused]] static thread_local ThreadCleanUp const s_cleanUp;
   CurlHandles handles;
   if (mayReuse)
     handles.multi = TakeIdle();

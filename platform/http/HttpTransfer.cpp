@@ -36,10 +36,13 @@ HttpTransfer::~HttpTransfer() {
   }
   if (!m_curl.easy)
     return;
+  NoForkScope const scope;
   curl_multi_remove_handle(m_curl.multi.get(), m_curl.easy.get()); // closes the socket and reports it
   m_connection.ReportClosed();
   if (m_mayReuse && m_connection.IsClosed() && m_isFinished && m_error == ERROR_SUCCESS)
     KeepMultiHandle(std::move(m_curl.multi));
+  m_curl.easy.reset(); // here, while no fork can happen
+  m_curl.multi.reset();
 }
 
 // --- What libcurl's callbacks call
@@ -95,8 +98,10 @@ void HttpTransfer::CloseSocket(curl_socket_t fd) {
 
 // --- Driving libcurl
 
-/// Takes the transfer as far as it goes without waiting.
+/// Takes the transfer as far as it goes without waiting. A fork waits for it: a child whose parent had a thread in
+/// OpenSSL could never connect, since a lock there would stay locked.
 void HttpTransfer::Perform() {
+  NoForkScope const scope;
   if (m_isAborted)
     return Fail(ERROR_INTERNET_OPERATION_CANCELLED);
   if (m_isFinished)
@@ -166,6 +171,7 @@ void HttpTransfer::Finish(CURLcode code) {
 }
 
 void HttpTransfer::Fail(DWORD error) {
+  NoForkScope const scope;
   m_error = error;
   m_isFinished = true;
   curl_multi_remove_handle(m_curl.multi.get(), m_curl.easy.get()); // closes the connection
@@ -218,6 +224,7 @@ bool HttpTransfer::IsReplyWhole() const {
 // --- The steps of an exchange
 
 void HttpTransfer::SetUp(HttpRequest const &request, RequestBody const &body) {
+  NoForkScope const scope;
   m_curl = MakeCurlHandles(m_mayReuse);
   m_limits = request.limits;
   m_declared = body.length;

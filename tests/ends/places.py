@@ -42,6 +42,7 @@ PHASES: Dict[str, Phase] = {
     "half": Phase("silent-body", ("--body", ACCEPTED), seconds=62),
     "fast": Phase("keep", ("--body", ACCEPTED), effect=40_000_000, is_reached=lambda place: "\r\n\r\n" in
                   place.received()),
+    "small": Phase("keep", ("--body", ACCEPTED), effect=100_000),
 }
 
 

@@ -4,6 +4,7 @@ the case is an exit. FOLDER is where it may write a preset.
 
 import ctypes
 import functools
+import itertools
 import os
 import pathlib
 import random
@@ -216,8 +217,8 @@ class Pump(threading.Thread):
     def __init__(self, dice, paths, hosts, seconds):
         super().__init__()
         self.dice, self.paths, self.hosts = random.Random(dice.random()), paths, hosts
-        self.end, self.uploaders, self.ended, self.faults = time.monotonic() + seconds, {}, [], []
-        self.numbers = iter(range(1, 1 << 30))
+        self.end, self.numbers = time.monotonic() + seconds, itertools.count(1)
+        self.uploaders, self.running, self.ended, self.faults = {}, {}, [], []
 
     def begin(self, key):
         host = self.dice.choice(self.hosts)
@@ -226,7 +227,7 @@ class Pump(threading.Thread):
         self.start_upload(key)
 
     def start_upload(self, key):
-        self.running = {**getattr(self, "running", {}), key: next(self.numbers)}
+        self.running[key] = next(self.numbers)
         if not self.uploaders[key].StartUpload(*self.paths, *TEXTS, self.running[key]):
             self.faults.append("refused to start")
 
@@ -243,18 +244,18 @@ class Pump(threading.Thread):
                 del self.uploaders[key]
         else:
             act = self.dice.random()
-            if act < 0.02:
+            if act < 0.003:
                 self.running.pop(key)
                 del self.uploaders[key]
-            elif act < 0.1:
+            elif act < 0.015:
                 self.uploaders[key].CancelUpload()
-            elif act < 0.3:
+            elif act < 0.2:
                 loop.pump()
 
     def run(self):
         library = ctypes.CDLL(str(pathlib.Path(Skiffport.__file__).with_name("libskiffport_platform.so")))
         pumps = (loop.pump, functools.partial(library._Z12PumpMessagesi, 64))  # the second without the GIL
-        for key in range(1 << 30):
+        for key in itertools.count():
             if time.monotonic() > self.end:
                 break
             if len(self.uploaders) < 3:
@@ -286,7 +287,7 @@ def pump_on_threads(dice, paths, place, way):
     faults = [fault for pump in pumps for fault in pump.faults]
     ended = [accepted for pump in pumps for accepted in pump.ended]
     assert not faults, faults[:5]
-    assert {0, 1} == set(ended) and len(ended) > 20, ended
+    assert {0, 1} <= set(ended) and len(ended) > 20, ended
 
 
 CASES = {case.__name__: case for case in (fork_and_kill, fork_often, fork_while_the_trace_blocks, leave, interrupted,

@@ -79,9 +79,8 @@ class EndsTest(common.NetworkCase):
         return printed
 
     def test_forks_and_deaths_of_the_service_in_every_phase(self):
-        runs = [("fork_and_kill", name, "upload", 0) for name in places.PHASES if name != "small"]
+        runs = [("fork_and_kill", name, "upload", 0) for name in places.PHASES]
         runs += [("fork_and_kill", name, "login", 0) for name in ("connect", "tls", "silent", "half")]
-        runs += [("fork_while_the_trace_blocks", "fast", "", 0)]
         for run, printed in zip(runs, self.check_all(runs)):
             self.assertEqual(printed.count("TWR version = version of the child"), 1, run)
 

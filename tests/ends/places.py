@@ -2,7 +2,6 @@
 tell that it has come there. Used by the tests of ends, by scripts/soak and by the cancel benchmark.
 """
 
-import json
 import os
 import time
 from typing import Any, Callable, Dict, List, NamedTuple, Tuple
@@ -11,43 +10,11 @@ ACCEPTED = "<uploadTemplate><templateUrl>https%3a%2f%2Fh%2Fp</templateUrl></uplo
 LOGIN = ("<info><tokenid>t</tokenid><username>n</username><profileURL>p</profileURL><VideoGallery>v</VideoGallery>"
          "<AdjustmentPreset>a</AdjustmentPreset><Tutorial>t</Tutorial><search>s</search><RevisionAPI>2</RevisionAPI>"
          "</info>")
-SYN_SENT, ESTABLISHED = "02", "01"
-
-
-class Phase(NamedTuple):
-    scenario: str
-    options: Tuple[str, ...] = ()
-    is_silent_tls: bool = False
-    effect: int = 100  # bytes of the preset's first file
-    seconds: float = 1  # within which a cancelled upload has to end, limits of HttpLimits.h included
-    is_reached: Callable[["Place"], bool] = lambda place: ("memLogin" in place.received() or
-                                                            place.received().endswith("--\r\n"))
-
-
-def is_blocked(place: "Place") -> bool:
-    """True if the peer's silence has filled every buffer."""
-    before = place.connections()
-    time.sleep(0.3)
-    return before == place.connections() and any(unsent for _, unsent in before)
-
-
-PHASES: Dict[str, Phase] = {
-    "connect": Phase("silent-connect", seconds=62, is_reached=lambda place: place.is_in(SYN_SENT)),
-    "tls": Phase("silent-tls", is_silent_tls=True, seconds=62, is_reached=lambda place: place.is_in(ESTABLISHED)),
-    "stall": Phase("stall", effect=30_000_000, seconds=32, is_reached=is_blocked),
-    # 400 KB/s; of a chunk of 4 MiB at most, since the line's buffers swallow 4 MiB and the chunks before it as fast
-    "sip": Phase("sip", ("--pause", "0.01", "--window", "65536"), effect=30_000_000, seconds=30,
-                 is_reached=lambda place: any(unsent for _, unsent in place.connections())),
-    "silent": Phase("silent-reply", seconds=62),
-    "half": Phase("silent-body", ("--body", ACCEPTED), seconds=62),
-    "fast": Phase("keep", ("--body", ACCEPTED), effect=40_000_000, is_reached=lambda place: "\r\n\r\n" in
-                  place.received()),
-    "small": Phase("keep", ("--body", ACCEPTED), effect=100_000),
-}
+SYN_SENT, ESTABLISHED = "02", "01"  # as in /proc/net/tcp
 
 
 class Place(NamedTuple):
-    """A peer that plays one phase. May be passed to another process as text."""
+    """The peer of one phase."""
 
     name: str
     port: int
@@ -59,7 +26,7 @@ class Place(NamedTuple):
         return f"{self.name}.kestrelhub.example"
 
     @property
-    def phase(self) -> Phase:
+    def phase(self) -> "Phase":
         return PHASES[self.name]
 
     def received(self) -> str:
@@ -78,9 +45,6 @@ class Place(NamedTuple):
         return [(row[3], int(row[4].split(":")[0], 16)) for row in rows
                 if row[2].endswith(f":{self.port:04X}") and f"socket:[{row[9]}]" in own]
 
-    def is_in(self, state: str) -> bool:
-        return state in [found for found, _ in self.connections()]
-
 
 def _link(name: str) -> str:
     try:
@@ -89,15 +53,46 @@ def _link(name: str) -> str:
         return ""
 
 
+def is_in(state: str) -> Callable[[Place], bool]:
+    return lambda place: state in [found for found, _ in place.connections()]
+
+
+def is_sent(place: Place) -> bool:
+    return "memLogin" in place.received() or place.received().endswith("--\r\n")
+
+
+def is_blocked(place: Place) -> bool:
+    """True if the peer's silence has filled every buffer."""
+    before = place.connections()
+    time.sleep(0.3)
+    return before == place.connections() and any(unsent for _, unsent in before)
+
+
+class Phase(NamedTuple):
+    scenario: str
+    is_reached: Callable[[Place], bool]
+    seconds: float  # a cancelled upload ends within that: the limit that applies, and what a busy machine adds
+    effect: int = 100  # bytes of the preset's first file
+    options: Tuple[str, ...] = ()
+    tls: str = "good"
+
+
+PHASES: Dict[str, Phase] = {
+    "connect": Phase("silent-connect", is_in(SYN_SENT), 62),
+    "tls": Phase("silent-tls", is_in(ESTABLISHED), 62, tls=""),
+    "stall": Phase("stall", is_blocked, 32, 30_000_000),
+    "sip": Phase("sip", lambda place: any(unsent for _, unsent in place.connections()), 30, 30_000_000,
+                 ("--pause", "0.01", "--window", "65536")),  # 400 KB a second; no limit applies, only the chunk's size
+    "silent": Phase("silent-reply", is_sent, 62),
+    "half": Phase("silent-body", is_sent, 62, options=("--body", ACCEPTED)),
+    "fast": Phase("keep", lambda place: place.received() != "", 1, 40_000_000, ("--body", ACCEPTED)),
+    "small": Phase("keep", lambda place: place.received() != "", 1, 100_000, ("--body", ACCEPTED)),
+}
+
+
 def open_place(network: Any, name: str) -> Place:
     """Starts the peer of a phase in a scripted.Network, which ends it."""
     phase = PHASES[name]
-    peer = network.play(f"{name}.kestrelhub.example", phase.scenario, *phase.options,
-                        tls="" if phase.is_silent_tls else "good")
+    peer = network.play(f"{name}.kestrelhub.example", phase.scenario, *phase.options, tls=phase.tls)
     network.lead(f"{name}.kestrelhub.example:443:127.0.0.1:{peer.port}")
     return Place(name, peer.port, peer._process.pid, peer._record)
-
-
-def place_from(text: str) -> Place:
-    """The inverse of json.dumps."""
-    return Place(*json.loads(text))

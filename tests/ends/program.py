@@ -1,10 +1,11 @@
-"""The program under test: program.py CASE SEED FOLDER PLACE [WAY], with the trace on. Exits with 0 if all held, unless
-the case is an exit. FOLDER is where it may write a preset.
+"""The program under test, with the trace on: program.py CASE SEED FOLDER PLACE WAY. Ends with 0 if all held, unless the
+case is an exit. FOLDER is where it may write a preset.
 """
 
 import ctypes
 import functools
 import itertools
+import json
 import os
 import pathlib
 import random
@@ -21,16 +22,16 @@ import Skiffport
 from skiffhost import loop
 from skiffhost.presetfiles import FILES
 
-REFUSED, PLAIN = "refused.kestrelhub.example", "plain.kestrelhub.example"
+REFUSED, PLAIN, LOGIN = (f"{name}.kestrelhub.example" for name in ("refused", "plain", "login"))
 FORKED = 5  # exit status of a good child
+CHILD = "version of the child"  # which the trace has to show
 
 
 def log_in(host, results=None):
     data = Skiffport.KHLoginData("10.5", "retail", "uuid")
     data.SetKHURLAsReg(host)
     result = data.LoginKestrelhub("mika", "secret")
-    if results is not None:
-        results.append(result)
+    (results if results is not None else []).append(result)
     return result
 
 
@@ -38,150 +39,94 @@ def ask(host):
     return Skiffport.KHConnectUtil().SyncSendHttpRequestParam(host, 80, "/", "a=b")
 
 
-class Work:
-    """An upload or a login at a place."""
+def start_thread(work, *arguments):
+    thread = threading.Thread(target=work, args=arguments, daemon=True)
+    thread.start()
+    return thread
 
-    def __init__(self, place, paths, is_login):
-        self.place, self.results, self.publication = place, [], None
-        if is_login:
-            threading.Thread(target=log_in, args=(place.host, self.results), daemon=True).start()
-        else:
-            self.publication = Publication(place.host)
-            assert self.publication.start(paths) != 0
 
-    def come_there(self):
-        fixtures.wait_until(lambda: self.pump() or self.place.phase.is_reached(self.place), self.place.name)
-
-    def pump(self):
-        if self.publication:
-            loop.pump()
-            self.results = [event[1:] for event in self.publication.events if event[0] == "UploadComplete"]
-
-    def check_end(self):
-        """Expects exactly one result, that of a service that died."""
-        fixtures.wait_until(lambda: self.pump() or self.results, "the end", seconds=20)
-        if self.publication:
-            assert loop.pump() == 0 and len(self.results) == 1, self.results
-            accepted = 1 if self.place.name == "half" else 0  # the status had arrived
-            assert self.results[0][1:4] == (accepted, "", "") or self.place.name == "fast", self.results
-        else:
-            assert len(self.results) == 1 and self.results[0] != 1, self.results
+def completions(publication):
+    return [event[1:] for event in publication.events if event[0] == "UploadComplete"]
 
 
 def reap(child):
     """Waits for a forked child, which must have done everything."""
-    found = (0, 0)
-
-    def has_ended():
-        nonlocal found
-        found = os.waitpid(child, os.WNOHANG)
-        return found[0]
-
+    status = []
     try:
-        fixtures.wait_until(has_ended, "the child's end", seconds=20)
+        fixtures.wait_until(lambda: status.append(os.waitpid(child, os.WNOHANG)) or status[-1][0], "a child", 20)
     except AssertionError:
         os.kill(child, signal.SIGABRT)  # prints where it is
         raise
-    assert found[1] == FORKED << 8, f"the forked child ended with {found[1]}"
+    assert status[-1][1] == FORKED << 8, f"the forked child ended with {status[-1][1]}"
 
 
 def fork_and_kill(dice, paths, place, way):
-    """A fork at a place harms neither side, and the peer's death there ends the work once."""
-    work = Work(place, paths, way == "login")
-    work.come_there()
+    """A fork in a phase of an upload or a login harms neither side, and the peer's death then ends the work once."""
+    publication, results = Publication(place.host), []
+    if way == "login":
+        start_thread(log_in, place.host, results)
+    else:
+        assert publication.start(paths) != 0
+    fixtures.wait_until(lambda: loop.pump() < 0 or place.phase.is_reached(place), place.name)
     time.sleep(dice.random() / 5)
     child = os.fork()
     if child == 0:
-        Skiffport.KHLoginData("version of the child", "retail", "uuid")
+        Skiffport.KHLoginData(CHILD, "retail", "uuid")
         assert ask(PLAIN)["data"] == "plain" and loop.pump() == 0
+        assert log_in(LOGIN) == 1
         own = Publication("no-host:1")
         assert own.start(paths) and own.completion()[1] == 0
-        work.publication = None  # which the parent's thread uses
+        publication.uploader = None  # which the parent's thread uses
         sys.exit(FORKED)
     reap(child)
     os.kill(place.process, signal.SIGKILL)
-    work.check_end()
+    fixtures.wait_until(lambda: loop.pump() < 0 or results or completions(publication), "the end", 20)
+    publication.uploader = None
+    assert loop.pump() == 0 and len(results + completions(publication)) == 1
+    accepted = place.name in ("half", "fast")  # the status may have arrived
+    assert accepted or 1 not in (results or [completions(publication)[0][1]]), (results, publication.events)
 
 
-def fork_often(dice, paths, *_):
-    """Forks at random moments while threads log in, fail, trace and upload: no lock stays held in a child."""
-    stop, faults = threading.Event(), []
+def fork_often(dice, paths, place, way):
+    """Forks at random moments while threads log in, fail, trace and upload: no lock stays locked in a child."""
+    faults, publication = [], Publication(REFUSED)
 
-    def work(host):
-        while not stop.is_set():
-            if log_in(host) == 1 or ask(REFUSED)["bSucc"] != 0:
+    def work():
+        while not faults:
+            if log_in(REFUSED) == 1 or ask(REFUSED)["bSucc"] != 0:
                 faults.append("a refused call succeeded")
 
-    threads = [threading.Thread(target=work, args=(REFUSED,), daemon=True) for _ in range(3)]
-    for thread in threads:
-        thread.start()
-    publication = Publication(REFUSED)
+    for _ in range(3):
+        start_thread(work)
     for _ in range(100):
-        if publication.start(paths):
-            time.sleep(dice.random() / 200)
+        publication.start(paths)
+        time.sleep(dice.random() / 200)
         child = os.fork()
         if child == 0:
             log_in(REFUSED)
             os._exit(FORKED)
         reap(child)
         loop.pump()
-    stop.set()
-    for thread in threads:
-        thread.join()
     assert not faults, faults
 
 
-def fork_while_the_trace_blocks(dice, paths, place, _):
-    """A thread that waits for the reader of its trace holds nothing that a fork, its child or an exit needs."""
-    reader, writer = os.pipe()
-    os.set_blocking(writer, False)
-    while True:
-        try:
-            os.write(writer, b"x" * 4096)
-        except BlockingIOError:
-            break
-    os.set_blocking(writer, True)
-    data = Skiffport.KHLoginData("10.5", "retail", "uuid")
-    data.SetKHURLAsReg(REFUSED)
-    results, saved = [], os.dup(2)
-    thread = threading.Thread(target=lambda: results.append(data.LoginKestrelhub("mika", "secret")))
-    os.dup2(writer, 2)
-    thread.start()
-    calls = f"/proc/self/task/{thread.native_id}/syscall"
-    fixtures.wait_until(lambda: pathlib.Path(calls).read_text().startswith("1 0x2 "), "a trace call that blocks")
-    child = os.fork()
-    if child == 0:
-        os.dup2(saved, 2)
-        Skiffport.KHLoginData("version of the child", "retail", "uuid")
-        assert ask(PLAIN)["data"] == "plain"
-        sys.exit(FORKED)
-    os.dup2(saved, 2)
-    try:
-        reap(child)
-    finally:
-        os.close(reader)  # the blocked call fails
-    thread.join()
-    assert results and results[0] != 1
-
-
 def leave(dice, paths, place, way):
-    """Ends the process at a random moment of an upload, of uploads on another thread and of calls on daemon threads."""
-    Work(place, paths, True)
-    threading.Thread(target=ask, args=(place.host,), daemon=True).start()
-    threading.Thread(target=lambda: Publication(place.host).start(paths) and loop.wait(60), daemon=True).start()
-    work = Work(place, paths, False)
+    """Ends the process at a random moment of an upload, of another thread's upload and of calls on daemon threads."""
+    start_thread(log_in, place.host)
+    start_thread(ask, place.host)
+    start_thread(lambda: Publication(place.host).start(paths) and loop.wait(60))
+    publication = Publication(place.host)
+    publication.start(paths)
     time.sleep(dice.random() * 0.4)
     loop.pump()
-    builtins_keep = {"sys.exit": lambda: sys.exit(3), "os._exit": lambda: os._exit(4),
-                     "SIGTERM": lambda: os.kill(os.getpid(), signal.SIGTERM) or time.sleep(60)}
-    if way == "raise":
-        raise RuntimeError("unhandled")
-    builtins_keep.get(way, lambda: work)()
+    ways = {"sys.exit": lambda: sys.exit(3), "os._exit": lambda: os._exit(4), "return": lambda: None,
+            "SIGTERM": lambda: os.kill(os.getpid(), signal.SIGTERM)}
+    ways[way]()  # a KeyError for "raise"
 
 
-def interrupted(dice, paths, place, _):
+def interrupted(dice, paths, place, way):
     """A storm of SIGINT changes no result. The handler raises now and then, outside the callable."""
-    seen, armed = [], []
+    seen, armed, raised = [], [], []
 
     def handle(*_):
         seen.append(1)
@@ -192,39 +137,31 @@ def interrupted(dice, paths, place, _):
     signal.signal(signal.SIGINT, handle)
     print("ready", flush=True)
     for _ in range(3):
-        assert log_in("login.kestrelhub.example") == 1
+        assert log_in(LOGIN) == 1
         assert ask(PLAIN) == {"bSucc": 1, "data": "plain"}
         publication = Publication(place.host)
         assert publication.start(paths) != 0
-        raised = 0
-        while not publication.events or publication.events[-1][0] != "UploadComplete":
+        while not completions(publication):
             try:
                 armed.append(1)
                 loop.wait(0.05)
                 armed.clear()
                 loop.pump()
             except KeyboardInterrupt:
-                raised += 1
-        completions = [event[2:5] for event in publication.events if event[0] == "UploadComplete"]
-        assert completions == [(1, "https://h/p", "")], completions
-        assert raised, "no signal came"
+                raised.append(1)
+        assert [event[1:4] for event in completions(publication)] == [(1, "https://h/p", "")], publication.events
     signal.signal(signal.SIGINT, signal.SIG_IGN)
+    assert raised, "no signal came"
 
 
 class Pump(threading.Thread):
     """A thread with uploaders of its own, which its callables start again, cancel and delete at random."""
 
-    def __init__(self, dice, paths, hosts, seconds):
+    def __init__(self, dice, paths, host):
         super().__init__()
-        self.dice, self.paths, self.hosts = random.Random(dice.random()), paths, hosts
-        self.end, self.numbers = time.monotonic() + seconds, itertools.count(1)
+        self.dice, self.paths, self.hosts = random.Random(dice.random()), paths, (host, host, REFUSED, "x.invalid")
+        self.end, self.numbers = time.monotonic() + 4, itertools.count(1)
         self.uploaders, self.running, self.ended, self.faults = {}, {}, [], []
-
-    def begin(self, key):
-        host = self.dice.choice(self.hosts)
-        self.uploaders[key] = Skiffport.PyPresetUploader(host, "", "10.5", "retail", "uuid")
-        self.uploaders[key].SetCallback(functools.partial(self.on_event, key))
-        self.start_upload(key)
 
     def start_upload(self, key):
         self.running[key] = next(self.numbers)
@@ -245,7 +182,6 @@ class Pump(threading.Thread):
         else:
             act = self.dice.random()
             if act < 0.003:
-                self.running.pop(key)
                 del self.uploaders[key]
             elif act < 0.015:
                 self.uploaders[key].CancelUpload()
@@ -256,44 +192,36 @@ class Pump(threading.Thread):
         library = ctypes.CDLL(str(pathlib.Path(Skiffport.__file__).with_name("libskiffport_platform.so")))
         pumps = (loop.pump, functools.partial(library._Z12PumpMessagesi, 64))  # the second without the GIL
         for key in itertools.count():
-            if time.monotonic() > self.end:
-                break
-            if len(self.uploaders) < 3:
-                self.begin(key)
+            if time.monotonic() < self.end and len(self.uploaders) < 3:
+                self.uploaders[key] = Skiffport.PyPresetUploader(self.dice.choice(self.hosts), "", "", "", "")
+                self.uploaders[key].SetCallback(functools.partial(self.on_event, key))
+                self.start_upload(key)
             loop.wait(0.02)
             self.dice.choice(pumps)()
-        fixtures.wait_until(lambda: loop.wait(0.02) and loop.pump() and False or not self.uploaders, "the last ends")
+            if time.monotonic() > self.end and not self.uploaders:
+                return
 
 
 def pump_on_threads(dice, paths, place, way):
     """Threads pump, with and without the GIL, while another keeps taking it: each upload ends exactly once."""
     sys.setswitchinterval(1e-4)
-    stop = threading.Event()
-    hold_gil = ctypes.PyDLL(None).usleep
-
-    def hog():
-        while not stop.is_set():
-            hold_gil(random.randrange(2000))
-
-    hogs = threading.Thread(target=hog)
-    hogs.start()
-    pumps = [Pump(dice, paths, (place.host, place.host, REFUSED, "no-host:1", "x.invalid"), float(way))
-             for _ in range(4)]
+    hold_gil, stop = ctypes.PyDLL(None).usleep, []
+    hog = start_thread(lambda: [hold_gil(1000) for _ in itertools.takewhile(lambda _: not stop, itertools.count())])
+    pumps = [Pump(dice, paths, place.host) for _ in range(4)]
     for pump in pumps:
         pump.start()
     for pump in pumps:
         pump.join()
-    stop.set()
+    stop.append(1)
+    hog.join()
     faults = [fault for pump in pumps for fault in pump.faults]
     ended = [accepted for pump in pumps for accepted in pump.ended]
     assert not faults, faults[:5]
-    assert {0, 1} <= set(ended) and len(ended) > 20, ended
+    assert {0, 1} == set(ended) and len(ended) > 20, ended
 
 
-CASES = {case.__name__: case for case in (fork_and_kill, fork_often, fork_while_the_trace_blocks, leave, interrupted,
-                                          pump_on_threads)}
 if __name__ == "__main__":
-    case, seed, folder, where, *ways = sys.argv[1:]
-    at = places.place_from(where)
+    case, seed, folder, where, chosen = sys.argv[1:]
+    at = places.Place(*json.loads(where))
     files = fixtures.write_preset(pathlib.Path(folder, f"{case}-{os.getpid()}"), {"effect": at.phase.effect})
-    CASES[case](random.Random(seed), [str(files / f"{name}.bin") for name in FILES], at, *(ways or [""]))
+    globals()[case](random.Random(seed), [str(files / f"{name}.bin") for name in FILES], at, chosen)

@@ -33,13 +33,13 @@ run_release() { # the soak mostly waits, so both run at once
   tail -n 8 "$work/soak"
 }
 run_asan() {
-  ends asan 8 ENDS_PRELOAD="$(library asan) $(library ubsan)" PYTHONMALLOC=malloc \
+  ends asan 6 ENDS_PRELOAD="$(library asan) $(library ubsan)" PYTHONMALLOC=malloc \
     ASAN_OPTIONS=detect_stack_use_after_return=1:leak_check_at_exit=0 UBSAN_OPTIONS=halt_on_error=1 || failed=1
 }
 # Debian's interpreter is not instrumented, but its locks go through the preloaded library, the GIL among them: what the
 # module does is checked, and what the interpreter does is in order with it.
 run_tsan() {
-  ends tsan 8 ENDS_PRELOAD="$(library tsan)" \
+  ends tsan 6 ENDS_PRELOAD="$(library tsan)" \
     TSAN_OPTIONS="die_after_fork=0:second_deadlock_stack=1:suppressions=$PWD/tests/ends/tsan.supp" || failed=1
 }
 

@@ -103,8 +103,8 @@ def main() -> int:
         whole = [seconds for _, seconds in found]
         kept = max(whole) <= places.PHASES[name].seconds
         holds = holds and kept
-        print(f"{name:8} {way:8} {len(found):7} {median(whole):9.3f} {max(whole):9.3f} {places.PHASES[name].seconds:8.0f}"
-              f"   {'holds' if kept else 'FAILS'}")
+        print(f"{name:8} {way:8} {len(found):7} {median(whole):9.3f} {max(whole):9.3f} "
+              f"{places.PHASES[name].seconds:8.0f}   {'holds' if kept else 'FAILS'}")
     slowest = max(call for (_, way), found in results.items() if way == "cancel" for call, _ in found)
     print(f"CancelUpload itself: {slowest * 1e6:.0f} us at most")
     return 0 if holds and slowest <= SLOWEST_CALL else 1

@@ -25,12 +25,13 @@ SLOWEST_CALL = 0.01  # seconds that CancelUpload itself may take
 def sample(place: Any, paths: list[str], way: str, delay: float) -> tuple[float, float]:
     """Ends one upload. Returns the seconds that the call took, and those until the upload was over."""
     import fixtures
+    import places
     from publication import Publication
     from skiffhost import loop
 
     publication = Publication(place.host)
     assert publication.start(paths)
-    fixtures.wait_until(lambda: loop.pump() < 0 or place.phase.is_reached(place), place.name)
+    fixtures.wait_until(lambda: loop.pump() < 0 or places.PHASES[place.name].is_reached(place), place.name)
     time.sleep(delay)
     begin = time.perf_counter()
     if way == "delete":
@@ -52,7 +53,7 @@ def start_sample(network: Any, folder: Path, name: str, way: str, delay: float) 
     preset = folder / name
     if not preset.exists():
         # A fast upload takes some 4 s if it is not cancelled, with so many chunks and their pauses.
-        sizes = dict.fromkeys(FILES, 1_000_000) if name == "fast" else {"effect": place.phase.effect}
+        sizes = dict.fromkeys(FILES, 1_000_000) if name == "fast" else {"effect": places.PHASES[name].effect}
         fixtures.write_preset(preset, sizes)
     reader, writer = os.pipe()
     if os.fork() == 0:

@@ -25,10 +25,6 @@ class Place(NamedTuple):
     def host(self) -> str:
         return f"{self.name}.kestrelhub.example"
 
-    @property
-    def phase(self) -> "Phase":
-        return PHASES[self.name]
-
     def received(self) -> str:
         """Returns the end of what the peer has received."""
         if not os.path.exists(self.record):
@@ -39,18 +35,11 @@ class Place(NamedTuple):
 
     def connections(self) -> List[Tuple[str, int]]:
         """Returns the state and the unacknowledged bytes of this process's connections to the peer."""
-        own = {_link(name) for name in os.listdir("/proc/self/fd")}
+        own = {os.path.basename(os.path.realpath(f"/proc/self/fd/{name}")) for name in os.listdir("/proc/self/fd")}
         with open("/proc/net/tcp", encoding="ascii") as table:
             rows = [line.split() for line in table]
         return [(row[3], int(row[4].split(":")[0], 16)) for row in rows
                 if row[2].endswith(f":{self.port:04X}") and f"socket:[{row[9]}]" in own]
-
-
-def _link(name: str) -> str:
-    try:
-        return os.readlink(f"/proc/self/fd/{name}")
-    except OSError:  # closed meanwhile
-        return ""
 
 
 def is_in(state: str) -> Callable[[Place], bool]:

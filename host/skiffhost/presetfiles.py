@@ -4,9 +4,11 @@ from __future__ import annotations
 
 import os
 import unicodedata
-from typing import Dict, List, Mapping, Optional
+from typing import Dict, List, Mapping, Optional, Union
 
-from .outcome import EXIT_USAGE, Failure
+__all__ = ["FILES", "LARGEST_UPLOAD", "SENT", "PresetFilesError", "find_files"]
+
+Path = Union[str, "os.PathLike[str]"]
 
 # In the order of an uploader's arguments; also the names of the files in a preset's folder, without the extension.
 FILES = ("effect", "cover_after", "cover_before", "thumbnail_after", "thumbnail_before", "curve_rgb", "curve_r",
@@ -18,17 +20,25 @@ SENT = ("effect", "cover_after", *FILES[1:])
 LARGEST_UPLOAD = 2**32 - 2**20
 
 
-def find_files(folder: Optional[str], given: Mapping[str, Optional[str]]) -> List[str]:
-    """Returns the thirteen paths in the order of FILES: the given ones, and the others from the folder.
+class PresetFilesError(ValueError):
+    """A preset's files are not as they have to be. ``faults`` lists everything that was found, in words."""
 
-    Raises Failure that lists every fault found.
+    def __init__(self, faults: List[str]) -> None:
+        super().__init__("; ".join(faults))
+        self.faults = faults
+
+
+def find_files(folder: Optional[Path] = None, given: Optional[Mapping[str, Optional[Path]]] = None) -> List[str]:
+    """Returns the thirteen paths in the order of FILES: the given ones, by name, and the others from the folder.
+
+    In the folder, a file's name without its extension is one of FILES. Raises PresetFilesError.
     """
-    entries = _by_stem(folder) if folder is not None else {}
+    entries = _by_stem(os.fspath(folder)) if folder is not None else {}
     faults: List[str] = []
     paths: List[str] = []
     for name in FILES:
-        path = given.get(name)
-        found = [path] if path is not None else entries.get(name, [])
+        path = (given or {}).get(name)
+        found = [os.fspath(path)] if path is not None else entries.get(name, [])
         if len(found) == 1:
             paths.append(found[0])
             faults += _faults_of(found[0])
@@ -36,11 +46,11 @@ def find_files(folder: Optional[str], given: Mapping[str, Optional[str]]) -> Lis
             candidates = ", ".join(sorted(os.path.basename(path) for path in found))
             faults.append(f"several files could be {name}: {candidates}")
         else:
-            faults.append(f"no file {name}" + (f" in {folder}" if folder is not None else ""))
+            faults.append(f"no file {name}" + (f" in {os.fspath(folder)}" if folder is not None else ""))
     if not faults and sum(os.path.getsize(paths[FILES.index(name)]) for name in SENT) > LARGEST_UPLOAD:
         faults.append("the files are too large together: an upload is limited to 4 GiB")
     if faults:
-        raise Failure(EXIT_USAGE, "; ".join(faults))
+        raise PresetFilesError(faults)
     return paths
 
 
@@ -51,7 +61,7 @@ def _by_stem(folder: str) -> Dict[str, List[str]]:
         for entry in os.listdir(folder):
             entries.setdefault(os.path.splitext(entry)[0], []).append(os.path.join(folder, entry))
     except OSError as error:
-        raise Failure(EXIT_USAGE, f"cannot read the folder: {error}") from error
+        raise PresetFilesError([f"cannot read the folder: {error}"]) from error
     return entries
 
 

@@ -13,9 +13,10 @@ import uuid
 from typing import Any, List, Optional
 
 from .. import loop
-from ..completion import Completion, address_of
+from ..completion import Completion
+from ..failures import address_of, find_files
 from ..outcome import EXIT_NO_ANSWER, Failure, Result
-from ..presetfiles import FILES, find_files
+from ..presetfiles import FILES
 from ..progress import from_event
 from ..session import Session, log_in, open_session, password_of
 from ..signals import handling

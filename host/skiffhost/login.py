@@ -1,0 +1,78 @@
+"""Says in words why a login failed. Asks the service once more where the result alone does not tell."""
+
+from __future__ import annotations
+
+import time
+from typing import Any
+
+__all__ = ["NETWORK_ERRORS", "explain_login", "was_refused"]
+
+# What the network errors mean that a login returns.
+NETWORK_ERRORS = {
+    8: "there is not enough memory",
+    12002: "it timed out",
+    12005: "the address is invalid",
+    12007: "the host was not found",
+    12017: "the request was cancelled",
+    12029: "the connection failed",
+    12030: "the connection was closed",
+    12031: "the connection was reset",
+    12037: "the certificate has expired or is not valid yet",
+    12038: "the certificate is for another host",
+    12045: "the certificate's issuer is not trusted",
+    12057: "it could not be checked whether the certificate was revoked",
+    12152: "the reply was not valid HTTP, or too long",
+    12157: "the secure connection failed",
+    12170: "the certificate was revoked",
+    12175: "the reply could not be decoded",
+}
+
+# How long the probe before a login waits.
+PROBE_SECONDS = 5.5
+
+
+def was_refused(session: Any, result: int) -> bool:
+    """Returns whether the service answered and did not accept the login. Sends nothing.
+
+    Takes the session object and what its LoginKestrelhub returned.
+    """
+    return result == 0 and bool(session.m_bServerReachable)
+
+
+def explain_login(session: Any, result: int) -> str:
+    """Returns why a login failed, in words; an empty text if it succeeded.
+
+    Takes the session object and what its LoginKestrelhub returned. Call it after a failed login, before anything else
+    of that object, and on the worker thread that logged in: if the service's default host was found unreachable, a
+    request to it finds out why. That may block for 5 s to connect and then, if the host accepts connections but never
+    answers, for 60 s. It holds the GIL only while it reads a reply's body.
+    """
+    if result == 1:
+        return ""
+    if result != 0:
+        reason = NETWORK_ERRORS.get(result, "the exchange failed")
+        return f"no answer to the login: {reason} (error {result})"
+    if session.m_bServerReachable:
+        return "the service did not accept the login"
+    address = session.m_szChkServerUrl  # what was probed last
+    if not address:
+        return "no login: the user name or the password is missing"
+    return f"no answer to the login: {_why_unreachable(address.partition('://')[2])}"
+
+
+def _why_unreachable(host: str) -> str:
+    """Sends a request that ignores the name and the date of the host's certificate, which the probe does not."""
+    import Skiffport
+
+    start = time.monotonic()
+    reply = Skiffport.KHConnectUtil().SyncSendHttpRequest(host, 443, "/", "", "")
+    seconds = time.monotonic() - start
+    if "errMsg" in reply:
+        text = reply["errMsg"].rstrip(".")
+        return text[:1].lower() + text[1:]
+    if not reply.get("bSucc"):
+        return "the service cannot be reached"
+    if seconds >= PROBE_SECONDS:
+        return f"the service took {seconds:.0f} s to answer"
+    return ("the service can be reached, but its certificate has expired, is not valid yet or is for another host; "
+            "or it could not be reached for a moment")

@@ -15,7 +15,7 @@ from __future__ import annotations
 import os
 import sys
 import time
-from _thread import _local, get_ident  # what threading, which takes long to import, has from there too
+from _thread import _local, get_ident  # type: ignore[attr-defined]  # what threading, which takes long to import, has from there too
 
 from ._messageloop import fileno, pump, wait
 from ._messageloop import release as _release
@@ -39,7 +39,7 @@ if TYPE_CHECKING:
     Watch = Callable[[int, Callable[[], None]], Callable[[], object]]
 
 
-class _Thread(_local):
+class _Thread(_local):  # type: ignore[misc]
     def __init__(self) -> None:
         self.attachments: Set[Attachment] = set()  # keeps a watch alive even if its creator drops it
 

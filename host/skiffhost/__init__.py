@@ -1,5 +1,42 @@
-"""Runs the Skiffport module without its application: a message loop, and a command line (``python3 -m skiffhost``)."""
+"""Runs the Skiffport module without its application: helpers for hosts, and a command line (``python3 -m skiffhost``).
+
+For hosts: ``loop`` delivers an uploader's events through any event loop; ``Uploader`` is an uploader for a ``with``
+block; ``Tracker`` and ``Completion`` put the events into everyday terms (``progress``, ``completion``);
+``explain_login`` says why a login failed (``login``); ``find_files`` finds and checks a preset's files
+(``presetfiles``). Everything else belongs to the command line and may change.
+"""
 
 from ._version import __version__
 
-__all__ = ["__version__"]
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    from typing import Any, List
+
+    from .completion import Completion as Completion
+    from .login import explain_login as explain_login
+    from .presetfiles import find_files as find_files
+    from .progress import Tracker as Tracker
+    from .uploads import Uploader as Uploader
+
+# Imported when they are first used: a host that only pumps needs none of them.
+_HOMES = {
+    "Completion": "completion",
+    "Tracker": "progress",
+    "Uploader": "uploads",
+    "explain_login": "login",
+    "find_files": "presetfiles",
+}
+
+__all__ = ["Completion", "Tracker", "Uploader", "__version__", "explain_login", "find_files"]
+
+
+def __getattr__(name: str) -> "Any":
+    if name not in _HOMES:
+        raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
+    from importlib import import_module
+
+    return getattr(import_module(f"{__name__}.{_HOMES[name]}"), name)
+
+
+def __dir__() -> "List[str]":
+    return sorted({*globals(), *_HOMES})

@@ -220,3 +220,6 @@ public:
   PyObject *GetUploadedFileUrl();
   std::map<unsigned int, int> m_mapTID2KHID;
 };
+
+// The docstrings of the proxy's classes, generated from the stub. The flat functions keep those that SWIG makes.
+%pythoncode "ProxyDocs.py"

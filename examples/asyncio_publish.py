@@ -9,75 +9,79 @@ import asyncio
 import os
 import signal
 import sys
-import uuid
+from typing import Any, List
 
 import Skiffport
-from skiffhost import loop
-from skiffhost.completion import Completion, address_of
-from skiffhost.outcome import EXIT_CANCELLED, EXIT_NO_ANSWER, Failure
-from skiffhost.presetfiles import find_files
-from skiffhost.progress import from_event
-from skiffhost.views import choose_view
-from skiffhost.session import check_login
+from skiffhost import Completion, Tracker, Uploader, explain_login, find_files, loop
+from skiffhost.completion import CANCELLED, NotPublished, address_of
 
 PRODUCT = ("10.5", "retail", "4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10")  # version, its type, this installation
+EXIT_CANCELLED = 130  # as after Ctrl-C
 
 
-async def log_in(user, password):
-    """Returns the session. The call blocks, so it runs on another thread; it releases the GIL."""
+def log_in(user: str, password: str) -> Skiffport.KHLoginData:
+    """Returns the session. Blocks but releases the GIL, so it runs on a worker thread."""
     session = Skiffport.KHLoginData(*PRODUCT)
-    outcome = await asyncio.get_running_loop().run_in_executor(None, session.LoginKestrelhub, user, password)
-    check_login(session, outcome)
+    problem = explain_login(session, session.LoginKestrelhub(user, password))
+    if problem:
+        raise RuntimeError(problem)
     return session
 
 
-async def upload(session, paths, title):
-    """Uploads and shows the progress. Returns the published address."""
+async def upload(session: Skiffport.KHLoginData, paths: List[str], title: str) -> str:
+    """Uploads and shows the progress. Returns the published address. Raises NotPublished."""
     running = asyncio.get_running_loop()
-    done = running.create_future()
-    view = choose_view("auto", sys.stderr, os.environ)
+    done: "asyncio.Future[Completion]" = running.create_future()
+    tracker = Tracker()
 
-    def on_event(_source, name, *values):
-        if name == "ProgressChanged":
-            view.show(from_event(*values))
-        elif name == "UploadComplete":
-            done.set_result(Completion(*values))
+    def show() -> None:
+        print(tracker.phase, f"{tracker.percent} %", tracker.describe(), file=sys.stderr, flush=True)
 
-    def cancel(uploader):
-        uploader.CancelUpload()  # the completion event still arrives
-        view.cancelling = True
-        view.draw()
+    def on_event(*event: Any) -> None:
+        tracker.feed(*event)
+        if tracker.completion is None:
+            show()
+        else:
+            done.set_result(tracker.completion)
 
-    with loop.attach_asyncio():
-        uploader = Skiffport.PyPresetUploader(session.GetServerUrl(), session.GetLoginTokenID(), *PRODUCT)
+    # The uploader goes first at the end, then the attachment.
+    with loop.attach_asyncio(), Uploader(session.GetServerUrl(), session.GetLoginTokenID(), *PRODUCT) as uploader:
+        def cancel() -> None:
+            uploader.CancelUpload()  # the completion event still arrives
+            tracker.cancel()
+            show()
+
         uploader.SetCallback(on_event)
-        texts = [str(uuid.uuid4()).upper(), title, "", "", "", "", ""]  # key, title, category ... type
-        running.add_signal_handler(signal.SIGINT, cancel, uploader)
+        running.add_signal_handler(signal.SIGINT, cancel)
         try:
-            if uploader.StartUpload(*paths, *texts, 1) == 0:
-                raise Failure(EXIT_NO_ANSWER, "the upload could not be started")
+            uploader.start(paths, title=title)
             completion = await done
         finally:
             running.remove_signal_handler(signal.SIGINT)
-            uploader.SetCallback(None)  # breaks the cycle of uploader and callable
-            del uploader
-            view.close()
-    return address_of(completion, view.cancelling)
+    return address_of(completion, tracker.cancelled)
 
 
-async def publish(folder, title):
-    paths = find_files(folder, {})
-    session = await log_in(os.environ["SKIFFHOST_USER"], os.environ["SKIFFHOST_PASSWORD"])
-    print("published", await upload(session, paths, title))
+async def publish(folder: str, title: str) -> str:
+    paths = find_files(folder)
+    user, password = os.environ["SKIFFHOST_USER"], os.environ["SKIFFHOST_PASSWORD"]
+    session = await asyncio.get_running_loop().run_in_executor(None, log_in, user, password)
+    return await upload(session, paths, title)
+
+
+def main() -> int:
+    """Returns the exit code."""
+    try:
+        print("published", asyncio.run(publish(*sys.argv[1:])))
+    except NotPublished as failure:
+        print(f"not published: {failure}", file=sys.stderr)
+        return EXIT_CANCELLED if failure.outcome == CANCELLED else 1
+    except (RuntimeError, ValueError) as error:  # the login or the start; the files
+        print(f"not published: {error}", file=sys.stderr)
+        return 1
+    except KeyboardInterrupt:  # during the login
+        return EXIT_CANCELLED
+    return 0
 
 
 if __name__ == "__main__":
-    if len(sys.argv) != 3:
-        sys.exit(__doc__)
-    try:
-        asyncio.run(publish(*sys.argv[1:]))
-    except Failure as failure:
-        print(f"not published: {failure.text}", file=sys.stderr)
-        sys.exit(failure.exit_code)
-    except KeyboardInterrupt:  # during the login
-        sys.exit(EXIT_CANCELLED)
+    sys.exit(main() if len(sys.argv) == 3 else __doc__)

@@ -46,6 +46,12 @@ END
 PYTHONPATH=$site MYPYPATH=$site:shell/stubs /usr/bin/python3 -m mypy.stubtest skiffhost._messageloop
 (cd "$site" && MYPYPATH=$OLDPWD/shell/stubs /usr/bin/python3 -m mypy --strict --python-version 3.8 -p skiffhost)
 
+# The snippets of the docs, with the types of the built tree.
+mkdir "$work/snippets"
+printf '[mypy]\n[mypy-gi.*]\nignore_missing_imports = True\n' >"$work/mypy.ini"
+/usr/bin/python3 -B tests/python/test_docs.py "$work/snippets"
+(cd "$work/snippets" && MYPYPATH=$tree:. /usr/bin/python3 -m mypy --strict --config-file ../mypy.ini ./*.py)
+
 cat >"$work/wrong.py" <<'END'
 import _Skiffport
 import Skiffport

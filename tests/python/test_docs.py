@@ -1,47 +1,74 @@
-"""Runs every Python snippet of README and docs unchanged against a stand-in.
+"""Runs every Python snippet of README and docs unchanged against a stand-in, each page's in order and in one folder.
 
-The snippets below one heading make one script. A word after "python" names a toolkit that the snippet needs; those run
-only where SKIFFPORT_TOOLKITS is set.
+The snippets below one heading make one script. A file name after "python" says that a snippet is to be saved as that
+file; another word names a toolkit that the snippet needs: those run only where SKIFFPORT_TOOLKITS is set.
+`test_docs.py FOLDER` writes every snippet of the pages, for a type checker.
 """
 
 import os
+import pathlib
 import re
 import subprocess
 import sys
 import unittest
 
-import common
-import fixtures
-from kestrelhub_standin import launch
-
-PAGES = [fixtures.REPOSITORY / "README.md", *sorted((fixtures.REPOSITORY / "docs").glob("*.md"))]
-SNIPPET = re.compile(r"^```python *(\w*)\n(.*?)^```", re.MULTILINE | re.DOTALL)
+REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
+PAGES = [REPOSITORY / "README.md", *sorted((REPOSITORY / "docs").glob("*.md"))]
+SNIPPET = re.compile(r"^```python *([\w.]*)\n(.*?)^```", re.MULTILINE | re.DOTALL)
 
 
 def scripts(page):
-    """Yields heading, toolkit and script of each part of a page that has snippets."""
+    """Yields heading, toolkit or file name, and code of each part of a page that has snippets."""
     for part in re.split(r"^#+ ", page.read_text("utf-8"), flags=re.MULTILINE)[1:]:
+        heading = part.split("\n", 1)[0]
         snippets = SNIPPET.findall(part)
-        if snippets:
-            yield part.split("\n", 1)[0], snippets[0][0], "\n".join(code for _, code in snippets)
+        yield from ((heading, kind, code) for kind, code in snippets if "." in kind)
+        code = [code for kind, code in snippets if "." not in kind]
+        if code:
+            yield heading, snippets[0][0], "\n".join(code)
+
+
+def save_all(folder):
+    """Writes each script and each file of the pages."""
+    for page in PAGES:
+        for number, (_, kind, code) in enumerate(scripts(page)):
+            name = kind if "." in kind else f"{page.stem.replace('-', '_').lower()}_{number}.py"
+            (folder / name).write_text(code, "utf-8")
+
+
+if __name__ == "__main__" and sys.argv[1:] and os.path.isdir(sys.argv[1]):
+    save_all(pathlib.Path(sys.argv[1]))
+    sys.exit()
+
+import common  # noqa: E402
+import fixtures  # noqa: E402
+from kestrelhub_standin import launch  # noqa: E402
 
 
 class SnippetsTest(common.StandinCase):
     def test_snippets_run(self):
-        fixtures.write_preset(self.scratch / "preset")
         env = {**self.standin.env, "SKIFFHOST_USER": launch.USER, "SKIFFHOST_PASSWORD": launch.PASSWORD}
         count = 0
         for page in PAGES:
-            for heading, toolkit, script in scripts(page):
-                if toolkit and "SKIFFPORT_TOOLKITS" not in os.environ:
+            folder = self.scratch / page.stem
+            folder.mkdir()
+            for heading, kind, code in scripts(page):
+                script = folder / (kind if "." in kind else "example.py")
+                script.write_text(code, "utf-8")
+                if "." in kind or kind and "SKIFFPORT_TOOLKITS" not in os.environ:
                     continue
+                published = len(self.standin.presets())
                 with self.subTest(f"{page.name}: {heading}"):
-                    done = subprocess.run([sys.executable, "-B", "-c", script, "preset/effect.bin"], cwd=self.scratch,
+                    done = subprocess.run([sys.executable, "-B", str(script), str(REPOSITORY / "README.md")], cwd=folder,
                                           env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                           timeout=fixtures.DEADLINE_SECONDS)
-                    self.assertEqual(done.returncode, 0, done.stdout.decode())
+                    output = done.stdout.decode()
+                    self.assertEqual(done.returncode, 0, output)
+                    self.assertNotIn("Traceback", output)
+                    publishes = "Publication(" in code or "uploader" in code
+                    self.assertEqual(len(self.standin.presets()), published + publishes, output)
                     count += 1
-        self.assertGreaterEqual(count, 4)
+        self.assertGreaterEqual(count, 6)
 
 
 if __name__ == "__main__":

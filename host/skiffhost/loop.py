@@ -15,7 +15,8 @@ from __future__ import annotations
 import os
 import sys
 import time
-from _thread import _local, get_ident  # type: ignore[attr-defined]  # what threading, which takes long to import, has from there too
+# What threading, which takes long to import, has from there too.
+from _thread import _local, get_ident  # type: ignore[attr-defined]
 
 from ._messageloop import fileno, pump, wait
 from ._messageloop import release as _release

@@ -71,9 +71,8 @@ class Uploader:
             raise RuntimeError("an uploader must be closed on the thread that created it")
         native, self._native = self._native, None
         if native is not None:
-            native.CancelUpload()
-            native.SetCallback(None)
-            native.__swig_destroy__(native)  # now, even if the traceback of an exception still refers to it
+            # Cancels, waits and drops the callable, even if the traceback of an exception still refers to the object.
+            native.__swig_destroy__(native)
 
     def __enter__(self) -> Uploader:
         return self

@@ -59,8 +59,8 @@ class SnippetsTest(common.StandinCase):
                     continue
                 published = len(self.standin.presets())
                 with self.subTest(f"{page.name}: {heading}"):
-                    done = subprocess.run([sys.executable, "-B", str(script), str(REPOSITORY / "README.md")], cwd=folder,
-                                          env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                    done = subprocess.run([sys.executable, "-B", str(script), str(PAGES[0])], cwd=folder, env=env,
+                                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                           timeout=fixtures.DEADLINE_SECONDS)
                     output = done.stdout.decode()
                     self.assertEqual(done.returncode, 0, output)

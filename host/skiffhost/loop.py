@@ -5,6 +5,9 @@ an event loop alternates ``wait`` and ``pump``; one with a loop attaches to it: 
 Qt, GLib and Tk, and ``Attachment`` for any other. Every function acts on the calling thread. Needs the standard library
 only; a toolkit is imported when it is attached.
 
+An uploader and a callable that reaches it keep each other alive: use ``skiffhost.Uploader`` in a ``with`` block, or
+call SetCallback(None) when you are done.
+
 An exception in an uploader's callable is printed and dropped, even one that a signal handler raises inside it. No loop
 sees that KeyboardInterrupt, so a SIGINT handler should not raise but call ``CancelUpload`` or set a flag. SystemExit in
 the callable ends the process at once and skips every ``finally`` of its callers.

@@ -97,7 +97,7 @@ class UploaderTest(common.Case):
             self.assertEqual((host.event[1], host.event[-1]), ("UploadComplete", 9))
             self.assertRaises(ValueError, host.uploader.start, files[1:], title="Title")
             try:
-                host.uploader.StartUpload(*files)
+                host.uploader.StartUpload(*files, *[0] * 8)
             except TypeError as error:
                 caught = error  # its traceback refers to the native uploader
         self.assertTrue(loop.release(), "no object needs the queue any more")

@@ -28,16 +28,11 @@ def scripts(page):
             yield heading, snippets[0][0], "\n".join(code)
 
 
-def save_all(folder):
-    """Writes each script and each file of the pages."""
+if __name__ == "__main__" and sys.argv[1:] and os.path.isdir(sys.argv[1]):
     for page in PAGES:
         for number, (_, kind, code) in enumerate(scripts(page)):
             name = kind if "." in kind else f"{page.stem.replace('-', '_').lower()}_{number}.py"
-            (folder / name).write_text(code, "utf-8")
-
-
-if __name__ == "__main__" and sys.argv[1:] and os.path.isdir(sys.argv[1]):
-    save_all(pathlib.Path(sys.argv[1]))
+            pathlib.Path(sys.argv[1], name).write_text(code, "utf-8")
     sys.exit()
 
 import common  # noqa: E402

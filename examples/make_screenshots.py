@@ -51,8 +51,11 @@ def take_all(window, target):
     take("uploading", lambda: window.bar.value() >= 55)
     take("finishing", says("Finishing"))
     take("published", says("Published"))
-    publish(" ")
-    take("refused", says("Not published: A preset needs a title."))
+    password = window.password.text()
+    window.password.setText("wrong")
+    publish("Evening sky")
+    take("refused", says("Not published: "))
+    window.password.setText(password)
     publish("Evening sky")
     run_until(lambda: window.bar.value() >= 40, "the upload to be cancelled")
     window.cancel_button.click()
@@ -65,6 +68,7 @@ def main(folder):
     application.setStyle("Fusion")
     with tempfile.TemporaryDirectory() as scratch, loop.attach_qt():
         os.chdir(scratch)  # makes the window show a short path
+        QtCore.QSettings.setPath(QtCore.QSettings.Format.NativeFormat, QtCore.QSettings.Scope.UserScope, scratch)
         write_preset(pathlib.Path(PRESET), SIZES)
         window = qt_publish.PublishWindow(PRESET)
         window.show()

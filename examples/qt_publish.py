@@ -10,7 +10,6 @@ import os
 import signal
 import sys
 import threading
-import uuid
 
 try:
     from PyQt6 import QtCore, QtWidgets
@@ -20,29 +19,33 @@ except ImportError:
     Signal = QtCore.Signal
 
 import Skiffport
-from skiffhost import loop
-from skiffhost.completion import Completion, address_of
-from skiffhost.outcome import EXIT_CANCELLED, EXIT_NO_ANSWER, Failure
-from skiffhost.presetfiles import find_files
-from skiffhost.progress import describe, from_event
-from skiffhost.session import check_login
+from skiffhost import Tracker, Uploader, explain_login, find_files, loop
 
 PRODUCT = ("10.5", "retail", "4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10")  # version, its type, this installation
 SIGNAL_MILLISECONDS = 200  # upper bound on the delay of Ctrl-C
 
 
-class PublishWindow(QtWidgets.QWidget):
-    """Everything but ``_log_in`` runs on the window's thread."""
+def dropped_folder(event):
+    """Returns the local folder that is dragged, or an empty text."""
+    paths = [url.toLocalFile() for url in event.mimeData().urls()]
+    return paths[0] if len(paths) == 1 and os.path.isdir(paths[0]) else ""
+
+
+class PublishWindow(QtWidgets.QDialog):
+    """Enter publishes, Escape cancels, a folder can be dropped. All but ``_log_in`` runs on the window's thread."""
 
     login_ended = Signal(object, object)  # the session and LoginKestrelhub's outcome
 
     def __init__(self, folder=""):
         super().__init__()
         self.setWindowTitle("Publish a preset")
+        self.setAcceptDrops(True)
+        self._settings = QtCore.QSettings("Skiffport", "publish-example")
         self._uploader = None
+        self._busy = False
         self._cancelled = False
         self._closing = False
-        self._build(folder)
+        self._build(folder or self._settings.value("folder", ""))
         self.login_ended.connect(self._on_login)
         self._show("Ready.")
 
@@ -53,29 +56,38 @@ class PublishWindow(QtWidgets.QWidget):
         self.password = QtWidgets.QLineEdit(os.environ.get("SKIFFHOST_PASSWORD", ""))
         self.password.setEchoMode(QtWidgets.QLineEdit.EchoMode.Password)
         self.folder = QtWidgets.QLineEdit(folder)
+        self.folder.setPlaceholderText("Choose a folder, or drop it here")
         self.title = QtWidgets.QLineEdit()
-        choose = QtWidgets.QPushButton("Choose …")
+        choose = QtWidgets.QPushButton("&Choose …")
+        choose.setAutoDefault(False)
         choose.clicked.connect(self._choose_folder)
         folder_row = QtWidgets.QHBoxLayout()
         folder_row.addWidget(self.folder)
         folder_row.addWidget(choose)
+        folder_label = QtWidgets.QLabel("&Folder")
+        folder_label.setBuddy(self.folder)
         self._form = QtWidgets.QWidget()
         form = QtWidgets.QFormLayout(self._form)
         form.setContentsMargins(0, 0, 0, 0)
-        for label, field in (("User", self.user), ("Password", self.password), ("Folder", folder_row),
-                             ("Title", self.title)):
+        for label, field in (("&User", self.user), ("Pass&word", self.password), (folder_label, folder_row),
+                             ("&Title", self.title)):
             form.addRow(label, field)
 
         self.bar = QtWidgets.QProgressBar()
+        self._icon = QtWidgets.QLabel()
         self.status = QtWidgets.QLabel()
         self.status.setWordWrap(True)
         self.status.setMinimumHeight(2 * self.fontMetrics().lineSpacing())
         self.status.setAlignment(QtCore.Qt.AlignmentFlag.AlignTop)
         self.status.setOpenExternalLinks(True)
+        status_row = QtWidgets.QHBoxLayout()
+        status_row.addWidget(self._icon, 0, QtCore.Qt.AlignmentFlag.AlignTop)
+        status_row.addWidget(self.status, 1)
 
-        self.publish_button = QtWidgets.QPushButton("Publish")
+        self.publish_button = QtWidgets.QPushButton("&Publish")
+        self.publish_button.setDefault(True)
         self.publish_button.clicked.connect(self.publish)
-        self.cancel_button = QtWidgets.QPushButton("Cancel")
+        self.cancel_button = QtWidgets.QPushButton("Ca&ncel")
         self.cancel_button.clicked.connect(self.cancel)
         buttons = QtWidgets.QHBoxLayout()
         buttons.addStretch()
@@ -85,97 +97,127 @@ class PublishWindow(QtWidgets.QWidget):
         layout = QtWidgets.QVBoxLayout(self)
         layout.addWidget(self._form)
         layout.addWidget(self.bar)
-        layout.addWidget(self.status)
+        layout.addLayout(status_row)
         layout.addLayout(buttons)
-        self.resize(520, self.sizeHint().height())
+        self.resize(layout.sizeHint().expandedTo(QtCore.QSize(40 * self.fontMetrics().averageCharWidth() * 2, 0)))
 
     def _choose_folder(self):
         folder = QtWidgets.QFileDialog.getExistingDirectory(self, "Folder with the preset's files", self.folder.text())
         self.folder.setText(folder or self.folder.text())
 
-    def _show(self, text, busy=False, percent=0, link=False):
-        """With ``percent`` None the bar only shows that work is going on."""
+    def dragEnterEvent(self, event):
+        if not self._busy and dropped_folder(event):
+            event.acceptProposedAction()
+
+    def dropEvent(self, event):
+        self.folder.setText(dropped_folder(event))
+        event.acceptProposedAction()
+
+    def _show(self, text, busy=False, percent=0, link=False, details="", failed=False, may_cancel=True):
+        """With ``percent`` None the bar only shows that work is going on. ``details`` become the text's tool tip."""
+        self._busy = busy
         self.bar.setRange(0, 0 if percent is None else 100)
         self.bar.setValue(percent or 0)
         formats = QtCore.Qt.TextFormat
         self.status.setTextFormat(formats.RichText if link else formats.PlainText)  # the service's texts are not markup
         self.status.setText(text)
+        self.status.setToolTip(details)
+        size = self.status.fontMetrics().lineSpacing()
+        pixmap = QtWidgets.QStyle.StandardPixmap.SP_MessageBoxCritical
+        self._icon.setPixmap(self.style().standardIcon(pixmap).pixmap(size, size))
+        self._icon.setVisible(failed)
+        font = self.status.font()
+        font.setBold(failed)
+        self.status.setFont(font)
         self._form.setDisabled(busy)
         self.publish_button.setDisabled(busy)
-        self.cancel_button.setEnabled(busy and not self._cancelled)
+        self.cancel_button.setEnabled(busy and may_cancel and not self._cancelled)
 
     # One publication: the login on its own thread, then the upload and its events
 
     def publish(self):
         self._cancelled = False
-        try:
-            self._paths = find_files(self.folder.text(), {})
-        except Failure as failure:
-            self._end(failure)
+        if not self.title.text().strip():
+            self._end(failure="the preset needs a title")
+            self.title.setFocus()
             return
+        try:
+            self._paths = find_files(self.folder.text())
+        except ValueError as error:
+            self._end(failure="the folder holds no preset that can be sent", details=str(error))
+            self.folder.setFocus()
+            return
+        self._settings.setValue("folder", os.path.abspath(self.folder.text()))
         self._show("Logging in …", busy=True, percent=None)
         arguments = (self.user.text(), self.password.text())
         threading.Thread(target=self._log_in, args=arguments, daemon=True).start()
 
     def _log_in(self, user, password):
         session = Skiffport.KHLoginData(*PRODUCT)
-        self.login_ended.emit(session, session.LoginKestrelhub(user, password))
+        outcome = session.LoginKestrelhub(user, password)
+        self.login_ended.emit(session, "" if outcome == 1 else explain_login(session, outcome))
 
-    def _on_login(self, session, outcome):
-        try:
-            check_login(session, outcome)
-            if self._cancelled:
-                raise Failure(EXIT_CANCELLED, "cancelled")
-            self._uploader = Skiffport.PyPresetUploader(session.GetServerUrl(), session.GetLoginTokenID(), *PRODUCT)
-            self._uploader.SetCallback(self._on_event)
-            # key, title, category, tags, description, collections, type
-            texts = [str(uuid.uuid4()).upper(), self.title.text(), "", "", "", "", ""]
-            if self._uploader.StartUpload(*self._paths, *texts, 1) == 0:
-                raise Failure(EXIT_NO_ANSWER, "the upload could not be started")
-        except Failure as failure:
-            self._end(failure)
-
-    def _on_event(self, _source, name, *values):
-        if name == "ProgressChanged":
-            self._on_progress(from_event(*values))
-        elif name == "UploadComplete":
-            try:
-                address = address_of(Completion(*values), self._cancelled)
-            except Failure as failure:
-                self._end(failure)
-            else:
-                shown = html.escape(address)
-                self._end(text=f'Published: <a href="{shown}">{shown}</a>' if address else "Published.")
-
-    def _on_progress(self, progress):
+    def _on_login(self, session, failure):
         if self._cancelled:
-            return
-        if progress.finishing:
-            self._show("Finishing: everything is sent, waiting for the service.", busy=True, percent=None)
+            self._end(failure="cancelled")
+        elif failure:
+            self._end(failure=failure)
         else:
-            self._show(describe(progress), busy=True, percent=progress.percent)
+            self._start(session)
+
+    def _start(self, session):
+        self._uploader = Uploader(session.GetServerUrl(), session.GetLoginTokenID(), *PRODUCT)
+        self._uploader.SetCallback(self._on_event)
+        self._tracker = Tracker()
+        try:
+            self._uploader.start(self._paths, title=self.title.text())
+        except RuntimeError as error:
+            self._end(failure=str(error))
+
+    def _on_event(self, *event):
+        self._tracker.feed(*event)
+        if self._tracker.completion:
+            self._on_completion(self._tracker.completion)
+        elif self._tracker.phase == "finishing":
+            text = "Finishing: everything is sent, waiting for the service."
+            self._show(text, busy=True, percent=None, may_cancel=False)
+        elif self._tracker.phase == "uploading":
+            self._show(self._tracker.describe(), busy=True, percent=self._tracker.percent)
+
+    def _on_completion(self, completion):
+        shown = html.escape(completion.address)
+        self._end(text=f'Published: <a href="{shown}">{shown}</a>' if shown else "Published.",
+                  failure=completion.problem(self._cancelled))
 
     def cancel(self):
         """The login cannot be interrupted. A cancelled upload still ends with its completion event."""
         self._cancelled = True
         if self._uploader is not None:
             self._uploader.CancelUpload()
+            self._tracker.cancel()
         self._show("Cancelling …", busy=True, percent=None)
 
-    def _end(self, failure=None, text=""):
+    def _end(self, text="", failure="", details=""):
         if self._uploader is not None:
-            self._uploader.SetCallback(None)  # breaks the cycle of uploader and callable
+            self._uploader.close()
             self._uploader = None
         if failure:
-            self._show(f"Not published: {failure.text}")
+            self._show(f"Not published: {failure}", details=details, failed=failure != "cancelled")
         else:
             self._show(text, percent=100, link=True)
         if self._closing:
             self.close()
 
+    def reject(self):
+        """Escape cancels what runs, and closes the window while nothing does."""
+        if self.cancel_button.isEnabled():
+            self.cancel()
+        elif not self._busy:
+            super().reject()
+
     def closeEvent(self, event):
         """Cancels first: deleting a running uploader would freeze the window until its thread ends."""
-        self._closing = not self.publish_button.isEnabled()
+        self._closing = self._busy
         if self._closing:
             self.cancel()
             event.ignore()

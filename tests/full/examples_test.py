@@ -33,6 +33,34 @@ class Window(qt_publish.PublishWindow):
 qt_publish.PublishWindow = Window
 sys.exit(qt_publish.main())
 """
+KEYBOARD = BINDING + """
+import importlib, os, tempfile, types, qt_publish
+from qt_publish import QtCore, QtWidgets
+QtGui = importlib.import_module(QtCore.__name__.replace("Core", "Gui"))
+def press(widget, key):
+    event = QtGui.QKeyEvent(QtCore.QEvent.Type.KeyPress, key, QtCore.Qt.KeyboardModifier.NoModifier)
+    QtWidgets.QApplication.sendEvent(widget, event)
+application = QtWidgets.QApplication(sys.argv[:1])
+QtCore.QSettings.setPath(QtCore.QSettings.Format.NativeFormat, QtCore.QSettings.Scope.UserScope, sys.argv[1])
+window = qt_publish.PublishWindow("nowhere")
+window.show()
+height = window.height()
+press(window.title, QtCore.Qt.Key.Key_Return)
+assert window.status.text() == "Not published: the preset needs a title", window.status.text()
+for folder in ("nowhere", sys.argv[1]):
+    data = types.SimpleNamespace(urls=lambda: [QtCore.QUrl.fromLocalFile(sys.argv[1])])
+    if folder != "nowhere":
+        window.dropEvent(types.SimpleNamespace(mimeData=lambda: data, acceptProposedAction=lambda: None))
+    assert window.folder.text() == folder
+    window.title.setText("Title")
+    press(window.title, QtCore.Qt.Key.Key_Return)
+    application.processEvents()
+    assert window.status.text() == "Not published: the folder holds no preset that can be sent", window.status.text()
+    assert "Errno" not in window.status.toolTip() and "effect" in window.status.toolTip() or folder == "nowhere"
+    assert window.height() == height and not window.cancel_button.isEnabled()
+press(window, QtCore.Qt.Key.Key_Escape)
+assert not window.isVisible()
+"""
 
 
 class ExamplesTest(common.StandinCase):
@@ -80,6 +108,7 @@ class ExamplesTest(common.StandinCase):
                 pictures.mkdir()
                 self.run_window(SCREENSHOTS, str(pictures), *others)
                 self.assertEqual(len(list(pictures.glob("*.png"))), 6)
+                self.run_window(KEYBOARD, str(pictures), *others)
                 self.assertNotIn("Traceback", self.run_window(INTERRUPTED_WINDOW, str(self.large), *others))
         self.assertNotIn("Never", [record["fields"]["title"] for record in self.standin.presets()])
 

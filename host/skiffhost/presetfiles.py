@@ -61,7 +61,7 @@ def _by_stem(folder: str) -> Dict[str, List[str]]:
         for entry in os.listdir(folder):
             entries.setdefault(os.path.splitext(entry)[0], []).append(os.path.join(folder, entry))
     except OSError as error:
-        raise PresetFilesError([f"cannot read the folder: {error}"]) from error
+        raise PresetFilesError([f"cannot read the folder {folder}: {error.strerror}"]) from error
     return entries
 
 

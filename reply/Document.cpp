@@ -5,10 +5,16 @@
 #include <cwchar>
 #include <cwctype>
 
+// A longer reply does not parse, since a document has at most 8 * 1024 * 1024 characters of at most four bytes each. As
+// text it would take four times its size.
+constexpr std::size_t kMostBytes = 32 * 1024 * 1024;
+
 CComPtr<IXMLDOMDocument> LoadReply(std::string strReply, DWORD dwContext) {
   CComPtr<IXMLDOMDocument> pDocument;
   if (FAILED(CoCreateInstance(CLSID_DOMDocument, nullptr, dwContext, IID_IXMLDOMDocument,
                               reinterpret_cast<void **>(&pDocument))))
+    return pDocument;
+  if (strReply.size() > kMostBytes)
     return pDocument;
   CComBSTR const bstrReply(strReply.c_str());
   std::string().swap(strReply); // frees the bytes of a large reply before the tree is built

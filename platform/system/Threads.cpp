@@ -7,6 +7,7 @@
 #include "platform/base/Seam.h"
 #include "platform/system/Detached.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <new>
@@ -100,8 +101,11 @@ DWORD WaitForSingleObject(HANDLE hThread, DWORD dwMilliseconds) {
     record->changed.wait(lock, ended);
     return WAIT_OBJECT_0;
   }
-  auto const limit = std::chrono::steady_clock::now() + std::chrono::milliseconds(dwMilliseconds);
-  return record->changed.wait_until(lock, limit, ended) ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
+  std::uint64_t const limit = SteadyMilliseconds() + dwMilliseconds;
+  std::uint64_t const slice = ClockIsDriven() ? 5 : dwMilliseconds;
+  for (std::uint64_t now = 0; !ended() && (now = SteadyMilliseconds()) < limit;)
+    record->changed.wait_for(lock, std::chrono::milliseconds(std::min(limit - now, slice)), ended);
+  return ended() ? WAIT_OBJECT_0 : WAIT_TIMEOUT;
 }
 
 BOOL GetExitCodeThread(HANDLE hThread, DWORD *pdwExitCode) {

@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """A misbehaving peer: plays one scenario on a loopback port for each incoming connection.
 
 Prints "port N" once it listens, and exits when standard input closes. With --tls it speaks TLS with one of several
@@ -7,16 +6,20 @@ certificates that "peer.py certificates" has written, with their authority (ca.p
 
     with Peer("reply", "--body", "hello", tls="good", certs=folder) as peer:
         ...  # peer.port, peer.received()
+
+A scenario is a sequence of steps: bytes to send, the name of a method of `Exchange`, or a name with arguments. One that
+has no name of its own is given as a Python literal: peer.py '("read", b"HTTP/1.1 200 OK\\r\\n\\r\\n", "reset")'.
 """
 
 from __future__ import annotations
 
 import argparse
+import ast
 import contextlib
 import ctypes
-import datetime
 import os
 import re
+import signal
 import socket
 import ssl
 import struct
@@ -24,65 +27,67 @@ import subprocess
 import sys
 import tempfile
 import threading
+import time
+from typing import Any, Callable, Sequence
 
-HOST_NAME = "good.test"
-CERTIFICATES = ("good", "expired", "wrong-name", "expired-wrong-name", "unknown-issuer")
+from certificates import KINDS, make_certificates
 
 
-def make_certificates(folder: str) -> None:
-    """Writes ca.pem and, for each kind of certificate, KIND.pem (chain and key) into the folder."""
-    import trustme
 
-    authority, stranger = trustme.CA(), trustme.CA()
-    past = datetime.datetime(2020, 1, 1)
-    certificates = {
-        "good": authority.issue_cert(HOST_NAME, "*.kestrelhub.example", "127.0.0.1", "::1", "localhost"),
-        "expired": authority.issue_cert(HOST_NAME, not_after=past),
-        "wrong-name": authority.issue_cert("other.test"),
-        "expired-wrong-name": authority.issue_cert("other.test", not_after=past),
-        "unknown-issuer": stranger.issue_cert(HOST_NAME),
-    }
-    os.makedirs(folder, exist_ok=True)
-    for kind, certificate in certificates.items():
-        certificate.private_key_and_cert_chain_pem.write_to_path(os.path.join(folder, kind + ".pem"))
-    authority.cert_pem.write_to_path(os.path.join(folder, "ca.pem"))
+class Dripping:
+    """A TLS connection's socket whose every write leaves in pieces of ``size`` bytes with pauses between them."""
+
+    def __init__(self, connection: socket.socket, context: ssl.SSLContext, size: int, pause: float) -> None:
+        self._socket, self._size, self._pause = connection, size, pause
+        self._incoming, self._outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+        self._tls = context.wrap_bio(self._incoming, self._outgoing, server_side=True)
+        self._run(self._tls.do_handshake)
+
+    def _flush(self) -> None:
+        data = self._outgoing.read()
+        for position in range(0, len(data), self._size):
+            self._socket.sendall(data[position : position + self._size])
+            time.sleep(self._pause)
+
+    def _run(self, call: Callable[[], Any]) -> Any:
+        while True:
+            try:
+                result = call()
+                self._flush()
+                return result
+            except ssl.SSLWantReadError:
+                self._flush()
+                data = self._socket.recv(1 << 16)
+                self._incoming.write(data) if data else self._incoming.write_eof()
+
+    def recv(self, size: int) -> bytes:
+        return self._run(lambda: self._tls.read(size))
+
+    def sendall(self, data: bytes) -> None:
+        self._run(lambda: self._tls.write(data))
+
+    def close(self) -> None:
+        self._socket.close()
 
 
 class Exchange:
-    """One connection: what it receives, the reply that the options specify, and the steps that make up a scenario."""
+    """One connection: what it receives, the reply that the options specify, and the steps of scenarios."""
 
-    def __init__(self, connection: socket.socket, options: argparse.Namespace, stop: threading.Event) -> None:
+    def __init__(
+        self, connection: socket.socket, options: argparse.Namespace, context: ssl.SSLContext | None,
+        stop: threading.Event
+    ) -> None:  # fmt: skip
         self.connection = connection
         self.options = options
+        self.context = context
         self.stop = stop
         self.body = options.body
         self.half = len(options.body) // 2
 
-    def receive(self) -> bytes:
-        """Returns the next bytes after recording them; none at the end."""
-        data = self.connection.recv(1 << 18)
-        if data and self.options.record:
-            with open(self.options.record, "ab") as record:
-                record.write(data)
-        return data
-
-    def send(self, data: bytes) -> None:
-        self.connection.sendall(data)
-
-    def read(self, wanted: int | None) -> None:
-        """Reads the request's head and ``wanted`` bytes of its body, or all of it if None."""
-        pending = b""
-        while b"\r\n\r\n" not in pending:
-            data = self.receive()
-            if not data:
-                raise ConnectionError("no request")
-            pending += data
-        head, body = pending.split(b"\r\n\r\n", 1)
-        declared = re.search(rb"(?im)^content-length: *(\d+)", head)
-        left = (int(declared[1]) if declared else 0) if wanted is None else wanted
-        left -= len(body)
-        while left > 0 and (data := self.receive()):
-            left -= len(data)
+    def play(self, steps: Sequence[Any]) -> None:
+        for step in steps:
+            name, *arguments = ("send", step) if isinstance(step, bytes) else [step] if isinstance(step, str) else step
+            getattr(self, name.replace("-", "_"))(*arguments)
 
     def head(self) -> bytes:
         """Returns the reply's head."""
@@ -107,68 +112,97 @@ class Exchange:
 
     # The steps.
 
-    def read_request(self) -> None:
-        self.read(None)
+    def tls(self) -> None:
+        """Starts TLS; without this step, a peer with a certificate starts it first."""
+        self.connection = self.context.wrap_socket(self.connection, server_side=True)
+
+    def tls_slowly(self, size: int, pause: float) -> None:
+        """Starts TLS that goes out in pieces."""
+        self.connection = Dripping(self.connection, self.context, size, pause)
+
+    def end_tls(self) -> None:
+        """Announces the end of TLS."""
+        with contextlib.suppress(OSError):
+            self.connection.unwrap()
+
+    def receive(self) -> bytes:
+        """Returns the next bytes after recording them; none at the end."""
+        data = self.connection.recv(1 << 18)
+        if data and self.options.record:
+            with open(self.options.record, "ab") as record:
+                record.write(data)
+        return data
+
+    def send(self, data: bytes) -> None:
+        self.connection.sendall(data)
+
+    def read(self, wanted: int | None = None) -> None:
+        """Reads the request's head and ``wanted`` bytes of its body, or all of it if None."""
+        pending = b""
+        while b"\r\n\r\n" not in pending:
+            data = self.receive()
+            if not data:
+                raise ConnectionError("no request")
+            pending += data
+        head, body = pending.split(b"\r\n\r\n", 1)
+        declared = re.search(rb"(?im)^content-length: *(\d+)", head)
+        left = (int(declared[1]) if declared else 0) if wanted is None else wanted
+        left -= len(body)
+        while left > 0 and (data := self.receive()):
+            left -= len(data)
 
     def read_some(self) -> None:
         """Reads --after bytes of the request's body."""
         self.read(self.options.after)
 
-    def send_reply(self) -> None:
+    def reply(self) -> None:
         """Sends the whole reply at once."""
         self.send(self.options.raw or self.head() + self.framed(self.body, b"0\r\n\r\n"))
 
-    def send_half(self) -> None:
+    def half_reply(self) -> None:
         self.send(self.head() + self.framed(self.body[: self.half]))
 
-    def send_rest(self) -> None:
+    def rest(self) -> None:
         self.send(self.framed(self.body[self.half :], b"0\r\n\r\n"))
 
-    def send_slowly(self) -> None:
+    def slow_reply(self) -> None:
         """Sends the reply with a pause before each byte of the body."""
         self.send(self.head())
-        for position in range(len(self.body)):
+        self.drip(self.body)
+
+    def drip(self, data: bytes) -> None:
+        """Sends bytes one by one, with a pause before each."""
+        for position in range(len(data)):
             self.pause()
-            self.send(self.body[position : position + 1])
+            self.send(data[position : position + 1])
 
-    def send_interim(self) -> None:
-        """Sends two interim replies, one with a length."""
-        self.send(b"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nContent-Length: 77\r\n\r\n")
+    def flood(self, data: bytes, pause: float = 0) -> None:
+        """Sends the same bytes without end."""
+        while not self.stop.wait(pause):
+            self.send(data)
 
-    def send_garbage(self) -> None:
-        self.send(b"\x00\x01\x02 this is no reply\r\n\r\n")
-
-    def flood_headers(self) -> None:
-        """Sends header lines without end."""
-        self.send(b"HTTP/1.1 200 OK\r\n")
-        while not self.stop.is_set():
-            self.send(b"X-Line: flood\r\n" * 64)
-
-    def flood_body(self) -> None:
-        """Sends a body without end."""
-        self.send(b"HTTP/1.1 200 OK\r\n\r\n")
-        while not self.stop.is_set():
-            self.send(b"flood" * 65536)
+    def repeat(self, data: bytes, count: int) -> None:
+        self.send(data * count)
 
     def sip(self) -> None:
         """Reads on slowly until the other side closes."""
         while self.connection.recv(4096):
             self.pause()
 
-    def update_keys(self) -> None:
-        """Requests new TLS keys over and over (RFC 8446, section 4.6.3): bytes flow both ways, but no reply."""
+    def flood_messages(self, call: str, argument: int) -> None:
+        """Makes OpenSSL send a message after the handshake over and over: bytes flow, but no reply."""
         library = ctypes.CDLL("libssl.so.3")  # the library under the ssl module, which does not expose it
         session = ctypes.c_void_p.from_address(id(self.connection._sslobj) + 3 * ctypes.sizeof(ctypes.c_void_p))
         self.connection.settimeout(0.002)
         while not self.stop.is_set():
-            library.SSL_key_update(session, 1)
+            getattr(library, call)(session, argument)
             library.SSL_do_handshake(session)
             with contextlib.suppress(TimeoutError):
                 if not self.connection.recv(1):
                     return
 
-    def pause(self) -> None:
-        self.stop.wait(self.options.pause)
+    def pause(self, seconds: float | None = None) -> None:
+        self.stop.wait(self.options.pause if seconds is None else seconds)
 
     def hold(self) -> None:
         """Keeps the connection open, without reading, until the peer exits."""
@@ -179,6 +213,10 @@ class Exchange:
         while self.receive():
             pass
 
+    def shut(self) -> None:
+        """Ends the sending, but keeps the connection."""
+        self.connection.shutdown(socket.SHUT_WR)
+
     def reset(self) -> None:
         """Ends the connection with a reset."""
         self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
@@ -187,28 +225,28 @@ class Exchange:
 
 # The steps of each scenario; the connection is closed after the last.
 SCENARIOS = {
-    "reply": (Exchange.read_request, Exchange.send_reply),
-    "keep": (Exchange.read_request, Exchange.send_reply, Exchange.drain),
-    "pieces": (Exchange.read_request, Exchange.send_half, Exchange.pause, Exchange.send_rest),
-    "trickle": (Exchange.read_request, Exchange.send_slowly),
-    "interim": (Exchange.read_request, Exchange.send_interim, Exchange.send_reply),
-    "early-keep": (Exchange.read_some, Exchange.send_reply, Exchange.drain),
-    "early-hold": (Exchange.read_some, Exchange.send_reply, Exchange.hold),
-    "early-close": (Exchange.read_some, Exchange.send_reply),
-    "first-bytes": (Exchange.receive, Exchange.send_reply, Exchange.drain),
-    "reset-send": (Exchange.read_some, Exchange.reset),
-    "reset-reply": (Exchange.read_request, Exchange.send_half, Exchange.pause, Exchange.reset),
+    "reply": ("read", "reply"),
+    "keep": ("read", "reply", "drain"),
+    "pieces": ("read", "half-reply", "pause", "rest"),
+    "trickle": ("read", "slow-reply"),
+    "interim": ("read", b"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nContent-Length: 77\r\n\r\n", "reply"),
+    "early-keep": ("read-some", "reply", "drain"),
+    "early-hold": ("read-some", "reply", "hold"),
+    "early-close": ("read-some", "reply"),
+    "first-bytes": ("receive", "reply", "drain"),
+    "reset-send": ("read-some", "reset"),
+    "reset-reply": ("read", "half-reply", "pause", "reset"),
     "silent-connect": (),  # the connection is never established
-    "silent-tls": (Exchange.hold,),
-    "silent-reply": (Exchange.read_request, Exchange.hold),
-    "update-keys": (Exchange.read_request, Exchange.update_keys),
-    "silent-body": (Exchange.read_request, Exchange.send_half, Exchange.hold),
-    "sip": (Exchange.read_some, Exchange.sip),
-    "stall": (Exchange.read_some, Exchange.hold),
-    "close": (Exchange.read_request,),
-    "garbage": (Exchange.receive, Exchange.send_garbage),
-    "flood-headers": (Exchange.read_request, Exchange.flood_headers),
-    "flood-body": (Exchange.read_request, Exchange.flood_body),
+    "silent-tls": ("hold",),
+    "silent-reply": ("read", "hold"),
+    "update-keys": ("read", ("flood-messages", "SSL_key_update", 1)),  # RFC 8446, section 4.6.3
+    "silent-body": ("read", "half-reply", "hold"),
+    "sip": ("read-some", "sip"),
+    "stall": ("read-some", "hold"),
+    "close": ("read",),
+    "garbage": ("receive", b"\x00\x01\x02 this is no reply\r\n\r\n"),
+    "flood-headers": ("read", b"HTTP/1.1 200 OK\r\n", ("flood", b"X-Line: flood\r\n" * 64)),
+    "flood-body": ("read", b"HTTP/1.1 200 OK\r\n\r\n", ("flood", b"flood" * 65536)),
 }
 
 
@@ -216,24 +254,30 @@ def play(
     connection: socket.socket, options: argparse.Namespace, context: ssl.SSLContext | None, stop: threading.Event
 ) -> None:
     """Plays the scenario on one connection."""
+    exchange = Exchange(connection, options, context, stop)
     try:
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        if context:
-            connection = context.wrap_socket(connection, server_side=True)
-        exchange = Exchange(connection, options, stop)
-        for step in SCENARIOS[options.scenario]:
-            step(exchange)
+        names = {step if isinstance(step, str) else step[0] for step in options.scenario}
+        if context and not names & {"tls", "tls-slowly"}:
+            exchange.tls()
+        exchange.play(options.scenario)
     except OSError:
         pass  # the other side went away, or refused the certificate
     finally:
-        connection.close()
+        exchange.connection.close()
 
 
 def accept(listener: socket.socket, options: argparse.Namespace, stop: threading.Event) -> None:
     """Plays each connection on its own thread."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER) if options.tls else None
     if context:
+        context.set_ciphers("DEFAULT:@SECLEVEL=0")  # for weak keys, too
         context.load_cert_chain(os.path.join(options.certs, options.tls + ".pem"))
+        if options.tls12:
+            context.maximum_version = ssl.TLSVersion.TLSv1_2
+        if options.ask:
+            context.load_verify_locations(os.path.join(options.certs, "ca.pem"))
+            context.verify_mode = ssl.CERT_REQUIRED
     bodies = [options.body, *options.then]
     while True:
         connection = listener.accept()[0]
@@ -242,14 +286,15 @@ def accept(listener: socket.socket, options: argparse.Namespace, stop: threading
         threading.Thread(target=play, args=arguments, daemon=True).start()
 
 
-def serve(options: argparse.Namespace) -> None:
-    """Listens and plays until standard input closes."""
+def serve(options: argparse.Namespace, wait: Callable[[], Any]) -> None:
+    """Listens, and plays until the wait ends."""
+    signal.alarm(options.longest)
     stop = threading.Event()
     listener = socket.socket()
     if options.window:
         listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, options.window)
     listener.bind(("127.0.0.1", 0))
-    if SCENARIOS[options.scenario]:
+    if options.scenario:
         listener.listen(64)
         threading.Thread(target=accept, args=(listener, options, stop), daemon=True).start()
     else:
@@ -259,9 +304,27 @@ def serve(options: argparse.Namespace) -> None:
             filler.setblocking(False)
             filler.connect_ex(listener.getsockname())
     print("port", listener.getsockname()[1], flush=True)
-    sys.stdin.buffer.read()
+    wait()
     stop.set()
     os._exit(0)
+
+
+def fork_on_demand() -> None:
+    """Starts a peer for each line of arguments, a Python literal; one without any ends those that run and prints
+    "done". That is much faster than a new interpreter for each."""
+    children = []
+    for line in sys.stdin:
+        arguments = ast.literal_eval(line)
+        if arguments and (child := os.fork()) == 0:
+            serve(parse(arguments), signal.pause)
+        elif arguments:
+            children.append(child)
+            continue
+        for child in children:
+            os.kill(child, signal.SIGKILL)
+            os.waitpid(child, 0)
+        children.clear()
+        print("done", flush=True)
 
 
 def unescaped(text: str) -> bytes:
@@ -269,11 +332,15 @@ def unescaped(text: str) -> bytes:
     return text.encode("latin-1").decode("unicode_escape").encode("latin-1")
 
 
-def parse() -> argparse.Namespace:
+def parse(arguments: Sequence[str] | None = None) -> argparse.Namespace:
     """Parses the command line."""
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("scenario", choices=[*SCENARIOS, "certificates"])
-    parser.add_argument("--tls", choices=CERTIFICATES, help="speak TLS with this certificate")
+    parser.add_argument("scenario", metavar="SCENARIO",
+                        help=f"steps, or one of certificates, forks, {', '.join(SCENARIOS)}")  # fmt: skip
+    parser.add_argument("--tls", choices=KINDS, metavar="KIND",
+                        help=f"speak TLS with a certificate: {', '.join(KINDS)}")  # fmt: skip
+    parser.add_argument("--tls12", action="store_true", help="speak no newer TLS than 1.2")
+    parser.add_argument("--ask", action="store_true", help="ask for a certificate of the client")
     parser.add_argument("--certs", metavar="DIR", help="folder of the certificates")
     parser.add_argument("--record", metavar="FILE", help="append what is received to this file")
     parser.add_argument("--status", type=int, default=200, help="status of the reply (default: %(default)s)")
@@ -287,8 +354,13 @@ def parse() -> argparse.Namespace:
     parser.add_argument("--raw", type=unescaped, metavar="BYTES", help="the whole reply, as in a Python bytes literal")
     parser.add_argument("--pause", type=float, default=0.2, help="seconds of a pause (default: %(default)s)")
     parser.add_argument("--after", type=int, default=0, metavar="BYTES", help="bytes of the body to read first")
+    parser.add_argument("--longest", type=int, default=120, metavar="SECONDS",
+                        help="end after that, for a client that waits without end (default: %(default)s)")  # fmt: skip
     parser.add_argument("--window", type=int, metavar="BYTES", help="receive buffer, for a peer that reads slowly")
-    options = parser.parse_args()
+    options = parser.parse_args(arguments)
+    if options.scenario not in ("certificates", "forks"):
+        known = options.scenario in SCENARIOS
+        options.scenario = SCENARIOS[options.scenario] if known else ast.literal_eval(options.scenario)
     if options.fill is not None:
         options.body = bytes(position % 251 for position in range(options.fill))
     return options
@@ -331,5 +403,7 @@ class Peer:
 if __name__ == "__main__":
     if (chosen := parse()).scenario == "certificates":
         make_certificates(chosen.certs)
+    elif chosen.scenario == "forks":
+        fork_on_demand()
     else:
-        serve(chosen)
+        serve(chosen, sys.stdin.buffer.read)

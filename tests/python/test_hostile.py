@@ -1,70 +1,75 @@
-"""Uploads to a misbehaving service or over a failing connection: each ends in bounded time with a clear outcome."""
+"""Peers that misbehave: every call ends in bounded time, with bounded memory and a clear outcome."""
 
+import ast
 import os
+import pathlib
 import socket
 import subprocess
 import sys
+import tempfile
 import time
+import unittest
+from concurrent import futures
 
 import common
 import fixtures
-from publication import Publication
+import hostile_peers
 
-HOST = "good.test"
-REFUSAL = "<uploadTemplate><errMsg>Too large.</errMsg></uploadTemplate>"
-ACCEPTED = "<uploadTemplate><templateUrl>https%3A%2f%2Fh%2Fp+1</templateUrl></uploadTemplate>"
+LIBRARY = pathlib.Path(os.environ["SKIFFPORT_TREE"]).parent / "tests" / "cpp" / "driven" / "libskiffport_platform.so"
+SANITIZED = "asan" in os.environ.get("LD_PRELOAD", "")
+AT_ONCE = 30 if SANITIZED else 10  # seconds that a call may take, busy machines included, if no limit passes
+
+
+@unittest.skipUnless(LIBRARY.exists(), "needs what scripts/build --tests builds")
+@unittest.skipUnless(os.path.samefile(sys.executable, "/usr/bin/python3"), "once is enough for the platform library")
+class TableTest(common.Case):
+    """Plays docs/network-outcomes.md."""
+
+    def play(self, group):
+        """Plays a group of rows in a process of its own. Returns a line for each call, and the errors printed."""
+        with tempfile.TemporaryFile("a+b") as errors:
+            env = {**os.environ, "PYTHONPATH": os.pathsep.join(common.PATH)}
+            program = fixtures.REPOSITORY / "tests" / "support" / "hostile_play.py"
+            done = subprocess.run([sys.executable, "-B", str(program), str(LIBRARY), group + ": "], env=env,
+                                  stdout=subprocess.PIPE, stderr=errors, timeout=600)
+            errors.seek(0)
+            return done.returncode, done.stdout.decode(), errors.read().decode(errors="replace")
+
+    def check(self, group, line):
+        """Checks the time and the memory of a call. Returns its key and its outcome."""
+        _, what, call, outcome, seconds, memory = ast.literal_eval(line)
+        row = next(row for row in hostile_peers.GROUPS[group] if row.what == what)
+        late, most = row.of_call(row.late, call), row.of_call(row.memory, call) or hostile_peers.CALLS[call][3]
+        with self.subTest(group, what=what, call=call):
+            self.assertGreaterEqual(seconds, late * 0.99)
+            self.assertLessEqual(seconds, late * 1.4 + row.slack if late else AT_ONCE)
+            if not SANITIZED:
+                self.assertLessEqual(memory, most)
+        return (what, call), outcome
+
+    def test_every_row_ends_as_the_page_says(self):
+        pages = hostile_peers.tables(hostile_peers.PAGE_FILE.read_text("utf-8"))
+        with futures.ThreadPoolExecutor(3) as pool:
+            played = dict(zip(hostile_peers.GROUPS, pool.map(self.play, hostile_peers.GROUPS)))
+        for group, (status, printed, errors) in played.items():
+            lines = printed.splitlines()
+            self.assertEqual(status, 0, "\n".join(lines[-20:]) + errors)
+            outcomes = dict(self.check(group, line) for line in lines)
+            table = hostile_peers.table(group, outcomes)
+            self.assertEqual(len(pages[group]), len(table), group)
+            for line, row in zip(pages[group], table):
+                with self.subTest(group):
+                    self.assertEqual(line, row)
 
 
 class HostileServiceTest(common.NetworkCase):
-    def outcome(self, paths):
-        publication = Publication(HOST)
-        self.addCleanup(publication.uploader.SetCallback, None)  # breaks a reference cycle
-        self.assertNotEqual(publication.start(paths), 0)
-        return publication.completion()[1:4]
-
-    def test_the_reply_decides_the_outcome(self):
-        paths = self.preset()
-        cases = {
-            (1, "https://h/p+1", ""): [("reply", ACCEPTED), ("pieces", ACCEPTED, "--length", "chunked"),
-                                       ("reply", ACCEPTED, "--length", "none"), ("reply", ACCEPTED, "--length", "long"),
-                                       ("interim", ACCEPTED), ("reply", ACCEPTED, "--status", "299")],
-            (0, "https://h/p+1", ""): [("reply", ACCEPTED, "--status", "500"), ("reply", ACCEPTED, "--status", "302")],
-            (0, "", "Too large."): [("reply", REFUSAL, "--status", "413"), ("early-keep", REFUSAL, "--status", "413"),
-                                    ("early-hold", REFUSAL, "--status", "401")],
-            (1, "", "x" * 259): [("reply", f"<uploadTemplate><errMsg>{'x' * 300}</errMsg></uploadTemplate>")],
-            (1, "", ""): [("reply", ""), ("reply", "no markup"), ("reply", ACCEPTED[:50]),
-                          ("reply", ACCEPTED.replace("T", "t")), ("reset-reply", ACCEPTED),
-                          ("reply", f"<!DOCTYPE a [<!ENTITY e SYSTEM 'file:///etc/passwd'>]>{ACCEPTED}"),
-                          ("reply", "<uploadTemplate><errMsg>&lol;</errMsg></uploadTemplate>"),
-                          ("reply", ACCEPTED, "--status", "204"), ("reply", ACCEPTED, "--length", "garbage")],
-        }
-        for outcome, scripts in cases.items():
-            for scenario, body, *options in scripts:
-                with self.subTest(f"{scenario} {body[:60]} {options}"):
-                    peer = self.network.play(HOST, scenario, "--body", body, *options)
-                    self.assertEqual(self.outcome(paths), outcome)
-        self.assertEqual(peer.received().count(b'"\r\nContent-Type: application/octet-stream\r\n\r\n'), 14)
-
-    def test_a_lost_connection_is_an_ordinary_failure(self):
-        paths = self.preset({"effect": 8_000_000})
-        for scenario, *options in (("reset-send",), ("reset-send", "--after", "3000000"), ("close",), ("garbage",),
-                                   ("flood-headers",)):
-            with self.subTest(scenario):
-                self.network.play(HOST, scenario, *options)
-                self.assertEqual(self.outcome(paths), (0, "", ""))
-        for certificate in ("expired", "wrong-name", "unknown-issuer"):
-            self.network.reply(HOST, ACCEPTED, tls=certificate)
-            self.assertEqual(self.outcome(paths), (0, "", ""), certificate)
-        self.network.lead(f"{HOST}:443:127.0.0.1:1")
-        self.assertEqual(self.outcome(paths), (0, "", ""))
-
     def test_exit_during_a_stalled_upload_takes_bounded_time(self):
-        self.network.play(HOST, "stall")
+        self.network.play("good.test", "stall")
         script = ("import sys\nfrom publication import Publication\np = Publication(sys.argv[1])\n"
                   "assert p.start(sys.argv[2:]) != 0\np.pump_until(lambda: p.events)\nsys.exit(4)\n")
         paths = self.preset({"effect": 30_000_000})
         start = time.monotonic()
-        self.assertEqual(self.run_python(script, HOST, *paths), (4, ""))
+        self.assertEqual(self.run_python(script, "good.test", *paths), (4, ""))
         self.assertLess(time.monotonic() - start, 15)
 
 

@@ -69,34 +69,6 @@ TEST(ServiceExchange, DistinguishesItsOutcomes) {
   EXPECT_EQ(Exchange(RequestKind::PresetCategories, std::wstring(254, L'/')), (Outcome{0, 1, "<a/>"}));
 }
 
-TEST(ServiceExchange, ThrowsForALostReplyWhateverHasArrived) {
-  struct Case {
-    std::string scenario;
-    RequestKind kind;
-    DWORD dwError; // 1: lost; which of two numbers reports it depends on timing
-  };
-  std::string const over = std::to_string(8 * 1024 * 1024 + 1), most = std::to_string(8 * 1024 * 1024);
-  std::string const half = " --body abcdefgh", none = half + " --length none";
-  for (Case const &c : {Case{"reset-reply" + half, RequestKind::BlockingRequestPlain, 1},
-                        Case{"reset-reply" + none, RequestKind::VideoId, 1},
-                        Case{"silent-body" + half, RequestKind::BlockingRequestPlain, 12002},
-                        Case{"reply --fill " + over, RequestKind::AddressDetection, 12152},
-                        Case{"reply --fill " + over + " --length none", RequestKind::VideoId, 12152},
-                        Case{"reply --fill " + most, RequestKind::AddressDetection, 0},
-                        Case{"reply --fill " + over, RequestKind::BlockingRequestPlain, 0},
-                        Case{"reply --length long" + half, RequestKind::BlockingRequestPlain, 0}}) {
-    Peer const peer(c.scenario + (VariantOf(c.kind).nPort == 443 ? " --tls good" : ""));
-    std::uint64_t now = 1'000'000;
-    PlatformTestHooks hooks;
-    if (c.dwError == 12002)
-      hooks.now = [&now] { return now += 500; };
-    SetPlatformTestHooks(&hooks);
-    DWORD const dwError = Exchange(c.kind).dwError;
-    SetPlatformTestHooks(nullptr);
-    EXPECT_EQ(dwError == 12030 || dwError == 12031 ? 1 : dwError, c.dwError) << c.scenario;
-  }
-}
-
 TEST(ServiceExchange, NarrowsTheObjectNameInTheThreadsCodePage) {
   ThreadLocale const locale("ISO-8859-1");
   if (!locale)

@@ -96,25 +96,20 @@ struct Options {
   char const *szHost = "good.test";
   std::string object = "/x";
   DWORD dwFlags = 0;
-  DWORD dwLimit = 0; // ms, for connecting and for sending; 0 keeps the defaults
 };
 
 /// A session, a connection and a request. The calls return their error number.
 struct Client {
   explicit Client(INTERNET_PORT nPort, Options const &options = {})
-      : session(Prepare(options)),
+      : session(Prepare()),
         connection(InternetConnectA(session, options.szHost, nPort, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 1)),
         request(HttpOpenRequestA(connection, "POST", options.object.c_str(), nullptr, nullptr, nullptr, options.dwFlags,
                                  reinterpret_cast<DWORD_PTR>(&stages))) {}
   ~Client() { InternetCloseHandle(session); } // and its connection and request
 
-  static HINTERNET Prepare(Options const &options) {
+  static HINTERNET Prepare() {
     HINTERNET const hSession = InternetOpenW(nullptr, 0, nullptr, nullptr, 0);
     InternetSetStatusCallbackW(hSession, Stages::Callback);
-    DWORD dwLimit = options.dwLimit;
-    for (DWORD const dwOption : {INTERNET_OPTION_CONNECT_TIMEOUT, INTERNET_OPTION_SEND_TIMEOUT})
-      if (dwLimit != 0)
-        InternetSetOptionW(hSession, dwOption, &dwLimit, sizeof dwLimit);
     return hSession;
   }
   DWORD Begin(DWORD dwDeclared) {

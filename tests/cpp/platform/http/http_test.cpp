@@ -10,12 +10,7 @@ namespace {
 
 std::string const kTls = " --tls good";
 std::string const kMegabyte(1 << 20, 'b');
-constexpr DWORD kLost = 1; // stands for 12030 or 12031; which of them it is depends on timing
-
-void ExpectError(DWORD dwExpected, DWORD dwError, std::string const &context) {
-  bool const isLost = dwError == 12030 || dwError == 12031;
-  EXPECT_EQ(dwExpected, dwExpected == kLost && isLost ? kLost : dwError) << context;
-}
+void ExpectLost(DWORD dwError) { EXPECT_TRUE(dwError == 12030 || dwError == 12031) << dwError; } // timing decides
 
 TEST(Http, SmallWritesWaitAndLargeOnesAreOutOnReturn) {
   std::string const small(4091, 's'), large(300'000, 'L');
@@ -45,42 +40,6 @@ TEST(Http, WholeRequestLeavesInOneWrite) {
     EXPECT_TRUE(WaitFor([&] { return peer.Received().ends_with(end); })) << size;
   }
   EXPECT_EQ(12005u, Client(443, {.object = std::string(2'000'000, 'o')}).Send()) << "too long for libcurl";
-}
-
-TEST(Http, MalformedReplies) {
-  struct Row {
-    char const *szReply;
-    DWORD dwSend, dwRead;
-  };
-  std::string const ok = "HTTP/1.1 200 OK\\r\\n", end = "\\r\\n\\r\\n", chunked = "Transfer-Encoding: chunked" + end;
-  for (Row const &row :
-       {Row{" X: y", 12152, 0}, Row{" X: y", 12152, 0}, Row{"X: a\\0b", 12152, 0}, Row{"Content-Length: -5", 0, 0},
-        Row{"Content-Length: x5", 0, 0}, Row{"Content-Length: 99999999999999999999", 0, 12152}}) {
-    Peer peer("reply --raw '" + ok + row.szReply + end + "body'");
-    for (int n = 0; n < 2; ++n) { // what one exchange leaves in a handle must not affect the next
-      Client client(80);
-      std::string bytes;
-      EXPECT_EQ(row.dwSend, client.Send()) << row.szReply;
-      EXPECT_EQ(row.dwSend != 0 ? 12019u : row.dwRead, client.Read(bytes, 10)) << row.szReply;
-      EXPECT_EQ("", bytes);
-    }
-  }
-  for (std::string const size : {"zz", "-4", "ffffffffffffffffffff"}) {
-    Peer peer("reply --raw '" + ok + chunked + size + "\\r\\nbody\\r\\n0" + end + "'");
-    Client client(80);
-    std::string bytes;
-    EXPECT_EQ(0u, client.Send());
-    EXPECT_EQ(12152u, client.Read(bytes, 10)) << size;
-  }
-}
-
-TEST(Http, ProxyThatRefusesTheTunnel) {
-  for (std::string const status : {"407", "503"}) {
-    Peer peer("reply --status " + status);
-    setenv("https_proxy", ("http://127.0.0.1:" + std::to_string(peer.Port())).c_str(), 1);
-    EXPECT_EQ(12029u, Client(443).Send()) << status;
-    unsetenv("https_proxy");
-  }
 }
 
 TEST(Http, HostIsCheckedAsItGoesOut) {
@@ -114,21 +73,7 @@ TEST(Http, FailureToReadTheRootsFailsOneConnectionOnly) {
   EXPECT_EQ(0u, Client(443).Send());
 }
 
-TEST(Http, SendErrors) {
-  struct Row {
-    std::string scenario;
-    INTERNET_PORT nPort;
-    DWORD dwError;
-  };
-  for (Row const &row : {Row{"close", 80, 12152}, Row{"close" + kTls, 443, 12152}, Row{"close" + kTls, 80, kLost},
-                         Row{"garbage", 80, 12152}, Row{"garbage", 443, 12157}, Row{"flood-headers", 80, 12152},
-                         Row{"reset-send", 80, kLost}, Row{"reset-send" + kTls, 443, kLost}}) {
-    Peer peer(row.scenario);
-    ExpectError(row.dwError, Client(row.nPort).Send(), row.scenario + std::to_string(row.nPort));
-  }
-  EXPECT_EQ(12029u, Client(1, {.szHost = "127.0.0.1"}).Send()) << "nothing listens there";
-  EXPECT_EQ(12007u, Client(80, {.szHost = "nowhere.invalid"}).Send());
-
+TEST(Http, WritesFailAfterALoss) {
   for (INTERNET_PORT const nPort : {80, 443}) {
     Peer peer("reset-send --after 1000000" + (nPort == 443 ? kTls : ""));
     Client client(nPort);
@@ -136,8 +81,8 @@ TEST(Http, SendErrors) {
     DWORD dwError = 0;
     for (int n = 0; n < 64 && dwError == 0; ++n)
       dwError = client.Write(kMegabyte);
-    ExpectError(kLost, dwError, "write");
-    ExpectError(kLost, client.Write("more"), "later write");
+    ExpectLost(dwError);
+    ExpectLost(client.Write("more"));
     EXPECT_NE(0u, client.End());
   }
 }

@@ -77,7 +77,7 @@ public:
     return error;
   }
 
-  /// Writes out what the descriptor still holds, such as a return to the initial shift state.
+  /// Writes out what the descriptor still holds, such as its last character or a return to the initial shift state.
   template <class Unit> void Flush(Sink<Unit> &sink) const {
     char const *none = nullptr;
     std::size_t noneSize = 0;
@@ -133,12 +133,14 @@ int FromCharset(char const *charset, char const *in, std::size_t inSize, Sink<WC
     int const error = converter.Convert(in, inSize, sink);
     if (error == 0)
       break;
+    converter.Flush(sink);
     sink.Put(static_cast<WCHAR>(kReplacementCharacter));
     if (error != EILSEQ) // the text ends inside a character
       break;
     ++in;
     --inSize;
   }
+  converter.Flush(sink); // a letter that waits for an accent to join with
   return sink.Result();
 }
 

@@ -5,6 +5,7 @@
 #include "tests/cpp/platform/text/thread_locale.h"
 #include "tests/fuzz/fuzz.h"
 
+#include <memory>
 #include <vector>
 
 namespace {

@@ -15,8 +15,16 @@ std::string AnsiFromWide(std::wstring_view text) {
 
 std::wstring WideFromAnsi(std::string_view text) {
   auto const size = static_cast<int>(text.size());
-  std::wstring wide(text.size(), L'\0'); // no character set makes more characters than bytes
-  int const length = size == 0 ? 0 : MultiByteToWideChar(CP_THREAD_ACP, 0, text.data(), size, wide.data(), size);
+  auto const convert = [&](WCHAR *wide, int length) {
+    return size == 0 ? 0 : MultiByteToWideChar(CP_THREAD_ACP, 0, text.data(), size, wide, length);
+  };
+  std::wstring wide(text.size(), L'\0');
+  int length = convert(wide.data(), size);
+  if (length == 0 && size != 0) { // TSCII, for one, has bytes that stand for several characters
+    length = convert(nullptr, 0);
+    wide.resize(static_cast<std::size_t>(length));
+    length = convert(wide.data(), length);
+  }
   wide.resize(static_cast<std::size_t>(length));
   return wide;
 }

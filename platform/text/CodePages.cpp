@@ -68,9 +68,12 @@ public:
     while (error == E2BIG) {
       char *out = reinterpret_cast<char *>(units);
       std::size_t outSize = sizeof units;
+      std::size_t const sizeBefore = inSize;
       bool const isDone = iconv(m_descriptor, in ? const_cast<char **>(&in) : nullptr, &inSize, &out, &outSize) !=
                           static_cast<std::size_t>(-1);
       error = isDone ? 0 : errno;
+      if (error == E2BIG && in && inSize == sizeBefore)
+        return EILSEQ; // a decoder of the C library that is stuck, and would fill one buffer after the other
       for (std::size_t index = 0; index < (sizeof units - outSize) / sizeof(Unit); ++index)
         sink.Put(units[index]);
     }

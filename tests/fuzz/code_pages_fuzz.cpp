@@ -5,27 +5,23 @@
 #include "tests/cpp/platform/text/thread_locale.h"
 #include "tests/fuzz/fuzz.h"
 
+#include <array>
 #include <memory>
-#include <vector>
 
 namespace {
 
-/// The first stands for UTF-8. Some of the others have shift characters, or give several characters for a byte.
-constexpr char const *kCharsets[] = {"",       "ISO-8859-15", "EUC-JP",    "SHIFT_JISX0213", "GB18030",
-                                     "CP1258", "BIG5-HKSCS",  "TCVN5712-1", "TSCII",         "JOHAB"};
+/// The first stands for UTF-8. Some hold a letter back until the next byte, or give several for one byte.
+constexpr char const *kCharsets[] = {"",      "EUC-JP",      "GB18030",        "BIG5-HKSCS",
+                                     "TSCII", "ISO-8859-15", "SHIFT_JISX0213", "CP1258"};
 
-/// Makes the character set that of the calling thread's locale.
+/// Makes the character set that of the calling thread's locale, as far as the system has it.
 void UseCharset(std::size_t index) {
-  static auto const &locales = *new std::vector<locale_t>([] {
-    std::vector<locale_t> made;
-    for (char const *const charset : kCharsets) {
-      static auto &kept = *new std::vector<std::unique_ptr<ThreadLocale>>;
-      if (*charset)
-        kept.push_back(std::make_unique<ThreadLocale>(charset));
-      made.push_back(*charset && *kept.back() ? uselocale(nullptr) : LC_GLOBAL_LOCALE);
-    }
-    return made;
-  }());
+  static auto &made = *new std::array<std::unique_ptr<ThreadLocale>, std::size(kCharsets)>;
+  static std::array<locale_t, std::size(kCharsets)> locales{LC_GLOBAL_LOCALE};
+  if (!locales[index]) {
+    made[index] = std::make_unique<ThreadLocale>(kCharsets[index]);
+    locales[index] = *made[index] ? uselocale(nullptr) : LC_GLOBAL_LOCALE;
+  }
   uselocale(locales[index]);
 }
 

@@ -32,9 +32,10 @@ void CheckCopies(char const *url, UrlParts const &parts, DWORD error, std::size_
   for (auto &buffer : buffers)
     buffer = std::make_unique<char[]>(room);
   auto const length = static_cast<DWORD>(room);
-  URL_COMPONENTSA c{sizeof c,         buffers[0].get(), length,           0,      buffers[1].get(),
-                    length,           0,                buffers[2].get(), length, buffers[3].get(),
-                    length,           buffers[4].get(), length,           buffers[5].get(), length};
+  URL_COMPONENTSA c{sizeof c,         buffers[0].get(), length, 0,
+                    buffers[1].get(), length,           0,      buffers[2].get(),
+                    length,           buffers[3].get(), length, buffers[4].get(),
+                    length,           buffers[5].get(), length};
   bool const isSplit = InternetCrackUrlA(url, 0, 0, &c) != 0;
   bool const fits = std::all_of(std::begin(texts), std::end(texts), [&](auto text) { return text.size() < room; });
   DWORD const expected = error != ERROR_SUCCESS ? error : fits ? ERROR_SUCCESS : ERROR_INSUFFICIENT_BUFFER;

@@ -145,13 +145,19 @@ void PutString(BoundedText &out, Conversion const &conversion, Arguments &argume
 long long SignedArgument(Size size, Arguments &arguments) {
   if (size == Size::widest)
     return va_arg(arguments.list, long long);
-  return size == Size::wide ? va_arg(arguments.list, long) : va_arg(arguments.list, int);
+  if (size == Size::wide)
+    return va_arg(arguments.list, long);
+  int const value = va_arg(arguments.list, int);
+  return size == Size::half ? static_cast<short>(value) : value;
 }
 
 unsigned long long UnsignedArgument(Size size, Arguments &arguments) {
   if (size == Size::widest)
     return va_arg(arguments.list, unsigned long long);
-  return size == Size::wide ? va_arg(arguments.list, unsigned long) : va_arg(arguments.list, unsigned);
+  if (size == Size::wide)
+    return va_arg(arguments.list, unsigned long);
+  unsigned const value = va_arg(arguments.list, unsigned);
+  return size == Size::half ? static_cast<unsigned short>(value) : value;
 }
 
 void PutInteger(BoundedText &out, Conversion const &conversion, Arguments &arguments) {

@@ -7,6 +7,16 @@
 
 #include <charconv>
 
+namespace {
+
+/// Whether a status line names a version, as in "HTTP/1.1 200".
+bool HasVersion(std::string_view line) {
+  std::string_view const version = Trimmed(line.substr(line.find('/') + 1));
+  return !version.empty() && version.front() >= '0' && version.front() <= '9';
+}
+
+} // namespace
+
 HttpReply::Length HttpReply::ParseLength(std::string_view text) {
   std::int64_t number = 0;
   char const *const end = text.data() + text.size();
@@ -24,7 +34,9 @@ DWORD HttpReply::TakeHeader(std::string_view line, long status) {
   if (m_isHeadIn) // a trailer
     return ERROR_SUCCESS;
   if (line.starts_with("HTTP/")) {
-    m_length = {}; // what came before was an interim reply
+    if (!HasVersion(line))
+      return ERROR_HTTP_INVALID_SERVER_RESPONSE; // libcurl takes it for a status of 200
+    m_length = {};                               // what came before was an interim reply
   } else if (IsSameName(HeaderName(line), "Content-Length")) {
     m_length = ParseLength(Trimmed(line.substr(line.find(':') + 1)));
   } else if (Trimmed(line).empty()) {

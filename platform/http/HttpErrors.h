@@ -13,7 +13,7 @@ struct CurlFailure {
   long systemError;     ///< the last errno of a connection
   long proxyStatus;     ///< the proxy's answer to CONNECT; 0 for none
   bool isConnecting;    ///< no byte of the request is out
-  bool isAwaitingReply; ///< the request is out, the reply's head is not in
+  bool isAwaitingReply; ///< the request goes out or is out, the reply's head is not in
 };
 
 /// The error number of WinInet.h; never ERROR_SUCCESS.

@@ -187,7 +187,7 @@ CurlFailure HttpTransfer::Describe(CURLcode code) const {
   failure.systemError = Get<long>(CURLINFO_OS_ERRNO);
   failure.proxyStatus = Get<long>(CURLINFO_HTTP_CONNECTCODE);
   failure.isConnecting = !m_isRequestStarted;
-  failure.isAwaitingReply = m_isRequestStarted && Sent() == m_declared && !m_reply.IsHeadIn();
+  failure.isAwaitingReply = m_isRequestStarted && !m_reply.IsHeadIn();
   return failure;
 }
 

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include <arpa/inet.h>
+#include <netinet/tcp.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
@@ -90,6 +91,8 @@ public:
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int const isOn = 1;
+    setsockopt(m_listener, IPPROTO_TCP, TCP_NODELAY, &isOn, sizeof isOn); // its connections inherit it
     auto *const bound = reinterpret_cast<sockaddr *>(&address);
     socklen_t size = sizeof address;
     Require(bind(m_listener, bound, size) == 0 && listen(m_listener, 8) == 0, "a listening socket");

@@ -40,10 +40,12 @@ struct Script {
   bool isCancelling = false; ///< closes the client's session when the reply is out
 };
 
+constexpr std::size_t kLongestReply = 150'000; // more than the platform takes of a head
+
 /// Repeats what precedes each pair of a byte 1 and a count, back to the start of its line: for long lines and heads.
 inline std::string Expanded(std::string_view text) {
   std::string expanded;
-  for (std::size_t index = 0; index < text.size() && expanded.size() < 300'000; ++index) {
+  for (std::size_t index = 0; index < text.size() && expanded.size() < kLongestReply; ++index) {
     if (text[index] != 1 || index + 1 == text.size()) {
       expanded += text[index];
       continue;
@@ -51,7 +53,7 @@ inline std::string Expanded(std::string_view text) {
     std::size_t const end = expanded.find_last_not_of("\r\n");
     std::size_t const start = expanded.rfind('\n', end) + 1;
     std::string const line = expanded.substr(end == expanded.npos ? 0 : start);
-    for (int count = static_cast<unsigned char>(text[++index]); count > 0; --count)
+    for (int count = static_cast<unsigned char>(text[++index]); count > 0 && expanded.size() < kLongestReply; --count)
       expanded += line;
   }
   return expanded;

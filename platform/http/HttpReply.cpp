@@ -5,14 +5,18 @@
 #include "platform/http/HttpLimits.h"
 #include "platform/http/HttpText.h"
 
+#include <algorithm>
 #include <charconv>
+#include <utility>
 
 namespace {
 
-/// Whether a status line names a version, as in "HTTP/1.1 200".
-bool HasVersion(std::string_view line) {
-  std::string_view const version = Trimmed(line.substr(line.find('/') + 1));
-  return !version.empty() && version.front() >= '0' && version.front() <= '9';
+/// Whether the line is a status line with a version, as in "HTTP/1.1 200". libcurl takes "HTTP/x" or "Http/1.1 404" for
+/// a status of 200.
+bool IsStatusLine(std::string_view line) {
+  constexpr std::string_view kStart = "HTTP/";
+  std::string_view const version = Trimmed(line.substr(std::min(kStart.size(), line.size())));
+  return line.starts_with(kStart) && !version.empty() && version.front() >= '0' && version.front() <= '9';
 }
 
 } // namespace
@@ -33,15 +37,16 @@ DWORD HttpReply::TakeHeader(std::string_view line, long status) {
     return ERROR_HTTP_INVALID_SERVER_RESPONSE;
   if (m_isHeadIn) // a trailer
     return ERROR_SUCCESS;
-  if (line.starts_with("HTTP/")) {
-    if (!HasVersion(line))
-      return ERROR_HTTP_INVALID_SERVER_RESPONSE; // libcurl takes it for a status of 200
-    m_length = {};                               // what came before was an interim reply
-  } else if (IsSameName(HeaderName(line), "Content-Length")) {
+  if (std::exchange(m_isAtStart, false)) {
+    m_length = {}; // what came before was an interim reply
+    return IsStatusLine(line) ? ERROR_SUCCESS : ERROR_HTTP_INVALID_SERVER_RESPONSE;
+  }
+  if (IsSameName(HeaderName(line), "Content-Length")) {
     m_length = ParseLength(Trimmed(line.substr(line.find(':') + 1)));
   } else if (Trimmed(line).empty()) {
     m_status = status;
     m_isHeadIn = status >= 200 || status == 101;
+    m_isAtStart = true;
     if (m_isHeadIn && m_length.isTooLarge)
       return ERROR_HTTP_INVALID_SERVER_RESPONSE; // a reply whose body can't be read
   }

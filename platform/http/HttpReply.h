@@ -46,6 +46,7 @@ private:
 
   long m_status = 0;
   bool m_isHeadIn = false;
+  bool m_isAtStart = true; ///< the next line begins a head
   std::size_t m_headSize = 0;
   Length m_length;
   std::string m_body;

@@ -43,7 +43,7 @@ DWORD HttpReply::TakeHeader(std::string_view line, long status) {
   }
   if (IsSameName(HeaderName(line), "Content-Length")) {
     m_length = ParseLength(Trimmed(line.substr(line.find(':') + 1)));
-  } else if (Trimmed(line).empty()) {
+  } else if (line.starts_with('\r') || line.starts_with('\n')) { // for libcurl, too, whatever follows
     m_status = status;
     m_isHeadIn = status >= 200 || status == 101;
     m_isAtStart = true;

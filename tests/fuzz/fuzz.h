@@ -1,12 +1,10 @@
-// What the fuzz targets share: how an invariant that does not hold ends the run, and how the fuzzer's bytes become
-// arguments. A target is one function, which libFuzzer calls with one input after another on one thread.
+// What the fuzz targets share: invariants, and how the fuzzer's bytes become arguments. A target is one function, which
+// libFuzzer calls with one input after another.
 #pragma once
 
 #include "platform/base/LastError.h"
-#include "platform/base/Types.h"
 
 #include <algorithm>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -24,43 +22,32 @@ inline void Require(bool isMet, char const *invariant, char const *file = __buil
   std::abort();
 }
 
-/// Takes arguments off the front of an input; an input that is used up gives zeros.
-class Input {
-public:
-  Input(std::uint8_t const *data, std::size_t size) : m_rest(reinterpret_cast<char const *>(data), size) {}
-
+/// Takes arguments off the front of an input; one that is used up gives zeros.
+struct Input {
   unsigned Byte() {
-    unsigned const byte = m_rest.empty() ? 0 : static_cast<unsigned char>(m_rest.front());
-    m_rest.remove_prefix(m_rest.empty() ? 0 : 1);
+    unsigned const byte = rest.empty() ? 0 : static_cast<unsigned char>(rest.front());
+    rest.remove_prefix(rest.empty() ? 0 : 1);
     return byte;
   }
-  std::string_view Rest() const { return m_rest; }
-  /// One character for each two bytes, so that most of them are no character or a surrogate, or for each byte.
-  std::wstring WideRest(bool isTwoBytes) {
+  /// Wide text of the rest: a unit for each byte, or for each two, so that many are no character or a surrogate.
+  std::wstring Wide(bool isTwoBytes) {
     std::wstring text;
-    while (!m_rest.empty()) {
-      unsigned const unit = Byte();
-      text += static_cast<WCHAR>(isTwoBytes ? unit << 8 | Byte() : unit);
-    }
+    while (!rest.empty())
+      text += static_cast<WCHAR>(isTwoBytes ? Byte() << 8 | Byte() : Byte());
     return text;
   }
 
-private:
-  std::string_view m_rest;
+  std::string_view rest;
 };
 
-/// A copy that ends where its memory ends, so that the address sanitizer sees each read beyond it.
-template <class Unit> class Exact {
-public:
-  /// `terminators`: how many zeros follow the text.
-  explicit Exact(std::basic_string_view<Unit> text, std::size_t terminators = 0)
-      : m_size(text.size()), m_units(new Unit[m_size + terminators]()) {
-    std::copy(text.begin(), text.end(), m_units.get());
-  }
-  Unit *Data() const { return m_units.get(); }
-  std::basic_string_view<Unit> View() const { return {m_units.get(), m_size}; }
+inline Input Of(std::uint8_t const *data, std::size_t size) { return {{reinterpret_cast<char const *>(data), size}}; }
 
-private:
-  std::size_t m_size;
-  std::unique_ptr<Unit[]> m_units;
+/// A copy whose memory ends with it, after `zeros` more units: the address sanitizer sees each access beyond.
+template <class Unit> struct Exact {
+  explicit Exact(std::basic_string_view<Unit> text, std::size_t zeros = 0)
+      : units(new Unit[text.size() + zeros]()), view(units.get(), text.size()) {
+    std::copy(text.begin(), text.end(), units.get());
+  }
+  std::unique_ptr<Unit[]> units;
+  std::basic_string_view<Unit> view;
 };

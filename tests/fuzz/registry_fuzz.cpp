@@ -1,4 +1,4 @@
-// The registry file: what a key and its value read as, and that it does not depend on the file's encoding.
+// The registry file: what its key and value read as, and that it does not depend on the file's encoding.
 #include "platform/system/Registry.h"
 #include "platform/text/Utf8.h"
 #include "tests/fuzz/fuzz.h"
@@ -8,46 +8,35 @@
 
 namespace {
 
-constexpr char kKey[] = "\n[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright]\n";
+constexpr long long kNoKey = -1, kNoValue = -2;
 
-/// The file that the registry is read from: in memory, under the name that the process's descriptors have.
-int RegistryFile() {
+/// The number that a file of this text gives "DumpMsg".
+long long Read(std::string_view text) {
   static int const fd = [] {
     int const made = memfd_create("registry", MFD_CLOEXEC);
     setenv("SKIFFPORT_REGISTRY", ("/proc/self/fd/" + std::to_string(made)).c_str(), 1);
     return made;
   }();
-  return fd;
-}
-
-/// The number that the file's text gives "DumpMsg", or a negative error number.
-long long Read(std::string_view text) {
-  Require(ftruncate(RegistryFile(), 0) == 0 && pwrite(RegistryFile(), text.data(), text.size(), 0) >= 0, "a file");
+  Require(ftruncate(fd, 0) == 0 && pwrite(fd, text.data(), text.size(), 0) >= 0, "a file");
   HKEY hKey = nullptr;
   LONG result = RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SoftWare\\Quillon\\Tintwright", 0, KEY_QUERY_VALUE, &hKey);
   Require(result == ERROR_SUCCESS || result == ERROR_FILE_NOT_FOUND, "a key or none");
   if (result != ERROR_SUCCESS)
-    return -1000;
+    return kNoKey;
   DWORD type = 0, value = 0, length = sizeof value;
   result = RegQueryValueExW(hKey, L"DumpMsg", nullptr, &type, reinterpret_cast<BYTE *>(&value), &length);
   Require(result == ERROR_FILE_NOT_FOUND || (result == ERROR_SUCCESS && type == 4 && length == 4), "a value or none");
   Require(RegCloseKey(hKey) == ERROR_SUCCESS, "the key closes");
-  return result == ERROR_SUCCESS ? value : -result;
+  return result == ERROR_SUCCESS ? value : kNoValue;
 }
 
-/// UTF-16 with its byte order mark.
-std::string Utf16(std::wstring_view text, bool isBigEndian) {
-  std::string bytes;
-  auto const put = [&](unsigned unit) {
-    char const high = static_cast<char>(unit >> 8), low = static_cast<char>(unit & 0xFF);
-    bytes += isBigEndian ? std::string{high, low} : std::string{low, high};
-  };
-  put(0xFEFF);
-  for (WCHAR const c : text) {
-    auto const character = static_cast<unsigned>(c);
-    if (character >= 0x10000)
-      put(0xD800 + ((character - 0x10000) >> 10));
-    put(character < 0x10000 ? character : 0xDC00 + ((character - 0x10000) & 0x3FF));
+std::string Utf16(std::wstring_view text) {
+  std::string bytes = "\xFF\xFE";
+  auto const put = [&](unsigned unit) { bytes += {static_cast<char>(unit & 0xFF), static_cast<char>(unit >> 8)}; };
+  for (auto const c : text) {
+    if (c >= 0x10000)
+      put(0xD800 + ((c - 0x10000) >> 10));
+    put(c < 0x10000 ? c : 0xDC00 + ((c - 0x10000) & 0x3FF));
   }
   return bytes;
 }
@@ -55,18 +44,19 @@ std::string Utf16(std::wstring_view text, bool isBigEndian) {
 } // namespace
 
 int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {
-  std::string const text(reinterpret_cast<char const *>(data), size);
+  std::string const text(Of(data, size).rest);
   long long const value = Read(text);
+  if (text.starts_with("\xFF\xFE") || text.starts_with("\xFE\xFF") || text.starts_with("\xEF\xBB\xBF"))
+    return 0;
   bool isUtf8 = false;
   std::wstring const wide = WideFromUtf8(text, &isUtf8);
-  bool const hasMark = text.starts_with("\xFF\xFE") || text.starts_with("\xFE\xFF") || text.starts_with("\xEF\xBB\xBF");
-  if (hasMark)
+  if (!isUtf8) {
+    Require(value == kNoKey, "a file that does not decode has no key");
     return 0;
-  Require(isUtf8 || value == -1000, "a file that does not decode has no key");
-  if (!isUtf8)
-    return 0;
+  }
   Require(Read("\xEF\xBB\xBF" + text) == value, "UTF-8 with its mark reads the same");
-  Require(Read(Utf16(wide, false)) == value && Read(Utf16(wide, true)) == value, "UTF-16 reads the same");
-  Require(Read(text + kKey + "\"DumpMsg\"=dword:0000002a") == 42, "a line counts whatever precedes it");
+  Require(Read(Utf16(wide)) == value, "UTF-16 reads the same");
+  std::string const line = "\n[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright]\n\"DumpMsg\"=dword:2a";
+  Require(Read(text + line) == 0x2A, "a line counts whatever precedes it");
   return 0;
 }

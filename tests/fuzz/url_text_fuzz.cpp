@@ -2,30 +2,19 @@
 #include "reply/UrlText.h"
 #include "tests/fuzz/fuzz.h"
 
-namespace {
-
-constexpr std::size_t kMostCharacters = 2047;
-
-std::wstring Encoded(std::wstring_view text) {
+int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {
+  Input input = Of(data, size);
+  std::wstring const text = input.Wide((input.Byte() & 1) != 0);
+  std::wstring_view const given = text.c_str();
+  std::wstring const decoded = DecodeURLText(Exact<wchar_t>(given, 1).units.get());
+  Require(decoded.size() <= std::min<std::size_t>(given.size(), 2047), "a decoded text is bounded");
+  Require(decoded.find(L'\0') == decoded.npos, "a decoded text holds no zero");
+  Require(decoded.starts_with(given.substr(0, given.find(L'%')).substr(0, 2047)), "what precedes an escape stays");
   std::wstring encoded;
-  for (wchar_t const c : text) {
-    wchar_t const escape[] = {L'%', L"0123456789abcdef"[(c >> 4) & 15], L"0123456789ABCDEF"[c & 15], 0};
+  for (wchar_t const c : decoded) {
+    wchar_t const escape[] = {L'%', L"0123456789abcdef"[c >> 4 & 15], L"0123456789ABCDEF"[c & 15], 0};
     encoded += c > 0 && c < 256 ? escape : std::wstring(1, c);
   }
-  return encoded;
-}
-
-} // namespace
-
-int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {
-  Input input(data, size);
-  std::wstring const text = input.WideRest((input.Byte() & 1) != 0);
-  std::wstring const decoded = DecodeURLText(Exact<wchar_t>(text, 1).Data());
-  std::wstring_view const given = text.c_str();
-  Require(decoded.size() <= std::min(given.size(), kMostCharacters), "a decoded text is bounded");
-  Require(decoded.find(L'\0') == decoded.npos, "a decoded text holds no zero");
-  std::wstring_view const plain = given.substr(0, std::min(given.find(L'%'), kMostCharacters));
-  Require(decoded.starts_with(plain), "what precedes the first escape stays");
-  Require(DecodeURLText(Exact<wchar_t>(Encoded(decoded), 1).Data()) == decoded, "an encoded text decodes to itself");
+  Require(DecodeURLText(Exact<wchar_t>(encoded, 1).units.get()) == decoded, "an encoded text decodes to itself");
   return 0;
 }

@@ -7,26 +7,26 @@
 
 namespace {
 
-std::wstring Text(WCHAR const *text) { return text ? text : L""; }
+constexpr WCHAR kBlanks[] = L" \t\r\n";
 
 std::wstring TextOf(IXMLDOMNode *node) {
   CComBSTR text;
   Require(node->get_text(&text) == S_OK && text, "a node has a text");
-  return Text(text);
+  return static_cast<WCHAR const *>(text);
 }
 
 std::wstring NameOf(IXMLDOMNode *node) {
   CComBSTR name;
   Require(node->get_nodeName(&name) == S_OK && name, "a node has a name");
-  return Text(name);
+  return static_cast<WCHAR const *>(name);
 }
 
 std::wstring WithoutBlanks(std::wstring text) {
-  std::erase_if(text, [](WCHAR c) { return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n'; });
+  std::erase_if(text, [](WCHAR c) { return std::wcschr(kBlanks, c); });
   return text;
 }
 
-/// The text as character references, where it could be markup or a blank that the parser changes.
+/// The text with references for what could be markup, or a blank that the parser changes.
 std::wstring Escaped(std::wstring const &text) {
   std::wstring escaped;
   for (WCHAR const c : text)
@@ -34,84 +34,63 @@ std::wstring Escaped(std::wstring const &text) {
   return escaped;
 }
 
-/// The start tag, with the one attribute that decides which blanks are nodes.
-std::wstring StartTag(IXMLDOMNode *element, std::wstring const &name) {
+/// The attribute that decides which blanks are nodes; the others can't be listed.
+std::wstring SpaceAttribute(IXMLDOMNode *element) {
   CComPtr<IXMLDOMNamedNodeMap> attributes;
   CComPtr<IXMLDOMNode> space;
   Require(element->get_attributes(&attributes) == S_OK, "an element has a map of attributes");
   Require(SUCCEEDED(attributes->getNamedItem(CComBSTR(L"xml:space"), &space)), "an attribute or none");
-  return L"<" + name + (space ? L" xml:space=\"" + Escaped(TextOf(space)) + L"\">" : L">");
+  return space ? L" xml:space=\"" + Escaped(TextOf(space)) + L"\"" : L"";
 }
 
-/// The path finds the first child of that name.
-void CheckQuery(IXMLDOMNode *parent, IXMLDOMNode *child, std::wstring const &name) {
-  CComPtr<IXMLDOMNode> found;
-  HRESULT const hr = parent->selectSingleNode(CComBSTR(name.c_str()), &found);
-  Require(hr == S_OK ? NameOf(found) == name && TextOf(found) == TextOf(child) : FAILED(hr), "a child is found");
-  Require(hr == S_OK || std::count(name.begin(), name.end(), L':') != 0, "a query of a plain name does not fail");
-}
-
-/// Appends the node's markup, and its text without what the platform trims.
-void Write(IXMLDOMNode *node, std::wstring &markup, std::wstring &text) {
-  DOMNodeType type;
+/// The node's markup. Appends its text, without what the platform trims, to `text`.
+std::wstring Markup(IXMLDOMNode *node, std::wstring &text) {
+  DOMNodeType type = NODE_COMMENT;
   CComVariant value;
-  Require(node->get_nodeType(&type) == S_OK, "a node has a type");
-  Require(SUCCEEDED(node->get_nodeValue(&value)), "a value or none");
-  std::wstring const name = NameOf(node), own = value.vt == VT_BSTR ? Text(value.bstrVal) : L"";
+  Require(node->get_nodeType(&type) == S_OK && SUCCEEDED(node->get_nodeValue(&value)), "a node has type and value");
+  std::wstring const name = NameOf(node), own = value.vt == VT_BSTR ? value.bstrVal : L"";
   Require(NodeNameIs(node, name.c_str()) == (type != NODE_COMMENT), "a node has its own name");
-  if (type == NODE_TEXT || type == NODE_CDATA_SECTION)
-    text += own;
+  text += type == NODE_TEXT || type == NODE_CDATA_SECTION ? own : L"";
   if (type == NODE_TEXT)
-    markup += Escaped(own);
-  else if (type == NODE_CDATA_SECTION)
-    markup += L"<![CDATA[" + own + L"]]>";
-  else if (type == NODE_COMMENT)
-    markup += L"<!--" + own + L"-->";
-  else if (type == NODE_PROCESSING_INSTRUCTION)
-    markup += L"<?" + name + L" " + own + L"?>";
-  if (type != NODE_ELEMENT && type != NODE_DOCUMENT)
-    return;
-  markup += type == NODE_ELEMENT ? StartTag(node, name) : L"";
-  std::wstring inner;
+    return Escaped(own);
+  if (type == NODE_CDATA_SECTION)
+    return L"<![CDATA[" + own + L"]]>";
+  if (type == NODE_COMMENT)
+    return L"<!--" + own + L"-->";
+  if (type == NODE_PROCESSING_INSTRUCTION)
+    return L"<?" + name + L" " + own + L"?>";
+  std::wstring markup, inner;
   std::set<std::wstring> names;
-  CComPtr<IXMLDOMNode> child, next;
+  CComPtr<IXMLDOMNode> child, next, found;
   for (node->get_firstChild(&child); child; child = std::move(next)) {
-    Write(child, markup, inner);
-    DOMNodeType childType;
-    child->get_nodeType(&childType);
-    if (childType == NODE_ELEMENT && names.insert(NameOf(child)).second)
-      CheckQuery(node, child, NameOf(child));
+    markup += Markup(child, inner);
+    std::wstring const childName = NameOf(child);
+    bool const isQueried = child->get_nodeType(&type) == S_OK && type == NODE_ELEMENT && names.insert(childName).second;
+    HRESULT const hr = isQueried ? node->selectSingleNode(CComBSTR(childName.c_str()), &found) : E_FAIL;
+    Require(hr != S_OK || TextOf(found) == TextOf(child), "a path finds the first child of that name");
+    Require(!isQueried || hr == S_OK || childName.find(L':') != childName.npos, "a query of a name does not fail");
     child->get_nextSibling(&next);
   }
-  markup += type == NODE_ELEMENT ? L"</" + name + L">" : L"";
   Require(WithoutBlanks(TextOf(node)) == WithoutBlanks(inner), "an element's text is that of its descendants");
   text += inner;
-}
-
-std::wstring Markup(IXMLDOMDocument *document) {
-  std::wstring markup, text;
-  Write(document, markup, text);
-  return markup;
+  return name == L"#document" ? markup : L"<" + name + SpaceAttribute(node) + L">" + markup + L"</" + name + L">";
 }
 
 } // namespace
 
 int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {
-  CComPtr<IXMLDOMDocument> document = LoadReply(std::string(reinterpret_cast<char const *>(data), size));
-  Require(document, "a document");
+  CComPtr<IXMLDOMDocument> const document = LoadReply(std::string(Of(data, size).rest));
   CString text(L"untouched");
   ElementState const state = ReadElement(document, L"result/code", text);
-  Require(state != ElementState::QueryFailed, "the query does not fail");
   Require(state == ElementState::Found || text == CString(L"untouched"), "a missing element leaves the text alone");
   CComPtr<IXMLDOMNode> root;
-  document->get_firstChild(&root);
-  if (!root)
+  if (document->get_firstChild(&root) != S_OK)
     return 0;
-  std::wstring const markup = Markup(document);
+  std::wstring first, second;
+  std::wstring const markup = Markup(document, first), rootText = TextOf(root);
   VARIANT_BOOL isLoaded = 0;
-  std::wstring const before = TextOf(root);
   Require(document->loadXML(CComBSTR(markup.c_str()), &isLoaded) == S_OK && isLoaded, "a document's markup parses");
-  Require(TextOf(root) == before, "a node outlives its document");
-  Require(Markup(document) == markup, "a document's markup gives the same document");
+  Require(TextOf(root) == rootText, "a node outlives its document");
+  Require(Markup(document, second) == markup && first == second, "a document's markup gives the same document");
   return 0;
 }

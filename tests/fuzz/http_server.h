@@ -90,15 +90,13 @@ inline SSL_CTX *MakeTlsContext() {
 class Server {
 public:
   Server() : m_listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), m_tls(kIsTls ? MakeTlsContext() : nullptr) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    int const isOn = 1;
-    setsockopt(m_listener, IPPROTO_TCP, TCP_NODELAY, &isOn, sizeof isOn); // its connections inherit it
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     auto *const bound = reinterpret_cast<sockaddr *>(&address);
     socklen_t size = sizeof address;
     Require(bind(m_listener, bound, size) == 0 && listen(m_listener, 8) == 0, "a listening socket");
     getsockname(m_listener, bound, &size);
+    int const isOn = 1;
+    setsockopt(m_listener, IPPROTO_TCP, TCP_NODELAY, &isOn, sizeof isOn); // its connections inherit it
     std::string const place = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
     setenv("SKIFFPORT_CONNECT_TO", (std::string(kServerName) + "::" + place).c_str(), 1);
     std::signal(SIGPIPE, SIG_IGN);
@@ -117,33 +115,24 @@ public:
   }
 
 private:
-  /// One connection. Its TLS, if any, is ended without a word unless Finish does so.
   struct Connection {
     ~Connection() {
       SSL_free(tls);
       close(fd);
     }
-    long Read(char *bytes, std::size_t size) const {
-      return tls ? SSL_read(tls, bytes, static_cast<int>(size)) : recv(fd, bytes, size, 0);
-    }
     void Write(std::string_view bytes) const {
       for (long sent = 1; sent > 0 && !bytes.empty(); bytes.remove_prefix(sent > 0 ? sent : 0))
         sent = tls ? SSL_write(tls, bytes.data(), static_cast<int>(bytes.size()))
-                   : send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+                   : send(fd, bytes.data(), bytes.size(), 0);
     }
-    void Finish() const {
-      if (tls && SSL_is_init_finished(tls))
-        SSL_shutdown(tls);
-      shutdown(fd, SHUT_WR);
-    }
-
-    int fd = -1;
-    SSL *tls = nullptr;
+    int fd;
+    SSL *tls;
   };
 
   bool ReadMore(Connection const &connection) {
     char buffer[65536];
-    long const size = connection.Read(buffer, sizeof buffer);
+    long const size = connection.tls ? SSL_read(connection.tls, buffer, sizeof buffer)
+                                     : recv(connection.fd, buffer, sizeof buffer, 0);
     m_received.append(buffer, size > 0 ? size : 0);
     return size > 0;
   }
@@ -152,13 +141,10 @@ private:
     for (pollfd waiting{m_listener, POLLIN, 0}; poll(&waiting, 1, 5) == 0;)
       if (m_isOver)
         return; // the client did not get as far as connecting
-    Connection connection{accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC)};
-    if (m_tls && !script.isEager) {
-      connection.tls = SSL_new(m_tls);
-      SSL_set_fd(connection.tls, connection.fd);
-      if (SSL_accept(connection.tls) != 1)
-        return;
-    }
+    Connection const connection{accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC),
+                                kIsTls && !script.isEager ? SSL_new(m_tls) : nullptr};
+    if (connection.tls && (SSL_set_fd(connection.tls, connection.fd) != 1 || SSL_accept(connection.tls) != 1))
+      return;
     while (!script.isEager && m_received.find("\r\n\r\n") == m_received.npos)
       if (!ReadMore(connection))
         return;
@@ -174,15 +160,16 @@ private:
     linger const atOnce{1, 0};
     if (end == Script::Reset)
       setsockopt(connection.fd, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    if (end == Script::Finish && connection.tls)
+      SSL_shutdown(connection.tls);
     if (end == Script::Finish)
-      connection.Finish();
+      shutdown(connection.fd, SHUT_WR);
     pollfd waiting{connection.fd, POLLIN, 0};
-    for (bool isOpen = end == Script::Finish || end == Script::Stall; isOpen;) {
+    for (bool isOpen = end == Script::Finish || end == Script::Stall; isOpen;)
       if (poll(&waiting, 1, end == Script::Stall ? 1 : -1) == 0)
         g_now += 70'000;
       else
         isOpen = ReadMore(connection);
-    }
   }
 
   int const m_listener;

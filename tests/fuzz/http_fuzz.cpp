@@ -125,7 +125,7 @@ void CheckGoodExchange(Server &server) {
   {
     Exchange exchange;
     server.Start({"HTTP/1.1 200 OK\r\nContent-Length: 6\r\n\r\nsecond"}, exchange.session);
-    Require(exchange.Run(Kind::Post, 4096) == ERROR_SUCCESS, "a good exchange succeeds");
+    Require(exchange.Run(Kind::Get, 4096) == ERROR_SUCCESS, "a good exchange succeeds");
     Require(exchange.status == 200 && exchange.length == L"6" && exchange.body == "second", "its reply comes in");
     request = server.Finish();
   }

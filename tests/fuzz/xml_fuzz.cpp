@@ -61,15 +61,17 @@ std::wstring Markup(IXMLDOMNode *node, std::wstring &text) {
     return L"<?" + name + L" " + own + L"?>";
   std::wstring markup, inner;
   std::set<std::wstring> names;
-  CComPtr<IXMLDOMNode> child, next, found;
-  for (node->get_firstChild(&child); child; child = std::move(next)) {
+  CComPtr<IXMLDOMNode> child, found;
+  for (node->get_firstChild(&child); child;) {
     markup += Markup(child, inner);
     std::wstring const childName = NameOf(child);
     bool const isQueried = child->get_nodeType(&type) == S_OK && type == NODE_ELEMENT && names.insert(childName).second;
     HRESULT const hr = isQueried ? node->selectSingleNode(CComBSTR(childName.c_str()), &found) : E_FAIL;
     Require(hr != S_OK || TextOf(found) == TextOf(child), "a path finds the first child of that name");
     Require(!isQueried || hr == S_OK || childName.find(L':') != childName.npos, "a query of a name does not fail");
+    CComPtr<IXMLDOMNode> next;
     child->get_nextSibling(&next);
+    child = std::move(next);
   }
   Require(WithoutBlanks(TextOf(node)) == WithoutBlanks(inner), "an element's text is that of its descendants");
   text += inner;

@@ -33,13 +33,14 @@ struct ThreadCleanUp {
   }
 };
 
+/// May throw std::bad_alloc; the next call then tries again.
 void InitializeCurl() {
-  static bool const isReady = [] {
+  [[maybe_unused]] static bool const s_isReady = [] {
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); // a thread may still send at exit
-    return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+    if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK)
+      throw std::bad_alloc();
+    return true;
   }();
-  if (!isReady)
-    throw std::bad_alloc();
 }
 
 /// An idle multi handle; null if there is none.

@@ -38,6 +38,13 @@ template <class Value> bool AssignOrReport(Value &target, Value const &value) {
 } // namespace
 %}
 
+// SWIG's runtime releases this object when the interpreter ends, and would first create it, without looking whether there
+// is memory for its type.
+%init %{
+  if (!swig_varlink_type() || !SWIG_globals())
+    return NULL;
+%}
+
 // Wide string arguments: converts a str to an array that the wrapper frees after the call. Replaces the fragment of the
 // same name in SWIG's library, whose unguarded `new` would throw std::bad_alloc into the interpreter.
 %fragment("SWIG_AsWCharPtrAndSize", "header", fragment="<wchar.h>", fragment="SWIG_pwchar_descriptor") {

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -87,37 +88,61 @@ ClassTable &Classes() {
   return table;
 }
 
-/// The calling thread's reference to its queue, which closes when the thread ends.
+/// The calling thread's reference to its queue, which closes when the thread ends. Kept under a key, because the C
+/// library ends the process if it has no memory to register a thread_local object's destructor.
 class ThreadQueue {
 public:
-  ~ThreadQueue() {
-    if (auto const queue = Ours())
-      queue->Close();
-  }
   /// Null if the thread has none, or only the parent's.
-  std::shared_ptr<Queue> Ours() const { return m_queue && m_queue->IsOurs() ? m_queue : nullptr; }
-  bool IsParents() const { return m_queue && !m_queue->IsOurs(); }
+  std::shared_ptr<Queue> Ours() const {
+    auto const *const held = Held();
+    return held && (*held)->IsOurs() ? *held : nullptr;
+  }
+  bool IsParents() const { return Held() && !Ours(); }
   /// Creates the queue if there is none, or only the parent's. Null if it can't be created; may throw std::bad_alloc.
   std::shared_ptr<Queue> Require() {
-    if (Ours())
-      return m_queue;
-    auto queue = std::make_shared<Queue>();
+    if (auto queue = Ours())
+      return queue;
+    pthread_key_t const *const key = Key();
+    if (!key)
+      return nullptr;
+    auto reference = std::make_unique<Reference>(std::make_shared<Queue>());
+    auto queue = *reference;
     queue->fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (queue->fd < 0)
       return nullptr;
-    m_queue = queue;
+    Reference const *const parents = Held();
+    if (pthread_setspecific(*key, reference.get()) != 0) {
+      queue->Close();
+      throw std::bad_alloc();
+    }
+    static_cast<void>(reference.release()); // now the thread's
+    delete parents;
     return queue;
   }
+  /// Only for a thread that has one.
   void Drop() {
-    m_queue->Close();
-    m_queue.reset();
+    CloseHeld(Held());
+    pthread_setspecific(*Key(), nullptr);
   }
 
 private:
-  std::shared_ptr<Queue> m_queue;
+  using Reference = std::shared_ptr<Queue>;
+
+  static void CloseHeld(void *held) {
+    std::unique_ptr<Reference> const reference(static_cast<Reference *>(held));
+    if ((*reference)->IsOurs())
+      (*reference)->Close();
+  }
+  /// Null if the process has used up its keys.
+  static pthread_key_t const *Key() {
+    static pthread_key_t s_key;
+    static bool const s_isCreated = pthread_key_create(&s_key, CloseHeld) == 0;
+    return s_isCreated ? &s_key : nullptr;
+  }
+  static Reference *Held() { return Key() ? static_cast<Reference *>(pthread_getspecific(*Key())) : nullptr; }
 };
 
-thread_local ThreadQueue t_queue;
+ThreadQueue g_threadQueue;
 
 /// The window; null, with the last error, for any other handle and for a window of the parent process.
 std::shared_ptr<Window> FindWindow(HWND hWnd) {
@@ -152,7 +177,7 @@ HWND CreateWindowOf(WCHAR const *className, DWORD style) {
       return Fail(ERROR_CANNOT_FIND_WND_CLASS, nullptr);
     windowProc = it->second;
   }
-  auto const queue = t_queue.Require();
+  auto const queue = g_threadQueue.Require();
   if (!queue)
     return Fail(ERROR_NOT_ENOUGH_MEMORY, nullptr);
   void *const hWnd = Windows().Add(std::make_shared<Window>(queue, windowProc, static_cast<LONG_PTR>(style)));
@@ -261,14 +286,14 @@ BOOL PeekMessageW(MSG *pMessage, HWND hWnd, UINT uFirst, UINT uLast, UINT uRemov
 }
 
 int MessageQueueDescriptor() try {
-  auto const queue = t_queue.Require();
+  auto const queue = g_threadQueue.Require();
   return queue ? queue->fd : -1;
 } catch (std::bad_alloc const &) {
   return Fail(ERROR_NOT_ENOUGH_MEMORY, -1);
 }
 
 int PumpMessages(int nLimit) {
-  auto const queue = t_queue.Ours(); // a reference: a handler may release the thread's queue
+  auto const queue = g_threadQueue.Ours(); // a reference: a handler may release the thread's queue
   if (!queue)
     return 0;
   std::uint64_t end;
@@ -284,7 +309,7 @@ int PumpMessages(int nLimit) {
 }
 
 int WaitForMessages(int nMilliseconds) {
-  if (t_queue.IsParents())
+  if (g_threadQueue.IsParents())
     return 0;
   pollfd entry = {MessageQueueDescriptor(), POLLIN, 0};
   if (entry.fd < 0)
@@ -294,7 +319,7 @@ int WaitForMessages(int nMilliseconds) {
 }
 
 BOOL ReleaseMessageQueue() {
-  auto const queue = t_queue.Ours();
+  auto const queue = g_threadQueue.Ours();
   if (!queue)
     return TRUE;
   {
@@ -302,6 +327,6 @@ BOOL ReleaseMessageQueue() {
     if (queue->windowCount != 0)
       return FALSE;
   }
-  t_queue.Drop();
+  g_threadQueue.Drop();
   return TRUE;
 }

@@ -29,9 +29,11 @@ ElementState ReadElement(IXMLDOMDocument *pDocument, WCHAR const *wszPath, CStri
   CComPtr<IXMLDOMNode> pNode;
   if (FAILED(pDocument->selectSingleNode(CComBSTR(wszPath), &pNode)))
     return ElementState::QueryFailed;
-  CComBSTR bstrText;
-  if (!pNode || FAILED(pNode->get_text(&bstrText)))
+  if (!pNode)
     return ElementState::Missing;
+  CComBSTR bstrText;
+  if (FAILED(pNode->get_text(&bstrText))) // out of memory
+    return ElementState::QueryFailed;
   strText = CString(static_cast<WCHAR const *>(bstrText));
   return ElementState::Found;
 }

@@ -15,7 +15,8 @@ CComPtr<IXMLDOMDocument> LoadReply(std::string strReply, DWORD dwContext = CLSCT
 enum class ElementState { Found, Missing, QueryFailed };
 
 /// Reads the text of the first element at a path that starts at the root element. `strText` changes only if the element
-/// was found. A null document has no elements. May throw std::bad_alloc.
+/// was found. A null document has no elements; an element whose text can't be had counts as a failed query. May throw
+/// std::bad_alloc.
 ElementState ReadElement(IXMLDOMDocument *pDocument, WCHAR const *wszPath, CString &strText);
 
 /// True if the node is not a comment and has that name; case is ignored.

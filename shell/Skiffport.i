@@ -106,6 +106,13 @@ SWIGINTERN int SWIG_AsWCharPtrAndSize(PyObject *obj, wchar_t **cptr, size_t *psi
   }
 }
 
+// What constructors return. Unlike SWIG's own typemap, destroys the object if Python has no memory for its wrapper.
+%typemap(out) KHLoginData *, KHConnectUtil *, PyPresetUploader * {
+  $result = SWIG_NewPointerObj(%as_voidptr($1), $descriptor, $owner | %newpointer_flags);
+  if (!$result)
+    delete $1;
+}
+
 // Types that members hold by value. SWIG's typemaps copy them outside the try block of %exception; these report an
 // allocation failure in the copy as a MemoryError. A variadic macro, because the map's name contains a comma.
 %define BY_VALUE(Type...)
@@ -125,6 +132,8 @@ SWIGINTERN int SWIG_AsWCharPtrAndSize(PyObject *obj, wchar_t **cptr, size_t *psi
   if (!copy)
     SWIG_fail;
   $result = SWIG_NewPointerObj(copy, $&1_descriptor, SWIG_POINTER_OWN | 0);
+  if (!$result)
+    delete copy;
 }
 %enddef
 BY_VALUE(HINTERNET)

@@ -156,6 +156,8 @@ template <class Ready> bool HttpTransfer::PumpUntil(Wait wait, Ready ready) {
 }
 
 void HttpTransfer::Finish(CURLcode code) {
+  if (code == CURLE_SSL_CONNECT_ERROR || code == CURLE_PEER_FAILED_VERIFICATION)
+    ForgetTrustStore();
   m_isFinished = true;
   if (m_error != ERROR_SUCCESS) // a callback has said why
     return;

@@ -83,3 +83,9 @@ bool UseTrustStore(ssl_ctx_st *context) {
   SSL_CTX_set1_cert_store(context, shared.store.get());
   return true;
 }
+
+void ForgetTrustStore() noexcept {
+  SharedStore &shared = ProcessStore();
+  std::lock_guard<std::mutex> const lock(shared.mutex);
+  shared.store.reset();
+}

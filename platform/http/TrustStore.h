@@ -8,3 +8,7 @@ struct ssl_ctx_st;
 /// they are read again when the variable, or the file, has changed, and after a failure. Returns: false if out of
 /// memory.
 bool UseTrustStore(ssl_ctx_st *context);
+
+/// Lets the next connection read the roots again. For a handshake that failed: if memory ran out while a root was read
+/// or first used, OpenSSL may have kept that root in a state in which it verifies nothing.
+void ForgetTrustStore() noexcept;

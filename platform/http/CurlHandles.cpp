@@ -9,6 +9,7 @@
 #include <utility>
 
 #include <openssl/crypto.h>
+#include <pthread.h>
 
 namespace {
 
@@ -25,13 +26,29 @@ IdleHandles &Idle() {
   return idle;
 }
 
-/// Frees what OpenSSL has for a thread before OpenSSL itself does, which would keep no fork out meanwhile.
-struct ThreadCleanUp {
-  ~ThreadCleanUp() {
+/// Frees what OpenSSL has for a thread that ends. OpenSSL itself would do it without keeping forks out meanwhile. A
+/// key's destructor, because the C library ends the process if it has no memory to register a thread_local object's;
+/// those of keys run in the order of their creation, so this one is created before OpenSSL's, when the library is loaded.
+class ThreadCleanUp {
+public:
+  ThreadCleanUp() : m_isCreated(pthread_key_create(&m_key, Run) == 0) {}
+  /// For the calling thread. Where it fails, OpenSSL's own clean-up runs.
+  void Arrange() const {
+    if (m_isCreated)
+      pthread_setspecific(m_key, this);
+  }
+
+private:
+  static void Run(void * /*self*/) {
     NoForkScope const scope;
     OPENSSL_thread_stop();
   }
+
+  pthread_key_t m_key = 0;
+  bool const m_isCreated;
 };
+
+ThreadCleanUp const g_threadCleanUp;
 
 /// May throw std::bad_alloc; the next call then tries again.
 void InitializeCurl() {
@@ -59,7 +76,7 @@ CurlHandles::Multi TakeIdle() {
 
 CurlHandles MakeCurlHandles(bool mayReuse) {
   InitializeCurl();
-  [[maybe_unused]] static thread_local ThreadCleanUp const s_cleanUp;
+  g_threadCleanUp.Arrange();
   CurlHandles handles;
   if (mayReuse)
     handles.multi = TakeIdle();

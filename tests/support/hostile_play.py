@@ -79,7 +79,7 @@ class Player:
     def __init__(self, folder):
         small, large = folder / "small", folder / "large"
         fixtures.write_preset(small)
-        fixtures.write_preset(large, {"effect": 8_000_000})
+        fixtures.write_preset(large, {"effect": 16_000_000})
         self.small, self.large = ([str(each / f"{name}.bin") for name in FILES] for each in (small, large))
         self.peers = Peers()
         self.util = Skiffport.KHConnectUtil()

@@ -15,23 +15,11 @@ import uuid
 from types import ModuleType
 from typing import Any, ContextManager, NamedTuple
 
+from .login import explain_login, was_refused
 from .outcome import EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, Failure
 from .signals import handling
 
 PASSWORD_VARIABLE = "SKIFFHOST_PASSWORD"
-
-# What the common network errors mean that a login returns.
-NETWORK_ERRORS = {
-    12002: "it timed out",
-    12005: "the address is invalid",
-    12007: "the host was not found",
-    12029: "the connection failed",
-    12030: "the connection was closed",
-    12031: "the connection was reset",
-    12045: "the certificate's issuer is not trusted",
-    12152: "the reply was not valid HTTP",
-    12157: "the secure connection failed",
-}
 
 
 class Session(NamedTuple):
@@ -71,20 +59,10 @@ def log_in(session: Session, user: str, password: str) -> None:
     """Logs the member in. Raises Failure."""
     find_service(session)
     with native_interrupts():
-        outcome = session.data.LoginKestrelhub(user, password)
-    check_login(session.data, outcome)
-
-
-def check_login(data: Any, outcome: int) -> None:
-    """Raises Failure unless the outcome of LoginKestrelhub means that the member is logged in."""
-    if outcome == 1:
-        return
-    if outcome != 0:
-        reason = NETWORK_ERRORS.get(outcome, "the exchange failed")
-        raise Failure(EXIT_NO_ANSWER, f"no answer to the login: {reason} (error {outcome})")
-    if not data.m_bServerReachable:
-        raise Failure(EXIT_NO_ANSWER, "no answer to the login: the service cannot be reached")
-    raise Failure(EXIT_REFUSED, "the service did not accept the login")
+        result = session.data.LoginKestrelhub(user, password)
+        reason = explain_login(session.data, result)  # may ask the service once more
+    if reason:
+        raise Failure(EXIT_REFUSED if was_refused(session.data, result) else EXIT_NO_ANSWER, reason)
 
 
 def password_of(arguments: argparse.Namespace) -> str:

@@ -2,23 +2,34 @@
 
 from __future__ import annotations
 
-import argparse
-import os
+import _signal  # type: ignore[import]
+
+_on_interrupt = _signal.getsignal(_signal.SIGINT)
+if callable(_on_interrupt):
+    _signal.signal(_signal.SIGINT, _signal.SIG_DFL)  # a Ctrl-C during the imports ends the process without a traceback
+
+import signal
 import sys
 from typing import List, Optional
 
 from . import __version__
 from .commands import GROUPS
 from .commands.options import DEFAULTS, add_common_options
-from .outcome import EXIT_CANCELLED, EXIT_CODES, Failure, print_failure, print_result
+from .outcome import (EXIT_CANCELLED, EXIT_CODES, EXIT_OK, EXIT_USAGE, Failure, open_standard_streams, print_failure,
+                      print_lines, print_result)
+from .parser import Information, Parser
+
+if callable(_on_interrupt):
+    _signal.signal(_signal.SIGINT, _on_interrupt)
 
 
-def make_parser() -> argparse.ArgumentParser:
-    codes = "; ".join(f"{code} {meaning}" for code, meaning in EXIT_CODES.items())
-    parser = argparse.ArgumentParser(prog="skiffhost", description="Use Kestrelhub from the command line.",
-                                     epilog="exit codes: " + codes)
+def make_parser() -> Parser:
+    codes = "".join(f"\n  {code:<3} {meaning}" for code, meaning in EXIT_CODES.items())
+    parser = Parser(prog="skiffhost", description="Use Kestrelhub from the command line.",
+                    epilog=f"exit codes:{codes}\n\n'skiffhost COMMAND --help' shows a command's options and examples.")
     parser.set_defaults(**DEFAULTS)
-    parser.add_argument("--version", action="version", version=f"skiffhost {__version__}")
+    parser.add_argument("--version", action="version", version=f"skiffhost {__version__}",
+                        help="show the version, e.g. 'skiffhost --version', and exit")
     add_common_options(parser)
     subparsers = parser.add_subparsers(metavar="COMMAND", required=True)
     for group in GROUPS:
@@ -27,18 +38,24 @@ def make_parser() -> argparse.ArgumentParser:
 
 
 def main(argv: Optional[List[str]] = None) -> int:
-    for stream in (sys.stdout, sys.stderr):
-        stream.reconfigure(errors="backslashreplace")  # type: ignore[attr-defined]
-    arguments = make_parser().parse_args(argv)
+    """Runs the command and returns its exit code, with which the process has to end."""
+    words = sys.argv[1:] if argv is None else argv
+    as_json = any(len(word) > 2 and "--json".startswith(word) for word in words)  # holds for faulty arguments, too
     try:
+        open_standard_streams()
+        arguments = make_parser().parse_args(words)
+        if arguments.quiet and arguments.verbose:
+            raise Failure(EXIT_USAGE, "--quiet and --verbose exclude each other")
         return print_result(arguments.run(arguments), arguments.json)
+    except Information as information:
+        return print_lines([str(information)], EXIT_OK)
     except Failure as failure:
-        return print_failure(failure, arguments.json)
+        return print_failure(failure, as_json)
     except KeyboardInterrupt:
-        return print_failure(Failure(EXIT_CANCELLED, "cancelled"), arguments.json)
-    except BrokenPipeError:  # the reader is gone: nothing can be printed, nor flushed at exit
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
-        return 1
+        return print_failure(Failure(EXIT_CANCELLED, "cancelled"), as_json)
+    finally:
+        if signal.getsignal(signal.SIGINT) == signal.default_int_handler:
+            signal.signal(signal.SIGINT, signal.SIG_DFL)  # nothing is left that a Ctrl-C would have to clean up
 
 
 if __name__ == "__main__":

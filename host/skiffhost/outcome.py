@@ -2,17 +2,22 @@
 
 from __future__ import annotations
 
+import contextlib
+import errno
 import json
+import os
 import sys
 import unicodedata
-from typing import Any, Dict, List, NamedTuple
+from typing import Any, Dict, List, NamedTuple, NoReturn, Optional
 
-EXIT_OK, EXIT_REFUSED, EXIT_USAGE, EXIT_NO_ANSWER, EXIT_CANCELLED = 0, 1, 2, 3, 130  # 130 as after Ctrl-C
+EXIT_OK, EXIT_REFUSED, EXIT_USAGE, EXIT_NO_ANSWER, EXIT_NOT_WRITTEN = range(5)
+EXIT_CANCELLED = 130  # as a shell reports a Ctrl-C
 EXIT_CODES = {
     EXIT_OK: "success",
     EXIT_REFUSED: "the service refused",
     EXIT_USAGE: "wrong arguments or files, nothing was sent",
     EXIT_NO_ANSWER: "no valid answer",
+    EXIT_NOT_WRITTEN: "done, but the output could not be written",
     EXIT_CANCELLED: "cancelled",
 }
 
@@ -25,12 +30,26 @@ class Failure(Exception):
         self.exit_code = exit_code
         self.text = text
 
+    def values(self) -> Dict[str, Any]:
+        return {"ok": False, "error": self.text, "exit_code": self.exit_code}
+
 
 class Result(NamedTuple):
-    """What a command found out: lines for people, values for programs."""
+    """What a command found out: lines for people, values for programs. A failure says what is wrong with them."""
 
     lines: List[str]
     values: Dict[str, Any]
+    failure: Optional[Failure] = None
+
+
+def open_standard_streams() -> None:
+    """Opens the standard streams that the process was started without. Each gets the lowest number that is free, its
+    own, which no connection can get then. Lets them write any text."""
+    for name, mode in (("stdin", "r"), ("stdout", "w"), ("stderr", "w")):
+        if getattr(sys, name) is None:
+            setattr(sys, name, open(os.devnull, mode, encoding="utf-8"))
+    for stream in (sys.stdout, sys.stderr):
+        stream.reconfigure(errors="backslashreplace")  # type: ignore[attr-defined]
 
 
 def printable(text: str) -> str:
@@ -39,18 +58,45 @@ def printable(text: str) -> str:
 
 
 def print_result(result: Result, as_json: bool) -> int:
-    """Writes the result to standard output. Returns the exit code."""
-    if as_json:
-        print(json.dumps({"ok": True, **result.values}))
-    else:
-        for line in result.lines:
-            print(printable(line))
-    return EXIT_OK
+    """Writes the result to standard output, and what is wrong with it to standard error. Returns the exit code."""
+    if result.failure is not None:
+        _complain(result.failure)
+    state: Dict[str, Any] = {"ok": True} if result.failure is None else result.failure.values()
+    lines = [json.dumps({**state, **result.values})] if as_json else [printable(line) for line in result.lines]
+    return print_lines(lines, EXIT_OK if result.failure is None else result.failure.exit_code)
 
 
 def print_failure(failure: Failure, as_json: bool) -> int:
     """Writes the failure to standard error and, as JSON, to standard output. Returns the exit code."""
-    print(f"skiffhost: {printable(failure.text)}", file=sys.stderr)
+    _complain(failure)
+    return print_lines([json.dumps(failure.values())] if as_json else [], failure.exit_code)
+
+
+def print_lines(lines: List[str], exit_code: int) -> int:
+    """Writes the lines, and what was printed before, to standard output. Returns the exit code to end with."""
+    try:
+        for line in lines:
+            print(line)
+        sys.stdout.flush()
+    except OSError as error:
+        if error.errno != errno.EPIPE:  # a reader that has seen enough is no news
+            _complain(Failure(EXIT_NOT_WRITTEN, f"cannot write the output: {error.strerror}"))
+        return exit_code or EXIT_NOT_WRITTEN
+    return exit_code
+
+
+def end_at_once(failure: Failure, as_json: bool, terminal_reset: str) -> NoReturn:
+    """Reports the failure and ends the process. For a signal handler: it may interrupt a write, so it bypasses the
+    streams."""
+    report = [(2, f"{terminal_reset}skiffhost: {failure.text}\n")]
     if as_json:
-        print(json.dumps({"ok": False, "error": failure.text, "exit_code": failure.exit_code}))
-    return failure.exit_code
+        report.append((1, json.dumps(failure.values()) + "\n"))
+    for descriptor, text in report:
+        with contextlib.suppress(OSError):
+            os.write(descriptor, text.encode("utf-8", "backslashreplace"))
+    os._exit(failure.exit_code)
+
+
+def _complain(failure: Failure) -> None:
+    with contextlib.suppress(OSError):
+        print(f"skiffhost: {printable(failure.text)}", file=sys.stderr, flush=True)

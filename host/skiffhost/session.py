@@ -21,6 +21,13 @@ from .signals import handling
 
 PASSWORD_VARIABLE = "SKIFFHOST_PASSWORD"
 
+TRACING_REGISTRY = b"""Windows Registry Editor Version 5.00
+
+[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright]
+"DumpMsg"=dword:00000001
+"DumpInETW"=dword:00000000
+"""
+
 
 class Session(NamedTuple):
     """The module, its session object, and the product identity that an uploader needs too."""
@@ -38,6 +45,8 @@ def open_session(arguments: argparse.Namespace) -> Session:
         os.environ["SKIFFPORT_CONNECT_TO"] = arguments.connect_to
     if arguments.ca_file is not None:
         os.environ["SSL_CERT_FILE"] = arguments.ca_file
+    if arguments.verbose:
+        os.environ["SKIFFPORT_REGISTRY"] = tracing_registry()
     try:
         import Skiffport
     except ImportError as error:
@@ -68,11 +77,7 @@ def log_in(session: Session, user: str, password: str) -> None:
 def password_of(arguments: argparse.Namespace) -> str:
     """Returns the password from the file, the environment or a prompt, in that order. Raises Failure."""
     if arguments.password_file is not None:
-        try:
-            with open(arguments.password_file, encoding="utf-8") as file:
-                return file.readline().rstrip("\r\n")
-        except (OSError, ValueError) as error:
-            raise Failure(EXIT_USAGE, f"cannot read the password file: {error}") from error
+        return _first_line(arguments.password_file)
     if PASSWORD_VARIABLE in os.environ:
         return os.environ[PASSWORD_VARIABLE]
     if not sys.stdin.isatty():
@@ -83,6 +88,25 @@ def password_of(arguments: argparse.Namespace) -> str:
         raise Failure(EXIT_USAGE, "no password") from error
 
 
+def _first_line(path: str) -> str:
+    try:
+        with open(0 if path == "-" else path, encoding="utf-8", closefd=path != "-") as file:
+            line = file.readline().rstrip("\r\n")
+    except (OSError, ValueError) as error:
+        raise Failure(EXIT_USAGE, f"cannot read the password file: {error}") from error
+    if not line:
+        raise Failure(EXIT_USAGE, "the password file's first line is empty")
+    return line
+
+
 def native_interrupts() -> ContextManager[None]:
     """Lets Ctrl-C end the process: a service call blocks the thread that would run Python's handler."""
     return handling((signal.SIGINT,), signal.SIG_DFL)
+
+
+def tracing_registry() -> str:
+    """Returns the path of a registry file that switches the trace on. It is in memory: whatever ends the process, no
+    file is left."""
+    descriptor = os.memfd_create("registry")
+    os.write(descriptor, TRACING_REGISTRY)
+    return f"/proc/self/fd/{descriptor}"

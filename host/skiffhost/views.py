@@ -20,19 +20,27 @@ DEFAULT_COLUMNS = 80
 
 
 class View:
-    """Keeps the latest progress and state; the derived classes display them."""
+    """Keeps the latest progress and state; the derived classes display them, until their stream fails."""
+
+    terminal_reset = ""  # what the terminal needs if the process ends without ``close``
 
     def __init__(self) -> None:
         self.progress = Progress(0, 0, 0.0, 0.0)
         self.started = False
         self.cancelling = False  # set once a cancel was requested; shown by the next draw
+        self._broken = False
+
+    @property
+    def all_sent(self) -> bool:
+        """The service may have everything, whatever comes next."""
+        return self.started and self.progress.finishing
 
     @property
     def label(self) -> str:
         """What the upload is doing now."""
         if self.cancelling:
             return "cancelling"
-        return "finishing" if self.started and self.progress.finishing else "uploading"
+        return "finishing" if self.all_sent else "uploading"
 
     def show(self, progress: Progress) -> None:
         self.progress = progress
@@ -41,9 +49,25 @@ class View:
 
     def draw(self) -> None:
         """Updates the display. Call it a few times a second while no event arrives."""
+        self._display(self._draw)
 
     def close(self) -> None:
         """Leaves the cursor at the start of a new line."""
+        self._display(self._close)
+
+    def _display(self, action: Callable[[], None]) -> None:
+        """An upload must not end because nobody watches it any more."""
+        if not self._broken:
+            try:
+                action()
+            except OSError:
+                self._broken = True
+
+    def _draw(self) -> None:
+        pass
+
+    def _close(self) -> None:
+        pass
 
 
 class LineView(View):
@@ -57,7 +81,7 @@ class LineView(View):
         self._last_percent = 0
         self._last_time = clock()
 
-    def draw(self) -> None:
+    def _draw(self) -> None:
         if not self._due():
             return
         self._last_label = self.label
@@ -77,34 +101,31 @@ class CarriageView(View):
     """Overwrites one line of the terminal; used where rich is not installed."""
 
     BAR_CELLS = 20
+    terminal_reset = "\n"
 
     def __init__(self, stream: TextIO) -> None:
         super().__init__()
         self._stream = stream
 
-    def draw(self) -> None:
+    def _draw(self) -> None:
         filled = self.progress.percent * self.BAR_CELLS // 100 if self.started else 0
         bar = "#" * filled + "." * (self.BAR_CELLS - filled)
         percent = self.progress.percent if self.started else 0
         text = f"{self.label:10} [{bar}] {percent:3}% {describe(self.progress)}"
-        columns = self._columns()
+        columns = columns_of(self._stream)
         self._stream.write("\r" + text[:columns - 1].ljust(columns - 1))
         self._stream.flush()
 
-    def _columns(self) -> int:
-        try:
-            return os.get_terminal_size(self._stream.fileno()).columns or DEFAULT_COLUMNS
-        except OSError:  # a bar was requested, but this is no terminal
-            return DEFAULT_COLUMNS
-
-    def close(self) -> None:
-        self.draw()
+    def _close(self) -> None:
+        self._draw()
         self._stream.write("\n")
         self._stream.flush()
 
 
 class BarView(View):
     """A bar drawn by rich, without rich's refresh thread."""
+
+    terminal_reset = "\x1b[?25h\n"  # shows the cursor
 
     def __init__(self, stream: TextIO) -> None:
         super().__init__()
@@ -118,9 +139,9 @@ class BarView(View):
             expand=True,
         )
         self._task = self._bar.add_task(self.label, total=1, percent=0, details="")
-        self._bar.start()
+        self._display(self._bar.start)
 
-    def draw(self) -> None:
+    def _draw(self) -> None:
         if self.started:
             total = max(self.progress.total, 1)
             done = self.progress.sent if self.progress.total else total
@@ -129,9 +150,16 @@ class BarView(View):
         self._bar.update(self._task, description=self.label)
         self._bar.refresh()
 
-    def close(self) -> None:
-        self.draw()
+    def _close(self) -> None:
+        self._draw()
         self._bar.stop()
+
+
+def columns_of(stream: TextIO) -> int:
+    try:
+        return os.get_terminal_size(stream.fileno()).columns or DEFAULT_COLUMNS
+    except OSError:  # a bar was requested, but this is no terminal
+        return DEFAULT_COLUMNS
 
 
 def choose_view(kind: str, stream: TextIO, environment: Any) -> View:

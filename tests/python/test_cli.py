@@ -1,23 +1,35 @@
 """The command line, run as a process against the stand-in."""
 
+import contextlib
 import hashlib
 import json
 import os
+import pty
 import re
 import signal
 import subprocess
 import sys
 import unittest
+from unittest import mock
 
 import common
 import fixtures
 from kestrelhub_standin import launch
+from scripted import DETECT, STAGE, Network
 
 from skiffhost import progress
 from skiffhost.presetfiles import FILES, SENT
 
 FIELDS = ["--title", "Ü & 🌇", "--category", "2", "--tags", "a,b", "--description", 'x "y"', "--collections", "",
           "--pip-type", "colour", "--template-key", "K-1"]
+
+COMMAND = ("-m", "skiffhost")
+# Programs that run the command with something changed first.
+MAIN = "; from skiffhost.__main__ import main; sys.exit(main())"
+SLOW_CANCEL = ("-c", "import sys, Skiffport; "
+               "Skiffport.PyPresetUploader.CancelUpload = lambda uploader: None" + MAIN)
+INTERRUPTED_IMPORT = ("-c", "import sys, signal; sys.addaudithook(lambda event, values: event == 'import' and "
+                      "values[0] == 'skiffhost.commands' and signal.raise_signal(2))" + MAIN)
 
 
 class CommandLineCase(common.StandinCase):
@@ -27,7 +39,7 @@ class CommandLineCase(common.StandinCase):
         cls.env = {**cls.standin.env, "SKIFFHOST_PASSWORD": launch.PASSWORD, "TERM": "xterm"}
         cls.preset = fixtures.write_preset(cls.scratch / "small", {"cover_after": 300000})
 
-    def start(self, *arguments, program=("-m", "skiffhost"), **options):
+    def start(self, *arguments, program=COMMAND, **options):
         options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "env": self.env, **options}
         process = subprocess.Popen([sys.executable, *program, *arguments], stdin=subprocess.DEVNULL,
                                    universal_newlines=True, encoding="utf-8", **options)
@@ -40,6 +52,26 @@ class CommandLineCase(common.StandinCase):
         process = self.start(*arguments, env={**self.env, **env})
         output, errors = process.communicate(timeout=fixtures.DEADLINE_SECONDS)
         return process.returncode, output, errors
+
+    def run_on_terminal(self, *arguments, program=COMMAND, keys=b""):
+        """Types the keys when a password is asked for. Returns exit code or -signal, and all that was shown."""
+        child, terminal = pty.fork()
+        if child == 0:
+            os.execve(sys.executable, [sys.executable, *program, *arguments], self.env)
+        shown = b""
+        with contextlib.suppress(OSError):  # how a terminal ends whose process has ended
+            while True:
+                shown += os.read(terminal, 4096)
+                if b"Password" in shown:
+                    keys = keys[os.write(terminal, keys):]
+        os.close(terminal)
+        status = os.waitpid(child, 0)[1]
+        return -os.WTERMSIG(status) or os.WEXITSTATUS(status), shown.decode()
+
+    def stop_service(self):
+        """From now on the stand-in answers nothing."""
+        os.kill(self.standin._process.pid, signal.SIGSTOP)
+        self.addCleanup(os.kill, self.standin._process.pid, signal.SIGCONT)
 
 
 class AccountTest(CommandLineCase):
@@ -54,8 +86,10 @@ class AccountTest(CommandLineCase):
     def test_login_prints_the_member_but_not_the_token(self):
         password = self.scratch / "password"
         password.write_text(launch.PASSWORD + "\n", "utf-8")
-        code, output, _ = self.run_cli("login", launch.USER, "--password-file", str(password), SKIFFHOST_PASSWORD="no")
+        code, output, errors = self.run_cli("login", launch.USER, "--password-file", str(password), "--verbose",
+                                            SKIFFHOST_PASSWORD="no")
         self.assertEqual(code, 0)
+        self.assertIn("[KHLoginData] TWR Revision API = ", errors)
         self.assertIn("Mika Ångström", output)
         self.assertIsNone(re.search(r"\b[0-9a-f]{32}\b", output))
 
@@ -72,10 +106,29 @@ class AccountTest(CommandLineCase):
                 self.assertEqual((found, json.loads(output)["exit_code"]), (code, code), errors)
                 self.assertIn(text, errors)
 
+    def test_fallback_addresses_are_a_failure(self):
+        with Network() as network:
+            for answers, text in ((False, "no answer from the detection host"), (True, "named no pages")):
+                network.lead(f"{DETECT}:443:127.0.0.1:1")
+                if answers:
+                    network.reply(DETECT, "<INFO></INFO>")
+                code, output, errors = self.run_cli("addresses", "--json", **os.environ)
+                values = json.loads(output)
+                self.assertEqual((code, values["exit_code"], values["ok"], values["server"]), (3, 3, False, STAGE))
+                self.assertIn(f"{text}: these are fallback addresses", errors)
+
     def test_a_password_is_required_without_a_terminal(self):
         process = self.start("login", launch.USER, env=dict(os.environ))
         self.assertIn("no password", process.communicate(timeout=fixtures.DEADLINE_SECONDS)[1])
         self.assertEqual(process.returncode, 2)
+
+    def test_an_interrupted_prompt_or_import_ends_without_a_traceback(self):
+        env = {name: value for name, value in self.env.items() if name != "SKIFFHOST_PASSWORD"}
+        with mock.patch.object(type(self), "env", env):
+            for program, code in ((COMMAND, 130), (INTERRUPTED_IMPORT, -signal.SIGINT)):
+                found, shown = self.run_on_terminal("login", "m", program=program, keys=b"\x03")
+                self.assertNotIn("Traceback", shown)
+                self.assertEqual((found, "skiffhost: cancelled" in shown), (code, code == 130), shown)
 
 
 class PublishTest(CommandLineCase):
@@ -113,7 +166,7 @@ class PublishTest(CommandLineCase):
         self.assertEqual(self.standin.requests(), asked)
 
     def test_prints_the_service_s_own_message_on_refusal(self):
-        code, output, errors = self.publish(str(self.preset), "--json", fields=["--title", " "])
+        code, output, errors = self.publish(str(self.preset), "--json", fields=["--title", "\u00a0"])
         self.assertEqual(code, 1)
         self.assertIn("A preset needs a title.", errors)
         self.assertEqual(json.loads(output), {"ok": False, "error": "A preset needs a title.", "exit_code": 1})
@@ -122,10 +175,11 @@ class PublishTest(CommandLineCase):
         large = fixtures.write_preset(self.scratch / "large", dict.fromkeys(FILES, 3 << 20))
         published = len(self.standin.presets())
         inside = (str(fixtures.REPOSITORY / "tests" / "support" / "interrupted.py"), "skiffhost")
-        for program, sent, label in ((("-m", "skiffhost"), 3, "uploading"), (inside, 0, "cancelling")):
-            process = self.start("publish", launch.USER, str(large), "--progress", "lines", *FIELDS, program=program)
+        for program, label in ((("-m", "skiffhost"), "uploading"), (inside, "cancelling")):
+            process = self.start("publish", launch.USER, str(large), "--progress", "lines", *FIELDS, program=program,
+                                 env={**self.env, "INTERRUPTS": "1"})
             self.assertIn(label, process.stderr.readline())
-            for _ in range(sent):
+            if label == "uploading":
                 process.send_signal(signal.SIGINT)
             errors = process.stderr.read()
             self.assertEqual((process.wait(fixtures.DEADLINE_SECONDS), process.stdout.read()), (130, ""), errors)
@@ -133,6 +187,66 @@ class PublishTest(CommandLineCase):
             self.assertNotIn("Traceback", errors)
         self.assertEqual(len(self.standin.presets()), published)
         fixtures.wait_until(lambda: not list(self.standin.folder.glob(".*")), "removal of the partial preset")
+
+    def test_a_second_interrupt_ends_a_cancelled_upload(self):
+        """The service gets everything but answers nothing, and the upload does not notice the cancel."""
+        tiny = str(fixtures.write_preset(self.scratch / "tiny"))
+        text = "cancelled; the service may have it"
+        process = self.start("publish", launch.USER, tiny, "--json", "--progress", "lines", *FIELDS,
+                             program=SLOW_CANCEL)
+        for label in ("uploading", "finishing", "cancelling"):
+            self.assertTrue(any(re.match(label + " [1-9]", line) for line in process.stderr))
+            self.stop_service()
+            if label != "uploading":
+                process.send_signal(signal.SIGINT)
+        output, errors = process.communicate(timeout=20)
+        self.assertEqual(json.loads(output), {"ok": False, "error": text, "exit_code": 130})
+        self.assertEqual((process.returncode, errors.splitlines()[-1]), (130, "skiffhost: " + text))
+
+
+class ArgumentsTest(CommandLineCase):
+    def test_mistakes_take_one_line_and_nothing_is_sent(self):
+        publish, address = f"publish mika {self.preset} ", "--connect-to: not a rule host:port:address:port: "
+        cases = [
+            ("", "missing a command: addresses, login, publish"),
+            ("pubish", "unknown command: pubish; did you mean publish?"),
+            (publish, "missing: --title (see skiffhost publish --help)"),
+            (publish + "--titel T", "unknown option: --titel; did you mean --title?"),
+            (publish + "--title My preset", "unexpected argument: preset"),
+            (publish + "--title=", "--title: must not be empty"),
+            (publish + "--title T --progress x", "--progress: unknown value: x; choose from auto, bar"),
+            ("login mika --quiet --verbose", "exclude each other"),
+            (f"publish mika {self.scratch} --title T", "has none of its 13 files"),
+            ("publish mika --title T", "missing: the preset's folder"),
+            (f"addresses --ca-file {self.preset}/effect.bin", "--ca-file: no PEM certificate in "),
+            ("addresses --ca-file /gone", "--ca-file: no such file"),
+            ("addresses --connect-to a:1:b:2,a:1:b", address + "a:1:b"),
+            ("addresses --connect-to a:1:b:65536", address + "a:1:b:65536"),
+            ("categories --host https://a/", "--host: not the name of a host: https://a/"),
+        ]
+        asked = self.standin.requests()
+        for arguments, text in cases:
+            with self.subTest(arguments=arguments):
+                code, output, errors = self.run_cli(*arguments.split(), "--json")
+                self.assertEqual((code, errors.count("\n")), (2, 1), errors)
+                self.assertIn(text, json.loads(output)["error"])
+        self.assertEqual(self.standin.requests(), asked)
+
+    def test_closed_and_failing_streams(self):
+        publish = f"publish {launch.USER} {self.preset} --title T"
+        reader, gone = os.pipe()
+        os.close(reader)
+        self.addCleanup(os.close, gone)
+        cases = [(f"--help >&{gone}", 4), (f"categories >&{gone}", 4), ("categories >/dev/full", 4),
+                 ("categories <&- >&- 2>&-", 0), ("bogus 2>&-", 2), ("bogus --json >/dev/full 2>&1", 2),
+                 (publish + " 2>&-", 0), (publish + " --progress bar 2>/dev/full", 0), (publish + " --quiet 2>&1", 0)]
+        for command, code in cases:
+            with self.subTest(command=command):
+                done = subprocess.run(["bash", "-c", f"{sys.executable} -m skiffhost {command}"], env=self.env,
+                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE, pass_fds=[gone], check=False)
+                lines = done.stdout.count(b"\n")
+                self.assertEqual((done.returncode, lines), (code, command.startswith("publish")), done)
+                self.assertNotRegex(done.stderr.decode(), "Traceback|Exception ignored")
 
 
 class ProgressTest(unittest.TestCase):

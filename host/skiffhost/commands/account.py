@@ -3,19 +3,34 @@
 from __future__ import annotations
 
 import argparse
-import sys
-from typing import Any, Dict
+from typing import Any, Dict, Optional
 
-from ..outcome import EXIT_USAGE, Failure, Result
+from ..outcome import EXIT_NO_ANSWER, EXIT_USAGE, Failure, Result
 from ..session import find_service, log_in, open_session, password_of
 from .options import add_command, add_login_options
 
 
+SHARED_FIELDS = {
+    "server": "host that answers the service's requests",
+    "tutorial": "address of the tutorials",
+    "preset_download": "address of the presets to download",
+    "video_gallery": "address of the video gallery",
+}
+
+
 def register(subparsers: Any) -> None:
-    add_command(subparsers, "addresses", addresses, "find the addresses of the service and its pages")
-    login_parser = add_command(subparsers, "login", login, "log a member in and show the account's details")
+    add_command(subparsers, "addresses", addresses, "find the addresses of the service and its pages",
+                ["", "--json"],
+                {**SHARED_FIELDS, "sign_up": "address for new members", "forgotten_password": "address to reset a "
+                 "password"})
+    login_parser = add_command(subparsers, "login", login, "log a member in and show the account's details",
+                               ["mika", "mika --password-file ~/.skiffhost-password --json"],
+                               {**SHARED_FIELDS, "name": "the member's name", "profile": "address of the member's page",
+                                "revision": "revision of the service's interface",
+                                "token": "the session token, with --show-token"})
     add_login_options(login_parser)
-    login_parser.add_argument("--show-token", action="store_true", help="also show the session token")
+    login_parser.add_argument("--show-token", action="store_true",
+                              help="also show the session token, which is as good as the password for a while")
 
 
 def addresses(arguments: argparse.Namespace) -> Result:
@@ -24,18 +39,20 @@ def addresses(arguments: argparse.Namespace) -> Result:
     session = open_session(arguments)
     find_service(session)
     data = session.data
+    server, gallery, tutorial = data.GetServerUrl(), data.GetVideoGalleryURL()[0], data.GetTutorialURL()
+    failure = None
     if not data.m_bServerReachable:
-        print("skiffhost: no answer from the detection host, showing fallback addresses", file=sys.stderr)
-    server = data.GetServerUrl()
-    gallery = data.GetVideoGalleryURL()[0]
+        failure = Failure(EXIT_NO_ANSWER, "no answer from the detection host: these are fallback addresses")
+    elif not gallery and tutorial.startswith(f"https://{server}&"):  # there is no path between host and query
+        failure = Failure(EXIT_NO_ANSWER, "the detection host named no pages: these are fallback addresses")
     return _listing({
         "server": server,
         "sign_up": data.GetSignUpURL(),
         "forgotten_password": data.GetForgetPasswordURL(),
-        "tutorial": data.GetTutorialURL(),
+        "tutorial": tutorial,
         "preset_download": data.GetPresetDownloadURL(),
         "video_gallery": f"https://{server}{gallery}" if gallery else "",
-    })
+    }, failure)
 
 
 def login(arguments: argparse.Namespace) -> Result:
@@ -57,6 +74,7 @@ def login(arguments: argparse.Namespace) -> Result:
     return _listing(values)
 
 
-def _listing(values: Dict[str, str]) -> Result:
+def _listing(values: Dict[str, str], failure: Optional[Failure] = None) -> Result:
     width = max(map(len, values)) + 2
-    return Result([f"{name.replace('_', ' '):{width}}{value}" for name, value in values.items()], values)
+    lines = [f"{name.replace('_', ' '):{width}}{value}" for name, value in values.items()]
+    return Result(lines, values, failure)

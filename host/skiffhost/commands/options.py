@@ -1,11 +1,15 @@
-"""Options that several subcommands share."""
+"""Options that several subcommands share, and what a value has to look like."""
 
 from __future__ import annotations
 
 import argparse
-from typing import Any, Callable, Dict
+import os
+import re
+import shlex
+from typing import Any, Callable, Dict, Mapping, Sequence
 
 from ..outcome import Result
+from ..parser import Parser
 
 Command = Callable[[argparse.Namespace], Result]
 
@@ -17,25 +21,45 @@ DEFAULTS: Dict[str, Any] = {
     "version_type": "Retail",
     "uuid": None,
     "json": False,
+    "quiet": False,
+    "verbose": False,
 }
+
+# host:port:address:port; each may be empty, and an IPv6 address stands in brackets.
+_NAME = r"(?:\[[0-9A-Fa-f:.]+\]|[^\s:\[\]/]*)"
+RULE = re.compile(f"{_NAME}:([0-9]{{0,5}}):{_NAME}:([0-9]{{0,5}})")
 
 
 def add_common_options(parser: argparse.ArgumentParser) -> None:
     """Adds the options that may come before or after the subcommand; DEFAULTS holds their defaults."""
     group = parser.add_argument_group("common options", argument_default=argparse.SUPPRESS)
-    group.add_argument("--host", help="host of the service (default: found by detection)")
-    group.add_argument("--connect-to", metavar="LIST",
-                       help="redirect connections: comma-separated rules host:port:address:port")
-    group.add_argument("--ca-file", metavar="FILE", help="PEM file of trusted CAs (default: the system's)")
-    group.add_argument("--version-name", metavar="TEXT", help=f"product version (default: {DEFAULTS['version_name']})")
-    group.add_argument("--version-type", metavar="TEXT", help=f"version type (default: {DEFAULTS['version_type']})")
-    group.add_argument("--uuid", help="installation UUID (default: derived from the host name)")
-    group.add_argument("--json", action="store_true", help="print the result as one JSON object")
+    group.add_argument("--host", type=host_name,
+                       help="host of the service, e.g. www.kestrelhub.example (default: found by detection)")
+    group.add_argument("--connect-to", metavar="LIST", type=connect_rules,
+                       help="redirect connections: comma-separated rules host:port:address:port, "
+                       "e.g. www.kestrelhub.example:443:127.0.0.1:8443")
+    group.add_argument("--ca-file", metavar="FILE", type=certificates_file,
+                       help="PEM file of trusted CAs, e.g. company-ca.pem (default: the system's)")
+    group.add_argument("--version-name", metavar="TEXT",
+                       help=f"product version to report, e.g. 10.5 (default: {DEFAULTS['version_name']})")
+    group.add_argument("--version-type", metavar="TEXT",
+                       help=f"version type to report, e.g. Trial (default: {DEFAULTS['version_type']})")
+    group.add_argument("--uuid", help="installation UUID to report, e.g. 4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10 "
+                       "(default: derived from the host name)")
+    group.add_argument("--json", action="store_true", help="print the result, or the failure, as one JSON object")
+    group.add_argument("--quiet", action="store_true", help="print no progress on standard error, only failures")
+    group.add_argument("--verbose", action="store_true", help="print the module's trace on standard error")
 
 
-def add_command(subparsers: Any, name: str, run: Command, text: str) -> argparse.ArgumentParser:
-    """Adds a subcommand. Returns its parser, for further options."""
-    parser: argparse.ArgumentParser = subparsers.add_parser(name, help=text, description=text)
+def add_command(subparsers: Any, name: str, run: Command, text: str, examples: Sequence[str],
+                fields: Mapping[str, str]) -> Parser:
+    """Adds a subcommand with examples of its arguments, and the meaning of each field that it prints as JSON. Returns
+    its parser, for further options."""
+    lines = tuple(f"skiffhost {name} {example}".rstrip() for example in examples)
+    parser: Parser = subparsers.add_parser(name, help=text, description=text[0].upper() + text[1:] + ".",
+                                           epilog="examples:\n  " + "\n  ".join(lines))
+    parser.examples = lines
+    parser.fields = fields
     parser.set_defaults(run=run)
     add_common_options(parser)
     return parser
@@ -43,6 +67,34 @@ def add_command(subparsers: Any, name: str, run: Command, text: str) -> argparse
 
 def add_login_options(parser: argparse.ArgumentParser, user: str = "user", **how: Any) -> None:
     """Adds what a login needs: the user, as an argument or the named option, and a source of the password."""
-    parser.add_argument(user, help="account of the member", **how)
-    parser.add_argument("--password-file", metavar="FILE", help="file whose first line is the password "
-                        "(default: $SKIFFHOST_PASSWORD, or a prompt)")
+    parser.add_argument(user, help="account of the member, e.g. mika", **how)
+    parser.add_argument("--password-file", metavar="FILE", help="file whose first line is the password, e.g. "
+                        "~/.skiffhost-password; - is standard input (default: $SKIFFHOST_PASSWORD, or a prompt)")
+
+
+def host_name(text: str) -> str:
+    if not re.fullmatch(r"[^\s/@]+", text):
+        raise argparse.ArgumentTypeError(f"not the name of a host: {shlex.quote(text)}")
+    return text
+
+
+def connect_rules(text: str) -> str:
+    for rule in text.split(","):
+        match = RULE.fullmatch(rule)
+        if match is None or any(int(port or 0) > 65535 for port in match.groups()):
+            raise argparse.ArgumentTypeError(f"not a rule host:port:address:port: {shlex.quote(rule)}")
+    return text
+
+
+def certificates_file(path: str) -> str:
+    if not os.path.isfile(path):
+        raise argparse.ArgumentTypeError(f"no such file: {path}" if not os.path.exists(path) else f"not a file: {path}")
+    import ssl  # takes long, and only this option needs it
+
+    try:
+        ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT).load_verify_locations(path)
+    except ssl.SSLError as error:
+        raise argparse.ArgumentTypeError(f"no PEM certificate in {path}") from error
+    except OSError as error:
+        raise argparse.ArgumentTypeError(f"cannot read {path}: {error.strerror}") from error
+    return path

@@ -12,10 +12,9 @@ import sys
 import uuid
 from typing import Any, List, Optional
 
-from .. import loop
 from ..completion import Completion
 from ..failures import address_of, find_files
-from ..outcome import EXIT_NO_ANSWER, Failure, Result
+from ..outcome import EXIT_CANCELLED, EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, Failure, Result, end_at_once
 from ..presetfiles import FILES
 from ..progress import from_event
 from ..session import Session, log_in, open_session, password_of
@@ -26,80 +25,151 @@ from .options import add_command, add_login_options
 PUMP_SECONDS = 0.2
 UPLOAD_ID = 1
 
+EXAMPLES = ["mika presets/evening --title 'Evening light' --category 2",
+            "mika presets/evening --title Evening --cover-after new.png --tags sunset,warm",
+            "mika presets/evening --title Evening --json <password.txt --password-file -"]
+
+# Of each preset field: what help says, and the default; None stands for a required field.
+FIELDS = {
+    "title": ("title, e.g. 'Evening light'", None),
+    "category": ("category ID, e.g. 2; 'skiffhost categories' lists them", ""),
+    "tags": ("comma-separated tags, e.g. sunset,warm", ""),
+    "description": ("description, e.g. 'Warms the lights'", ""),
+    "collections": ("collections to add the preset to, e.g. Evenings", ""),
+    "pip-type": ("picture-in-picture type, e.g. colour", ""),
+    "template-key": ("key of the preset, e.g. 9C1A52F0-7B0E-4C55-8C39-6A1E7A4B9D21 (default: a new GUID)", ""),
+}
+
 
 def register(subparsers: Any) -> None:
-    parser = add_command(subparsers, "publish", publish, "publish a preset")
+    parser = add_command(subparsers, "publish", publish, "publish a preset", EXAMPLES,
+                         {"address": "address of the published preset", "template_key": "key of the preset"})
     add_login_options(parser)
-    parser.add_argument("folder", nargs="?", help="folder with the preset's files, each with any extension: " +
-                        ", ".join(FILES))
+    parser.add_argument("folder", nargs="?", help="folder with the preset's files, e.g. presets/evening; each may have "
+                        "any extension: " + ", ".join(FILES))
     files = parser.add_argument_group("files that replace those of the folder")
     for name in FILES:
-        files.add_argument("--" + name.replace("_", "-"), metavar="FILE")
+        files.add_argument("--" + name.replace("_", "-"), metavar="FILE",
+                           help=f"file to use as {name}, e.g. other/{name}.png")
     fields = parser.add_argument_group("preset fields")
-    fields.add_argument("--title", required=True)
-    fields.add_argument("--category", default="", help="category ID")
-    fields.add_argument("--tags", default="")
-    fields.add_argument("--description", default="")
-    fields.add_argument("--collections", default="")
-    fields.add_argument("--pip-type", default="")
-    fields.add_argument("--template-key", default="", help="key of the preset (default: a new GUID)")
+    for name, (text, default) in FIELDS.items():
+        fields.add_argument("--" + name, default=default, required=default is None, metavar="TEXT", help=text,
+                            type=_not_empty if default is None else str)
     parser.add_argument("--progress", choices=("auto", "bar", "lines", "none"), default="auto",
-                        help="progress on standard error (default: auto, a bar on a terminal; elsewhere lines, "
-                        "or none with --json)")
+                        help="progress on standard error, e.g. --progress lines (default: auto, a bar on a terminal; "
+                        "elsewhere lines; none with --quiet, or with --json elsewhere)")
 
 
 def publish(arguments: argparse.Namespace) -> Result:
-    paths = find_files(arguments.folder, vars(arguments))
+    paths = _find_preset(arguments)
     password = password_of(arguments)
     session = open_session(arguments)
     log_in(session, arguments.user, password)
     key = arguments.template_key or str(uuid.uuid4()).upper()
     fields = [key, arguments.title, arguments.category, arguments.tags, arguments.description, arguments.collections,
               arguments.pip_type]
-    kind = arguments.progress
-    if kind == "auto" and arguments.json and not sys.stderr.isatty():
-        kind = "none"
-    view = choose_view(kind, sys.stderr, os.environ)
+    view = choose_view(_kind_of_view(arguments), sys.stderr, os.environ)
     try:
-        upload = Upload(session, view)
+        upload = Upload(session, view, arguments.json)
         completion = upload.run(paths, fields)
     finally:
         view.close()
-    address = address_of(completion, upload.cancelled)
+    address = upload.address(completion)
     line = f"published {address}" if address else "published, but the service named no address"
     return Result([line], {"address": address, "template_key": key})
+
+
+def _not_empty(text: str) -> str:
+    """Refuses what is blank in ASCII; whether other blanks count is for the service to say."""
+    if not text.strip(" \t\r\n"):
+        raise argparse.ArgumentTypeError("must not be empty")
+    return text
+
+
+def _find_preset(arguments: argparse.Namespace) -> List[str]:
+    """Returns the preset's paths. Raises Failure with one line, not thirteen, if there is no preset at all."""
+    folder = arguments.folder
+    given = [name for name in FILES if getattr(arguments, name) is not None]
+    if folder is None and not given:
+        raise Failure(EXIT_USAGE, "missing: the preset's folder, or its files (see skiffhost publish --help)")
+    if folder is not None and not os.path.isdir(folder):
+        raise Failure(EXIT_USAGE, f"{'not a' if os.path.exists(folder) else 'no such'} folder: {folder}")
+    if folder is not None and not given and os.access(folder, os.R_OK):
+        if not {os.path.splitext(entry)[0] for entry in os.listdir(folder)}.intersection(FILES):
+            raise Failure(EXIT_USAGE,
+                          f"no preset: {folder} has none of its {len(FILES)} files, such as {FILES[0]} or "
+                          f"{FILES[1]} (see skiffhost publish --help)")
+    return find_files(folder, vars(arguments))
+
+
+def _kind_of_view(arguments: argparse.Namespace) -> str:
+    if arguments.quiet:
+        return "none"
+    if arguments.progress != "auto":
+        return str(arguments.progress)
+    if arguments.json and not sys.stderr.isatty():
+        return "none"
+    return "lines" if arguments.verbose else "auto"  # the trace would tear a bar apart
 
 
 class Upload:
     """One upload from its start to its completion event, on the thread that creates it."""
 
-    def __init__(self, session: Session, view: View) -> None:
+    def __init__(self, session: Session, view: View, as_json: bool) -> None:
         data = session.data
-        self.cancelled = False
         self._view = view
+        self._as_json = as_json
+        self._cancelled = False
         self._completion: Optional[Completion] = None
         self._uploader = session.module.PyPresetUploader(
             data.GetServerUrl(), data.GetLoginTokenID(), session.version, session.version_type, session.installation)
 
     def run(self, paths: List[str], fields: List[str]) -> Completion:
-        """Uploads and pumps until the completion arrives. SIGINT and SIGTERM cancel, however often they come."""
+        """Uploads and pumps until the completion arrives. SIGINT and SIGTERM cancel; a second one ends the process."""
         with handling((signal.SIGINT, signal.SIGTERM), self._cancel):
             try:
                 self._uploader.SetCallback(self._on_event)
                 if self._uploader.StartUpload(*paths, *fields, UPLOAD_ID) == 0:
                     raise Failure(EXIT_NO_ANSWER, "the upload could not be started")
-                while self._completion is None:
-                    loop.wait(PUMP_SECONDS)
-                    if loop.pump() == 0:
-                        self._view.draw()
-                return self._completion
+                if self._cancelled:  # before the start, which forgets that
+                    self._uploader.CancelUpload()
+                return self._wait()
             finally:
                 self._uploader.SetCallback(None)  # breaks a reference cycle that the garbage collector cannot see
 
+    def _wait(self) -> Completion:
+        from .. import loop  # here, so that the parser can be made without a built module
+
+        while self._completion is None:
+            loop.wait(PUMP_SECONDS)
+            if loop.pump() == 0:
+                self._view.draw()
+        return self._completion
+
+    def address(self, completion: Completion) -> str:
+        """Returns the published item's address. Raises Failure unless the service accepted the upload."""
+        try:
+            return address_of(completion, self._cancelled)
+        except Failure as failure:
+            if failure.exit_code == EXIT_REFUSED:
+                raise
+            raise self._failure(failure) from failure
+
+    def _failure(self, failure: Failure) -> Failure:
+        """Returns the failure with what is known about the preset's whereabouts."""
+        addition = "; the service may have it" if self._view.all_sent else ""
+        return Failure(failure.exit_code, failure.text + addition)
+
     def _cancel(self, *_signal: Any) -> None:
         """Must not raise: it may run inside ``_on_event``, where an exception is printed and dropped."""
+        if self._completion is not None:
+            return
+        if self._cancelled:
+            failure = self._failure(Failure(EXIT_CANCELLED, "cancelled"))
+            end_at_once(failure, self._as_json, self._view.terminal_reset)
         self._uploader.CancelUpload()
-        self.cancelled = self._view.cancelling = True
+        self._cancelled = True
+        self._view.cancelling = True
 
     def _on_event(self, _source: str, event: str, *values: Any) -> None:
         if event == "ProgressChanged":

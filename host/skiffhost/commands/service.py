@@ -12,25 +12,33 @@ from urllib.parse import quote
 
 from ..outcome import EXIT_NO_ANSWER, Failure, Result
 from ..session import Session, find_service, log_in, native_interrupts, open_session, password_of
-from .options import add_command, add_login_options
+from .options import add_command, add_login_options, host_name
 
 
 def register(subparsers: Any) -> None:
-    parser = add_command(subparsers, "categories", categories, "list the preset categories for a location")
-    parser.add_argument("location", nargs="?", default="en", help="location ID (default: en)")
-    parser = add_command(subparsers, "effect", effect, "find the address of a shared effect")
-    parser.add_argument("guid", help="GUID of the effect")
+    parser = add_command(subparsers, "categories", categories, "list the preset categories for a location",
+                         ["", "de --json"], {"categories": "object from category IDs to names"})
+    parser.add_argument("location", nargs="?", default="en", help="location ID, e.g. de (default: en)")
+    parser = add_command(subparsers, "effect", effect, "find the address of a shared effect",
+                         ["9C1A52F0-7B0E-4C55-8C39-6A1E7A4B9D21", "9C1A52F0-7B0E-4C55-8C39-6A1E7A4B9D21 --user mika"],
+                         {"address": "address of the effect"})
+    parser.add_argument("guid", help="GUID of the effect, e.g. 9C1A52F0-7B0E-4C55-8C39-6A1E7A4B9D21")
     add_login_options(parser, "--user")
-    parser = add_command(subparsers, "relate-video", relate_video, "report a related video to the service")
-    parser.add_argument("video_url", help="address of the video")
-    parser.add_argument("website", help="website that hosts the video")
-    parser.add_argument("info", nargs="?", default="", help="further information as an escaped query: name=value&...")
+    parser = add_command(subparsers, "relate-video", relate_video, "report a related video to the service",
+                         ["https://video.example/v/1 video.example --user mika"],
+                         {"address": "address of the video at the service"})
+    parser.add_argument("video_url", help="address of the video, e.g. https://video.example/v/1")
+    parser.add_argument("website", help="website that hosts the video, e.g. video.example")
+    parser.add_argument("info", nargs="?", default="", help="further information as an escaped query, e.g. "
+                        "title=Evening%%20light&lang=en")
     add_login_options(parser, "--user", required=True)
-    parser = add_command(subparsers, "request", request, "send a POST request to any host and print the reply's body")
-    parser.add_argument("server", metavar="host", help="name of the host")
-    parser.add_argument("path", help="path, sent as it is")
-    parser.add_argument("--port", type=int, choices=(443, 80), default=443, help="443 uses TLS (default: 443)")
-    parser.add_argument("--params", metavar="TEXT", default="", help="query, sent as it is")
+    parser = add_command(subparsers, "request", request, "send a POST request to any host and print the reply's body",
+                         ["www.kestrelhub.example /servlet/getPresetCategory --params 'ap=TWR&Locid=en' --port 80"],
+                         {"data": "body of the reply"})
+    parser.add_argument("server", metavar="host", type=host_name, help="name of the host, e.g. www.kestrelhub.example")
+    parser.add_argument("path", help="path, sent as it is, e.g. /servlet/getPresetCategory")
+    parser.add_argument("--port", type=int, choices=(443, 80), default=443, help="443, the default, uses TLS")
+    parser.add_argument("--params", metavar="TEXT", default="", help="query, sent as it is, e.g. 'ap=TWR&Locid=en'")
     parser.add_argument("--form", action="store_true", help="send the parameters as a form instead of a query")
 
 

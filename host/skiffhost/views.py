@@ -108,12 +108,14 @@ class CarriageView(View):
         self._stream = stream
 
     def _draw(self) -> None:
-        filled = self.progress.percent * self.BAR_CELLS // 100 if self.started else 0
-        bar = "#" * filled + "." * (self.BAR_CELLS - filled)
-        percent = self.progress.percent if self.started else 0
-        text = f"{self.label:10} [{bar}] {percent:3}% {describe(self.progress)}"
         columns = columns_of(self._stream)
-        self._stream.write("\r" + text[:columns - 1].ljust(columns - 1))
+        percent = self.progress.percent if self.started else 0
+        cells = min(self.BAR_CELLS, columns - 20)
+        filled = percent * cells // 100
+        bar = f"[{'#' * filled}{'.' * (cells - filled)}] " if cells >= 3 else ""
+        text = f"{self.label:10} {bar}{percent:3}%"
+        details = fitting_details(self.progress, columns - len(text) - 2)
+        self._stream.write("\r" + f"{text} {details}"[:columns - 1].ljust(columns - 1))
         self._stream.flush()
 
     def _close(self) -> None:
@@ -126,12 +128,13 @@ class BarView(View):
     """A bar drawn by rich, without rich's refresh thread."""
 
     terminal_reset = "\x1b[?25h\n"  # shows the cursor
+    BESIDE_DETAILS = 35  # columns of the label, a short bar and the percentage
 
     def __init__(self, stream: TextIO) -> None:
         super().__init__()
         self._bar = rich.progress.Progress(
             rich.progress.TextColumn("{task.description:10}", markup=False),
-            rich.progress.BarColumn(bar_width=None),
+            rich.progress.BarColumn(bar_width=None, finished_style="green"),  # rich's own turns grey with 16 colours
             rich.progress.TextColumn("{task.fields[percent]:3}%", markup=False),
             rich.progress.TextColumn("{task.fields[details]}", markup=False),
             console=rich.console.Console(file=stream),
@@ -145,8 +148,8 @@ class BarView(View):
         if self.started:
             total = max(self.progress.total, 1)
             done = self.progress.sent if self.progress.total else total
-            self._bar.update(self._task, total=total, completed=done, percent=self.progress.percent,
-                             details=describe(self.progress))
+            details = fitting_details(self.progress, self._bar.console.width - self.BESIDE_DETAILS)
+            self._bar.update(self._task, total=total, completed=done, percent=self.progress.percent, details=details)
         self._bar.update(self._task, description=self.label)
         self._bar.refresh()
 
@@ -160,6 +163,14 @@ def columns_of(stream: TextIO) -> int:
         return os.get_terminal_size(stream.fileno()).columns or DEFAULT_COLUMNS
     except OSError:  # a bar was requested, but this is no terminal
         return DEFAULT_COLUMNS
+
+
+def fitting_details(progress: Progress, columns: int) -> str:
+    """Returns as much of amount, rate and time left as fits."""
+    text = describe(progress)
+    while len(text) > columns and text:
+        text = text.rpartition(", ")[0]
+    return text
 
 
 def choose_view(kind: str, stream: TextIO, environment: Any) -> View:

@@ -1,14 +1,17 @@
 """The command line, run as a process against the stand-in."""
 
 import contextlib
+import fcntl
 import hashlib
 import json
 import os
 import pty
 import re
 import signal
+import struct
 import subprocess
 import sys
+import termios
 import unittest
 from unittest import mock
 
@@ -26,6 +29,7 @@ FIELDS = ["--title", "Ü & 🌇", "--category", "2", "--tags", "a,b", "--descrip
 COMMAND = ("-m", "skiffhost")
 # Programs that run the command with something changed first.
 MAIN = "; from skiffhost.__main__ import main; sys.exit(main())"
+WITHOUT_RICH = ("-c", "import sys; sys.modules['rich'] = None" + MAIN)
 SLOW_CANCEL = ("-c", "import sys, Skiffport; "
                "Skiffport.PyPresetUploader.CancelUpload = lambda uploader: None" + MAIN)
 INTERRUPTED_IMPORT = ("-c", "import sys, signal; sys.addaudithook(lambda event, values: event == 'import' and "
@@ -53,10 +57,11 @@ class CommandLineCase(common.StandinCase):
         output, errors = process.communicate(timeout=fixtures.DEADLINE_SECONDS)
         return process.returncode, output, errors
 
-    def run_on_terminal(self, *arguments, program=COMMAND, keys=b""):
+    def run_on_terminal(self, *arguments, program=COMMAND, columns=80, keys=b""):
         """Types the keys when a password is asked for. Returns exit code or -signal, and all that was shown."""
         child, terminal = pty.fork()
         if child == 0:
+            fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
             os.execve(sys.executable, [sys.executable, *program, *arguments], self.env)
         shown = b""
         with contextlib.suppress(OSError):  # how a terminal ends whose process has ended
@@ -202,6 +207,15 @@ class PublishTest(CommandLineCase):
         output, errors = process.communicate(timeout=20)
         self.assertEqual(json.loads(output), {"ok": False, "error": text, "exit_code": 130})
         self.assertEqual((process.returncode, errors.splitlines()[-1]), (130, "skiffhost: " + text))
+
+    def test_narrow_terminals_show_percent_and_bar(self):
+        for program, columns, bar in ((COMMAND, 40, "━"), (COMMAND, 20, "━"), (WITHOUT_RICH, 40, r" \[#+\]"),
+                                      (WITHOUT_RICH, 20, "")):
+            code, shown = self.run_on_terminal("publish", launch.USER, str(self.preset), *FIELDS, program=program,
+                                               columns=columns)
+            rows = re.split(r"[\r\n]+", re.sub(r"\x1b\[[0-9?;]*[A-Za-z]", "", shown))
+            self.assertTrue(any(re.match(f"finishing *{bar}.*100%", row) for row in rows), shown)
+            self.assertEqual((code, [row for row in rows[:-2] if len(row) > columns]), (0, []))
 
 
 class ArgumentsTest(CommandLineCase):

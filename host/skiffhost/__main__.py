@@ -8,6 +8,7 @@ _on_interrupt = _signal.getsignal(_signal.SIGINT)
 if callable(_on_interrupt):
     _signal.signal(_signal.SIGINT, _signal.SIG_DFL)  # a Ctrl-C during the imports ends the process without a traceback
 
+import argparse
 import signal
 import sys
 from typing import List, Optional
@@ -18,6 +19,7 @@ from .commands.options import DEFAULTS, add_common_options
 from .outcome import (EXIT_CANCELLED, EXIT_CODES, EXIT_OK, EXIT_USAGE, Failure, open_standard_streams, print_failure,
                       print_lines, print_result)
 from .parser import Information, Parser
+from .timelimit import lift_limit, run_limited
 
 if callable(_on_interrupt):
     _signal.signal(_signal.SIGINT, _on_interrupt)
@@ -46,7 +48,9 @@ def main(argv: Optional[List[str]] = None) -> int:
         arguments = make_parser().parse_args(words)
         if arguments.quiet and arguments.verbose:
             raise Failure(EXIT_USAGE, "--quiet and --verbose exclude each other")
-        return print_result(arguments.run(arguments), arguments.json)
+        if arguments.timeout is None:
+            return _run(arguments)
+        return run_limited(arguments.timeout, lambda: _run(arguments))
     except Information as information:
         return print_lines([str(information)], EXIT_OK)
     except Failure as failure:
@@ -56,6 +60,14 @@ def main(argv: Optional[List[str]] = None) -> int:
     finally:
         if signal.getsignal(signal.SIGINT) == signal.default_int_handler:
             signal.signal(signal.SIGINT, signal.SIG_DFL)  # nothing is left that a Ctrl-C would have to clean up
+
+
+def _run(arguments: argparse.Namespace) -> int:
+    try:
+        result = arguments.run(arguments)
+    finally:
+        lift_limit()
+    return print_result(result, arguments.json)
 
 
 if __name__ == "__main__":

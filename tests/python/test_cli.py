@@ -12,6 +12,7 @@ import struct
 import subprocess
 import sys
 import termios
+import time
 import unittest
 from unittest import mock
 
@@ -30,7 +31,7 @@ COMMAND = ("-m", "skiffhost")
 # Programs that run the command with something changed first.
 MAIN = "; from skiffhost.__main__ import main; sys.exit(main())"
 WITHOUT_RICH = ("-c", "import sys; sys.modules['rich'] = None" + MAIN)
-SLOW_CANCEL = ("-c", "import sys, Skiffport; "
+SLOW_CANCEL = ("-c", "import sys, Skiffport; from skiffhost import timelimit; timelimit.GRACE_SECONDS = 0.5; "
                "Skiffport.PyPresetUploader.CancelUpload = lambda uploader: None" + MAIN)
 INTERRUPTED_IMPORT = ("-c", "import sys, signal; sys.addaudithook(lambda event, values: event == 'import' and "
                       "values[0] == 'skiffhost.commands' and signal.raise_signal(2))" + MAIN)
@@ -193,20 +194,26 @@ class PublishTest(CommandLineCase):
         self.assertEqual(len(self.standin.presets()), published)
         fixtures.wait_until(lambda: not list(self.standin.folder.glob(".*")), "removal of the partial preset")
 
-    def test_a_second_interrupt_ends_a_cancelled_upload(self):
+    def test_a_second_interrupt_or_the_time_limit_ends_a_cancelled_upload(self):
         """The service gets everything but answers nothing, and the upload does not notice the cancel."""
         tiny = str(fixtures.write_preset(self.scratch / "tiny"))
-        text = "cancelled; the service may have it"
-        process = self.start("publish", launch.USER, tiny, "--json", "--progress", "lines", *FIELDS,
-                             program=SLOW_CANCEL)
-        for label in ("uploading", "finishing", "cancelling"):
-            self.assertTrue(any(re.match(label + " [1-9]", line) for line in process.stderr))
-            self.stop_service()
-            if label != "uploading":
-                process.send_signal(signal.SIGINT)
-        output, errors = process.communicate(timeout=20)
-        self.assertEqual(json.loads(output), {"ok": False, "error": text, "exit_code": 130})
-        self.assertEqual((process.returncode, errors.splitlines()[-1]), (130, "skiffhost: " + text))
+        cases = [((), ("uploading", "finishing", "cancelling"), 130, "cancelled; the service may have it"),
+                 (("--timeout", "3"), ("uploading", "finishing"), 124,
+                  "the time limit has passed; the service may have it")]
+        for options, labels, code, text in cases:
+            process = self.start("publish", launch.USER, tiny, "--json", "--progress", "lines", *options, *FIELDS,
+                                 program=SLOW_CANCEL)
+            for label in labels:
+                if not any(re.match(label + " [1-9]", line) for line in process.stderr):
+                    text = "the time limit has passed"  # which a slow login takes, too
+                self.stop_service()
+                if code == 130 and label != "uploading":
+                    process.send_signal(signal.SIGINT)
+            output, errors = process.communicate(timeout=20)
+            self.doCleanups()
+            values = json.loads(output)
+            self.assertEqual((process.returncode, values["exit_code"], values["error"]), (code, code, text))
+            self.assertEqual(errors.splitlines()[-1], "skiffhost: " + values["error"])
 
     def test_narrow_terminals_show_percent_and_bar(self):
         for program, columns, bar in ((COMMAND, 40, "━"), (COMMAND, 20, "━"), (WITHOUT_RICH, 40, r" \[#+\]"),
@@ -237,6 +244,7 @@ class ArgumentsTest(CommandLineCase):
             ("addresses --connect-to a:1:b:2,a:1:b", address + "a:1:b"),
             ("addresses --connect-to a:1:b:65536", address + "a:1:b:65536"),
             ("categories --host https://a/", "--host: not the name of a host: https://a/"),
+            ("categories --timeout 0", "--timeout: not a number of seconds above 0: 0"),
         ]
         asked = self.standin.requests()
         for arguments, text in cases:
@@ -261,6 +269,15 @@ class ArgumentsTest(CommandLineCase):
                 lines = done.stdout.count(b"\n")
                 self.assertEqual((done.returncode, lines), (code, command.startswith("publish")), done)
                 self.assertNotRegex(done.stderr.decode(), "Traceback|Exception ignored")
+
+    def test_the_time_limit_bounds_calls_that_block(self):
+        self.stop_service()
+        for command in (["login", launch.USER], ["categories", "--host", "www.kestrelhub.example"]):
+            start = time.monotonic()
+            code, output, errors = self.run_cli(*command, "--timeout", "0.5", "--json")
+            self.assertLess(time.monotonic() - start, 5)  # a probe takes longer
+            self.assertEqual((code, json.loads(output)["exit_code"]), (124, 124), errors)
+            self.assertEqual(errors, "skiffhost: the time limit has passed\n")
 
 
 class ProgressTest(unittest.TestCase):

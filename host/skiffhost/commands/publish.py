@@ -1,4 +1,4 @@
-"""Subcommand publish: logs a member in and uploads a preset, shows progress, and cancels on Ctrl-C.
+"""Subcommand publish: logs a member in and uploads a preset, shows progress, and cancels on Ctrl-C or a time limit.
 
 The uploader's events arrive through the message loop, which this command pumps on the main thread.
 """
@@ -19,6 +19,7 @@ from ..presetfiles import FILES
 from ..progress import from_event
 from ..session import Session, log_in, open_session, password_of
 from ..signals import handling
+from ..timelimit import lift_limit, timed_out
 from ..views import View, choose_view
 from .options import add_command, add_login_options
 
@@ -27,7 +28,7 @@ UPLOAD_ID = 1
 
 EXAMPLES = ["mika presets/evening --title 'Evening light' --category 2",
             "mika presets/evening --title Evening --cover-after new.png --tags sunset,warm",
-            "mika presets/evening --title Evening --json <password.txt --password-file -"]
+            "mika presets/evening --title Evening --json --timeout 600 <password.txt --password-file -"]
 
 # Of each preset field: what help says, and the default; None stands for a required field.
 FIELDS = {
@@ -119,19 +120,20 @@ class Upload:
         data = session.data
         self._view = view
         self._as_json = as_json
-        self._cancelled = False
+        self._cancelled_by: Optional[int] = None
         self._completion: Optional[Completion] = None
         self._uploader = session.module.PyPresetUploader(
             data.GetServerUrl(), data.GetLoginTokenID(), session.version, session.version_type, session.installation)
 
     def run(self, paths: List[str], fields: List[str]) -> Completion:
-        """Uploads and pumps until the completion arrives. SIGINT and SIGTERM cancel; a second one ends the process."""
-        with handling((signal.SIGINT, signal.SIGTERM), self._cancel):
+        """Uploads and pumps until the completion arrives. SIGINT, SIGTERM and the time limit cancel; a second one ends
+        the process."""
+        with handling((signal.SIGINT, signal.SIGTERM, signal.SIGALRM), self._cancel):
             try:
                 self._uploader.SetCallback(self._on_event)
                 if self._uploader.StartUpload(*paths, *fields, UPLOAD_ID) == 0:
                     raise Failure(EXIT_NO_ANSWER, "the upload could not be started")
-                if self._cancelled:  # before the start, which forgets that
+                if self._cancelled_by is not None:  # before the start, which forgets that
                     self._uploader.CancelUpload()
                 return self._wait()
             finally:
@@ -144,12 +146,13 @@ class Upload:
             loop.wait(PUMP_SECONDS)
             if loop.pump() == 0:
                 self._view.draw()
+        lift_limit()
         return self._completion
 
     def address(self, completion: Completion) -> str:
         """Returns the published item's address. Raises Failure unless the service accepted the upload."""
         try:
-            return address_of(completion, self._cancelled)
+            return address_of(completion, self._cancelled_by is not None)
         except Failure as failure:
             if failure.exit_code == EXIT_REFUSED:
                 raise
@@ -158,17 +161,19 @@ class Upload:
     def _failure(self, failure: Failure) -> Failure:
         """Returns the failure with what is known about the preset's whereabouts."""
         addition = "; the service may have it" if self._view.all_sent else ""
+        if self._cancelled_by == signal.SIGALRM:
+            return timed_out(addition)
         return Failure(failure.exit_code, failure.text + addition)
 
-    def _cancel(self, *_signal: Any) -> None:
+    def _cancel(self, number: int, _frame: Any) -> None:
         """Must not raise: it may run inside ``_on_event``, where an exception is printed and dropped."""
         if self._completion is not None:
             return
-        if self._cancelled:
+        if self._cancelled_by is not None:
             failure = self._failure(Failure(EXIT_CANCELLED, "cancelled"))
             end_at_once(failure, self._as_json, self._view.terminal_reset)
         self._uploader.CancelUpload()
-        self._cancelled = True
+        self._cancelled_by = number
         self._view.cancelling = True
 
     def _on_event(self, _source: str, event: str, *values: Any) -> None:

@@ -1,0 +1,66 @@
+"""Bounds a command's time. A service call may block with the GIL held, when no Python code of this process can run; so
+the command runs in a child process, whose alarm ends it, and the parent reports that."""
+
+from __future__ import annotations
+
+import os
+import signal
+import time
+from typing import Any, Callable, NoReturn
+
+from .outcome import EXIT_TIMED_OUT, Failure
+
+# After the limit, an upload may take this long to cancel; twice this long after it, the process is killed.
+GRACE_SECONDS = 5.0
+FORWARDED = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+WAITED_FOR = (*FORWARDED, signal.SIGCHLD)
+
+
+def timed_out(addition: str = "") -> Failure:
+    return Failure(EXIT_TIMED_OUT, "the time limit has passed" + addition)
+
+
+def run_limited(seconds: float, run: Callable[[], int]) -> int:
+    """Runs the function in a child process and returns its exit code, in the child as well. Raises Failure if the child
+    had to be ended; ends this process by the signal that the child was ended by. Main thread only."""
+    signal.signal(signal.SIGCHLD, signal.SIG_DFL)
+    before = signal.pthread_sigmask(signal.SIG_BLOCK, WAITED_FOR)
+    child = os.fork()
+    if child == 0:
+        signal.signal(signal.SIGALRM, _raise_failure)
+        signal.setitimer(signal.ITIMER_REAL, seconds, GRACE_SECONDS)
+        signal.pthread_sigmask(signal.SIG_SETMASK, before)
+        return run()
+    status = _wait_for(child, time.monotonic() + seconds + 2 * GRACE_SECONDS)
+    signal.pthread_sigmask(signal.SIG_SETMASK, before)
+    if not os.WIFSIGNALED(status):
+        return os.WEXITSTATUS(status)
+    number = os.WTERMSIG(status)
+    if number in (signal.SIGALRM, signal.SIGKILL):
+        raise timed_out()
+    signal.signal(number, signal.SIG_DFL)
+    os.kill(os.getpid(), number)
+    return 128 + number
+
+
+def lift_limit() -> None:
+    """Called once the command has its outcome, which is then printed in any case."""
+    signal.setitimer(signal.ITIMER_REAL, 0)
+
+
+def _raise_failure(*_signal: Any) -> NoReturn:
+    raise timed_out()
+
+
+def _wait_for(child: int, deadline: float) -> int:
+    """Returns the child's wait status. Passes signals on, except those of the terminal, which the child gets too."""
+    while True:
+        info = signal.sigtimedwait(WAITED_FOR, max(deadline - time.monotonic(), 0))
+        if info is None:
+            os.kill(child, signal.SIGKILL)
+            return os.waitpid(child, 0)[1]
+        if info.si_signo != signal.SIGCHLD and info.si_code <= 0:
+            os.kill(child, info.si_signo)
+        ended, status = os.waitpid(child, os.WNOHANG)
+        if ended:
+            return status

@@ -1,9 +1,9 @@
 // The size of a socket's send buffer, for bodies that are sent with pauses. It knows nothing of libcurl.
 #pragma once
 
-/// Widens the buffer of a connected TCP socket so that what it holds lasts the line for 100 ms and a round trip: it goes
-/// on leaving while the sender pauses or reads the next block. The kernel alone widens a buffer only while a writer is
-/// refused room, so the pauses would leave its size to chance. Never narrows it, and leaves the kernel free to widen it
-/// further; where that can't be had (SO_BUF_LOCK, Linux 5.14), and above net.core.wmem_max, it does nothing. Cannot
-/// fail. Thread: any.
+/// Widens the buffer of a connected TCP socket so that what it holds lasts the line for 100 ms and a round trip: it
+/// goes on leaving while the sender pauses or reads the next block. The kernel alone widens a buffer only while a
+/// writer is refused room, so the pauses would leave its size to chance. Never narrows it, and leaves the kernel free
+/// to widen it further; where that can't be had (SO_BUF_LOCK, Linux 5.14), and above net.core.wmem_max, it does
+/// nothing. Cannot fail. Thread: any.
 void WidenSendBuffer(int fd);

@@ -12,6 +12,11 @@
 #include <map>
 #include <new>
 
+// None where an object is wanted raises ValueError with every SWIG: 4.3 reports it by a code of its own, which it turns
+// into a TypeError.
+#undef SWIG_NullReferenceError
+#define SWIG_NullReferenceError SWIG_ValueError
+
 namespace {
 
 // Copies a value to the heap. Returns: null with a MemoryError set if memory runs out.

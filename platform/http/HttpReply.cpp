@@ -37,7 +37,12 @@ DWORD HttpReply::TakeHeader(std::string_view line, long status) {
     return ERROR_HTTP_INVALID_SERVER_RESPONSE;
   if (m_isHeadIn) // a trailer
     return ERROR_SUCCESS;
-  if (std::exchange(m_isAtStart, false)) {
+  Line const kind = std::exchange(m_next, Line::Header);
+  bool const isBlank = line.starts_with(' ') || line.starts_with('\t');
+  if (kind == Line::FirstHeader && isBlank) // continues nothing; libcurl refuses it in some versions only
+    return ERROR_HTTP_INVALID_SERVER_RESPONSE;
+  if (kind == Line::Status) {
+    m_next = Line::FirstHeader;
     m_length = {}; // what came before was an interim reply
     return IsStatusLine(line) ? ERROR_SUCCESS : ERROR_HTTP_INVALID_SERVER_RESPONSE;
   }
@@ -46,7 +51,7 @@ DWORD HttpReply::TakeHeader(std::string_view line, long status) {
   } else if (line.starts_with('\r') || line.starts_with('\n')) { // for libcurl, too, whatever follows
     m_status = status;
     m_isHeadIn = status >= 200 || status == 101;
-    m_isAtStart = true;
+    m_next = Line::Status;
     if (m_isHeadIn && m_length.isTooLarge)
       return ERROR_HTTP_INVALID_SERVER_RESPONSE; // a reply whose body can't be read
   }

@@ -37,6 +37,8 @@ public:
   std::size_t Buffered() const { return m_body.size() - m_taken; }
 
 private:
+  /// A line of a head, by its place.
+  enum class Line { Status, FirstHeader, Header };
   struct Length {
     std::string text;
     std::optional<std::uint64_t> value; ///< empty for text that does not begin with a number
@@ -46,7 +48,7 @@ private:
 
   long m_status = 0;
   bool m_isHeadIn = false;
-  bool m_isAtStart = true; ///< the next line begins a head
+  Line m_next = Line::Status; ///< what the next line is
   std::size_t m_headSize = 0;
   Length m_length;
   std::string m_body;

@@ -50,6 +50,7 @@ HttpTransfer::~HttpTransfer() {
 CURLcode HttpTransfer::SetUpTls(void *context) {
   auto *const tls = static_cast<SSL_CTX *>(context);
   m_connection.Connected();
+  SSL_CTX_set_options(tls, SSL_OP_IGNORE_UNEXPECTED_EOF); // an end without TLS's own counts, as without TLS
   if (m_ignoresDate)
     X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(tls), X509_V_FLAG_NO_CHECK_TIME);
   return UseTrustStore(tls) ? CURLE_OK : CURLE_OUT_OF_MEMORY;

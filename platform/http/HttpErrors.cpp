@@ -12,11 +12,13 @@ struct CodeRow {
   CURLcode code;
   DWORD error;
 };
+constexpr auto kTooLarge = static_cast<CURLcode>(100); // CURLE_TOO_LARGE, which libcurl 7.88 lacks
 constexpr CodeRow kErrorNumbers[] = {
     {CURLE_UNSUPPORTED_PROTOCOL, ERROR_HTTP_INVALID_SERVER_RESPONSE}, // a reply that is not HTTP
     {CURLE_WEIRD_SERVER_REPLY, ERROR_HTTP_INVALID_SERVER_RESPONSE},
     {CURLE_GOT_NOTHING, ERROR_HTTP_INVALID_SERVER_RESPONSE},
     {CURLE_BAD_FUNCTION_ARGUMENT, ERROR_HTTP_INVALID_SERVER_RESPONSE}, // a head that begins with a continuation line
+    {kTooLarge, ERROR_HTTP_INVALID_SERVER_RESPONSE},                   // header lines over its own limits
     {CURLE_URL_MALFORMAT, ERROR_INTERNET_INVALID_URL},
     {CURLE_COULDNT_RESOLVE_PROXY, ERROR_INTERNET_NAME_NOT_RESOLVED},
     {CURLE_COULDNT_RESOLVE_HOST, ERROR_INTERNET_NAME_NOT_RESOLVED},

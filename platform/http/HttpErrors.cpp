@@ -52,6 +52,7 @@ struct MessageRow {
 /// overwritten by then.
 constexpr MessageRow kLossMessages[] = {
     {"chunked-encoding", ERROR_HTTP_INVALID_SERVER_RESPONSE},
+    {"chunk hex-length", ERROR_HTTP_INVALID_SERVER_RESPONSE}, // in libcurl 8.14
     {"reset by peer", ERROR_INTERNET_CONNECTION_RESET},
     {"SSL_ERROR_SYSCALL", ERROR_INTERNET_CONNECTION_ABORTED},
     {"unexpected eof", ERROR_INTERNET_CONNECTION_ABORTED},

@@ -1,60 +1,99 @@
-"""A PEP 517 backend: packs what CMake installs into a wheel for the interpreter that runs it.
+"""A PEP 517 and PEP 660 backend: packs what CMake installs into a wheel for the interpreter that runs it.
 
-Needs cmake, ninja, swig and a compiler on the PATH, and only the standard library. A config setting whose name starts
-with SKIFFPORT_ becomes a CMake option:
+Needs cmake, ninja, swig, pkg-config and a compiler on the PATH, and only the standard library. A config setting whose
+name starts with SKIFFPORT_ becomes a CMake option:
     pip install . --config-settings=SKIFFPORT_DEFAULT_SERVICE_HOST=www.example.org
+An editable installation is built in build/editable-<tag>, to which it refers: Python files are links to the sources,
+and `cmake --build` in that folder brings the native code up to date.
 """
 
+import ast
 import base64
 import hashlib
+import os
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
 import sysconfig
+import tarfile
 import tempfile
 import zipfile
-from typing import Any, List, Mapping, Optional
+from typing import Any, Dict, List, Mapping, Optional, Union
 
 SOURCE = pathlib.Path(__file__).resolve().parents[1]
+Settings = Optional[Mapping[str, Any]]
+Table = Dict[str, Union[str, List[str]]]
 
-METADATA = """\
-Metadata-Version: 2.1
-Name: skiffport
-Version: {version}
-Summary: Links a desktop application to its community web service
-Requires-Python: >=3.8
-Provides-Extra: bar
-Requires-Dist: rich; extra == "bar"
-"""
+# What a source distribution holds: all but the folder build and the names that start with a dot.
+SOURCES = ("CMakeLists.txt", "CMakePresets.json", "CONTRIBUTING.md", "README.md", "bench", "cmake", "docs", "examples",
+           "framework", "host", "packaging", "platform", "publish", "pyproject.toml", "reply", "scripts", "service",
+           "shell", "standin", "tests", "upload")
+# Debian's package of each tool and header that a build needs.
+TOOLS = {"cmake": "cmake", "ninja": "ninja-build", "swig": "swig", "pkg-config": "pkg-config",
+         os.environ.get("CXX", "c++"): "g++"}
+HEADERS = {"curl/curl.h": "libcurl4-openssl-dev", "openssl/ssl.h": "libssl-dev", "expat.h": "libexpat1-dev",
+           "idn2.h": "libidn2-dev", "Python.h": "python3-dev"}
+
 WHEEL = """\
 Wheel-Version: 1.0
 Generator: {generator}
 Root-Is-Purelib: false
 Tag: {tag}
 """
-ENTRY_POINTS = """\
-[console_scripts]
-skiffhost = skiffhost.__main__:main
-"""
 
 
-def build_wheel(wheel_directory: str, config_settings: Optional[Mapping[str, Any]] = None,
+def build_wheel(wheel_directory: str, config_settings: Settings = None,
                 _metadata_directory: Optional[str] = None) -> str:
     """Builds in a temporary folder and writes the wheel. Returns its file name."""
-    version, tag = find_version(), find_tag()
-    options = [f"-D{name}={value}" for name, value in (config_settings or {}).items() if name.startswith("SKIFFPORT_")]
-    name = f"skiffport-{version}-{tag}.whl"
     with tempfile.TemporaryDirectory(prefix="skiffport-") as scratch:
         staged = pathlib.Path(scratch, "staged")
-        install(pathlib.Path(scratch, "build"), staged, options)
-        info = staged / f"skiffport-{version}.dist-info"
-        info.mkdir()
-        (info / "METADATA").write_text(METADATA.format(version=version), "utf-8")
-        (info / "WHEEL").write_text(WHEEL.format(generator=__name__, tag=tag), "utf-8")
-        (info / "entry_points.txt").write_text(ENTRY_POINTS, "utf-8")
-        pack(staged, info / "RECORD", pathlib.Path(wheel_directory, name))
-    return name
+        build(pathlib.Path(scratch, "build"), config_settings)
+        install(pathlib.Path(scratch, "build"), staged, ["--strip"])
+        return write_wheel(staged, pathlib.Path(wheel_directory))
+
+
+def build_editable(wheel_directory: str, config_settings: Settings = None,
+                   _metadata_directory: Optional[str] = None) -> str:
+    """Builds in the checkout and writes a wheel that only adds a folder of links to the search path."""
+    folder = SOURCE / "build" / f"editable-{find_tag()}"
+    build(folder, config_settings)
+    links = folder / "importable"
+    shutil.rmtree(links, ignore_errors=True)
+    install(folder, links, [], CMAKE_INSTALL_MODE="ABS_SYMLINK")
+    with tempfile.TemporaryDirectory(prefix="skiffport-") as scratch:
+        pathlib.Path(scratch, "_skiffport.pth").write_text(f"{links}\n", "utf-8")
+        return write_wheel(pathlib.Path(scratch), pathlib.Path(wheel_directory))
+
+
+def build_sdist(sdist_directory: str, _config_settings: Settings = None) -> str:
+    """Writes the archive of the sources. Returns its file name."""
+    base = f"skiffport-{find_version()}"
+
+    def select(member: tarfile.TarInfo) -> Optional[tarfile.TarInfo]:
+        if "__pycache__" in member.name:
+            return None
+        member.uid = member.gid = 0
+        member.uname = member.gname = "root"
+        return member
+
+    with tarfile.open(pathlib.Path(sdist_directory, f"{base}.tar.gz"), "w:gz", format=tarfile.PAX_FORMAT) as archive, \
+            tempfile.TemporaryDirectory(prefix="skiffport-") as scratch:
+        for name in SOURCES:
+            archive.add(SOURCE / name, f"{base}/{name}", filter=select)
+        information = pathlib.Path(scratch, "PKG-INFO")
+        information.write_text(describe(), "utf-8")
+        archive.add(information, f"{base}/PKG-INFO", filter=select)
+    return f"{base}.tar.gz"
+
+
+def prepare_metadata_for_build_wheel(metadata_directory: str, _config_settings: Settings = None) -> str:
+    """Writes what a wheel would say of itself, without a build. Returns the name of the folder."""
+    return write_info(pathlib.Path(metadata_directory)).name
+
+
+prepare_metadata_for_build_editable = prepare_metadata_for_build_wheel
 
 
 def find_version() -> str:
@@ -71,19 +110,83 @@ def find_tag() -> str:
     return f"cp{sys.version_info.major}{sys.version_info.minor}-cp{abi}-{platform}"
 
 
-def install(build: pathlib.Path, staged: pathlib.Path, options: List[str]) -> None:
-    """Builds for this interpreter only and installs what an import needs."""
-    subprocess.run(["cmake", "-S", SOURCE, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
-                    "-DSKIFFPORT_TESTS=OFF", f"-DSKIFFPORT_PYTHONS={sys.executable}",
-                    "-DSKIFFPORT_INSTALL_PYTHONDIR=.", *options], check=True)
-    subprocess.run(["cmake", "--build", build], check=True)
-    subprocess.run(["cmake", "--install", build, "--prefix", staged, "--component", "python", "--strip"], check=True)
+def read_project() -> Dict[str, Table]:
+    """Returns the tables of pyproject.toml. Their strings and lists are written alike in TOML and in Python."""
+    tables: Dict[str, Table] = {}
+    for name, body in re.findall(r"^\[(\S+)\]\n(.*?)(?=^\[|\Z)", (SOURCE / "pyproject.toml").read_text("utf-8"),
+                                 re.MULTILINE | re.DOTALL):
+        pairs = re.findall(r"^(\S+) = (.*?)(?=^\S+ = |\Z)", body, re.MULTILINE | re.DOTALL)
+        tables[name] = {key: ast.literal_eval(value.strip()) for key, value in pairs}
+    return tables
 
 
-def pack(staged: pathlib.Path, record: pathlib.Path, wheel: pathlib.Path) -> None:
-    """Writes every file of the folder into the wheel, then the list of them, as the format requires."""
+def describe() -> str:
+    """Returns the core metadata, with the README as its body."""
+    tables = read_project()
+    project = tables["project"]
+    lines = ["Metadata-Version: 2.1", f"Name: {project['name']}", f"Version: {find_version()}",
+             f"Summary: {project['description']}", f"Requires-Python: {project['requires-python']}",
+             *(f"Classifier: {classifier}" for classifier in project["classifiers"])]
+    for extra, requirements in tables["project.optional-dependencies"].items():
+        lines += [f"Provides-Extra: {extra}"]
+        lines += [f'Requires-Dist: {requirement}; extra == "{extra}"' for requirement in requirements]
+    readme = pathlib.Path(SOURCE, str(project["readme"])).read_text("utf-8")
+    return "\n".join([*lines, "Description-Content-Type: text/markdown; charset=UTF-8", "", readme])
+
+
+def build(folder: pathlib.Path, settings: Settings) -> None:
+    """Builds for this interpreter only. Ends the process with a plain message if something that it takes is missing."""
+    options = [f"-D{name}={value}" for name, value in (settings or {}).items() if name.startswith("SKIFFPORT_")]
+    tools = {tool: package for tool, package in TOOLS.items() if not shutil.which(tool)}
+    if tools:
+        refuse({**tools, **find_missing_headers()})
+    configured = subprocess.run(["cmake", "-S", SOURCE, "-B", folder, "-G", "Ninja",
+                                 "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DSKIFFPORT_TESTS=OFF",
+                                 f"-DSKIFFPORT_PYTHONS={sys.executable}", "-DSKIFFPORT_INSTALL_PYTHONDIR=.", *options],
+                                check=False)
+    if configured.returncode and find_missing_headers():
+        refuse(find_missing_headers())
+    configured.check_returncode()
+    subprocess.run(["cmake", "--build", folder], check=True)
+
+
+def find_missing_headers() -> Dict[str, str]:
+    """Returns the headers, with their packages, that are not in the usual places. CMake may know of others."""
+    places = ["/usr/include", "/usr/local/include", f"/usr/include/{sysconfig.get_config_var('MULTIARCH')}",
+              sysconfig.get_path("include"), *os.environ.get("CPATH", "").split(":")]
+    return {header: package for header, package in HEADERS.items()
+            if not any(pathlib.Path(place, header).exists() for place in places)}
+
+
+def refuse(missing: Mapping[str, str]) -> None:
+    """Ends the process. Installers show what a backend prints."""
+    raise SystemExit(f"skiffport is built from source, and this system lacks {', '.join(missing)}. On Debian: "
+                     f"apt-get install {' '.join(missing.values())}")
+
+
+def install(folder: pathlib.Path, prefix: pathlib.Path, options: List[str], **environment: str) -> None:
+    """Installs what an import needs."""
+    subprocess.run(["cmake", "--install", folder, "--prefix", prefix, "--component", "python", *options], check=True,
+                   env={**os.environ, **environment})
+
+
+def write_info(folder: pathlib.Path) -> pathlib.Path:
+    """Makes the folder of metadata in that folder and returns its path."""
+    info = folder / f"skiffport-{find_version()}.dist-info"
+    info.mkdir()
+    commands = "".join(f"{name} = {entry}\n" for name, entry in read_project()["project.scripts"].items())
+    (info / "METADATA").write_text(describe(), "utf-8")
+    (info / "WHEEL").write_text(WHEEL.format(generator=__name__, tag=find_tag()), "utf-8")
+    (info / "entry_points.txt").write_text(f"[console_scripts]\n{commands}", "utf-8")
+    return info
+
+
+def write_wheel(staged: pathlib.Path, wheel_directory: pathlib.Path) -> str:
+    """Writes every file of the folder into a wheel, then the list of them, as the format requires."""
+    record = write_info(staged) / "RECORD"
+    wheel = f"skiffport-{find_version()}-{find_tag()}.whl"
     lines = []
-    with zipfile.ZipFile(wheel, "w", zipfile.ZIP_DEFLATED) as archive:
+    with zipfile.ZipFile(wheel_directory / wheel, "w", zipfile.ZIP_DEFLATED) as archive:
         for file in sorted(path for path in staged.rglob("*") if path.is_file()):
             name, content = file.relative_to(staged).as_posix(), file.read_bytes()
             digest = base64.urlsafe_b64encode(hashlib.sha256(content).digest()).rstrip(b"=").decode("ascii")
@@ -91,3 +194,4 @@ def pack(staged: pathlib.Path, record: pathlib.Path, wheel: pathlib.Path) -> Non
             archive.write(file, name)
         name = record.relative_to(staged).as_posix()
         archive.writestr(name, "".join([*lines, f"{name},,\n"]))
+    return wheel

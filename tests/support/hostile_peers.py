@@ -331,7 +331,7 @@ GROUPS: Dict[str, List[Row]] = {
         Row("ends its sending, and drains the body", "Uf", ("read-some", "shut", "drain")),
         Row("stops reading at once", "Uf", "stall", "--window 4096", late={"U": 30, "f": 5}, slack=130,
             since="connect"),
-        Row("stops reading after a megabyte", "U", "stall", "--window 4096 --after 1000000", late=30, slack=150,
+        Row("stops reading after a megabyte", "U", "stall", "--window 4096 --after 1000000", late=30, slack=220,
             since="connect"),
         Row("reads all and never answers", "U", "silent-reply", late=60),
     ],

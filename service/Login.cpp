@@ -6,6 +6,7 @@
 #include "service/JoinText.h"
 #include "service/ServiceExchange.h"
 #include "service/ServiceHosts.h"
+#include "service/WebAddress.h"
 #include "shell/ScopedGILRelease.h"
 #include "shell/Trace.h"
 
@@ -21,7 +22,7 @@ bool OpenFirstLogin(IXMLDOMDocument *pDocument) {
   ReadElement(pDocument, L"info/firstloginUrl", strAddress);
   if (strAddress.IsEmpty())
     return false;
-  if (strAddress.GetLength() <= kMostCharacters)
+  if (strAddress.GetLength() <= kMostCharacters && IsWebAddress(strAddress.GetString()))
     ShellExecuteW(nullptr, L"open", strAddress, nullptr, nullptr, SW_SHOWNORMAL);
   return true;
 }

@@ -4,14 +4,11 @@
 
 #include "platform/base/Fail.h"
 #include "platform/system/Detached.h"
-#include "platform/text/ControlCharacter.h"
 #include "platform/text/Utf8.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cwchar>
 #include <future>
-#include <iterator>
 #include <memory>
 #include <new>
 
@@ -24,50 +21,6 @@
 namespace {
 
 constexpr std::uintptr_t kOpened = 33; // any value over 32 is success
-
-/// What no page address may hold besides control characters of ASCII: it would show the user another address than the
-/// one that is opened.
-struct Range {
-  char32_t first, last;
-};
-constexpr Range kRefused[] = {
-    {0x80, 0x9F},     // further control characters
-    {0x061C, 0x061C}, // direction mark
-    {0x200B, 0x200F}, // zero width, and direction marks
-    {0x2028, 0x202E}, // line and paragraph separators, direction embeddings and overrides
-    {0x2060, 0x2060}, // word joiner
-    {0x2066, 0x2069}, // direction isolates
-    {0xFEFF, 0xFEFF}, // zero-width no-break space
-};
-
-bool IsRefused(WCHAR unit) {
-  auto const character = static_cast<char32_t>(unit);
-  return IsControlCharacter(character) ||
-         std::any_of(std::begin(kRefused), std::end(kRefused),
-                     [=](Range const &range) { return range.first <= character && character <= range.last; });
-}
-
-/// `rest` is what follows "://": [user@]host[:port] up to the first delimiter. Browsers treat a backslash as a slash.
-bool HasHost(std::wstring_view rest) {
-  std::wstring_view const authority = rest.substr(0, rest.find_first_of(L"/\\?#"));
-  std::wstring_view const host = authority.substr(authority.rfind(L'@') + 1); // without an '@', npos + 1 is 0
-  auto const first = host.find_first_not_of(L' ');
-  return first != std::wstring_view::npos && host[first] != L':';
-}
-
-/// True for an absolute http or https address with a host and without refused characters. It may hold blanks.
-bool IsWebAddress(std::wstring_view address) {
-  if (std::any_of(address.begin(), address.end(), IsRefused))
-    return false;
-  auto const colon = address.find(L"://");
-  if (colon == std::wstring_view::npos || !HasHost(address.substr(colon + 3)))
-    return false;
-  std::wstring scheme(address.substr(0, colon));
-  for (WCHAR &unit : scheme)
-    if (unit >= L'A' && unit <= L'Z')
-      unit += L'a' - L'A';
-  return scheme == L"http" || scheme == L"https";
-}
 
 /// How the opener starts: no input, no output, no signal blocked or ignored, in a new session.
 class SpawnSettings {
@@ -128,7 +81,7 @@ std::uintptr_t Open(std::wstring_view address) try {
 
 void *ShellExecuteW(void * /*hWindow*/, WCHAR const *wszVerb, WCHAR const *wszFile, WCHAR const *wszParameters,
                     WCHAR const *wszDirectory, int /*nShow*/) {
-  bool const isOpened = (!wszVerb || std::wcscmp(wszVerb, L"open") == 0) && !wszParameters && !wszDirectory &&
-                        wszFile && IsWebAddress(wszFile);
+  bool const isOpened =
+      (!wszVerb || std::wcscmp(wszVerb, L"open") == 0) && !wszParameters && !wszDirectory && wszFile && *wszFile;
   return reinterpret_cast<void *>(isOpened ? Open(wszFile) : Failed(ERROR_ACCESS_DENIED));
 }

@@ -1,0 +1,10 @@
+// Which addresses of the service's replies may be opened in the user's browser. A pure function; any thread. Knows
+// nothing of Python.
+#pragma once
+
+#include <string_view>
+
+/// True for an absolute http or https address with a host: on the native platform anything else, such as the path of a
+/// program, would be run. It may hold blanks, but no control character and no invisible one (zero width, direction
+/// mark, line separator), which would show the user another address than the one that is opened.
+bool IsWebAddress(std::wstring_view address);

@@ -1,6 +1,8 @@
 // See ServiceExchange.h.
 #include "service/ServiceExchange.h"
 
+#include "framework/CW2A.h"
+#include "framework/OneLine.h"
 #include "platform/base/LastError.h"
 #include "platform/text/Text.h"
 #include "shell/Trace.h"
@@ -45,6 +47,11 @@ constexpr bool RowsAreInOrder() {
 }
 static_assert(RowsAreInOrder(), "a kind is the index of its row");
 
+void RefuseUnless(bool bFits) {
+  if (!bFits)
+    throw new CInternetException(ERROR_INTERNET_INVALID_URL);
+}
+
 bool IsTestHost(CString const &strHost) { return strHost.Find(L"demo") >= 0 || strHost.Find(L"stage") >= 0; }
 
 } // namespace
@@ -62,9 +69,10 @@ void ServiceExchange::SetTimeouts(DWORD dwConnect, DWORD dwSend) {
 }
 
 BOOL ServiceExchange::Send(WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm) {
+  RefuseUnless(IsOneLine(CW2A(wszHost).m_psz));
   m_pConnection.reset(m_session.GetHttpConnection(wszHost, m_variant.nPort, nullptr, nullptr));
-  if (m_variant.cchMostObject && std::wcslen(wszObject) > m_variant.cchMostObject)
-    throw new CInternetException(ERROR_INTERNET_INVALID_URL);
+  RefuseUnless(!m_variant.cchMostObject || std::wcslen(wszObject) <= m_variant.cchMostObject);
+  RefuseUnless(IsOneLine(CW2A(wszObject).m_psz));
   m_pFile.reset(
       m_pConnection->OpenRequest(m_variant.nVerb, wszObject, nullptr, 1, nullptr, nullptr, m_variant.dwFlags));
   if (m_variant.bSecurityOption && IsTestHost(wszHost)) {

@@ -59,8 +59,8 @@ public:
   /// Connects, opens the request, sends it and waits for the reply's headers. Host and object name are narrowed in the
   /// thread's ANSI code page; `szForm` is the body if the row has a form, null for none. Returns: what SendRequest
   /// returned. FALSE is a failure without an error number, which a caller may ignore: reading then gives an empty reply
-  /// or throws. Throws CInternetException * (ERROR_INTERNET_INVALID_URL for an object name over the row's limit) and
-  /// std::bad_alloc.
+  /// or throws. Throws CInternetException * (ERROR_INTERNET_INVALID_URL for an object name over the row's limit, and
+  /// for a control character in host or object name) and std::bad_alloc.
   BOOL Send(WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm = nullptr);
   /// Reads the reply's bytes as the row says; the HTTP status is ignored. Call after Send. A reply that is lost midway
   /// throws, whatever has arrived; one that ends in order short of its declared length does not. Throws

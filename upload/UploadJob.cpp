@@ -1,6 +1,7 @@
 // See UploadJob.h.
 #include "upload/UploadJob.h"
 
+#include "framework/OneLine.h"
 #include "platform/http/WinInet.h"
 #include "platform/text/CodePages.h"
 
@@ -48,7 +49,7 @@ void UploadJob::AddFile(WCHAR const *name, WCHAR const *path, WCHAR const *conte
 
 bool UploadJob::SetUrl(char const *url) {
   SplitUrl split;
-  if (!Split(url, split))
+  if (!IsOneLine(url) || !Split(url, split))
     return false;
   if (std::memcmp(split.szScheme, "https", sizeof "https") != 0 || split.nPort != INTERNET_DEFAULT_HTTPS_PORT)
     return false;

@@ -27,8 +27,8 @@ public:
   void AddFile(WCHAR const *name, WCHAR const *path, WCHAR const *contentType);
   void ClearFields() { m_mapFields.clear(); }
   void ClearFiles() { m_vecFiles.clear(); }
-  /// Accepts an https URL with no user, password or query, with no port or 443, and at most 259 bytes a component.
-  /// Returns: false for any other, and the job keeps its earlier URL.
+  /// Accepts an https URL with no user, password or query, with no port or 443, no control character, and at most 259
+  /// bytes a component. Returns: false for any other, and the job keeps its earlier URL.
   bool SetUrl(char const *url);
   /// These two replace the contents of their output with a copy.
   void GetFields(UploadFields &fields) const { fields = m_mapFields; }

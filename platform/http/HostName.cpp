@@ -15,9 +15,7 @@ bool IsAscii(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
-bool IsHost(std::string_view text) {
-  return !text.empty() && !HasControlCharacter(text) && text.find_first_of("/?#@\\% ") == text.npos;
-}
+bool IsHost(std::string_view text) { return !text.empty() && text.find_first_of("/?#@\\% ") == text.npos; }
 
 /// The ASCII form (RFC 5891, mapped as UTS 46 says); empty if there is none. May throw std::bad_alloc.
 std::string AsciiForm(std::string const &host) {

@@ -2,8 +2,8 @@
 // Every call blocks its thread. Handles are entries of a table: a call on a closed handle fails, and closing a handle
 // from another thread ends the call that blocks on it or on a handle below it (ERROR_INTERNET_OPERATION_CANCELLED).
 //
-// HttpLimits.h holds the limits of time and size. Common errors (last error): 12002 time-out, 12005 a control character
-// or an empty host, 12006 no such scheme, 12007 name not resolved, 12017 cancelled, 12019 wrong state, 12029 no
+// HttpLimits.h holds the limits of time and size. Common errors (last error): 12002 time-out, 12005 a bad
+// address, 12006 no such scheme, 12007 name not resolved, 12017 cancelled, 12019 wrong state, 12029 no
 // connection, 12030 and 12031 connection lost, 12037 certificate date, 12038 certificate name, 12045 issuer, 12152 not
 // HTTP, 12157 TLS, 8 out of memory.
 #pragma once
@@ -88,9 +88,9 @@ SKIFFPORT_PLATFORM_API HINTERNET InternetOpenA(char const *szAgent, DWORD dwAcce
 SKIFFPORT_PLATFORM_API INTERNET_STATUS_CALLBACK InternetSetStatusCallbackW(HINTERNET hSession,
                                                                            INTERNET_STATUS_CALLBACK pfnCallback);
 
-/// Names the server; nothing goes out yet. A host that is empty, or holds a control character or one that ends or
-/// escapes a host in a URL ("/?#@\\% "), is refused (12005), and so is one whose ASCII form, which is what goes out
-/// for an international name (RFC 5891), holds such a character.
+/// Names the server; nothing goes out yet. A host that is empty, or holds a character that ends or escapes a host in a
+/// URL ("/?#@\\% "), is refused (12005), and so is one whose ASCII form, which is what goes out for an international
+/// name (RFC 5891), holds such a character.
 SKIFFPORT_PLATFORM_API HINTERNET InternetConnectA(HINTERNET hSession, char const *szServer, INTERNET_PORT nPort,
                                                   char const *szUser, char const *szPassword, DWORD dwService,
                                                   DWORD dwFlags, DWORD_PTR dwContext);
@@ -99,8 +99,8 @@ SKIFFPORT_PLATFORM_API HINTERNET InternetConnectW(HINTERNET hSession, WCHAR cons
                                                   DWORD dwFlags, DWORD_PTR dwContext);
 
 /// Opens a request; nothing goes out yet. The object is path and query; an empty one becomes "/", a leading slash is
-/// added, a space goes out as %20, nothing else is touched (wide text goes out in the thread's ANSI code page). A
-/// control character is refused (12005). TLS with INTERNET_FLAG_SECURE, and always at port 443.
+/// added, a space goes out as %20, nothing else is touched or checked, not even a line end (wide text goes out in the
+/// thread's ANSI code page). TLS with INTERNET_FLAG_SECURE, and always at port 443.
 /// INTERNET_FLAG_NO_CACHE_WRITE adds "Cache-Control: no-cache". Differs: GET (also for an empty verb) and POST only.
 /// Where the environment names a proxy for plain HTTP, bytes that a URL can't hold go out percent-encoded.
 SKIFFPORT_PLATFORM_API HINTERNET HttpOpenRequestA(HINTERNET hConnect, char const *szVerb, char const *szObject,

@@ -39,7 +39,7 @@ DWORD OpenConnection(HINTERNET sessionHandle, std::string host, INTERNET_PORT po
   return AddHandle(std::make_shared<ConnectionEntry>(std::move(session), std::move(host), port), handle);
 }
 
-/// Path and query as they go out; `object` holds no control character.
+/// Path and query as they go out.
 std::string ToWireTarget(std::string_view object) {
   std::string target(object.starts_with('/') ? 0 : 1, '/');
   for (char const c : object) {
@@ -81,8 +81,6 @@ DWORD OpenRequest(HINTERNET connectionHandle, std::string const &verb, std::stri
     return error;
   if (!verb.empty() && verb != "GET" && verb != "POST")
     return ERROR_INVALID_PARAMETER;
-  if (HasControlCharacter(object))
-    return ERROR_INTERNET_INVALID_URL;
   auto const request = std::make_shared<RequestEntry>(connection);
   request->head.isPost = verb == "POST";
   request->head.host = connection->host;

@@ -36,10 +36,10 @@ struct Outcome {
   bool operator==(Outcome const &) const = default;
 };
 
-Outcome Exchange(RequestKind kind, std::wstring const &object = L"/x") {
+Outcome Exchange(RequestKind kind, std::wstring const &object = L"/x", wchar_t const *wszHost = L"good.test") {
   Outcome outcome = {};
   outcome.dwError = RunExchange(kind, [&](ServiceExchange &exchange) {
-    outcome.bSent = exchange.Send(L"good.test", object.c_str(), "");
+    outcome.bSent = exchange.Send(wszHost, object.c_str(), "");
     outcome.strReply = exchange.ReadReply();
   });
   return outcome;
@@ -67,6 +67,15 @@ TEST(ServiceExchange, DistinguishesItsOutcomes) {
   }
   EXPECT_EQ(Exchange(RequestKind::PresetCategories, std::wstring(255, L'/')), (Outcome{12005, 0, ""}));
   EXPECT_EQ(Exchange(RequestKind::PresetCategories, std::wstring(254, L'/')), (Outcome{0, 1, "<a/>"}));
+}
+
+TEST(ServiceExchange, RefusesTextThatWouldBreakTheRequestsHead) {
+  Peer const peer("reply");
+  for (std::wstring const text : {L"good.test\r\nX: y", L"\n", L"good.test\t", L"good.test\x1F", L"good.test\x7F"}) {
+    EXPECT_EQ(Exchange(RequestKind::PresetCategories, L"/x?" + text), (Outcome{12005, 0, ""}));
+    EXPECT_EQ(Exchange(RequestKind::PresetCategories, L"/x", text.c_str()), (Outcome{12005, 0, ""}));
+  }
+  EXPECT_EQ(peer.Received(), "");
 }
 
 TEST(ServiceExchange, NarrowsTheObjectNameInTheThreadsCodePage) {

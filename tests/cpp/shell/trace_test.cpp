@@ -111,6 +111,27 @@ TEST_F(TraceTest, WorksInAForkedChildWhateverTheParentsThreadsWereDoing) {
   SetPlatformTestHooks(nullptr);
 }
 
+TEST_F(TraceTest, LetsTheProcessEndWhateverTheOtherThreadsHold) {
+  Switches("\"DumpMsg\"=dword:1\n\"DumpInETW\"=dword:1");
+  static std::atomic<bool> bInside = false;
+  static PlatformTestHooks hooks; // static, like the flag: the thread never ends
+  hooks.fault = [](FaultPoint call, DWORD *) {
+    bInside = call == FaultPoint::LoadLibraryA;
+    while (bInside) // stands for a thread that is gone while it held the lock
+      pause();
+    return false;
+  };
+  auto const end = [] {
+    alarm(20);
+    SetPlatformTestHooks(&hooks);
+    std::thread([] { TraceInit("T"); }).detach();
+    while (!bInside)
+      std::this_thread::yield();
+    std::exit(0);
+  };
+  EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(TraceTest, DoesNotMixTheLinesOfThreads) {
   Switches("\"DumpMsg\"=dword:1");
   TraceInit("T");

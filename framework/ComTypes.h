@@ -56,7 +56,7 @@ private:
 /// Owns one VARIANT.
 class CComVariant : public VARIANT {
 public:
-  CComVariant() : VARIANT{VT_EMPTY, nullptr} {}
+  CComVariant() { VariantInit(this); }
   CComVariant(CComVariant const &) = delete;
   CComVariant &operator=(CComVariant const &) = delete;
   ~CComVariant() { VariantClear(this); }

@@ -78,7 +78,8 @@ UINT CInternetFile::Read(void *pBuffer, UINT nCount) {
 }
 
 BOOL CHttpFile::SendRequest(WCHAR const *wszHeaders, DWORD dwHeadersLength, void const *pBody, DWORD dwBodyLength) {
-  BOOL const bSent = HttpSendRequestW(m_hFile, wszHeaders, dwHeadersLength, pBody, dwBodyLength);
+  // Only read, although the native platform's declaration does not say so.
+  BOOL const bSent = HttpSendRequestW(m_hFile, wszHeaders, dwHeadersLength, const_cast<void *>(pBody), dwBodyLength);
   if (!bSent && GetLastError() != ERROR_SUCCESS)
     ThrowLastError();
   return bSent;

@@ -6,9 +6,7 @@
 
 namespace {
 
-constexpr WCHAR kClassName[] = L"SkiffportWnd";
-
-LRESULT CWndProc(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam) {
+LRESULT CALLBACK CWndProc(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam) {
   auto *const window = reinterpret_cast<CWnd *>(GetWindowLongPtrW(hWnd, GWLP_USERDATA));
   return window ? window->DispatchMessage(uMessage, wParam, lParam) : DefWindowProcW(hWnd, uMessage, wParam, lParam);
 }
@@ -25,9 +23,9 @@ WCHAR const *AfxRegisterWndClass(UINT uStyle, void *hCursor, void *hBrush, void 
   WNDCLASSEXW wndClass = {};
   wndClass.cbSize = sizeof wndClass;
   wndClass.lpfnWndProc = CWndProc;
-  wndClass.lpszClassName = kClassName;
+  wndClass.lpszClassName = kWndClassName;
   bool const isRegistered = RegisterClassExW(&wndClass) != 0 || GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
-  return isRegistered ? kClassName : nullptr;
+  return isRegistered ? kWndClassName : nullptr;
 }
 
 CWnd::~CWnd() { DestroyWindow(); }
@@ -38,7 +36,7 @@ BOOL CWnd::CreateEx(DWORD dwExStyle, WCHAR const *wszClass, WCHAR const *wszTitl
                     CWnd *pParent, UINT uId, void *pParam) {
   m_hWnd = CreateWindowExW(dwExStyle, wszClass, wszTitle, dwStyle, rect.left, rect.top, rect.right - rect.left,
                            rect.bottom - rect.top, pParent ? pParent->m_hWnd : nullptr,
-                           reinterpret_cast<void *>(static_cast<std::uintptr_t>(uId)), nullptr, pParam);
+                           reinterpret_cast<HMENU>(static_cast<std::uintptr_t>(uId)), nullptr, pParam);
   if (!m_hWnd)
     return FALSE;
   SetWindowLongPtrW(m_hWnd, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));

@@ -23,8 +23,10 @@ struct AFX_MSGMAP {
   AFX_MSGMAP_ENTRY const *lpEntries;
 };
 
-/// Registers a class for CWnd windows. Thread: any. Returns: its name, which lives as long as the process; null on
-/// failure. Differs: style 0 and no cursor, brush or icon.
+/// The class of CWnd windows.
+constexpr WCHAR kWndClassName[] = L"SkiffportWnd";
+
+/// Registers that class. Thread: any. Returns: its name; null on failure. Differs: style 0 and no cursor, brush or icon.
 WCHAR const *AfxRegisterWndClass(UINT uStyle, void *hCursor, void *hBrush, void *hIcon);
 
 class CWnd {

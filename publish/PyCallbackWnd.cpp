@@ -14,7 +14,7 @@ PyCallbackWnd::PyCallbackWnd(WCHAR const *pszName) : m_dwSignature(kAlive) {
   windowClass.cbSize = sizeof windowClass;
   windowClass.style = CS_VREDRAW | CS_HREDRAW | CS_DBLCLKS;
   windowClass.lpfnWndProc = CallbackWndProc;
-  windowClass.hbrBackground = GetStockObject(NULL_BRUSH);
+  windowClass.hbrBackground = static_cast<HBRUSH>(GetStockObject(NULL_BRUSH));
   windowClass.lpszClassName = wszName;
   RegisterClassExW(&windowClass); // fails harmlessly when an earlier object has registered the class
   m_hWnd = CreateWindowExW(0, wszName, wszName, kStyle, 0, 0, 10, 10, nullptr, nullptr, nullptr, nullptr);
@@ -33,7 +33,7 @@ PyCallbackWnd::~PyCallbackWnd() {
     DestroyWindow(m_hWnd);
 }
 
-LRESULT PyCallbackWnd::CallbackWndProc(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam) {
+LRESULT CALLBACK PyCallbackWnd::CallbackWndProc(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam) {
   auto *const pObject = reinterpret_cast<PyCallbackWnd *>(GetWindowLongPtrW(hWnd, GWLP_USERDATA));
   if (pObject && pObject->m_dwSignature == kAlive)
     return pObject->WindowProc(uMessage, wParam, lParam);

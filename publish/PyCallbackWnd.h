@@ -16,7 +16,7 @@ protected:
   virtual LRESULT WindowProc(UINT uMessage, WPARAM wParam, LPARAM lParam);
 
 private:
-  static LRESULT CallbackWndProc(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam);
+  static LRESULT CALLBACK CallbackWndProc(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam);
 
   DWORD m_dwSignature; ///< kAlive until destruction begins.
   HWND m_hWnd = nullptr;

@@ -87,7 +87,7 @@ BOOL ReachabilityProbe::CheckServerReachable(char const *szUrl) try {
   return m_bServerReachable; // as without a thread
 }
 
-unsigned ReachabilityProbe::ReachabilityThreadProc(void *pArg) {
+unsigned __stdcall ReachabilityProbe::ReachabilityThreadProc(void *pArg) {
   std::unique_ptr<std::shared_ptr<ProbeRun>> const owner(static_cast<std::shared_ptr<ProbeRun> *>(pArg));
   ProbeRun &run = **owner;
   run.WithProbe([](ReachabilityProbe &probe) {

@@ -19,5 +19,5 @@ struct ReachabilityProbe {
   /// no thread can be started, the previous result; if a wait fails, the result so far, and the thread ends on its own.
   BOOL CheckServerReachable(char const *szUrl);
   /// The body of the helper thread. `pArg` is what CheckServerReachable shares with it. Returns: exit code 0.
-  static unsigned ReachabilityThreadProc(void *pArg);
+  static unsigned __stdcall ReachabilityThreadProc(void *pArg);
 };

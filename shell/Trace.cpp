@@ -17,9 +17,9 @@
 
 namespace {
 
-using EventRegisterFunction = ULONG (*)(GUID const *, void *, void *, REGHANDLE *);
-using EventWriteStringFunction = ULONG (*)(REGHANDLE, BYTE, std::uint64_t, WCHAR const *);
-using EventUnregisterFunction = ULONG (*)(REGHANDLE);
+using EventRegisterFunction = ULONG(WINAPI *)(GUID const *, void *, void *, REGHANDLE *);
+using EventWriteStringFunction = ULONG(WINAPI *)(REGHANDLE, BYTE, std::uint64_t, WCHAR const *);
+using EventUnregisterFunction = ULONG(WINAPI *)(REGHANDLE);
 
 constexpr std::size_t kTextSize = 1024;
 constexpr std::size_t kPrefixSize = 64;
@@ -75,12 +75,17 @@ bool ReadSwitches(bool &bDump, bool &bEtw) {
   return true;
 }
 
+// By way of an untyped pointer, which is what the function type of GetProcAddress stands for.
+template <class Function> void Find(Function &pfnFunction, char const *szName) {
+  pfnFunction = reinterpret_cast<Function>(reinterpret_cast<void *>(GetProcAddress(g_hLibrary, szName)));
+}
+
 // Loads the library once, but registers the provider on every call. Returns: whether the library is loaded.
 bool RegisterProvider() {
   if (!g_hLibrary && (g_hLibrary = LoadLibraryA("advapi32.dll")) != nullptr) {
-    g_pfnWriteString = reinterpret_cast<EventWriteStringFunction>(GetProcAddress(g_hLibrary, "EventWriteString"));
-    g_pfnRegister = reinterpret_cast<EventRegisterFunction>(GetProcAddress(g_hLibrary, "EventRegister"));
-    g_pfnUnregister = reinterpret_cast<EventUnregisterFunction>(GetProcAddress(g_hLibrary, "EventUnregister"));
+    Find(g_pfnWriteString, "EventWriteString");
+    Find(g_pfnRegister, "EventRegister");
+    Find(g_pfnUnregister, "EventUnregister");
   }
   if (g_hLibrary && g_pfnRegister)
     g_pfnRegister(&kProvider, nullptr, nullptr, &g_hProvider);

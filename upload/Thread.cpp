@@ -7,7 +7,7 @@ Thread::~Thread() {
     CloseHandle(m_hThread);
 }
 
-unsigned Thread::Entry(void *pArg) { return static_cast<Thread *>(pArg)->Run(); }
+unsigned __stdcall Thread::Entry(void *pArg) { return static_cast<Thread *>(pArg)->Run(); }
 
 bool Thread::Start() {
   m_hThread = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, Entry, this, CREATE_SUSPENDED, &m_uThreadId));

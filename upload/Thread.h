@@ -30,5 +30,5 @@ public:
   unsigned m_uThreadId = 0;   ///< The system's id; 0 until Start.
 
 private:
-  static unsigned Entry(void *pArg);
+  static unsigned __stdcall Entry(void *pArg);
 };

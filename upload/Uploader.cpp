@@ -225,7 +225,7 @@ void Uploader::ReadReply(HINTERNET hRequest) {
   }
 }
 
-void Uploader::StatusCallback(HINTERNET, DWORD_PTR dwContext, DWORD dwStatus, void *pInformation, DWORD) {
+void CALLBACK Uploader::StatusCallback(HINTERNET, DWORD_PTR dwContext, DWORD dwStatus, void *pInformation, DWORD) {
   BackgroundUploadProgress *const pProgress = reinterpret_cast<Uploader *>(dwContext)->m_pProgress;
   auto const wszText = static_cast<WCHAR const *>(pInformation);
   auto const pdwBytes = static_cast<DWORD const *>(pInformation);

@@ -39,8 +39,8 @@ private:
   HRESULT SendChunks(HINTERNET hRequest, UploadFile const &file, HANDLE hFile, DWORD &dwAllSent, DWORD dwFilesTotal);
   void Report(UploadFile const &file, struct ProgressReport const &report);
   void ReadReply(HINTERNET hRequest);
-  static void StatusCallback(HINTERNET hInternet, DWORD_PTR dwContext, DWORD dwStatus, void *pInformation,
-                             DWORD dwLength);
+  static void CALLBACK StatusCallback(HINTERNET hInternet, DWORD_PTR dwContext, DWORD dwStatus, void *pInformation,
+                                      DWORD dwLength);
 
   BackgroundUploadProgress *m_pProgress;
   UploadJob *m_pJob;

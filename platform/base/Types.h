@@ -43,5 +43,11 @@ struct GUID {
 using CLSID = GUID;
 using IID = GUID;
 
+// The calling conventions of the native platform: of window procedures and callbacks, of functions looked up at run
+// time, and of thread entries. There is one convention only here.
+#define CALLBACK
+#define WINAPI
+#define __stdcall
+
 /// Marks what the platform library exports to the module and the host.
 #define SKIFFPORT_PLATFORM_API __attribute__((visibility("default")))

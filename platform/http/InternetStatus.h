@@ -21,5 +21,5 @@ constexpr DWORD INTERNET_STATUS_CONNECTION_CLOSED = 51;
 /// Called at each stage of a connection with the request's context; never with a zero context. The information is wide
 /// text for 10, 11, 20 and 21, a DWORD count of bytes for 31 and 41, else null; valid during the call only.
 /// Thread: the one that makes the call.
-using INTERNET_STATUS_CALLBACK = void (*)(HINTERNET hInternet, DWORD_PTR dwContext, DWORD dwStatus, void *pInformation,
-                                          DWORD dwLength);
+using INTERNET_STATUS_CALLBACK = void(CALLBACK *)(HINTERNET hInternet, DWORD_PTR dwContext, DWORD dwStatus,
+                                                  void *pInformation, DWORD dwLength);

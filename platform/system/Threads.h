@@ -16,8 +16,9 @@ constexpr DWORD STILL_ACTIVE = 259;
 /// to the thread's id, which is never 0. Returns: a handle for WaitForSingleObject, GetExitCodeThread, ResumeThread and
 /// CloseHandle; 0 on failure (last error). Differs: no security attributes, the default stack, flags 0 or
 /// CREATE_SUSPENDED.
-SKIFFPORT_PLATFORM_API std::uintptr_t _beginthreadex(void *pSecurity, unsigned uStackSize, unsigned (*pfnStart)(void *),
-                                                     void *pArg, unsigned uFlags, unsigned *puThreadId);
+SKIFFPORT_PLATFORM_API std::uintptr_t _beginthreadex(void *pSecurity, unsigned uStackSize,
+                                                     unsigned(__stdcall *pfnStart)(void *), void *pArg, unsigned uFlags,
+                                                     unsigned *puThreadId);
 
 /// Starts a thread that was created suspended. Returns: the previous suspend count, or 0xFFFFFFFF (last error 6).
 SKIFFPORT_PLATFORM_API DWORD ResumeThread(HANDLE hThread);

@@ -201,7 +201,7 @@ ATOM RegisterClassExW(WNDCLASSEXW const *pClass) try {
 }
 
 HWND CreateWindowExW(DWORD /*dwExStyle*/, WCHAR const *wszClass, WCHAR const * /*wszTitle*/, DWORD dwStyle, int /*x*/,
-                     int /*y*/, int /*cx*/, int /*cy*/, HWND hParent, void * /*hMenu*/, void * /*hInstance*/,
+                     int /*y*/, int /*cx*/, int /*cy*/, HWND hParent, HMENU /*hMenu*/, void * /*hInstance*/,
                      void * /*pParam*/) try {
   if (hParent)
     return Fail(ERROR_INVALID_PARAMETER, nullptr);

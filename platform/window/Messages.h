@@ -7,9 +7,11 @@
 
 struct HWND__;
 using HWND = HWND__ *;
+using HBRUSH = void *;
 using HGDIOBJ = void *;
+using HMENU = void *;
 using ATOM = WORD;
-using WNDPROC = LRESULT (*)(HWND, UINT, WPARAM, LPARAM);
+using WNDPROC = LRESULT(CALLBACK *)(HWND, UINT, WPARAM, LPARAM);
 
 constexpr UINT WM_APP = 0x8000;
 constexpr DWORD WS_POPUP = 0x80000000;
@@ -33,7 +35,7 @@ struct WNDCLASSEXW {
   void *hInstance;
   void *hIcon;
   void *hCursor;
-  void *hbrBackground;
+  HBRUSH hbrBackground;
   WCHAR const *lpszMenuName;
   WCHAR const *lpszClassName;
   void *hIconSm;
@@ -57,7 +59,7 @@ SKIFFPORT_PLATFORM_API ATOM RegisterClassExW(WNDCLASSEXW const *pClass);
 /// Creates a window of a registered class; the calling thread owns it. Returns: null with 1407 (no such class) or 8.
 /// Differs: no screen, no parent, no messages at creation, no WM_CREATE.
 SKIFFPORT_PLATFORM_API HWND CreateWindowExW(DWORD dwExStyle, WCHAR const *wszClass, WCHAR const *wszTitle,
-                                            DWORD dwStyle, int x, int y, int cx, int cy, HWND hParent, void *hMenu,
+                                            DWORD dwStyle, int x, int y, int cx, int cy, HWND hParent, HMENU hMenu,
                                             void *hInstance, void *pParam);
 
 /// Destroys a window: its queued messages are dropped and later posts fail. Errors: FALSE with 1400. Differs: works

@@ -93,4 +93,5 @@ SKIFFPORT_PLATFORM_API BSTR SysAllocString(WCHAR const *wszText);
 /// The same of `cchText` characters, not initialised for a null text; the terminator comes on top.
 SKIFFPORT_PLATFORM_API BSTR SysAllocStringLen(WCHAR const *wszText, UINT cchText);
 SKIFFPORT_PLATFORM_API void SysFreeString(BSTR bstrText);
+inline void VariantInit(VARIANT *pValue) { *pValue = {VT_EMPTY, nullptr}; }
 SKIFFPORT_PLATFORM_API HRESULT VariantClear(VARIANT *pValue);

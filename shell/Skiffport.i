@@ -55,14 +55,18 @@ template <class Value> bool AssignOrReport(Value &target, Value const &value) {
 %fragment("SWIG_AsWCharPtrAndSize", "header", fragment="<wchar.h>", fragment="SWIG_pwchar_descriptor") {
 SWIGINTERN int SWIG_AsWCharPtrAndSize(PyObject *obj, wchar_t **cptr, size_t *psize, int *alloc) {
   if (PyUnicode_Check(obj)) {
-    Py_ssize_t len = PyUnicode_GetLength(obj);
+    Py_ssize_t units = PyUnicode_AsWideChar(obj, 0, 0); // with the terminator; two for a character over U+FFFF there
+    if (units < 0) {
+      PyErr_Clear();
+      return SWIG_TypeError;
+    }
     if (psize)
-      *psize = (size_t)len + 1;
+      *psize = (size_t)units;
     if (cptr) {
-      wchar_t *text = new (std::nothrow) wchar_t[len + 1]();
+      wchar_t *text = new (std::nothrow) wchar_t[units]();
       if (!text)
         return SWIG_MemoryError;
-      if (PyUnicode_AsWideChar(obj, text, len) == -1) {
+      if (PyUnicode_AsWideChar(obj, text, units) == -1) {
         delete[] text;
         PyErr_Clear();
         return SWIG_TypeError;

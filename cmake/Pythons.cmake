@@ -60,20 +60,3 @@ file(WRITE ${PROJECT_BINARY_DIR}/pythons.txt "${_list}") # for the scripts, one 
 if(NOT SKIFFPORT_PYTHON_TAGS)
   message(FATAL_ERROR "Python: found no interpreter with headers (Debian: python3-dev)")
 endif()
-
-# add_python_library(<name> <tag> <sources>...): <name>_<tag>, a static library of code that includes Python.h.
-function(add_python_library name tag)
-  add_library(${name}_${tag} STATIC ${ARGN})
-  target_include_directories(${name}_${tag} SYSTEM PUBLIC ${SKIFFPORT_PYTHON_${tag}_INCLUDE})
-  target_link_libraries(${name}_${tag} PUBLIC skiffport_options)
-endfunction()
-
-# add_python_module(<name> <tag> <folder> <sources>...): an extension module in that folder of the importable tree.
-function(add_python_module name tag folder)
-  set(_target ${name}_${tag})
-  add_library(${_target} MODULE ${ARGN})
-  target_include_directories(${_target} SYSTEM PRIVATE ${SKIFFPORT_PYTHON_${tag}_INCLUDE})
-  target_link_libraries(${_target} PRIVATE skiffport_options)
-  set_target_properties(${_target} PROPERTIES PREFIX "" OUTPUT_NAME ${name} SUFFIX ".${tag}.so"
-    LIBRARY_OUTPUT_DIRECTORY ${folder})
-endfunction()

@@ -26,7 +26,8 @@ struct AFX_MSGMAP {
 /// The class of CWnd windows.
 constexpr WCHAR kWndClassName[] = L"SkiffportWnd";
 
-/// Registers that class. Thread: any. Returns: its name; null on failure. Differs: style 0 and no cursor, brush or icon.
+/// Registers that class. Thread: any. Returns: its name; null on failure. Differs: style 0 and no cursor, brush or
+/// icon.
 WCHAR const *AfxRegisterWndClass(UINT uStyle, void *hCursor, void *hBrush, void *hIcon);
 
 class CWnd {

@@ -118,7 +118,5 @@ PyModuleDef definition = {PyModuleDef_HEAD_INIT,
 
 } // namespace
 
-// Before CPython 3.9, PyMODINIT_FUNC does not make the function visible.
-extern "C" __attribute__((visibility("default"))) PyObject *PyInit__messageloop() {
-  return PyModuleDef_Init(&definition);
-}
+// The build makes this file's symbols visible, since PyMODINIT_FUNC does so on every system only from CPython 3.9 on.
+PyMODINIT_FUNC PyInit__messageloop() { return PyModuleDef_Init(&definition); }

@@ -12,6 +12,9 @@
 #include <map>
 #include <new>
 
+static_assert(sizeof(void *) == SIZEOF_VOID_P && sizeof(wchar_t) == SIZEOF_WCHAR_T && sizeof(long) == SIZEOF_LONG,
+              "Python's headers describe another system");
+
 // None where an object is wanted raises ValueError with every SWIG: 4.3 reports it by a code of its own, which it turns
 // into a TypeError.
 #undef SWIG_NullReferenceError

@@ -1,0 +1,61 @@
+# The interpreters that the native build makes modules for. Sets SKIFFPORT_PYTHON_TAGS (such as "cp38-win_amd64") and,
+# for each tag, SKIFFPORT_PYTHON_<tag>_INCLUDE and _LIBRARY, the import library of its DLL.
+#
+# With SKIFFPORT_WINDOWS_PYTHON: a CPython for Windows, with its own headers and import library. Without: the headers of
+# each interpreter of the building system, which are the same but for pyconfig.h, and an import library made of the
+# symbols that the modules want.
+set(SKIFFPORT_WINDOWS_PYTHON "" CACHE PATH "Folder of a 64-bit CPython for Windows; empty: headers of this system's")
+
+set(_windows_tags "")
+if(SKIFFPORT_WINDOWS_PYTHON)
+  file(STRINGS ${SKIFFPORT_WINDOWS_PYTHON}/include/patchlevel.h _lines REGEX "define PY_M(AJOR|INOR)_VERSION")
+  string(REGEX MATCHALL "[0-9]+" _version "${_lines}")
+  list(JOIN _version "" _version)
+  set(_windows_tags cp${_version}-win_amd64)
+  set(SKIFFPORT_PYTHON_${_windows_tags}_INCLUDE ${SKIFFPORT_WINDOWS_PYTHON}/include)
+  set(SKIFFPORT_PYTHON_${_windows_tags}_LIBRARY ${SKIFFPORT_WINDOWS_PYTHON}/libs/python${_version}.lib)
+else()
+  include(${PROJECT_SOURCE_DIR}/cmake/Pythons.cmake)
+  foreach(_tag IN LISTS SKIFFPORT_PYTHON_TAGS)
+    string(REGEX MATCH "[0-9]+" _version ${_tag})
+    set(_windows_tag cp${_version}-win_amd64)
+    # A copy, since Python.h finds the pyconfig.h beside it first.
+    set(_folder ${PROJECT_BINARY_DIR}/cpython/${_version})
+    file(COPY ${SKIFFPORT_PYTHON_${_tag}_INCLUDE}/ DESTINATION ${_folder} PATTERN pyconfig.h EXCLUDE)
+    file(COPY ${PROJECT_SOURCE_DIR}/cmake/windows/pyconfig.h DESTINATION ${_folder})
+    list(APPEND _windows_tags ${_windows_tag})
+    set(SKIFFPORT_PYTHON_${_windows_tag}_INCLUDE ${_folder})
+    set(SKIFFPORT_PYTHON_${_windows_tag}_LIBRARY ${PROJECT_BINARY_DIR}/cpython/libpython${_version}.dll.a)
+  endforeach()
+endif()
+set(SKIFFPORT_PYTHON_TAGS ${_windows_tags})
+list(JOIN SKIFFPORT_PYTHON_TAGS " " _list)
+message(STATUS "Python for Windows: ${_list}")
+
+# add_python_imports(): the import libraries, after every module has been added.
+function(add_python_imports)
+  if(SKIFFPORT_WINDOWS_PYTHON)
+    return()
+  endif()
+  foreach(_tag IN LISTS SKIFFPORT_PYTHON_TAGS)
+    get_property(_targets GLOBAL PROPERTY SKIFFPORT_PYTHON_${_tag}_TARGETS)
+    set(_objects "")
+    foreach(_target IN LISTS _targets)
+      list(APPEND _objects $<TARGET_OBJECTS:${_target}>)
+    endforeach()
+    string(REGEX MATCH "[0-9]+" _version ${_tag})
+    file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/cpython/${_tag}.objects CONTENT "$<JOIN:${_objects},\n>")
+    add_custom_command(
+      OUTPUT ${SKIFFPORT_PYTHON_${_tag}_LIBRARY}
+      COMMAND ${CMAKE_COMMAND} -D NM=${CMAKE_NM} -D DLLTOOL=${CMAKE_DLLTOOL} -D DLL=python${_version}.dll
+              -D OBJECTS=${PROJECT_BINARY_DIR}/cpython/${_tag}.objects -D LIBRARY=${SKIFFPORT_PYTHON_${_tag}_LIBRARY}
+              -P ${PROJECT_SOURCE_DIR}/cmake/windows/ImportLibrary.cmake
+      DEPENDS ${_objects} ${PROJECT_SOURCE_DIR}/cmake/windows/ImportLibrary.cmake
+      COMMENT "Making the import library of python${_version}.dll")
+    add_custom_target(skiffport_imports_${_tag} DEPENDS ${SKIFFPORT_PYTHON_${_tag}_LIBRARY})
+    get_property(_modules GLOBAL PROPERTY SKIFFPORT_PYTHON_${_tag}_MODULES)
+    foreach(_module IN LISTS _modules)
+      add_dependencies(${_module} skiffport_imports_${_tag})
+    endforeach()
+  endforeach()
+endfunction()

@@ -1,0 +1,6 @@
+// See Types.h: files.
+#pragma once
+
+#include "platform/base/Types.h"
+
+#include <shlwapi.h>

@@ -1,0 +1,4 @@
+// See Types.h: locks.
+#pragma once
+
+#include "platform/base/Types.h"

@@ -1,0 +1,4 @@
+// See Types.h: the registry.
+#pragma once
+
+#include "platform/base/Types.h"

@@ -1,0 +1,4 @@
+// See Types.h: conversion by code page.
+#pragma once
+
+#include "platform/base/Types.h"

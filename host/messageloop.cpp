@@ -1,11 +1,12 @@
-// The extension skiffhost._messageloop: gives Python event loops access to the calling thread's message queue. Knows
-// nothing of uploads or of the Skiffport module.
+// The extension skiffhost._messageloop: what a host owes the threads that use the Skiffport module. Gives Python event
+// loops access to the calling thread's message queue, and initialises COM. Knows nothing of uploads or of that module.
 //
 // Thread: any, with the GIL held; each thread has a queue of its own.
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
 #include "platform/window/Messages.h"
+#include "platform/xml/XmlDom.h"
 
 #include <climits>
 #include <cmath>
@@ -29,6 +30,11 @@ char const kWaitDoc[] = "wait(timeout=None) -> bool\n\n"
 char const kReleaseDoc[] = "release() -> bool\n\n"
                            "Frees the calling thread's queue and its descriptor unless an object still needs them.\n"
                            "Returns whether the thread has no queue now.";
+
+char const kInitializeThreadDoc[] =
+    "initialize_thread() -> bool\n\n"
+    "Initialises COM for the calling thread, as every thread must that makes service requests, before\n"
+    "its first one. Again does no harm. Returns whether this was the first time.";
 
 PyObject *Fileno(PyObject *, PyObject *) {
   int const descriptor = MessageQueueDescriptor();
@@ -94,6 +100,9 @@ PyObject *Wait(PyObject *, PyObject *args, PyObject *keywords) {
 
 PyObject *Release(PyObject *, PyObject *) { return PyBool_FromLong(ReleaseMessageQueue()); }
 
+// A thread that is set up for another kind of COM (a negative result) can read replies, too.
+PyObject *InitializeThread(PyObject *, PyObject *) { return PyBool_FromLong(CoInitialize(nullptr) == S_OK); }
+
 template <PyObject *(*Function)(PyObject *, PyObject *, PyObject *)> PyCFunction WithKeywords() {
   return reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(Function));
 }
@@ -103,12 +112,13 @@ PyMethodDef methods[] = {
     {"pump", WithKeywords<Pump>(), METH_VARARGS | METH_KEYWORDS, kPumpDoc},
     {"wait", WithKeywords<Wait>(), METH_VARARGS | METH_KEYWORDS, kWaitDoc},
     {"release", Release, METH_NOARGS, kReleaseDoc},
+    {"initialize_thread", InitializeThread, METH_NOARGS, kInitializeThreadDoc},
     {nullptr, nullptr, 0, nullptr},
 };
 
 PyModuleDef definition = {PyModuleDef_HEAD_INIT,
                           "_messageloop",
-                          "The calling thread's message queue.",
+                          "The calling thread's message queue, and COM.",
                           0,
                           methods,
                           nullptr,

@@ -11,6 +11,8 @@ call SetCallback(None) when you are done.
 An exception in an uploader's callable is printed and dropped, even one that a signal handler raises inside it. No loop
 sees that KeyboardInterrupt, so a SIGINT handler should not raise but call ``CancelUpload`` or set a flag. SystemExit in
 the callable ends the process at once and skips every ``finally`` of its callers.
+
+Apart from events, every thread that makes a service request calls ``initialize_thread`` before its first one.
 """
 
 from __future__ import annotations
@@ -21,10 +23,11 @@ import time
 # What threading, which takes long to import, has from there too.
 from _thread import _local, get_ident  # type: ignore[attr-defined]
 
-from ._messageloop import fileno, pump, wait
+from ._messageloop import fileno, initialize_thread, pump, wait
 from ._messageloop import release as _release
 
-__all__ = ["Attachment", "attach_asyncio", "attach_glib", "attach_qt", "attach_tk", "fileno", "pump", "release", "wait"]
+__all__ = ["Attachment", "attach_asyncio", "attach_glib", "attach_qt", "attach_tk", "fileno", "initialize_thread",
+           "pump", "release", "wait"]
 
 # How long events may keep the loop from its timers and windows, however many are waiting.
 SLICE_SECONDS = 0.01

@@ -16,6 +16,7 @@ from types import ModuleType
 from typing import Any, ContextManager, NamedTuple
 
 from .login import explain_login, was_refused
+from .loop import initialize_thread
 from .outcome import EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, Failure
 from .signals import handling
 
@@ -40,7 +41,8 @@ class Session(NamedTuple):
 
 
 def open_session(arguments: argparse.Namespace) -> Session:
-    """Creates a session object with the command's product identity. Sends no request."""
+    """Creates a session object with the command's product identity, for the calling thread. Sends no request."""
+    initialize_thread()
     if arguments.connect_to is not None:
         os.environ["SKIFFPORT_CONNECT_TO"] = arguments.connect_to
     if arguments.ca_file is not None:

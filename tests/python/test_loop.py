@@ -1,5 +1,6 @@
 """The message loop's functions and its attachment to asyncio. tests/full has whole uploads and other loops."""
 
+import argparse
 import asyncio
 import os
 import select
@@ -12,6 +13,8 @@ import fixtures
 from publication import Publication
 
 from skiffhost import loop
+from skiffhost.commands.options import DEFAULTS
+from skiffhost.session import open_session
 
 PATHS = [__file__] * 13
 NO_SERVICE = "no-host:1"  # an invalid address: the upload fails at once with one event
@@ -91,6 +94,14 @@ class FunctionsTest(LoopCase):
         finally:
             stop.set()
             thread.join()
+
+    def test_a_session_prepares_the_thread_that_opens_it(self):
+        first_times = []
+        for prepare in (lambda: None, lambda: open_session(argparse.Namespace(**DEFAULTS))):
+            thread = threading.Thread(target=lambda: (prepare(), first_times.append(loop.initialize_thread())))
+            thread.start()
+            thread.join()
+        self.assertEqual(first_times, [True, False])
 
     def test_exceptions_in_a_callable_do_not_reach_the_loop(self):
         script = ("import signal, sys\nfrom publication import Publication\nfrom skiffhost import loop\n"

@@ -3,14 +3,12 @@
 #include "tests/cpp/platform/TestHooks.h"
 #include "tests/cpp/platform/http/http_peer.h"
 #include "tests/cpp/upload/receiver.h"
-#include "upload/MultipartBody.h"
 #include "upload/UploadThread2.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <numeric>
-#include <regex>
 
 namespace {
 
@@ -201,21 +199,6 @@ TEST(UploadThread, ReportsAThreadThatCannotBeCreated) {
   EXPECT_EQ(thread.m_uThreadId, 0U);
   EXPECT_EQ(thread.Wait(), 0xFFFFFFFF) << "without a handle";
   SetPlatformTestHooks(nullptr);
-}
-
-TEST(MultipartBody, MakesADifferentBoundaryForEachRequest) {
-  std::regex const form("-{27}[0-9A-F]{12}");
-  std::string const first = MakeBoundary();
-  EXPECT_TRUE(std::regex_match(first, form)) << first;
-  EXPECT_NE(MakeBoundary(), first);
-}
-
-TEST(MultipartBody, CountsAFileThatCannotBeOpenedAsTheInvalidSize) {
-  UploadFile const file = {L"n", L"/no/such/file", L"t"};
-  DWORD dwFiles = 10;
-  DWORD const dwHead = static_cast<DWORD>(MakeFileHead("b", file).size());
-  EXPECT_EQ(FilePartLength("b", file, dwFiles), dwHead + 0xFFFFFFFF + 2);
-  EXPECT_EQ(dwFiles, 9U);
 }
 
 } // namespace

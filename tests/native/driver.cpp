@@ -1,0 +1,327 @@
+// Runs one case of the comparison of both systems and prints what happened. One source for both: a line that differs is
+// a difference of the systems. tests/native/compare.py knows the cases and plays the peers.
+#include "framework/CW2A.h"
+#include "platform/base/Clock.h"
+#include "platform/base/LastError.h"
+#include "platform/system/Debug.h"
+#include "platform/system/Files.h"
+#include "platform/text/Text.h"
+#include "publish/CUploadProgressProxyWindow.h"
+#include "publish/PresetForm.h"
+#include "reply/UrlText.h"
+#include "service/ReachabilityProbe.h"
+#include "service/ServiceExchange.h"
+#include "shell/Trace.h"
+#include "tests/cpp/upload/receiver.h"
+#include "upload/UploadThread2.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <type_traits>
+
+namespace {
+
+constexpr DWORD kDeadline = 30'000; // ms
+constexpr int kFiles = 13;
+
+std::string Escaped(std::string_view bytes) {
+  std::string shown;
+  for (char const c : bytes) {
+    auto const byte = static_cast<unsigned char>(c);
+    char text[8] = "";
+    std::snprintf(text, sizeof text, byte >= 0x20 && byte < 0x7F && c != '\\' ? "%c" : "\\%02X", byte);
+    shown += text;
+  }
+  return shown;
+}
+
+/// Bytes as they are and wide text in UTF-8, so that it does not matter how many units a character takes.
+template <class Value> std::string Show(Value const &value) {
+  if constexpr (std::is_integral_v<Value>)
+    return std::to_string(value);
+  else if constexpr (std::is_convertible_v<Value const &, std::string_view>)
+    return Escaped(value);
+  else
+    return Escaped(CW2A(CString(value), CP_UTF8).m_psz);
+}
+
+template <class... Values> void Print(Values const &...values) {
+  std::string line;
+  ((line += Show(values) + " "), ...);
+  std::puts(line.c_str());
+}
+
+std::wstring Wide(char const *ascii) { return {ascii, ascii + std::strlen(ascii)}; }
+
+/// Pumps until the condition holds or the deadline has passed.
+template <class Condition> void PumpUntil(Condition condition) {
+  for (DWORD const start = GetTickCount(); !condition() && GetTickCount() - start < kDeadline; PumpMessages(64))
+    WaitForMessages(200);
+}
+
+struct Target : Receiver {
+  void OnBackgroundUploadComplete(long hr) override {
+    Receiver::OnBackgroundUploadComplete(hr);
+    isDone = true;
+  }
+  bool isDone = false;
+};
+
+void FillJob(UploadJob &job, char const *token, std::wstring const (&paths)[kFiles]) {
+  PresetFile files[kFiles];
+  std::wstring names[kFiles];
+  for (int n = 0; n < kFiles; ++n) {
+    names[n] = L"PIPimg_" + std::to_wstring(n);
+    files[n] = {paths[n].c_str(), names[n].c_str()};
+  }
+  files[0].wszName = L"PIPfile";
+  files[1] = {paths[1].c_str(), L"PIPimg", L"PIPimg_1"};
+  PresetField const fields[] = {
+      {"token", token},
+      {"collections", L"", TextRule::Utf8UnlessEmpty},
+      {"title", L"T\u00EFtle \u4E2D \U0001F600 & <x>", TextRule::Utf8},
+      {"tags", L"a,b", TextRule::Utf8UnlessEmpty},
+      {"description", L"one\r\ntwo", TextRule::Utf8},
+      {"category", L"1", TextRule::Utf8},
+      {"PIPtype", nullptr, TextRule::Utf8},
+      {"templatetype", "PRESET"},
+      {"templateKey", L"key-1", TextRule::Ansi},
+      {"productName", "Quillon Tintwright"},
+      {"versionInfo", "10.5"},
+      {"AP", "TWR"},
+      {"Version", "10.5"},
+      {"AspectRatio", "1:1"},
+      {"versionType", "retail"},
+      {"uuid", "uuid-1"},
+  };
+  Print("files exist", PresetFilesExist(files));
+  FillPresetForm(job, fields, files);
+}
+
+// upload URL TOKEN FOLDER FILE CANCEL: publishes the folder's files 0.bin to 12.bin, with FILE in place of the fifth if
+// it is not "-", and says yes to the query with the number CANCEL whether to stop.
+void Upload(char **arguments) {
+  std::wstring const folder = Wide(arguments[2]) + L"/";
+  std::wstring paths[kFiles];
+  for (int n = 0; n < kFiles; ++n)
+    paths[n] = folder + std::to_wstring(n) + (n == 6 ? L"Gr\u00F6\u00DFe \u4E2D \U0001F600.bin" : L".bin");
+  if (arguments[3] != std::string("-"))
+    paths[4] = folder + Wide(arguments[3]);
+  UploadJob job;
+  Print("address", job.SetUrl(arguments[0]), job.m_strHost, job.m_strPath);
+  FillJob(job, arguments[1], paths);
+  Target target;
+  target.nQueriesBeforeStop = std::atoi(arguments[4]);
+  CUploadProgressProxyWindow proxy(&target);
+  proxy.CreateProxyWindow();
+  UploadResult result;
+  UploadThread2 thread(&job, &result, &proxy);
+  Print("started", thread.Start());
+  PumpUntil([&] { return target.isDone; });
+  DWORD const code = thread.Wait();
+  Print("calls", target.calls);
+  Print("end", code, static_cast<DWORD>(result.m_hr), result.m_nHttpStatus, thread.m_strReply);
+}
+
+// exchange KIND HOST OBJECT FORM
+void Exchange(char **arguments) {
+  auto const kind = static_cast<RequestKind>(std::atoi(arguments[0]));
+  std::string reply;
+  DWORD const error = RunExchange(kind, [&](ServiceExchange &exchange) {
+    Print("sent", exchange.Send(Wide(arguments[1]).c_str(), Wide(arguments[2]).c_str(), arguments[3]));
+    reply = exchange.ReadReply();
+  });
+  Print("exchange", error, reply);
+  CComPtr<IXMLDOMDocument> const document = LoadReply(reply);
+  for (WCHAR const *path : {L"INFO/APIUrl", L"info/tokenid", L"info/username", L"info/videoId"}) {
+    CString text;
+    Print(path, static_cast<int>(ReadElement(document, path, text)), text);
+  }
+}
+
+// probe URL...
+void Probe(char **arguments) {
+  for (; *arguments; ++arguments) {
+    std::atomic<HINTERNET> session = nullptr, connection = nullptr;
+    std::atomic<BOOL> isReachable = FALSE;
+    char url[_MAX_PATH] = "";
+    ReachabilityProbe probe = {session, connection, isReachable, url};
+    Print("probe", *arguments, probe.CheckServerReachable(*arguments), session == nullptr, connection == nullptr);
+  }
+}
+
+// Two threads post to one window; posts to a window that is gone, and to none.
+void Windows(char **) {
+  struct Counter : Target {
+    void OnRequestSent(DWORD value) override { isOrdered &= value == next[value >> 16]++; }
+    DWORD next[2] = {0, 0x10000};
+    bool isOrdered = true;
+  } counter;
+  struct Poster : Thread {
+    unsigned Run() override {
+      for (DWORD n = 0; n < 2000; ++n)
+        proxy->OnRequestSent(first + n);
+      return 0x80040301U;
+    }
+    CUploadProgressProxyWindow *proxy = nullptr;
+    DWORD first = 0;
+  } posters[2];
+  CUploadProgressProxyWindow proxy(&counter);
+  proxy.CreateProxyWindow();
+  posters[1].first = 0x10000;
+  for (Poster &poster : posters) {
+    poster.proxy = &proxy;
+    Print("started", poster.Start());
+  }
+  PumpUntil([&] { return counter.next[0] == 2000 && counter.next[1] == 0x10000 + 2000; });
+  Print("posts", counter.isOrdered, counter.next[0], counter.next[1], posters[0].Wait(), posters[1].Wait());
+  {
+    CUploadProgressProxyWindow gone(&counter);
+    gone.CreateProxyWindow();
+    gone.OnBackgroundUploadComplete(1);
+  }
+  CUploadProgressProxyWindow none(&counter);
+  none.OnBackgroundUploadComplete(1);
+  PumpMessages(64);
+  Print("lost", counter.isDone, none.TakeLostCompletion());
+  SetLastError(0);
+  Print("post to no window", PostMessageW(reinterpret_cast<HWND>(0x7FF0), WM_APP, 0, 0), GetLastError());
+}
+
+// Replies as they are read, and every other conversion of text.
+void Texts(char **) {
+  static constexpr char const *kReplies[] = {"<a><b>x</b></a>",
+                                             "<a><b/></a>",
+                                             "<a/>",
+                                             "",
+                                             "junk",
+                                             "<a><b>x</b>",
+                                             "<A><b>x</b></A>",
+                                             "<a><b>  x  y </b></a>",
+                                             "\n <a><b>x</b></a>",
+                                             "<?xml version='1.0' encoding='UTF-8'?><a><b>x</b></a>",
+                                             "\n<?xml version='1.0'?><a><b>x</b></a>",
+                                             "<?xml version='1.1'?><a><b>x</b></a>",
+                                             "<?xml version='1.0' encoding='GB2312'?><a><b>x</b></a>",
+                                             "<?xml version='1.0' encoding='no'?><a><b>x</b></a>",
+                                             "<!DOCTYPE a><a><b>x</b></a>",
+                                             "<!DOCTYPE a [<!ENTITY e 'z'>]><a><b>&e;</b></a>",
+                                             "<a><b>1</b><b>2</b></a>",
+                                             "<a><b>p<![CDATA[<q>]]>r<c>s</c><!--t--></b></a>",
+                                             "<a><b>l1\r\nl2\rl3</b></a>",
+                                             "<a><b>&amp;&#65;&#x42;</b></a>",
+                                             "<a><b>&nbsp;</b></a>",
+                                             "<a><b>a&b</b></a>",
+                                             "<a><b>x</b></a> junk",
+                                             "<a><b>x</b></a><a/>",
+                                             "<a><b>x\x01y</b></a>",
+                                             "<a><b>x</b></a><!-- c -->\n",
+                                             "<a><b>lead <i> </i> tail</b></a>",
+                                             "<a><b><i> </i></b></a>",
+                                             "<a><b>\n<i>1</i>\n<i>2</i></b></a>",
+                                             "<a><b xml:space='preserve'> x </b></a>",
+                                             "<a><b c='1' c='2'>x</b></a>",
+                                             "<a xmlns='u'><b>x</b></a>",
+                                             "<a><b>tab\tin</b></a>",
+                                             "<n:a xmlns:n='u'><n:b>x</n:b></n:a>",
+                                             "<p:a><b>x</b></p:a>",
+                                             "<a><b>&#160;x&#32;</b></a>",
+                                             "<html><body>x</body></html>"};
+  for (char const *reply : kReplies) {
+    CString text;
+    Print("reply", reply, static_cast<int>(ReadElement(LoadReply(reply), L"a/b", text)), text);
+  }
+  CComPtr<IXMLDOMNode> root;
+  LoadReply("<r><c id='1'>A</c><!-- c --> t <C id=''>B</C><c/></r>")->get_firstChild(&root);
+  ForEachChild(root, L"c", [](IXMLDOMNode *node) {
+    CComVariant id;
+    CComPtr<IXMLDOMNamedNodeMap> attributes;
+    CComPtr<IXMLDOMNode> item;
+    CComBSTR text;
+    node->get_attributes(&attributes);
+    if (attributes && attributes->getNamedItem(CComBSTR(L"id"), &item) == S_OK)
+      item->get_nodeValue(&id);
+    node->get_text(&text);
+    Print("child", id.vt, id.vt == VT_BSTR ? id.bstrVal : L"", static_cast<WCHAR *>(text));
+  });
+  for (WCHAR const *text : {L"a%20b", L"%E4%B8", L"a%2", L"a%", L"%zz", L"%4z", L"a%00b", L"a+b", L"\u4E2D%41"})
+    Print("decoder", text, DecodeURLText(text));
+  for (char const *bytes : {"abc", "\xC3\xA9", "\xF0\x9F\x98\x80z", "\xFFz", "a\xE2\x82", "\xC0\x80", "\xED\xA0\xBD"}) {
+    WCHAR wide[16] = L"";
+    MultiByteToWideChar(CP_UTF8, 0, bytes, -1, wide, 16);
+    Print("wide", bytes, wide);
+  }
+  for (WCHAR const *text : {L"12", L" 12x", L"-5", L"+-7", L"0x10", L"", L"99999999999", L"-99999999999"})
+    Print("number", text, _wtoi(text));
+  WCHAR line[12] = L"";
+  for (WCHAR const *format : {L"%s|%S", L"[%s %S]", L"%.2s%5S"})
+    Print("format", format, _snwprintf_s(line, 12, _TRUNCATE, format, L"wide", "narrow"), line);
+  Print("rounded", MulDiv(100, 1, 3), MulDiv(-100, 1, 200), MulDiv(1, 1, 0), MulDiv(2'000'000'000, 2'000'000'000, 1));
+  for (DWORD const error : {8U, 12002U, 12007U, 12175U, 4711U}) {
+    WCHAR sentence[80] = L"";
+    auto *const exception = new CInternetException(error);
+    exception->GetErrorMessage(sentence, 80);
+    exception->Delete();
+    Print("sentence", error, sentence);
+  }
+}
+
+// files FOLDER: what opening and looking up a path says.
+void Files(char **arguments) {
+  for (WCHAR const *name : {L"/0.bin", L"/no.bin", L"/no/0.bin", L"", L"/0.bin/", L"/a<b", L"/a\nb", L"/0.BIN"}) {
+    std::wstring const path = Wide(arguments[0]) + name;
+    SetLastError(0);
+    BOOL const isThere = PathFileExistsW(path.c_str());
+    HANDLE const file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    Print("file", name, isThere, file != INVALID_HANDLE_VALUE, GetLastError(), GetFileSize(file, nullptr));
+    CloseHandle(file);
+  }
+}
+
+// Lines of the trace, which every other case writes, too, where an exchange fails.
+void Trace(char **) {
+  TraceMsgA("narrow %d %s %S", 1, "n", L"w");
+  TraceMsgW(L"wide %d %s %S", 2, L"w", "n");
+  TraceInit(std::string(64, 'x').c_str());
+  TraceMsgW(L"%s", std::wstring(2000, L'y').c_str());
+}
+
+struct Case {
+  std::string_view name;
+  int arguments;
+  void (*run)(char **arguments);
+};
+constexpr Case kCases[] = {{"upload", 5, Upload},   {"exchange", 4, Exchange}, {"probe", 1, Probe},
+                           {"windows", 0, Windows}, {"texts", 0, Texts},       {"files", 1, Files},
+                           {"trace", 0, Trace}};
+
+#ifdef _WIN32
+/// Debug output goes to standard error, as it does on the other system.
+LONG CALLBACK ShowDebugOutput(EXCEPTION_POINTERS *pointers) {
+  EXCEPTION_RECORD const &record = *pointers->ExceptionRecord;
+  if (record.ExceptionCode != DBG_PRINTEXCEPTION_C)
+    return EXCEPTION_CONTINUE_SEARCH; // wide output comes once more as narrow output
+  std::fputs(reinterpret_cast<char const *>(record.ExceptionInformation[1]), stderr);
+  return EXCEPTION_CONTINUE_EXECUTION;
+}
+void Prepare() { AddVectoredExceptionHandler(1, ShowDebugOutput); }
+#else
+void Prepare() {}
+#endif
+
+} // namespace
+
+int main(int count, char **arguments) {
+  Prepare();
+  CoInitialize(nullptr);
+  TraceInit("Driver");
+  for (Case const &c : kCases) {
+    if (count >= 2 && c.name == arguments[1] && count - 2 >= c.arguments) {
+      c.run(arguments + 2);
+      return 0;
+    }
+  }
+  return 2;
+}

@@ -12,6 +12,9 @@ An exception in an uploader's callable is printed and dropped, even one that a s
 sees that KeyboardInterrupt, so a SIGINT handler should not raise but call ``CancelUpload`` or set a flag. SystemExit in
 the callable ends the process at once and skips every ``finally`` of its callers.
 
+Where a queue has no descriptor (Windows), Qt and Tk run its messages by themselves and asyncio polls it; their
+attachments are used as elsewhere. ``fileno`` raises OSError there.
+
 Apart from events, every thread that makes a service request calls ``initialize_thread`` before its first one.
 """
 
@@ -33,6 +36,10 @@ __all__ = ["Attachment", "attach_asyncio", "attach_glib", "attach_qt", "attach_t
 SLICE_SECONDS = 0.01
 # How deeply events may nest, which they do when an event runs the loop itself.
 MOST_NESTED = 8
+# How often asyncio looks for events where it cannot be told of them.
+POLL_SECONDS = 0.02
+# Whether a queue has a descriptor.
+HAS_DESCRIPTOR = sys.platform != "win32"
 
 QT_BINDINGS = ("PyQt6", "PySide6", "PyQt5", "PySide2")
 
@@ -40,9 +47,10 @@ TYPE_CHECKING = False  # as typing's, whose import takes longer than that of thi
 if TYPE_CHECKING:
     import asyncio
     from types import ModuleType
-    from typing import Any, Callable, Optional, Set
+    from typing import Any, Callable, List, Optional, Set
 
-    # Takes a descriptor and the function to call while it is readable. Returns the function that ends the watch.
+    # Takes a descriptor, -1 if the queue has none, and the function to call while it is readable. Returns the function
+    # that ends the watch.
     Watch = Callable[[int, Callable[[], None]], Callable[[], object]]
 
 
@@ -73,13 +81,14 @@ class Attachment:
 
     def __init__(self, watch: Watch) -> None:
         self._thread = get_ident()
-        self._descriptor = os.dup(fileno())  # the queue's own can be watched only once and is not ours to close
+        # A duplicate: the queue's own can be watched only once and is not ours to close.
+        self._descriptor = os.dup(fileno()) if HAS_DESCRIPTOR else -1
         self._watch = watch
         self._nested = 0
         try:
             self._unwatch = watch(self._descriptor, self._pump)
         except BaseException:
-            os.close(self._descriptor)
+            self._close()
             release()
             raise
         _thread.attachments.add(self)
@@ -96,7 +105,7 @@ class Attachment:
             try:
                 self._unwatch()
             finally:
-                os.close(self._descriptor)
+                self._close()
         release()
 
     def __enter__(self) -> Attachment:
@@ -123,6 +132,10 @@ class Attachment:
     def _attached(self) -> bool:
         return self in _thread.attachments
 
+    def _close(self) -> None:
+        if self._descriptor >= 0:
+            os.close(self._descriptor)
+
 
 def attach_asyncio(loop: Optional[asyncio.AbstractEventLoop] = None) -> Attachment:
     """Lets an asyncio loop, by default the running one, deliver the events. Must be called on the loop's thread."""
@@ -131,6 +144,8 @@ def attach_asyncio(loop: Optional[asyncio.AbstractEventLoop] = None) -> Attachme
     target = loop or asyncio.get_running_loop()
 
     def watch(descriptor: int, run: Callable[[], None]) -> Callable[[], object]:
+        if descriptor < 0:
+            return _poll(target, run)
         target.add_reader(descriptor, run)
         return lambda: target.remove_reader(descriptor)
 
@@ -142,6 +157,8 @@ def attach_qt(core: Optional[ModuleType] = None) -> Attachment:
 
     ``core`` is the binding's QtCore module, by default the one that the program has imported.
     """
+    if not HAS_DESCRIPTOR:
+        return Attachment(_watch_nothing)
     qt: Any = core or _imported_qt()
     if qt.QAbstractEventDispatcher.instance() is None:
         raise RuntimeError("this thread has no Qt event dispatcher: create the QCoreApplication first")
@@ -168,6 +185,8 @@ def attach_glib(context: Any = None) -> Attachment:
 
     As with GLib's own sources, an event that runs the loop itself does not nest others: they wait until it returns.
     """
+    if not HAS_DESCRIPTOR:
+        raise RuntimeError("GLib cannot watch a queue without a descriptor: call pump from a timeout of your own")
     from gi.repository import GLib  # type: ignore[import]
 
     class QueueSource(GLib.Source):  # type: ignore[misc]
@@ -198,6 +217,8 @@ def attach_glib(context: Any = None) -> Attachment:
 
 def attach_tk(widget: Any) -> Attachment:
     """Lets a Tk main loop deliver the calling thread's events. Any widget of the application will do."""
+    if not HAS_DESCRIPTOR:
+        return Attachment(_watch_nothing)
     from tkinter import READABLE
 
     def watch(descriptor: int, run: Callable[[], None]) -> Callable[[], object]:
@@ -205,6 +226,24 @@ def attach_tk(widget: Any) -> Attachment:
         return lambda: widget.tk.deletefilehandler(descriptor)
 
     return Attachment(watch)
+
+
+def _watch_nothing(_descriptor: int, _run: Callable[[], None]) -> Callable[[], object]:
+    """For a loop that runs the messages of its thread by itself."""
+    return lambda: None
+
+
+def _poll(target: asyncio.AbstractEventLoop, run: Callable[[], None]) -> Callable[[], object]:
+    """Calls the function again and again. Schedules the next call first, since an event may run the loop itself."""
+
+    timers: List[asyncio.Handle] = []
+
+    def call() -> None:
+        timers[:] = [target.call_later(POLL_SECONDS, call)]
+        run()
+
+    timers.append(target.call_soon(call))
+    return lambda: timers[0].cancel()
 
 
 def _imported_qt() -> ModuleType:

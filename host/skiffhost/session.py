@@ -42,6 +42,8 @@ class Session(NamedTuple):
 
 def open_session(arguments: argparse.Namespace) -> Session:
     """Creates a session object with the command's product identity, for the calling thread. Sends no request."""
+    if sys.platform == "win32" and (arguments.connect_to, arguments.ca_file) != (None, None):
+        raise Failure(EXIT_USAGE, "--connect-to and --ca-file have no effect on Windows, where the system decides")
     initialize_thread()
     if arguments.connect_to is not None:
         os.environ["SKIFFPORT_CONNECT_TO"] = arguments.connect_to

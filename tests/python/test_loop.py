@@ -140,6 +140,27 @@ class AsyncioTest(LoopCase):
 
         self.run_to_end(program())
 
+    def test_polls_a_queue_without_a_descriptor(self):
+        async def program():
+            publication = Publication(NO_SERVICE)
+            attachment = loop.attach_asyncio()
+            for count in (1, 2):  # it goes on after an event
+                publication.start(PATHS)
+                await self.until(lambda: len(publication.events) == count)
+            attachment.detach()
+            queue_events([publication])
+            with mock.patch.object(self.running, "call_later") as later:
+                for _ in range(10):
+                    await asyncio.sleep(0)
+            later.assert_not_called()
+            self.assertEqual((len(publication.events), loop.pump()), (2, 1), "polled after the end")
+            publication.uploader.SetCallback(None)
+
+        with mock.patch.multiple(loop, HAS_DESCRIPTOR=False, POLL_SECONDS=0):
+            self.run_to_end(program())
+            with loop.attach_qt(), loop.attach_tk(None):
+                pass
+
     def test_a_failed_attachment_leaks_nothing(self):
         with mock.patch.object(self.running, "add_reader", side_effect=OSError("no more")):
             self.assertRaises(OSError, loop.attach_asyncio, self.running)

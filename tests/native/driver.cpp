@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <string_view>
 #include <type_traits>
 
@@ -69,49 +70,34 @@ struct Target : Receiver {
   bool isDone = false;
 };
 
-void FillJob(UploadJob &job, char const *token, std::wstring const (&paths)[kFiles]) {
-  PresetFile files[kFiles];
-  std::wstring names[kFiles];
-  for (int n = 0; n < kFiles; ++n) {
-    names[n] = L"PIPimg_" + std::to_wstring(n);
-    files[n] = {paths[n].c_str(), names[n].c_str()};
-  }
-  files[0].wszName = L"PIPfile";
-  files[1] = {paths[1].c_str(), L"PIPimg", L"PIPimg_1"};
-  PresetField const fields[] = {
-      {"token", token},
-      {"collections", L"", TextRule::Utf8UnlessEmpty},
-      {"title", L"T\u00EFtle \u4E2D \U0001F600 & <x>", TextRule::Utf8},
-      {"tags", L"a,b", TextRule::Utf8UnlessEmpty},
-      {"description", L"one\r\ntwo", TextRule::Utf8},
-      {"category", L"1", TextRule::Utf8},
-      {"PIPtype", nullptr, TextRule::Utf8},
-      {"templatetype", "PRESET"},
-      {"templateKey", L"key-1", TextRule::Ansi},
-      {"productName", "Quillon Tintwright"},
-      {"versionInfo", "10.5"},
-      {"AP", "TWR"},
-      {"Version", "10.5"},
-      {"AspectRatio", "1:1"},
-      {"versionType", "retail"},
-      {"uuid", "uuid-1"},
-  };
-  Print("files exist", PresetFilesExist(files));
-  FillPresetForm(job, fields, files);
-}
-
 // upload URL TOKEN FOLDER FILE CANCEL: publishes the folder's files 0.bin to 12.bin, with FILE in place of the fifth if
 // it is not "-", and says yes to the query with the number CANCEL whether to stop.
 void Upload(char **arguments) {
   std::wstring const folder = Wide(arguments[2]) + L"/";
-  std::wstring paths[kFiles];
-  for (int n = 0; n < kFiles; ++n)
+  std::wstring paths[kFiles], names[kFiles];
+  PresetFile files[kFiles];
+  for (int n = 0; n < kFiles; ++n) {
     paths[n] = folder + std::to_wstring(n) + (n == 6 ? L"Gr\u00F6\u00DFe \u4E2D \U0001F600.bin" : L".bin");
+    names[n] = n == 0 ? L"PIPfile" : L"PIPimg_" + std::to_wstring(n);
+    files[n] = {paths[n].c_str(), names[n].c_str(), n == 1 ? L"PIPimg" : nullptr};
+  }
   if (arguments[3] != std::string("-"))
-    paths[4] = folder + Wide(arguments[3]);
+    files[4].wszPath = (paths[4] = folder + Wide(arguments[3])).c_str();
+  char const *const constants[][2] = {{"token", arguments[1]},    {"templatetype", "PRESET"}, {"AP", "TWR"},
+                                      {"productName", "product"}, {"versionInfo", "10.5"},    {"Version", "10.5"},
+                                      {"AspectRatio", "1:1"},     {"versionType", "retail"},  {"uuid", "uuid-1"}};
+  PresetField const texts[] = {{"title", L"T\u00EFtle \u4E2D \U0001F600 & <x>", TextRule::Utf8},
+                               {"description", L"one\r\ntwo", TextRule::Utf8},
+                               {"PIPtype", nullptr, TextRule::Utf8},
+                               {"category", L"1", TextRule::Utf8},
+                               {"collections", L"", TextRule::Utf8UnlessEmpty},
+                               {"tags", L"a,b", TextRule::Utf8UnlessEmpty},
+                               {"templateKey", L"key-1", TextRule::Ansi}};
   UploadJob job;
-  Print("address", job.SetUrl(arguments[0]), job.m_strHost, job.m_strPath);
-  FillJob(job, arguments[1], paths);
+  Print("address", job.SetUrl(arguments[0]), job.m_strHost, job.m_strPath, PresetFilesExist(files));
+  for (auto const &[name, value] : constants)
+    job.AddField(name, value);
+  FillPresetForm(job, texts, files);
   Target target;
   target.nQueriesBeforeStop = std::atoi(arguments[4]);
   CUploadProgressProxyWindow proxy(&target);
@@ -155,81 +141,41 @@ void Probe(char **arguments) {
 // Two threads post to one window; posts to a window that is gone, and to none.
 void Windows(char **) {
   struct Counter : Target {
-    void OnRequestSent(DWORD value) override { isOrdered &= value == next[value >> 16]++; }
-    DWORD next[2] = {0, 0x10000};
+    void OnRequestSent(DWORD value) override { isOrdered &= value % 0x10000 == next[value / 0x10000]++; }
+    DWORD next[2] = {0, 0};
     bool isOrdered = true;
   } counter;
   struct Poster : Thread {
+    explicit Poster(BackgroundUploadProgress &progress, DWORD start) : target(progress), first(start) {}
     unsigned Run() override {
       for (DWORD n = 0; n < 2000; ++n)
-        proxy->OnRequestSent(first + n);
+        target.OnRequestSent(first + n);
       return 0x80040301U;
     }
-    CUploadProgressProxyWindow *proxy = nullptr;
-    DWORD first = 0;
-  } posters[2];
-  CUploadProgressProxyWindow proxy(&counter);
+    BackgroundUploadProgress &target;
+    DWORD first;
+  };
+  CUploadProgressProxyWindow proxy(&counter), none(&counter);
   proxy.CreateProxyWindow();
-  posters[1].first = 0x10000;
-  for (Poster &poster : posters) {
-    poster.proxy = &proxy;
-    Print("started", poster.Start());
-  }
-  PumpUntil([&] { return counter.next[0] == 2000 && counter.next[1] == 0x10000 + 2000; });
-  Print("posts", counter.isOrdered, counter.next[0], counter.next[1], posters[0].Wait(), posters[1].Wait());
+  Poster one(proxy, 0), two(proxy, 0x10000);
+  Print("started", one.Start(), two.Start());
+  PumpUntil([&] { return counter.next[0] == 2000 && counter.next[1] == 2000; });
+  Print("posts", counter.isOrdered, counter.next[0], counter.next[1], one.Wait(), two.Wait());
   {
     CUploadProgressProxyWindow gone(&counter);
     gone.CreateProxyWindow();
     gone.OnBackgroundUploadComplete(1);
   }
-  CUploadProgressProxyWindow none(&counter);
   none.OnBackgroundUploadComplete(1);
   PumpMessages(64);
-  Print("lost", counter.isDone, none.TakeLostCompletion());
-  SetLastError(0);
-  Print("post to no window", PostMessageW(reinterpret_cast<HWND>(0x7FF0), WM_APP, 0, 0), GetLastError());
+  BOOL const isPosted = PostMessageW(reinterpret_cast<HWND>(0x7FF0), WM_APP, 0, 0);
+  Print("lost", counter.isDone, none.TakeLostCompletion(), isPosted, GetLastError());
 }
 
-// Replies as they are read, and every other conversion of text.
-void Texts(char **) {
-  static constexpr char const *kReplies[] = {"<a><b>x</b></a>",
-                                             "<a><b/></a>",
-                                             "<a/>",
-                                             "",
-                                             "junk",
-                                             "<a><b>x</b>",
-                                             "<A><b>x</b></A>",
-                                             "<a><b>  x  y </b></a>",
-                                             "\n <a><b>x</b></a>",
-                                             "<?xml version='1.0' encoding='UTF-8'?><a><b>x</b></a>",
-                                             "\n<?xml version='1.0'?><a><b>x</b></a>",
-                                             "<?xml version='1.1'?><a><b>x</b></a>",
-                                             "<?xml version='1.0' encoding='GB2312'?><a><b>x</b></a>",
-                                             "<?xml version='1.0' encoding='no'?><a><b>x</b></a>",
-                                             "<!DOCTYPE a><a><b>x</b></a>",
-                                             "<!DOCTYPE a [<!ENTITY e 'z'>]><a><b>&e;</b></a>",
-                                             "<a><b>1</b><b>2</b></a>",
-                                             "<a><b>p<![CDATA[<q>]]>r<c>s</c><!--t--></b></a>",
-                                             "<a><b>l1\r\nl2\rl3</b></a>",
-                                             "<a><b>&amp;&#65;&#x42;</b></a>",
-                                             "<a><b>&nbsp;</b></a>",
-                                             "<a><b>a&b</b></a>",
-                                             "<a><b>x</b></a> junk",
-                                             "<a><b>x</b></a><a/>",
-                                             "<a><b>x\x01y</b></a>",
-                                             "<a><b>x</b></a><!-- c -->\n",
-                                             "<a><b>lead <i> </i> tail</b></a>",
-                                             "<a><b><i> </i></b></a>",
-                                             "<a><b>\n<i>1</i>\n<i>2</i></b></a>",
-                                             "<a><b xml:space='preserve'> x </b></a>",
-                                             "<a><b c='1' c='2'>x</b></a>",
-                                             "<a xmlns='u'><b>x</b></a>",
-                                             "<a><b>tab\tin</b></a>",
-                                             "<n:a xmlns:n='u'><n:b>x</n:b></n:a>",
-                                             "<p:a><b>x</b></p:a>",
-                                             "<a><b>&#160;x&#32;</b></a>",
-                                             "<html><body>x</body></html>"};
-  for (char const *reply : kReplies) {
+// texts FILE: replies, separated by "|" in the file, as they are read; and every other conversion of text.
+void Texts(char **arguments) {
+  std::ifstream file(arguments[0], std::ios::binary);
+  for (std::string reply; std::getline(file, reply, '|');) {
     CString text;
     Print("reply", reply, static_cast<int>(ReadElement(LoadReply(reply), L"a/b", text)), text);
   }
@@ -275,7 +221,8 @@ void Files(char **arguments) {
     SetLastError(0);
     BOOL const isThere = PathFileExistsW(path.c_str());
     HANDLE const file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-    Print("file", name, isThere, file != INVALID_HANDLE_VALUE, GetLastError(), GetFileSize(file, nullptr));
+    DWORD const error = GetLastError();
+    Print("file", name, isThere, file != INVALID_HANDLE_VALUE, error, GetFileSize(file, nullptr));
     CloseHandle(file);
   }
 }
@@ -294,7 +241,7 @@ struct Case {
   void (*run)(char **arguments);
 };
 constexpr Case kCases[] = {{"upload", 5, Upload},   {"exchange", 4, Exchange}, {"probe", 1, Probe},
-                           {"windows", 0, Windows}, {"texts", 0, Texts},       {"files", 1, Files},
+                           {"windows", 0, Windows}, {"texts", 1, Texts},       {"files", 1, Files},
                            {"trace", 0, Trace}};
 
 #ifdef _WIN32

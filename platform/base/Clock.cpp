@@ -17,7 +17,8 @@ std::uint64_t SystemMilliseconds() {
 }
 
 void SleepUntil(std::chrono::steady_clock::time_point deadline) {
-  prctl(PR_SET_TIMERSLACK, 1UL); // ns
+  int const before = prctl(PR_GET_TIMERSLACK); // the thread may be the host's, with a value of its own
+  prctl(PR_SET_TIMERSLACK, 1UL);               // ns
   std::this_thread::sleep_until(deadline);
-  prctl(PR_SET_TIMERSLACK, 0UL); // the thread's default
+  prctl(PR_SET_TIMERSLACK, before > 0 ? static_cast<unsigned long>(before) : 0UL); // 0: the thread's default
 }

@@ -1,5 +1,6 @@
-// Files, threads and a lock across a fork, and the debug output.
+// Files, threads, sleeping, a lock across a fork, and the debug output.
 #include "framework/SlimLock.h"
+#include "platform/base/Clock.h"
 #include "platform/base/LastError.h"
 #include "platform/system/Debug.h"
 #include "platform/system/Files.h"
@@ -15,6 +16,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -57,6 +59,14 @@ TEST(Threads, SuspendedThreadRunsOnceResumedAndEachHandleClosesOnce) {
   EXPECT_EQ(WaitForSingleObject(thread, 0), WAIT_FAILED);
   EXPECT_TRUE(GetExitCodeThread(second, &code) && code == 0x80040301U) << "the other handle is open";
   EXPECT_TRUE(CloseHandle(second));
+}
+
+TEST(Sleep, LeavesTheThreadsTimerSlackAsItWas) {
+  std::thread([] {
+    EXPECT_EQ(prctl(PR_SET_TIMERSLACK, 70'000UL), 0);
+    Sleep(1);
+    EXPECT_EQ(prctl(PR_GET_TIMERSLACK), 70'000);
+  }).join();
 }
 
 TEST(Locks, NoForkedChildFindsALockHeld) {

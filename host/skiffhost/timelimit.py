@@ -3,10 +3,11 @@ the command runs in a child process, whose alarm ends it, and the parent reports
 
 from __future__ import annotations
 
+import mmap
 import os
 import signal
 import time
-from typing import Any, Callable, NoReturn
+from typing import Any, Callable, NoReturn, Optional
 
 from .outcome import EXIT_TIMED_OUT, Failure
 
@@ -14,6 +15,8 @@ from .outcome import EXIT_TIMED_OUT, Failure
 GRACE_SECONDS = 5.0
 FORWARDED = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 WAITED_FOR = (*FORWARDED, signal.SIGCHLD)
+
+_lifted: Optional[mmap.mmap] = None  # shared with the parent: its byte is 1 once the limit is lifted
 
 
 def timed_out(addition: str = "") -> Failure:
@@ -23,6 +26,8 @@ def timed_out(addition: str = "") -> Failure:
 def run_limited(seconds: float, run: Callable[[], int]) -> int:
     """Runs the function in a child process and returns its exit code, in the child as well. Raises Failure if the child
     had to be ended; ends this process by the signal that the child was ended by. Main thread only."""
+    global _lifted
+    _lifted = mmap.mmap(-1, 1)
     signal.signal(signal.SIGCHLD, signal.SIG_DFL)
     before = signal.pthread_sigmask(signal.SIG_BLOCK, WAITED_FOR)
     child = os.fork()
@@ -31,7 +36,7 @@ def run_limited(seconds: float, run: Callable[[], int]) -> int:
         signal.setitimer(signal.ITIMER_REAL, seconds, GRACE_SECONDS)
         signal.pthread_sigmask(signal.SIG_SETMASK, before)
         return run()
-    status = _wait_for(child, time.monotonic() + seconds + 2 * GRACE_SECONDS)
+    status = _wait_for(child, time.monotonic() + seconds + 2 * GRACE_SECONDS, _lifted)
     signal.pthread_sigmask(signal.SIG_SETMASK, before)
     if not os.WIFSIGNALED(status):
         return os.WEXITSTATUS(status)
@@ -44,19 +49,24 @@ def run_limited(seconds: float, run: Callable[[], int]) -> int:
 
 
 def lift_limit() -> None:
-    """Called once the command has its outcome, which is then printed in any case."""
+    """Called once the command has its outcome, which is then printed in any case, however slow its reader is."""
     signal.setitimer(signal.ITIMER_REAL, 0)
+    if _lifted is not None:
+        _lifted[0] = 1
 
 
 def _raise_failure(*_signal: Any) -> NoReturn:
     raise timed_out()
 
 
-def _wait_for(child: int, deadline: float) -> int:
+def _wait_for(child: int, deadline: float, lifted: mmap.mmap) -> int:
     """Returns the child's wait status. Passes signals on, except those of the terminal, which the child gets too."""
     while True:
-        info = signal.sigtimedwait(WAITED_FOR, max(deadline - time.monotonic(), 0))
+        left = GRACE_SECONDS if lifted[0] else max(deadline - time.monotonic(), 0)
+        info = signal.sigtimedwait(WAITED_FOR, left)
         if info is None:
+            if lifted[0]:
+                continue
             os.kill(child, signal.SIGKILL)
             return os.waitpid(child, 0)[1]
         if info.si_signo != signal.SIGCHLD and info.si_code <= 0:

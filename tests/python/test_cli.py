@@ -33,6 +33,8 @@ MAIN = "; from skiffhost.__main__ import main; sys.exit(main())"
 WITHOUT_RICH = ("-c", "import sys; sys.modules['rich'] = None" + MAIN)
 SLOW_CANCEL = ("-c", "import sys, Skiffport; from skiffhost import timelimit; timelimit.GRACE_SECONDS = 0.5; "
                "Skiffport.PyPresetUploader.CancelUpload = lambda uploader: None" + MAIN)
+SLOW_OUTPUT = ("-c", "import sys, time; from skiffhost import timelimit as limit; limit.GRACE_SECONDS = 0.1; "
+               "sys.exit(limit.run_limited(0.5, lambda: limit.lift_limit() or time.sleep(1) or 7))")
 INTERRUPTED_IMPORT = ("-c", "import sys, signal; sys.addaudithook(lambda event, values: event == 'import' and "
                       "values[0] == 'skiffhost.commands' and signal.raise_signal(2))" + MAIN)
 
@@ -278,6 +280,7 @@ class ArgumentsTest(CommandLineCase):
             self.assertLess(time.monotonic() - start, 5)  # a probe takes longer
             self.assertEqual((code, json.loads(output)["exit_code"]), (124, 124), errors)
             self.assertEqual(errors, "skiffhost: the time limit has passed\n")
+        self.assertEqual(self.start(program=SLOW_OUTPUT).wait(20), 7)  # a command that has its outcome may print it
 
 
 class ProgressTest(unittest.TestCase):

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import uuid as uuids
 from _thread import get_ident
 from typing import Any, Callable, Optional, Sequence, Union
@@ -36,7 +37,7 @@ class Uploader:
     def StartUpload(self, *arguments: Union[Path, int, None]) -> int:
         """Starts an upload: thirteen paths, seven texts and your number. Returns its thread's id, 0 if refused."""
         count = len(FILES)
-        paths = [path if path is None or isinstance(path, int) else _text_of(path) for path in arguments[:count]]
+        paths = [path if path is None else os.fspath(path) for path in arguments[:count]]  # type: ignore[arg-type]
         return self._open().StartUpload(*paths, *arguments[count:])  # type: ignore[no-any-return]
 
     def start(self, files: Sequence[Path], *, title: str, template_key: Optional[str] = None, category: str = "",
@@ -84,7 +85,3 @@ class Uploader:
         if self._native is None:
             raise RuntimeError("the uploader is closed")
         return self._native
-
-
-def _text_of(path: Path) -> str:
-    return path if isinstance(path, str) else path.__fspath__()

@@ -106,6 +106,7 @@ class UploaderTest(common.Case):
         with skiffhost.Uploader(NO_SERVICE, "", *PRODUCT) as uploader:
             uploader.SetCallback(lambda *event: events.append(event))
             uploader.start(self.preset(), title="Title")
+            self.assertRaises(TypeError, uploader.StartUpload, *[b"a"] * 13, *[""] * 7, 1)
             with ThreadPoolExecutor(1) as other:
                 self.assertRaises(RuntimeError, other.submit(uploader.close).result)
         uploader.CancelUpload()

@@ -31,7 +31,7 @@ class KHLoginData:
     @staticmethod
     def __swig_destroy__(self: _Self, /) -> None: ...
     def LoginKestrelhub(self, wszUserName: Optional[str], wszPassword: Optional[str]) -> int:
-        """Logs a member in. Returns 1 for success, an error number from 12000 on, or 0 for any other failure.
+        """Logs a member in. Returns 1 for success, an error number of the network, or 0 for any other failure.
 
         skiffhost.explain_login puts the result into words. Blocks: finds the service if that has not happened yet,
         probes it (5.5 s) and sends a request (60 s to connect, then 60 s without a byte of the reply). Releases the

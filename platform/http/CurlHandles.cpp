@@ -28,7 +28,8 @@ IdleHandles &Idle() {
 
 /// Frees what OpenSSL has for a thread that ends. OpenSSL itself would do it without keeping forks out meanwhile. A
 /// key's destructor, because the C library ends the process if it has no memory to register a thread_local object's;
-/// those of keys run in the order of their creation, so this one is created before OpenSSL's, when the library is loaded.
+/// those of keys run in the order of their creation, so this one is created when the library is loaded. That is before
+/// OpenSSL's, unless the program has used OpenSSL already, as Python's ssl module does.
 class ThreadCleanUp {
 public:
   ThreadCleanUp() : m_isCreated(pthread_key_create(&m_key, Run) == 0) {}

@@ -2,6 +2,7 @@
 #include "platform/http/SendBuffer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdint>
 
@@ -33,17 +34,18 @@ bool SetSendBufferSize(int fd, int size) {
          setsockopt(fd, SOL_SOCKET, SO_BUF_LOCK, &unlocked, sizeof unlocked) == 0;
 }
 
-/// The largest size that can be set; 0 if setting one would stop the kernel from widening it. Found out once, with a
-/// socket of its own.
+/// The largest size that can be set; 0 if setting one would stop the kernel from widening it. Found out with a socket
+/// of its own, and remembered.
 int LargestSize() {
-  static int const largest = [] {
+  static std::atomic<int> s_largest = -1;
+  if (s_largest < 0) {
     int const fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int const size = SetSendBufferSize(fd, INT_MAX / 2) ? SendBufferSize(fd) / 2 : 0;
-    if (fd >= 0)
-      close(fd);
-    return size;
-  }();
-  return largest;
+    if (fd < 0)
+      return 0; // for want of descriptors; the next call tries again
+    s_largest = SetSendBufferSize(fd, INT_MAX / 2) ? SendBufferSize(fd) / 2 : 0;
+    close(fd);
+  }
+  return s_largest;
 }
 
 } // namespace

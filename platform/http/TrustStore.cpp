@@ -84,7 +84,7 @@ bool UseTrustStore(ssl_ctx_st *context) {
   return true;
 }
 
-void ForgetTrustStore() noexcept {
+void ForgetTrustStore() {
   SharedStore &shared = ProcessStore();
   std::lock_guard<std::mutex> const lock(shared.mutex);
   shared.store.reset();

@@ -11,4 +11,4 @@ bool UseTrustStore(ssl_ctx_st *context);
 
 /// Lets the next connection read the roots again. For a handshake that failed: if memory ran out while a root was read
 /// or first used, OpenSSL may have kept that root in a state in which it verifies nothing.
-void ForgetTrustStore() noexcept;
+void ForgetTrustStore();

@@ -3,6 +3,7 @@ the command runs in a child process, whose alarm ends it, and the parent reports
 
 from __future__ import annotations
 
+import contextlib
 import mmap
 import os
 import signal
@@ -14,6 +15,7 @@ from .outcome import EXIT_TIMED_OUT, Failure
 # After the limit, an upload may take this long to cancel; twice this long after it, the process is killed.
 GRACE_SECONDS = 5.0
 FORWARDED = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+PR_SET_PDEATHSIG = 1
 WAITED_FOR = (*FORWARDED, signal.SIGCHLD)
 
 _lifted: Optional[mmap.mmap] = None  # shared with the parent: its byte is 1 once the limit is lifted
@@ -32,16 +34,19 @@ def run_limited(seconds: float, run: Callable[[], int]) -> int:
     before = signal.pthread_sigmask(signal.SIG_BLOCK, WAITED_FOR)
     child = os.fork()
     if child == 0:
+        _end_with_parent()
         signal.signal(signal.SIGALRM, _raise_failure)
         signal.setitimer(signal.ITIMER_REAL, seconds, GRACE_SECONDS)
         signal.pthread_sigmask(signal.SIG_SETMASK, before)
         return run()
-    status = _wait_for(child, time.monotonic() + seconds + 2 * GRACE_SECONDS, _lifted)
-    signal.pthread_sigmask(signal.SIG_SETMASK, before)
+    try:
+        status = _wait_for(child, time.monotonic() + seconds + 2 * GRACE_SECONDS, _lifted)
+    finally:
+        signal.pthread_sigmask(signal.SIG_SETMASK, before)
     if not os.WIFSIGNALED(status):
         return os.WEXITSTATUS(status)
     number = os.WTERMSIG(status)
-    if number in (signal.SIGALRM, signal.SIGKILL):
+    if number == signal.SIGALRM:
         raise timed_out()
     signal.signal(number, signal.SIG_DFL)
     os.kill(os.getpid(), number)
@@ -59,8 +64,16 @@ def _raise_failure(*_signal: Any) -> NoReturn:
     raise timed_out()
 
 
+def _end_with_parent() -> None:
+    """A parent that is killed takes this process with it, as it would without a time limit."""
+    import ctypes
+
+    with contextlib.suppress(AttributeError):  # not Linux
+        ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+
+
 def _wait_for(child: int, deadline: float, lifted: mmap.mmap) -> int:
-    """Returns the child's wait status. Passes signals on, except those of the terminal, which the child gets too."""
+    """Returns the child's wait status. Raises Failure if it has to kill the child. Passes signals on, except those of the terminal, which the child gets too."""
     while True:
         left = GRACE_SECONDS if lifted[0] else max(deadline - time.monotonic(), 0)
         info = signal.sigtimedwait(WAITED_FOR, left)
@@ -68,7 +81,8 @@ def _wait_for(child: int, deadline: float, lifted: mmap.mmap) -> int:
             if lifted[0]:
                 continue
             os.kill(child, signal.SIGKILL)
-            return os.waitpid(child, 0)[1]
+            os.waitpid(child, 0)
+            raise timed_out()
         if info.si_signo != signal.SIGCHLD and info.si_code <= 0:
             os.kill(child, info.si_signo)
         ended, status = os.waitpid(child, os.WNOHANG)

@@ -17,7 +17,7 @@ EXIT_CODES = {
 def find_files(folder: Optional[str], given: Mapping[str, Optional[str]]) -> List[str]:
     """Returns the paths of a preset's files. Raises Failure."""
     try:
-        return presetfiles.find_files(folder, given)
+        return presetfiles.find_files(folder, {name: given.get(name) for name in presetfiles.FILES})
     except presetfiles.PresetFilesError as error:
         raise Failure(EXIT_USAGE, str(error)) from error
 

@@ -34,7 +34,7 @@ def find_files(folder: Optional[Path] = None, given: Optional[Mapping[str, Optio
     In the folder, a file's name without its extension is one of FILES. Raises PresetFilesError.
     """
     entries = _by_stem(os.fspath(folder)) if folder is not None else {}
-    faults: List[str] = []
+    faults = [f"no such file of a preset: {name}" for name in given or {} if name not in FILES]
     paths: List[str] = []
     for name in FILES:
         path = (given or {}).get(name)

@@ -1,7 +1,7 @@
 """One measured run of the module in its own process. Prints one JSON object; SKIFFPORT_TREE names the built tree.
 
-    upload PATH...         seconds of wall and CPU time of an upload, and the process's peak memory; the upload follows a
-                           login, as in every program, since it needs the token
+    upload PATH...         seconds of wall and CPU time of an upload, and the process's peak memory; the upload follows
+                           a login, as in every program, since it needs the token
     first-upload PATH...   the same as the process's first use of the network and its libraries
     uploads COUNT PATH...  the same of that many uploads at once, and the longest time that one turn of the pump took
     login COUNT            seconds per login: of the first, with address discovery and a cold trust store, and of COUNT

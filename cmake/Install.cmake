@@ -21,12 +21,6 @@ if(SKIFFPORT_INSTALL_PYTHONDIR)
   set(_site ${SKIFFPORT_INSTALL_PYTHONDIR})
 endif()
 
-# The version is stated in project() and nowhere else.
-file(CONFIGURE OUTPUT ${SKIFFPORT_TREE}/skiffhost/_version.py @ONLY CONTENT [[
-"""The version of the build that this package came with. Written by CMake."""
-
-__version__ = "@PROJECT_VERSION@"
-]])
 file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/skiffhost @ONLY CONTENT "#!${SKIFFPORT_PYTHON_${_tag}_EXECUTABLE}
 import sys
 

@@ -60,3 +60,6 @@ file(WRITE ${PROJECT_BINARY_DIR}/pythons.txt "${_list}") # for the scripts, one 
 if(NOT SKIFFPORT_PYTHON_TAGS)
   message(FATAL_ERROR "Python: found no interpreter with headers (Debian: python3-dev)")
 endif()
+# What runs this build's own generators.
+list(GET SKIFFPORT_PYTHON_TAGS 0 _tag)
+set(SKIFFPORT_BUILD_PYTHON ${SKIFFPORT_PYTHON_${_tag}_EXECUTABLE})

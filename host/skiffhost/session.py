@@ -16,7 +16,6 @@ from types import ModuleType
 from typing import Any, ContextManager, NamedTuple
 
 from .login import explain_login, was_refused
-from .loop import initialize_thread
 from .outcome import EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, Failure
 from .signals import handling
 
@@ -44,17 +43,19 @@ def open_session(arguments: argparse.Namespace) -> Session:
     """Creates a session object with the command's product identity, for the calling thread. Sends no request."""
     if sys.platform == "win32" and (arguments.connect_to, arguments.ca_file) != (None, None):
         raise Failure(EXIT_USAGE, "--connect-to and --ca-file have no effect on Windows, where the system decides")
-    initialize_thread()
     if arguments.connect_to is not None:
         os.environ["SKIFFPORT_CONNECT_TO"] = arguments.connect_to
     if arguments.ca_file is not None:
         os.environ["SSL_CERT_FILE"] = arguments.ca_file
     if arguments.verbose:
         os.environ["SKIFFPORT_REGISTRY"] = tracing_registry()
-    try:
+    try:  # here, since the documents are made of the parser without a built module
         import Skiffport
+
+        from .loop import initialize_thread
     except ImportError as error:
         raise Failure(EXIT_USAGE, f"cannot import Skiffport, is the built tree on PYTHONPATH? {error}") from error
+    initialize_thread()
     installation = arguments.uuid or str(uuid.uuid5(uuid.NAMESPACE_DNS, socket.gethostname()))
     data = Skiffport.KHLoginData(arguments.version_name, arguments.version_type, installation)
     if arguments.host is not None:

@@ -1,4 +1,5 @@
 // Wrong arguments and wrong handles: each interface function fails with its error number, and nothing crashes.
+#include "framework/Wnd.h"
 #include "platform/base/Handles.h"
 #include "platform/base/LastError.h"
 #include "platform/http/WinInet.h"
@@ -62,7 +63,6 @@ Misuse const kMisuses[] = {
     MISUSE(12018, InternetConnectW(Connection(), L"h.test", 80, nullptr, nullptr, 3, 0, 0)),
     MISUSE(12018, HttpOpenRequestA(Session(), "GET", "/", nullptr, nullptr, nullptr, 0, 0)),
     MISUSE(87, Open("PUT", "/")),
-    MISUSE(12005, Open("GET", "/a\r\nX: 1")),
     MISUSE(12006, InternetOpenUrlA(Session(), "ftp://h.test/", nullptr, 0, 0, 0)),
     MISUSE(12005, InternetOpenUrlA(Session(), "http://a b/", nullptr, 0, 0, 0)),
     MISUSE(12018, InternetOpenUrlA(Request(), "http://h.test/", nullptr, 0, 0, 0)),
@@ -88,6 +88,9 @@ Misuse const kMisuses[] = {
     MISUSE(6, Duplicate(kNoHandle)),
     MISUSE(6, CloseHandle(kNoHandle)),
     MISUSE(87, OpenToWrite()),
+    MISUSE(87, ReadFile(kNoHandle, &g_value, 1, &g_value, &g_value)),
+    MISUSE(6, GetFileSize(kNoHandle, nullptr) != INVALID_FILE_SIZE),
+    MISUSE(87, AfxRegisterWndClass(CS_DBLCLKS, nullptr, nullptr, nullptr)),
     MISUSE(6, ReadFile(kNoHandle, &g_value, 1, &g_value, nullptr)),
     MISUSE(87, _beginthreadex(nullptr, 0, nullptr, nullptr, 0, nullptr)),
     MISUSE(6, ResumeThread(kNoHandle) != 0xFFFFFFFF),

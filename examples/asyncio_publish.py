@@ -21,6 +21,7 @@ EXIT_CANCELLED = 130  # as after Ctrl-C
 
 def log_in(user: str, password: str) -> Skiffport.KHLoginData:
     """Returns the session. Blocks but releases the GIL, so it runs on a worker thread."""
+    loop.initialize_thread()
     session = Skiffport.KHLoginData(*PRODUCT)
     problem = explain_login(session, session.LoginKestrelhub(user, password))
     if problem:

@@ -34,7 +34,7 @@ def dropped_folder(event):
 class PublishWindow(QtWidgets.QDialog):
     """Enter publishes, Escape cancels, a folder can be dropped. All but ``_log_in`` runs on the window's thread."""
 
-    login_ended = Signal(object, object)  # the session and LoginKestrelhub's outcome
+    login_ended = Signal(object, object)  # the session, and why the login failed
 
     def __init__(self, folder=""):
         super().__init__()
@@ -153,6 +153,7 @@ class PublishWindow(QtWidgets.QDialog):
         threading.Thread(target=self._log_in, args=arguments, daemon=True).start()
 
     def _log_in(self, user, password):
+        loop.initialize_thread()
         session = Skiffport.KHLoginData(*PRODUCT)
         outcome = session.LoginKestrelhub(user, password)
         self.login_ended.emit(session, "" if outcome == 1 else explain_login(session, outcome))

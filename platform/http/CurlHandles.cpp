@@ -55,6 +55,9 @@ ThreadCleanUp const g_threadCleanUp;
 void InitializeCurl() {
   [[maybe_unused]] static bool const s_isReady = [] {
     OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr); // a thread may still send at exit
+    // OpenSSL would crash without its default context, which it does not try to create again once memory ran out.
+    if (!OSSL_LIB_CTX_get0_global_default())
+      throw std::bad_alloc();
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK)
       throw std::bad_alloc();
     return true;

@@ -73,8 +73,8 @@ def _end_with_parent() -> None:
 
 
 def _wait_for(child: int, deadline: float, lifted: mmap.mmap) -> int:
-    """Returns the child's wait status. Raises Failure if it has to kill the child. Passes signals on, except those of the
-    terminal, which the child gets too."""
+    """Returns the child's wait status. Raises Failure if it has to kill the child. Passes signals on, except those of
+    the terminal, which the child gets too."""
     while True:
         left = GRACE_SECONDS if lifted[0] else max(deadline - time.monotonic(), 0)
         info = signal.sigtimedwait(WAITED_FOR, left)

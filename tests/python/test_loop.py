@@ -31,9 +31,9 @@ def readable():
 def queue_events(publications):
     """Leaves an event of each publication waiting in the queue."""
     for publication in publications:
-        threads = os.listdir("/proc/self/task")
+        before = fixtures.threads()
         publication.start(PATHS)
-        fixtures.wait_until(lambda: len(os.listdir("/proc/self/task")) <= len(threads), "end of the upload's thread")
+        fixtures.wait_for_threads(before, "end of the upload's thread")
 
 
 class LoopCase(common.Case):

@@ -128,12 +128,12 @@ class LoginTest(common.NetworkCase):
         self.assertEqual(peer.received(), sent)
 
     def test_a_first_login_fails_but_keeps_what_was_read(self):
-        threads = len(os.listdir("/proc/self/task"))
+        before = fixtures.threads()
         with browser() as opened_pages:
             first = "<info><firstloginUrl>https://h/first</firstloginUrl>"
             self.network.reply(HOST, GOOD_LOGIN.replace("<info>", first))
             self.assertEqual((self.data.LoginKestrelhub("u", "p"), self.state()), (0, ("", "Mika", "vg", "2")))
             # The opener ends before its thread does.
-            fixtures.wait_until(lambda: len(os.listdir("/proc/self/task")) <= threads, "end of the opener's thread")
+            fixtures.wait_for_threads(before, "end of the opener's thread")
             self.assertIsNone(os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOHANG | os.WNOWAIT), "a zombie opener")
             self.assertEqual(opened_pages(), "https://h/first\n")

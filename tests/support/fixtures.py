@@ -1,8 +1,9 @@
 """What tests of all kinds need: a deadline, a poll and a small preset to publish. Needs the built tree on sys.path."""
 
+import os
 import pathlib
 import time
-from typing import Any, Mapping, Optional
+from typing import Any, Mapping, Optional, Set
 
 from skiffhost.presetfiles import FILES
 
@@ -20,6 +21,19 @@ def wait_until(condition: Any, what: str, seconds: float = DEADLINE_SECONDS) -> 
         if time.monotonic() > deadline:
             raise AssertionError(f"{what}: not within {seconds:.0f} seconds")
         time.sleep(0.01)
+
+
+def threads() -> Set[str]:
+    """Returns the identifiers of the process's threads."""
+    return set(os.listdir("/proc/self/task"))
+
+
+def wait_for_threads(before: Set[str], what: str) -> None:
+    """Waits until every thread has ended that is not among those of ``before``.
+
+    Their number would mislead: a thread of an earlier call may end in the meantime.
+    """
+    wait_until(lambda: before.issuperset(threads()), what)
 
 
 def write_preset(folder: pathlib.Path, sizes: Optional[Mapping[str, int]] = None) -> pathlib.Path:

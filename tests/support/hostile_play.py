@@ -83,7 +83,7 @@ class Player:
         self.small, self.large = ([str(each / f"{name}.bin") for name in FILES] for each in (small, large))
         self.peers = Peers()
         self.util = Skiffport.KHConnectUtil()
-        self.threads = len(os.listdir("/proc/self/task"))
+        self.threads = fixtures.threads()
         self.calls = {
             "l": self.login, "r": self.request, "s": lambda: self.request(443), "f": self.form, "u": self.upload,
             "U": lambda: self.upload(self.large), "e": lambda: self.session().GetEffectByGUID("g"), "v": self.video,
@@ -135,7 +135,7 @@ class Player:
     def page(self):
         with scripted.browser() as pages:
             result = self.login()
-            fixtures.wait_until(lambda: len(os.listdir("/proc/self/task")) <= self.threads, "end of the opener")
+            fixtures.wait_for_threads(self.threads, "end of the opener")
             return result, pages()
 
 

@@ -292,6 +292,7 @@ DWORD HttpTransfer::Write(void const *data, std::size_t size) {
     m_source[1] = bytes;
     if (!Flush())
       return Failure();
+    PaceSending(m_connection.Socket());
     WidenSendBuffer(m_connection.Socket());
   }
   m_connection.Sink().ReportCount(INTERNET_STATUS_REQUEST_SENT, size);

@@ -60,3 +60,8 @@ void WidenSendBuffer(int fd) {
   if (wanted > SendBufferSize(fd) / 2)
     SetSendBufferSize(fd, wanted);
 }
+
+void PaceSending(int fd) {
+  unsigned const noLimit = UINT_MAX - 1; // bytes per second; setting any but UINT_MAX turns pacing on
+  setsockopt(fd, SOL_SOCKET, SO_MAX_PACING_RATE, &noLimit, sizeof noLimit);
+}

@@ -1,4 +1,4 @@
-// The send buffer's size: it grows with the connection's rate, and the kernel may go on widening it.
+// The send buffer's size, which grows with the connection's rate and which the kernel may go on widening, and pacing.
 #include "platform/http/SendBuffer.h"
 
 #include <future>
@@ -49,7 +49,10 @@ TEST(SendBuffer, GrowsWithTheRateAndStaysTheKernels) {
   EXPECT_EQ(0, Option(client, kBufferLock));
   WidenSendBuffer(client);
   EXPECT_GE(Option(client, SO_SNDBUF), wide);
-  WidenSendBuffer(-1); // no connection: nothing happens
+  PaceSending(client);
+  EXPECT_EQ(-2, Option(client, SO_MAX_PACING_RATE)); // any but -1: pacing is on
+  WidenSendBuffer(-1);                               // no connection: nothing happens
+  PaceSending(-1);
   close(client);
   reader.get();
   close(listener);

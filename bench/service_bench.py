@@ -61,11 +61,12 @@ def fill_reply(part: Callable[[int], str]) -> str:
     return f"<r>{''.join(parts[:-1])}</r>"
 
 
-# What costs a parser most, with the number of the root's children, which is 0 if the parser hits a limit.
-WORST: list[tuple[str, Callable[[], str], int]] = [
+# What costs a parser most, with the number of the root's children, which is 0 if the parser hits a limit; None if that
+# depends on the version of expat.
+WORST: list[tuple[str, Callable[[], str], int | None]] = [
     ("100,000 attributes", lambda: "<r" + "".join(f" a{number}=''" for number in range(100_000)) + "/>", 0),
     ("500,000 names", lambda: f"<r>{''.join(f'<n{number}/>' for number in range(500_000))}</r>", 500_000),
-    ("8 MiB of names", lambda: fill_reply(lambda number: f"<n{number}/>"), 0),
+    ("8 MiB of names", lambda: fill_reply(lambda number: f"<n{number}/>"), None),
     ("8 MiB of elements", lambda: fill_reply(lambda number: "<a/>"), 2_097_148),
     ("8 MiB of open ones", lambda: fill_reply(lambda number: "<a>"), 0),
     ("100,000 categories", lambda: category_reply(0, 100_000), 100_000),
@@ -349,7 +350,7 @@ def report_worst(build: Path) -> bool:
             reply.write_text(make(), encoding="ascii")
             output = subprocess.run([program, reply], check=True, stdout=subprocess.PIPE).stdout
             cpu, growth, found = (float(figure) for figure in output.split())
-            if found != children:
+            if children is not None and found != children:
                 sys.exit(f"{what}: {found:.0f} children instead of {children}")
             held = cpu <= WORST_SECONDS and growth <= WORST_MIB
             holds &= held

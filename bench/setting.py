@@ -25,6 +25,7 @@ class Setting(NamedTuple):
     secure: int  # the peer's ports
     plain: int
     environment: dict[str, str]
+    peer: int  # the peer's process identifier
     prefix: Sequence[str] = ()  # of every client's command
 
     def run(self, command: Sequence[str], **variables: str) -> tuple[str, float, tuple[float, float]]:
@@ -52,6 +53,31 @@ def compile_program(folder: Path, name: str, *arguments: str) -> str:
     command = ["g++", "-std=c++20", "-O2", f"-I{BENCH.parent}", str(BENCH / f"{name}.cpp"), "-o", program, *arguments]
     subprocess.run(command, check=True)
     return program
+
+
+def move_threads(process: int, processors: Sequence[int]) -> None:
+    """Lets a process's threads, and those that they start, run on these processors only."""
+    for thread in os.listdir(f"/proc/{process}/task"):
+        os.sched_setaffinity(int(thread), processors)
+
+
+@contextlib.contextmanager
+def keep_apart(setting: Setting) -> Iterator[Setting]:
+    """Gives the peer a processor of its own for the duration of the block. Yields the setting for the clients.
+
+    A real peer takes no time from a client. Here the system may put it on the processor where the client has just woken
+    up from a pause, and leave it there while it has an idle one.
+    """
+    processors = sorted(os.sched_getaffinity(0))
+    *others, last = map(str, processors)
+    if not others:
+        yield setting
+        return
+    move_threads(setting.peer, [int(last)])
+    try:
+        yield setting._replace(prefix=["taskset", "--cpu-list", ",".join(others), *setting.prefix])
+    finally:
+        move_threads(setting.peer, processors)
 
 
 def warn_if_busy() -> None:
@@ -94,7 +120,7 @@ def prepare(
                 SKIFFPORT_CONNECT_TO=",".join(rules),
                 SSL_CERT_FILE=str(folder / "root.pem"),
             )
-            yield Setting(folder, address, secure, plain, environment, client)
+            yield Setting(folder, address, secure, plain, environment, peer.pid, client)
         finally:
             peer.stdin.close()
             peer.wait()

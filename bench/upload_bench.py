@@ -13,7 +13,7 @@ from pathlib import Path
 from statistics import median
 from typing import Any, NamedTuple
 
-from setting import BENCH, HOSTS, Setting, compile_program, prepare, warn_if_busy
+from setting import BENCH, HOSTS, Setting, compile_program, keep_apart, prepare, warn_if_busy
 
 SYSTEM_ROOTS = Path("/etc/ssl/certs/ca-certificates.crt")
 KIB, MIB, GIB = 1 << 10, 1 << 20, 1 << 30
@@ -58,7 +58,7 @@ def count_chunks(size: int) -> int:
 
 SMALL = FileSet("small preset", 5, SMALL_SIZES)
 MEDIUM = FileSet("10 MiB + twelve", 5, [10 * MIB, *SMALL_SIZES[1:]])
-LARGE = FileSet("1 GiB + twelve", 5, [GIB, *SMALL_SIZES[1:]])
+LARGE = FileSet("1 GiB + twelve", 7, [GIB, *SMALL_SIZES[1:]])
 
 
 def make_files(setting: Setting, files: FileSet) -> list[str]:
@@ -103,9 +103,10 @@ def measure_uploads(setting: Setting, files: FileSet, quick: bool) -> dict[str, 
     """Returns the medians of both clients for one set of files, and prints a line about them."""
     paths = make_files(setting, files)
     runs: dict[str, list[dict[str, Any]]] = {"module": [], "curl": []}
-    for _ in range(1 if quick else files.rounds):
-        runs["module"].append(run_module(setting, paths))
-        runs["curl"].append(run_curl(setting, paths))
+    with keep_apart(setting) as apart:
+        for _ in range(1 if quick else files.rounds):
+            runs["module"].append(run_module(apart, paths))
+            runs["curl"].append(run_curl(apart, paths))
     result = {who: {key: median(run[key] for run in made) for key in made[0]} for who, made in runs.items()}
     module, curl = result["module"], result["curl"]
     print(

@@ -175,11 +175,12 @@ def measure_trace(setting: Setting, build: Path) -> float:
 def report_processor(uploads: dict[str, dict[str, dict[str, float]]]) -> None:
     """Prints where the largest upload's CPU time goes, with the interpreter's start and the imports and without."""
     module, curl = (uploads[LARGE.name][who] for who in ("module", "curl"))
+    reference = curl["user"] + curl["system"]
     print("\nCPU of 1 GiB, s       user  system     all  to curl")
     for name, run in (("module's process", module), ("curl's process", curl)):
         both = run["user"] + run["system"]
-        print(f"{name:18} {run['user']:7.3f} {run['system']:7.3f} {both:7.3f} {both / (curl['cpu']):8.2f}")
-    print(f"{'the upload alone':18} {'':15} {module['cpu']:7.3f} {module['cpu'] / curl['cpu']:8.2f}")
+        print(f"{name:18} {run['user']:7.3f} {run['system']:7.3f} {both:7.3f} {both / reference:8.2f}")
+    print(f"{'the upload alone':18} {'':15} {module['cpu']:7.3f} {module['cpu'] / reference:8.2f}")
 
 
 def report_targets(

@@ -53,7 +53,8 @@ def explain_login(session: Any, result: int) -> str:
         reason = NETWORK_ERRORS.get(result, "the exchange failed")
         return f"no answer to the login: {reason} (error {result})"
     if session.m_bServerReachable:
-        return "the service did not accept the login"
+        return ("the service did not accept the login, or its reply could not be read; "
+                "a member's first login is completed on the page that the browser shows")
     address = session.m_szChkServerUrl  # what was probed last
     if not address:
         return "no login: the user name or the password is missing"

@@ -16,8 +16,8 @@ from typing import List, Optional
 from . import __version__
 from .commands import GROUPS
 from .commands.options import DEFAULTS, add_common_options
-from .outcome import (EXIT_CANCELLED, EXIT_CODES, EXIT_OK, EXIT_USAGE, Failure, open_standard_streams, print_failure,
-                      print_lines, print_result)
+from .outcome import (EXIT_CANCELLED, EXIT_CODES, EXIT_OK, EXIT_USAGE, Failure, discard_unwritten, open_standard_streams,
+                      print_failure, print_lines, print_result)
 from .parser import Information, Parser
 from .timelimit import lift_limit, run_limited
 
@@ -58,6 +58,7 @@ def main(argv: Optional[List[str]] = None) -> int:
     except KeyboardInterrupt:
         return print_failure(Failure(EXIT_CANCELLED, "cancelled"), as_json)
     finally:
+        discard_unwritten()
         if signal.getsignal(signal.SIGINT) == signal.default_int_handler:
             signal.signal(signal.SIGINT, signal.SIG_DFL)  # nothing is left that a Ctrl-C would have to clean up
 

@@ -53,6 +53,17 @@ def open_standard_streams() -> None:
         stream.reconfigure(errors="backslashreplace")  # type: ignore[attr-defined]
 
 
+def discard_unwritten() -> None:
+    """Drops what the standard streams hold and cannot write: the interpreter would try again at its exit, complain, and
+    end with a code of its own."""
+    for stream in (sys.stdout, sys.stderr):
+        try:
+            stream.flush()
+        except OSError:
+            with open(os.devnull, "w", encoding="utf-8") as nowhere:
+                os.dup2(nowhere.fileno(), stream.fileno())
+
+
 def printable(text: str) -> str:
     """Returns the text without anything that could control a terminal."""
     return "".join("?" if unicodedata.category(character) in ("Cc", "Cs") else character for character in text)

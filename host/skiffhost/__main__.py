@@ -16,8 +16,8 @@ from typing import List, Optional
 from . import __version__
 from .commands import GROUPS
 from .commands.options import DEFAULTS, add_common_options
-from .outcome import (EXIT_CANCELLED, EXIT_CODES, EXIT_OK, EXIT_USAGE, Failure, discard_unwritten, open_standard_streams,
-                      print_failure, print_lines, print_result)
+from .outcome import (EXIT_CANCELLED, EXIT_CODES, EXIT_OK, EXIT_USAGE, Failure, discard_unwritten,
+                      open_standard_streams, print_failure, print_lines, print_result)
 from .parser import Information, Parser
 from .timelimit import lift_limit, run_limited
 

@@ -1,4 +1,4 @@
-"""What tests of all kinds need: a deadline, a poll and a small preset to publish. Needs the built tree on sys.path."""
+"""What tests of all kinds need: a deadline, waits and a small preset to publish. Needs the built tree on sys.path."""
 
 import os
 import pathlib

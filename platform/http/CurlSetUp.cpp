@@ -131,5 +131,5 @@ void SetUpCurl(CURL *easy, HttpRequest const &request, RequestBody const &body, 
     return;
   SetCurlOption(easy, CURLOPT_POST, 1L);
   SetCurlOption(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.length));
-  SetCurlOption(easy, CURLOPT_POSTFIELDS, body.bytes); // null: the read callback supplies it
+  SetCurlOption(easy, CURLOPT_COPYPOSTFIELDS, body.bytes); // an early reply may end the call before it is out
 }

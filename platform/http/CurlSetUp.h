@@ -12,7 +12,7 @@
 
 struct RequestBody {
   std::uint64_t length = 0;
-  char const *bytes = nullptr; ///< borrowed until the transfer is over; null if libcurl is to ask for them
+  char const *bytes = nullptr; ///< borrowed; null if libcurl is to ask for them
 };
 
 /// What the easy handle points to; must outlive it.

@@ -40,10 +40,14 @@ ForkGuards &Guards() {
 
 // The list's own mutex is locked last: whoever holds one of the others may be about to register the next.
 // Before all of them come the threads in a NoForkScope, which may need the others to leave it.
-void LockAll() {
+void LockRoom() {
   Room().door.lock();
   while (Room().inside > (t_depth > 0 ? 1 : 0))
     SleepMilliseconds(kLeaveInterval);
+}
+
+void LockAll() {
+  LockRoom();
   ForkGuards &guards = Guards();
   guards.mutex.lock();
   for (std::size_t index = 0; index < guards.held.size(); ++index) {
@@ -103,6 +107,11 @@ NoForkScope::NoForkScope() {
 NoForkScope::~NoForkScope() {
   if (--t_depth == 0)
     --Room().inside;
+}
+
+void LockOthersOut() {
+  LockRoom();
+  ++t_depth;
 }
 
 pid_t CurrentProcess() {

@@ -28,5 +28,9 @@ public:
   ~NoForkScope();
 };
 
+/// Keeps every other thread out of a NoForkScope from now on. For the end of the process, at which libraries free what
+/// threads that still run would use.
+void LockOthersOut();
+
 /// The id of the calling process, cached: cheap enough to ask for in every call.
 pid_t CurrentProcess();

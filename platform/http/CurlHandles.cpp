@@ -4,6 +4,7 @@
 #include "platform/base/Fork.h"
 
 #include <array>
+#include <cstdlib>
 #include <mutex>
 #include <new>
 #include <utility>
@@ -60,6 +61,7 @@ void InitializeCurl() {
       throw std::bad_alloc();
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK)
       throw std::bad_alloc();
+    std::atexit(LockOthersOut); // runs before OpenSSL's, if the program has used OpenSSL already
     return true;
   }();
 }

@@ -2,6 +2,8 @@
 #include "platform/http/HostName.h"
 
 #include "platform/http/HttpText.h"
+#include "platform/text/AnsiText.h"
+#include "platform/text/Utf8.h"
 
 #include <algorithm>
 #include <memory>
@@ -20,9 +22,10 @@ bool IsHost(std::string_view text) { return !text.empty() && text.find_first_of(
 /// The ASCII form (RFC 5891, mapped as UTS 46 says); empty if there is none. May throw std::bad_alloc.
 std::string AsciiForm(std::string const &host) {
   char *text = nullptr;
-  int result = idn2_lookup_ul(host.c_str(), &text, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL);
+  std::string const utf8 = Utf8FromWide(WideFromAnsi(host)); // libidn2 would not take the plain C locale for UTF-8
+  int result = idn2_to_ascii_8z(utf8.c_str(), &text, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL);
   if (result != IDN2_OK && result != IDN2_MALLOC)
-    result = idn2_lookup_ul(host.c_str(), &text, IDN2_TRANSITIONAL); // as libcurl does
+    result = idn2_to_ascii_8z(utf8.c_str(), &text, IDN2_TRANSITIONAL); // as libcurl does
   std::unique_ptr<char, decltype(&idn2_free)> const owner(text, idn2_free);
   if (result == IDN2_MALLOC)
     throw std::bad_alloc();

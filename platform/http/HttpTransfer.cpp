@@ -132,7 +132,7 @@ void HttpTransfer::ShutDownSending() {
 
 /// Drives the transfer until `ready()`. Returns: false if it was ended, or ended by itself, before that.
 template <class Ready> bool HttpTransfer::PumpUntil(Wait wait, Ready ready) {
-  WaitLimits limits(wait, m_limits, wait == Wait::Receive ? MeasureProgress() : Progress(), m_replyWait);
+  WaitLimits limits(wait, m_limits, wait == Wait::Receive ? MeasureProgress() : Progress(), m_replyWait, m_isStreamed);
   for (;;) {
     Perform();
     if (m_error == ERROR_INTERNET_OPERATION_CANCELLED)

@@ -23,8 +23,8 @@ void AddSocketProgress(int fd, Progress &progress) {
   }
 }
 
-WaitLimits::WaitLimits(Kind kind, TimeLimits const &limits, Progress const &progress, std::uint64_t &replyWait)
-    : m_isReceiving(kind == Kind::Receive), m_limits(limits), m_replyWait(replyWait), m_begin(SteadyMilliseconds()),
+WaitLimits::WaitLimits(Kind kind, TimeLimits const &limits, Progress const &progress, std::uint64_t &replyWait, bool isStreamed)
+    : m_isReceiving(kind == Kind::Receive), m_isStreamed(isStreamed), m_limits(limits), m_replyWait(replyWait), m_begin(SteadyMilliseconds()),
       m_moved(m_begin), m_ackLimit(progress.acked + progress.unacked), m_progress(progress) {}
 
 WaitLimits::~WaitLimits() {
@@ -44,7 +44,7 @@ std::uint64_t WaitLimits::Left(Progress progress, bool isConnecting) {
   bool const isSending = progress.handed != m_progress.handed || progress.acked != m_progress.acked;
   if (isSending || (m_isReceiving && progress.received != m_progress.received))
     m_moved = now;
-  if (m_isReceiving && isSending)
+  if (m_isReceiving && m_isStreamed && isSending)
     m_begin = now; // what the system had buffered of the request still goes out
   m_progress = progress;
   auto const left = [now](std::uint64_t since, std::uint64_t limit) { return limit - std::min(now - since, limit); };

@@ -25,7 +25,7 @@ public:
 
   /// `replyWait` counts the ms that a transfer's calls have waited for the reply; a Receive wait is added when it ends.
   /// A Send wait needs no progress to begin with, since most sends end before the first look.
-  WaitLimits(Kind kind, TimeLimits const &limits, Progress const &progress, std::uint64_t &replyWait);
+  WaitLimits(Kind kind, TimeLimits const &limits, Progress const &progress, std::uint64_t &replyWait, bool isStreamed);
   ~WaitLimits();
   WaitLimits(WaitLimits const &) = delete;
   WaitLimits &operator=(WaitLimits const &) = delete;
@@ -35,6 +35,7 @@ public:
 
 private:
   bool const m_isReceiving;
+  bool const m_isStreamed; ///< what the system has buffered of the body may take longer than a reply
   TimeLimits const m_limits;
   std::uint64_t &m_replyWait;
   std::uint64_t m_begin;

@@ -7,7 +7,6 @@
 #include "platform/base/Seam.h"
 #include "platform/http/CurlCallbacks.h"
 #include "platform/http/SendBuffer.h"
-#include "platform/http/TrustStore.h"
 #include "platform/text/Utf8.h"
 
 #include <algorithm>
@@ -53,7 +52,7 @@ CURLcode HttpTransfer::SetUpTls(void *context) {
   SSL_CTX_set_options(tls, SSL_OP_IGNORE_UNEXPECTED_EOF); // an end without TLS's own counts, as without TLS
   if (m_ignoresDate)
     X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(tls), X509_V_FLAG_NO_CHECK_TIME);
-  return UseTrustStore(tls) ? CURLE_OK : CURLE_OUT_OF_MEMORY;
+  return CURLE_OK;
 }
 
 void HttpTransfer::StartRequest() {
@@ -157,8 +156,6 @@ template <class Ready> bool HttpTransfer::PumpUntil(Wait wait, Ready ready) {
 }
 
 void HttpTransfer::Finish(CURLcode code) {
-  if (code == CURLE_SSL_CONNECT_ERROR || code == CURLE_PEER_FAILED_VERIFICATION)
-    ForgetTrustStore();
   m_isFinished = true;
   if (m_error != ERROR_SUCCESS) // a callback has said why
     return;

@@ -3,8 +3,6 @@
 
 #include "platform/base/Types.h"
 
-#include <chrono>
-
 /// Milliseconds of a steady clock, modulo 2^32. Cannot fail.
 SKIFFPORT_PLATFORM_API DWORD GetTickCount();
 
@@ -15,6 +13,3 @@ SKIFFPORT_PLATFORM_API void Sleep(DWORD dwMilliseconds);
 
 /// Milliseconds of the system's steady clock.
 std::uint64_t SystemMilliseconds();
-/// Sleeps until the deadline. The kernel, which delays a thread's timers by 50 µs to join them, is asked not to: that
-/// would add up over many sleeps.
-void SleepUntil(std::chrono::steady_clock::time_point deadline);

@@ -42,5 +42,5 @@ void SleepMilliseconds(DWORD ms) {
   else if (ms == 0)
     std::this_thread::yield();
   else
-    SleepUntil(std::chrono::steady_clock::now() + std::chrono::milliseconds(ms));
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }

@@ -14,8 +14,8 @@ HandleTable<HandleEntry> &Table() {
 
 } // namespace
 
-HandleEntry::HandleEntry(HandleKind kindOfEntry, std::shared_ptr<HandleEntry> parentOfEntry)
-    : kind(kindOfEntry), process(CurrentProcess()), parent(std::move(parentOfEntry)) {}
+HandleEntry::HandleEntry(std::shared_ptr<HandleEntry> parentOfEntry)
+    : process(CurrentProcess()), parent(std::move(parentOfEntry)) {}
 
 DWORD AddHandle(std::shared_ptr<HandleEntry> const &entry, HINTERNET &handle) {
   if (!entry->parent) {

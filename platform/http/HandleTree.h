@@ -14,16 +14,13 @@
 
 #include <sys/types.h>
 
-enum class HandleKind { Session, Connection, Request };
-
 /// What a handle stands for. Parents outlive their children, and close them.
 struct HandleEntry {
-  HandleEntry(HandleKind kindOfEntry, std::shared_ptr<HandleEntry> parentOfEntry);
+  explicit HandleEntry(std::shared_ptr<HandleEntry> parentOfEntry);
   virtual ~HandleEntry() = default;
   /// Ends the call that runs on the entry, and all later ones.
   virtual void Abort() {}
 
-  HandleKind const kind;
   pid_t const process;
   std::shared_ptr<HandleEntry> const parent;
 
@@ -38,25 +35,22 @@ struct SessionSettings {
 };
 
 struct SessionEntry : HandleEntry {
-  static constexpr HandleKind kKind = HandleKind::Session;
-  explicit SessionEntry(std::string agentName) : HandleEntry(kKind, nullptr), agent(std::move(agentName)) {}
+  explicit SessionEntry(std::string agentName) : HandleEntry(nullptr), agent(std::move(agentName)) {}
 
   std::string const agent;
   SessionSettings settings;
 };
 
 struct ConnectionEntry : HandleEntry {
-  static constexpr HandleKind kKind = HandleKind::Connection;
   ConnectionEntry(std::shared_ptr<SessionEntry> session, std::string hostName, INTERNET_PORT portNumber)
-      : HandleEntry(kKind, std::move(session)), host(std::move(hostName)), port(portNumber) {}
+      : HandleEntry(std::move(session)), host(std::move(hostName)), port(portNumber) {}
 
   std::string const host;
   INTERNET_PORT const port;
 };
 
 struct RequestEntry : HandleEntry {
-  static constexpr HandleKind kKind = HandleKind::Request;
-  explicit RequestEntry(std::shared_ptr<HandleEntry> parentOfEntry) : HandleEntry(kKind, std::move(parentOfEntry)) {}
+  explicit RequestEntry(std::shared_ptr<HandleEntry> parentOfEntry) : HandleEntry(std::move(parentOfEntry)) {}
   void Abort() override { transfer.Abort(); }
 
   std::atomic<bool> isBusy = false; ///< a call runs; only that call uses what follows

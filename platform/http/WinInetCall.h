@@ -4,7 +4,6 @@
 
 #include "platform/base/Fail.h"
 #include "platform/base/Seam.h"
-#include "platform/base/ThreadEnd.h"
 #include "platform/http/HandleTree.h"
 #include "platform/http/WinInet.h"
 
@@ -20,8 +19,6 @@ template <class Work> BOOL RunCall(Work work) {
   DWORD error = ERROR_NOT_ENOUGH_MEMORY;
   try {
     error = work();
-  } catch (ThreadEnd const &) { // the thread is being ended inside a status callback
-    throw;
   } catch (...) {
     // memory is all that can fail by exception here
   }
@@ -33,13 +30,9 @@ template <class Work> BOOL RunCall(FaultPoint point, Work work) { return !FaultA
 
 /// Finds the entry of a handle. Returns: an error number.
 template <class Entry> DWORD FindEntry(HINTERNET handle, std::shared_ptr<Entry> &found) {
-  std::shared_ptr<HandleEntry> entry = FindHandle(handle);
-  if (!entry)
-    return ERROR_INVALID_HANDLE;
-  if (entry->kind != Entry::kKind)
-    return ERROR_INTERNET_INCORRECT_HANDLE_TYPE;
-  found = std::static_pointer_cast<Entry>(std::move(entry));
-  return ERROR_SUCCESS;
+  std::shared_ptr<HandleEntry> const entry = FindHandle(handle);
+  found = std::dynamic_pointer_cast<Entry>(entry);
+  return found ? ERROR_SUCCESS : entry ? ERROR_INTERNET_INCORRECT_HANDLE_TYPE : ERROR_INVALID_HANDLE;
 }
 
 /// Runs work on a request, unless another call runs on it: from a second thread, or around a status callback.

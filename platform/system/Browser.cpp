@@ -1,5 +1,5 @@
-// The user's browser, by xdg-open. A new thread starts the opener and reaps it, so that no zombie is left and it does
-// not matter how the host handles its children. Called from any thread. Knows nothing of which pages are opened.
+// The user's browser, by xdg-open. A new thread reaps the opener, so that no zombie is left, however the host handles
+// its children. Called from any thread. Knows nothing of which pages are opened.
 #include "platform/system/Browser.h"
 
 #include "platform/base/Fail.h"
@@ -8,8 +8,6 @@
 
 #include <cerrno>
 #include <cwchar>
-#include <future>
-#include <memory>
 #include <new>
 
 #include <csignal>
@@ -49,30 +47,23 @@ public:
   posix_spawnattr_t attributes;
 };
 
-/// Starts the opener, reports 0 or the errno value, and waits until it has ended.
-void RunOpener(std::string &address, std::promise<int> &started) {
-  char opener[] = "xdg-open";
-  char *const arguments[] = {opener, address.data(), nullptr};
-  pid_t child = 0;
-  SpawnSettings const settings;
-  int const error = posix_spawnp(&child, opener, &settings.actions, &settings.attributes, arguments, environ);
-  started.set_value(error);
-  while (error == 0 && waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
-  }
-}
-
 /// The error number is the result, too.
 std::uintptr_t Failed(DWORD error) { return Fail(error, std::uintptr_t{error}); }
 
 std::uintptr_t Open(std::wstring_view address) try {
-  auto const started = std::make_shared<std::promise<int>>();
-  std::future<int> result = started->get_future();
-  if (!StartDetached([started, bytes = Utf8FromWide(address)]() mutable { RunOpener(bytes, *started); }))
-    return Failed(ERROR_NOT_ENOUGH_MEMORY);
-  int const error = result.get();
-  if (error == 0)
-    return kOpened;
-  return Failed(error == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED);
+  char opener[] = "xdg-open";
+  std::string bytes = Utf8FromWide(address);
+  char *const arguments[] = {opener, bytes.data(), nullptr};
+  pid_t child = 0;
+  SpawnSettings const settings;
+  int const error = posix_spawnp(&child, opener, &settings.actions, &settings.attributes, arguments, environ);
+  if (error != 0)
+    return Failed(error == ENOENT ? ERROR_FILE_NOT_FOUND : ERROR_ACCESS_DENIED);
+  StartDetached([child] { // reaps it; where no thread can be had, it stays a zombie until the host ends
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  });
+  return kOpened;
 } catch (std::bad_alloc const &) {
   return Failed(ERROR_NOT_ENOUGH_MEMORY);
 }

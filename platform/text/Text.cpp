@@ -11,7 +11,6 @@
 #include <limits>
 #include <new>
 #include <string_view>
-#include <utility>
 
 namespace {
 
@@ -30,10 +29,6 @@ public:
     for (std::size_t index = 0; index < text.size() && !m_isCut; ++index)
       Put(text[index]);
   }
-  void Repeat(WCHAR unit, long long times) {
-    for (; times > 0 && !m_isCut; --times)
-      Put(unit);
-  }
   int Finish() {
     m_text[m_length] = 0;
     return m_isCut || m_length > static_cast<std::size_t>(std::numeric_limits<int>::max()) ? -1
@@ -47,180 +42,42 @@ private:
   bool m_isCut = false;
 };
 
-enum class Size { plain, half, wide, widest };
-
-/// One conversion of a format, from its "%" to its type.
-struct Conversion {
-  bool isLeft = false;
-  bool hasPlus = false;
-  bool hasBlank = false;
-  bool hasZeros = false;
-  bool hasPrefix = false;
-  int width = 0;
-  int precision = -1; // negative: none
-  Size size = Size::plain;
-  WCHAR type = 0;
-};
-
 /// The arguments in a struct: a va_list can't portably be passed by reference.
 struct Arguments {
   va_list list;
 };
 
-int ReadNumber(WCHAR const *&next, Arguments &arguments) {
-  if (*next == L'*') {
-    ++next;
-    return va_arg(arguments.list, int);
-  }
-  int value = 0;
-  for (; *next >= L'0' && *next <= L'9'; ++next)
-    value = value < 100000 ? value * 10 + (*next - L'0') : value;
-  return value;
+template <class Number> void PutNumber(BoundedText &out, Number number, int base) {
+  char digits[16];
+  char *const end = std::to_chars(digits, digits + sizeof digits, number, base).ptr;
+  for (char const *next = digits; next != end; ++next)
+    out.Put(static_cast<WCHAR>(*next));
 }
 
-bool ReadFlag(WCHAR unit, Conversion &conversion) {
-  struct Flag {
-    WCHAR unit;
-    bool Conversion::*member;
-  };
-  static constexpr Flag kFlags[] = {{L'-', &Conversion::isLeft},
-                                    {L'+', &Conversion::hasPlus},
-                                    {L' ', &Conversion::hasBlank},
-                                    {L'0', &Conversion::hasZeros},
-                                    {L'#', &Conversion::hasPrefix}};
-  for (Flag const &flag : kFlags)
-    if (flag.unit == unit) {
-      conversion.*flag.member = true;
-      return true;
-    }
-  return false;
-}
-
-/// Reads what follows the '%'; `next` then points after the type's letter, or at the end of the format, with type 0.
-Conversion ReadConversion(WCHAR const *&next, Arguments &arguments) {
-  Conversion conversion;
-  while (ReadFlag(*next, conversion))
-    ++next;
-  conversion.width = ReadNumber(next, arguments);
-  if (conversion.width < 0) {
-    conversion.isLeft = true;
-    conversion.width = conversion.width == std::numeric_limits<int>::min() ? 0 : -conversion.width;
-  }
-  if (*next == L'.') {
-    ++next;
-    conversion.precision = ReadNumber(next, arguments);
-  }
-  for (; *next == L'h' || *next == L'l'; ++next)
-    if (*next == L'h')
-      conversion.size = Size::half;
-    else
-      conversion.size = conversion.size == Size::wide ? Size::widest : Size::wide; // "ll" or "l"
-  if (*next)
-    conversion.type = *next++;
-  return conversion;
-}
-
-void PutPadded(BoundedText &out, Conversion const &conversion, std::wstring_view text) {
-  if (conversion.precision >= 0)
-    text = text.substr(0, static_cast<std::size_t>(conversion.precision));
-  long long const padding = conversion.width - static_cast<long long>(text.size());
-  out.Repeat(L' ', conversion.isLeft ? 0 : padding);
-  out.Put(text);
-  out.Repeat(L' ', conversion.isLeft ? padding : 0);
-}
-
-void PutString(BoundedText &out, Conversion const &conversion, Arguments &arguments) {
-  bool const isNarrow = conversion.size == Size::half || (conversion.type == L'S' && conversion.size == Size::plain);
-  if (isNarrow) {
-    char const *const narrow = va_arg(arguments.list, char const *);
-    PutPadded(out, conversion, WideFromAnsi(narrow ? narrow : "(null)"));
-  } else {
+/// Writes the argument of one conversion, by its letter; any other letter, as in "%%", prints itself.
+void PutConversion(BoundedText &out, WCHAR type, Arguments &arguments) {
+  if (type == L's') {
     WCHAR const *const wide = va_arg(arguments.list, WCHAR const *);
-    std::size_t const limit =
-        conversion.precision < 0 ? std::wstring_view::npos : static_cast<std::size_t>(conversion.precision);
-    PutPadded(out, conversion, wide ? std::wstring_view(wide, wcsnlen(wide, limit)) : L"(null)");
+    out.Put(wide ? wide : L"(null)");
+  } else if (type == L'S') {
+    char const *const narrow = va_arg(arguments.list, char const *);
+    out.Put(WideFromAnsi(narrow ? narrow : "(null)"));
+  } else if (type == L'd') {
+    PutNumber(out, va_arg(arguments.list, int), 10);
+  } else if (type == L'u' || type == L'x') {
+    PutNumber(out, va_arg(arguments.list, unsigned), type == L'u' ? 10 : 16);
+  } else if (type) {
+    out.Put(type);
   }
 }
 
-long long SignedArgument(Size size, Arguments &arguments) {
-  if (size == Size::widest)
-    return va_arg(arguments.list, long long);
-  if (size == Size::wide)
-    return va_arg(arguments.list, long);
-  int const value = va_arg(arguments.list, int);
-  return size == Size::half ? static_cast<short>(value) : value;
-}
-
-unsigned long long UnsignedArgument(Size size, Arguments &arguments) {
-  if (size == Size::widest)
-    return va_arg(arguments.list, unsigned long long);
-  if (size == Size::wide)
-    return va_arg(arguments.list, unsigned long);
-  unsigned const value = va_arg(arguments.list, unsigned);
-  return size == Size::half ? static_cast<unsigned short>(value) : value;
-}
-
-void PutInteger(BoundedText &out, Conversion const &conversion, Arguments &arguments) {
-  bool const isSigned = conversion.type == L'd' || conversion.type == L'i';
-  bool const isHex = conversion.type == L'x' || conversion.type == L'X';
-  unsigned long long magnitude;
-  std::wstring_view prefix;
-  if (isSigned) {
-    long long const value = SignedArgument(conversion.size, arguments);
-    magnitude = value < 0 ? 0 - static_cast<unsigned long long>(value) : static_cast<unsigned long long>(value);
-    prefix = value < 0 ? L"-" : conversion.hasPlus ? L"+" : conversion.hasBlank ? L" " : L"";
-  } else {
-    magnitude = UnsignedArgument(conversion.size, arguments);
-    if (isHex && conversion.hasPrefix && magnitude != 0)
-      prefix = conversion.type == L'x' ? L"0x" : L"0X";
-  }
-  char digits[32];
-  char *const end = std::to_chars(digits, digits + sizeof digits, magnitude, isHex ? 16 : 10).ptr;
-  long long const digitCount = conversion.precision == 0 && magnitude == 0 ? 0 : end - digits;
-  long long zeros = conversion.precision > digitCount ? conversion.precision - digitCount : 0;
-  long long padding = conversion.width - digitCount - zeros - static_cast<long long>(prefix.size());
-  if (conversion.hasZeros && !conversion.isLeft && conversion.precision < 0 && padding > 0)
-    zeros += std::exchange(padding, 0);
-  out.Repeat(L' ', conversion.isLeft ? 0 : padding);
-  out.Put(prefix);
-  out.Repeat(L'0', zeros);
-  for (char const *next = digits; next != digits + digitCount; ++next)
-    out.Put(static_cast<WCHAR>(conversion.type == L'X' && *next >= 'a' ? *next - 'a' + 'A' : *next));
-  out.Repeat(L' ', conversion.isLeft ? padding : 0);
-}
-
-void PutConversion(BoundedText &out, Conversion conversion, Arguments &arguments) {
-  switch (conversion.type) {
-  case L's':
-  case L'S':
-    return PutString(out, conversion, arguments);
-  case L'd':
-  case L'i':
-  case L'u':
-  case L'x':
-  case L'X':
-    return PutInteger(out, conversion, arguments);
-  case L'c': {
-    WCHAR const unit = static_cast<WCHAR>(va_arg(arguments.list, int));
-    conversion.precision = -1;
-    return PutPadded(out, conversion, {&unit, 1});
-  }
-  case 0:
-    return;
-  default: // "%%"; any other letter prints itself, too
-    return out.Put(conversion.type);
-  }
-}
-
-void Walk(BoundedText &out, WCHAR const *format, Arguments &arguments) {
-  for (WCHAR const *next = format; *next;) {
-    if (*next != L'%') {
-      out.Put(*next++);
-      continue;
-    }
-    ++next;
-    Conversion const conversion = ReadConversion(next, arguments);
-    PutConversion(out, conversion, arguments);
+void Walk(BoundedText &out, WCHAR const *next, Arguments &arguments) {
+  while (*next) {
+    WCHAR const unit = *next++;
+    if (unit == L'%')
+      PutConversion(out, *next ? *next++ : L'\0', arguments);
+    else
+      out.Put(unit);
   }
 }
 

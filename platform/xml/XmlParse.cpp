@@ -118,7 +118,7 @@ public:
   bool IsOutOfMemory() const { return m_isOutOfMemory; }
   std::size_t Events() const { return m_events; }
   std::shared_ptr<XmlTree const> Finish() {
-    m_tree->At(XmlTree::kDocument).end = m_tree->m_count;
+    m_tree->At(XmlTree::kDocument).end = m_tree->Count();
     return std::move(m_tree);
   }
 
@@ -155,7 +155,7 @@ private:
   void EndElement() {
     CloseText();
     XmlTree::Node &element = m_tree->At(m_element);
-    element.end = m_tree->m_count;
+    element.end = m_tree->Count();
     m_element = element.parent;
   }
 

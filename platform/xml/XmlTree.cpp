@@ -21,11 +21,8 @@ XmlTree::XmlTree() {
 }
 
 XmlTree::Index XmlTree::Append(DOMNodeType type, Index parent) {
-  if (m_count % kBlockSize == 0)
-    m_blocks.push_back(std::make_unique_for_overwrite<Node[]>(kBlockSize));
-  Index const node = m_count++;
-  At(node) = {0, parent, m_count, type, false, false, false};
-  return node;
+  m_nodes.push_back({0, parent, Count() + 1, type, false, false, false});
+  return Count() - 1;
 }
 
 std::string_view XmlTree::Name(Index node) const {
@@ -85,15 +82,15 @@ std::string_view XmlTree::GatherText(Index node, std::string &store) const {
 }
 
 XmlTree::Index XmlTree::SkipHidden(Index node, Index parent) const {
-  if (node < m_count && At(node).isHidden)
+  if (node < Count() && At(node).isHidden)
     node = At(node).end; // never two in a row
-  return node < m_count && At(node).parent == parent ? node : kNone;
+  return node < Count() && At(node).parent == parent ? node : kNone;
 }
 
 XmlTree::Index XmlTree::FirstChild(Index node) const {
   Index child = node + 1;
   if (Type(node) == NODE_ELEMENT)
-    while (child < m_count && Type(child) == NODE_ATTRIBUTE)
+    while (child < Count() && Type(child) == NODE_ATTRIBUTE)
       ++child;
   return SkipHidden(child, node);
 }
@@ -103,7 +100,7 @@ XmlTree::Index XmlTree::NextSibling(Index node) const {
 }
 
 XmlTree::Index XmlTree::FindAttribute(Index element, std::string const &name) const {
-  for (Index node = element + 1; node < m_count && Type(node) == NODE_ATTRIBUTE; ++node)
+  for (Index node = element + 1; node < Count() && Type(node) == NODE_ATTRIBUTE; ++node)
     if (HasName(node, name))
       return node;
   return kNone;

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -56,11 +57,10 @@ private:
     bool isHidden;    // white space that is not a child
   };
   static_assert(sizeof(Node) == 16, "a tree takes this for each node");
-  static constexpr unsigned kBlockShift = 8;
-  static constexpr Index kBlockSize = Index{1} << kBlockShift; // nodes
 
-  Node const &At(Index node) const { return m_blocks[node >> kBlockShift][node & (kBlockSize - 1)]; }
-  Node &At(Index node) { return m_blocks[node >> kBlockShift][node & (kBlockSize - 1)]; }
+  Index Count() const { return static_cast<Index>(m_nodes.size()); }
+  Node const &At(Index node) const { return m_nodes[node]; }
+  Node &At(Index node) { return m_nodes[node]; }
   /// Appends a node without descendants and text.
   Index Append(DOMNodeType type, Index parent);
   std::string_view TextAt(std::size_t text) const { return m_texts.get() + text; }
@@ -70,7 +70,6 @@ private:
   Index SkipHidden(Index node, Index parent) const;
   std::string_view GatherText(Index node, std::string &store) const;
 
-  std::vector<std::unique_ptr<Node[]>> m_blocks; // a block never moves
-  Index m_count = 0;
+  std::deque<Node> m_nodes;
   std::unique_ptr<char[]> m_texts; // as large as the document, which bounds what nodes hold
 };

@@ -26,13 +26,6 @@ public:
       m_buffer[m_count] = unit;
     ++m_count;
   }
-  /// Puts units of ASCII, whatever their size.
-  template <class Other> void PutAscii(std::basic_string_view<Other> text) {
-    std::size_t const room = m_capacity - std::min(m_count, m_capacity);
-    if (m_buffer)
-      CopyAscii(text.substr(0, room), m_buffer + m_count);
-    m_count += text.size();
-  }
   /// The count, or 0 with the last error if the units do not fit.
   int Result() const {
     if (m_count > INT_MAX)
@@ -175,10 +168,6 @@ int MultiByteToWideChar(UINT uCodePage, DWORD dwFlags, char const *szBytes, int 
   Sink<WCHAR> sink(wszWide, static_cast<std::size_t>(cchWide));
   if (char const *const charset = uCodePage == CP_UTF8 ? nullptr : ThreadCharset())
     return FromCharset(charset, szBytes, size, sink);
-  std::string_view bytes(szBytes, size);
-  std::size_t const asciiLength = AsciiPrefix(bytes);
-  sink.PutAscii(bytes.substr(0, asciiLength));
-  bytes.remove_prefix(asciiLength);
-  DecodeAll(bytes, [&](WCHAR unit) { sink.Put(unit); });
+  DecodeAll({szBytes, size}, [&](WCHAR unit) { sink.Put(unit); });
   return sink.Result();
 }

@@ -2,10 +2,9 @@
 #include "platform/text/Utf8.h"
 
 std::string Utf8FromWide(std::wstring_view text) {
-  std::size_t const asciiLength = AsciiPrefix(text);
-  std::string bytes(asciiLength, '\0');
-  CopyAscii(text.substr(0, asciiLength), bytes.data());
-  WCHAR const *next = text.data() + asciiLength;
+  std::string bytes;
+  bytes.reserve(text.size());
+  WCHAR const *next = text.data();
   WCHAR const *const end = text.data() + text.size();
   while (next != end)
     EncodeUtf8(NextCharacter(next, end), [&](char byte) { bytes.push_back(byte); });

@@ -6,44 +6,12 @@
 #include "platform/base/Types.h"
 
 #include <cstddef>
-#include <cstring>
 #include <string>
 #include <string_view>
-#include <type_traits>
 
 constexpr char32_t kReplacementCharacter = 0xFFFD;
 
 constexpr bool IsSurrogate(char32_t unit) { return unit >= 0xD800 && unit <= 0xDFFF; }
-
-/// How many units at the start are ASCII: most text is, and is then copied in one step. Checks whole blocks, which the
-/// compiler vectorizes.
-template <class Unit> std::size_t AsciiPrefix(std::basic_string_view<Unit> text) {
-  constexpr std::size_t kBlock = 64;
-  std::size_t count = 0;
-  for (; text.size() - count >= kBlock; count += kBlock) {
-    std::make_unsigned_t<Unit> all = 0;
-    for (std::size_t index = 0; index < kBlock; ++index)
-      all |= static_cast<std::make_unsigned_t<Unit>>(text[count + index]);
-    if (all >= 0x80)
-      break;
-  }
-  while (count < text.size() && static_cast<std::make_unsigned_t<Unit>>(text[count]) < 0x80)
-    ++count;
-  return count;
-}
-
-/// Copies ASCII units into units of another size.
-template <class Unit, class Other> void CopyAscii(std::basic_string_view<Unit> text, Other *out) {
-  constexpr std::size_t kBlock = 64;
-  Other block[kBlock]; // a local copy: the compiler then knows that nothing overlaps
-  for (; text.size() >= kBlock; text.remove_prefix(kBlock), out += kBlock) {
-    for (std::size_t index = 0; index < kBlock; ++index)
-      block[index] = static_cast<Other>(text[index]);
-    std::memcpy(out, block, sizeof block);
-  }
-  for (Unit const unit : text)
-    *out++ = static_cast<Other>(unit);
-}
 
 /// The character at `next`, which then points after it; a lone surrogate is returned as it is. `next` must not be
 /// `end`.

@@ -53,8 +53,8 @@ bool IsBlank(std::string_view text) { return std::all_of(text.begin(), text.end(
 
 /// Measures the text in bytes of UTF-8. False if it holds a lone surrogate, which is not an XML character.
 bool MeasureUtf8(std::wstring_view text, std::size_t &size) {
-  size = AsciiPrefix(text);
-  for (WCHAR const *p = text.data() + size, *const end = text.data() + text.size(); p != end;) {
+  size = 0;
+  for (WCHAR const *p = text.data(), *const end = text.data() + text.size(); p != end;) {
     char32_t const character = NextCharacter(p, end);
     if (IsSurrogate(character))
       return false;
@@ -67,13 +67,10 @@ bool MeasureUtf8(std::wstring_view text, std::size_t &size) {
 /// bytes.
 std::size_t TakeUtf8(std::wstring_view &text, std::size_t mostUnits, char *out) {
   char *const start = out;
-  std::wstring_view const block = text.substr(0, mostUnits);
-  std::size_t const asciiLength = AsciiPrefix(block);
-  CopyAscii(block.substr(0, asciiLength), out);
-  out += asciiLength;
-  WCHAR const *p = block.data() + asciiLength;
-  WCHAR const *const end = text.data() + text.size(); // the block's last character may need one unit more
-  while (p < block.data() + block.size())
+  WCHAR const *p = text.data();
+  WCHAR const *const blockEnd = p + std::min(mostUnits, text.size());
+  WCHAR const *const end = p + text.size(); // the block's last character may need one unit more
+  while (p < blockEnd)
     EncodeUtf8(NextCharacter(p, end), [&out](char c) { *out++ = c; });
   text.remove_prefix(static_cast<std::size_t>(p - text.data()));
   return static_cast<std::size_t>(out - start);

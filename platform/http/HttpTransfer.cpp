@@ -5,7 +5,6 @@
 #include "platform/base/Fork.h"
 #include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
-#include "platform/http/CurlCallbacks.h"
 #include "platform/http/SendBuffer.h"
 #include "platform/text/Utf8.h"
 
@@ -48,7 +47,7 @@ HttpTransfer::~HttpTransfer() {
 
 CURLcode HttpTransfer::SetUpTls(void *context) {
   auto *const tls = static_cast<SSL_CTX *>(context);
-  m_connection.Connected();
+  m_connection.Connected(WideFromUtf8(Get<char const *>(CURLINFO_PRIMARY_IP)));
   SSL_CTX_set_options(tls, SSL_OP_IGNORE_UNEXPECTED_EOF); // an end without TLS's own counts, as without TLS
   if (m_ignoresDate)
     X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(tls), X509_V_FLAG_NO_CHECK_TIME);
@@ -56,7 +55,7 @@ CURLcode HttpTransfer::SetUpTls(void *context) {
 }
 
 void HttpTransfer::StartRequest() {
-  m_connection.Connected();
+  m_connection.Connected(WideFromUtf8(Get<char const *>(CURLINFO_PRIMARY_IP)));
   m_isRequestStarted = true;
   m_sizeBeforeHead = Get<long>(CURLINFO_REQUEST_SIZE);
   m_connection.Sink().Report(INTERNET_STATUS_SENDING_REQUEST);
@@ -94,6 +93,78 @@ bool HttpTransfer::TakeBody(std::string_view data) {
 void HttpTransfer::CloseSocket(curl_socket_t fd) {
   bool const isReplyUnreported = m_reply.IsHeadIn() && m_stage == Stage::Sending;
   m_connection.Close(fd, isReplyUnreported); // the reply is reported first
+}
+
+/// Runs a callback's work; running out of memory ends the transfer, which the result `failed` asks libcurl for.
+template <class Result, class Work> Result HttpTransfer::Call(void *transfer, Result failed, Work work) noexcept {
+  auto &self = *static_cast<HttpTransfer *>(transfer);
+  try {
+    return work(self);
+  } catch (std::bad_alloc const &) {
+    self.m_error = ERROR_NOT_ENOUGH_MEMORY;
+    return failed;
+  }
+}
+
+void HttpTransfer::SetUpCallbacks() {
+  auto const set = [this](CURLoption function, auto *callback, CURLoption data) {
+    SetCurlOption(m_curl.easy.get(), function, callback);
+    SetCurlOption(m_curl.easy.get(), data, this);
+  };
+  set(
+      CURLOPT_RESOLVER_START_FUNCTION,
+      +[](void *, void *, void *self) {
+        return Call(self, 1, [](HttpTransfer &t) { return t.m_connection.Resolving(), 0; });
+      },
+      CURLOPT_RESOLVER_START_DATA);
+  set(
+      CURLOPT_OPENSOCKETFUNCTION,
+      +[](void *self, curlsocktype, curl_sockaddr *address) {
+        return Call(self, curl_socket_t{CURL_SOCKET_BAD},
+                    [&](HttpTransfer &t) { return t.m_connection.Open(*address); });
+      },
+      CURLOPT_OPENSOCKETDATA);
+  set(
+      CURLOPT_CLOSESOCKETFUNCTION,
+      +[](void *self, curl_socket_t fd) {
+        return Call(self, 0, [&](HttpTransfer &t) { return t.CloseSocket(fd), 0; });
+      },
+      CURLOPT_CLOSESOCKETDATA);
+  set(
+      CURLOPT_SSL_CTX_FUNCTION,
+      +[](CURL *, void *context, void *self) {
+        return Call(self, CURLE_OUT_OF_MEMORY, [&](HttpTransfer &t) { return t.SetUpTls(context); });
+      },
+      CURLOPT_SSL_CTX_DATA);
+  set(
+      CURLOPT_PREREQFUNCTION,
+      +[](void *self, char *, char *, int, int) {
+        return Call(self, CURL_PREREQFUNC_ABORT, [](HttpTransfer &t) { return t.StartRequest(), CURL_PREREQFUNC_OK; });
+      },
+      CURLOPT_PREREQDATA);
+  set(
+      CURLOPT_READFUNCTION,
+      +[](char *buffer, std::size_t size, std::size_t count, void *self) {
+        return Call(self, std::size_t{CURL_READFUNC_ABORT},
+                    [&](HttpTransfer &t) { return t.Supply(buffer, size * count); });
+      },
+      CURLOPT_READDATA);
+  set(
+      CURLOPT_HEADERFUNCTION,
+      +[](char *data, std::size_t size, std::size_t count, void *self) {
+        return Call(self, std::size_t{0}, [&](HttpTransfer &t) {
+          return t.TakeHeader({data, size * count}) ? size * count : 0;
+        });
+      },
+      CURLOPT_HEADERDATA);
+  set(
+      CURLOPT_WRITEFUNCTION,
+      +[](char *data, std::size_t size, std::size_t count, void *self) {
+        return Call(self, std::size_t{0}, [&](HttpTransfer &t) {
+          return t.TakeBody({data, size * count}) ? size * count : 0;
+        });
+      },
+      CURLOPT_WRITEDATA);
 }
 
 // --- Driving libcurl
@@ -230,7 +301,7 @@ void HttpTransfer::SetUp(HttpRequest const &request, RequestBody const &body) {
   m_declared = body.length;
   m_ignoresDate = request.ignoresDate;
   SetUpCurl(m_curl.easy.get(), request, body, m_mayReuse, m_memory);
-  CurlCallbacks::SetUp(m_curl.easy.get(), *this);
+  SetUpCallbacks();
 }
 
 DWORD HttpTransfer::Start(HttpRequest const &request, StatusSink const &sink, RequestBody const &body) {

@@ -56,10 +56,11 @@ public:
 private:
   enum class Stage { Idle, Sending, Answered };
   using Wait = WaitLimits::Kind;
-  friend struct CurlCallbacks;
 
   DWORD Start(HttpRequest const &request, StatusSink const &sink, RequestBody const &body);
   void SetUp(HttpRequest const &request, RequestBody const &body);
+  void SetUpCallbacks();
+  template <class Result, class Work> static Result Call(void *transfer, Result failed, Work work) noexcept;
   void Perform();
   template <class Ready> bool PumpUntil(Wait wait, Ready ready);
   bool Flush();

@@ -12,10 +12,11 @@
 template <class Object> class HandleTable {
 public:
   /// The first handle's value; the others follow in steps of 4.
-  explicit HandleTable(std::uintptr_t first) : m_next(first) { HoldAcrossFork(m_mutex); }
+  explicit HandleTable(std::uintptr_t first) : m_next(first) {}
 
   /// Returns: the new handle. May throw std::bad_alloc.
   void *Add(std::shared_ptr<Object> object) {
+    NoForkScope const scope;
     std::lock_guard<std::mutex> const lock(m_mutex);
     std::uintptr_t const handle = m_next;
     m_objects.emplace(handle, std::move(object));
@@ -24,12 +25,14 @@ public:
   }
   /// Null for a handle that is not in the table, or no longer is.
   std::shared_ptr<Object> Find(void const *handle) const {
+    NoForkScope const scope;
     std::lock_guard<std::mutex> const lock(m_mutex);
     auto const it = m_objects.find(reinterpret_cast<std::uintptr_t>(handle));
     return it == m_objects.end() ? nullptr : it->second;
   }
   /// Takes the object out; null if another call was first.
   std::shared_ptr<Object> Remove(void const *handle) {
+    NoForkScope const scope;
     std::lock_guard<std::mutex> const lock(m_mutex);
     auto const it = m_objects.find(reinterpret_cast<std::uintptr_t>(handle));
     if (it == m_objects.end())

@@ -15,8 +15,6 @@
 namespace {
 
 struct IdleHandles {
-  IdleHandles() { HoldAcrossFork(mutex); }
-
   std::mutex mutex;
   pid_t process = CurrentProcess();
   std::array<CurlHandles::Multi, 4> multis; // more transfers at once are rare

@@ -102,6 +102,7 @@ void SetUpTls(CURL *easy, HttpRequest const &request) {
   bool const isFileGiven = file && *file;
   SetCurlOption(easy, CURLOPT_CAINFO, isFileGiven ? file : nullptr);
   SetCurlOption(easy, CURLOPT_CAPATH, isFileGiven ? nullptr : X509_get_default_cert_dir());
+  SetCurlOption(easy, CURLOPT_CA_CACHE_TIMEOUT, 60L); // seconds that a multi handle keeps the roots of a file
 }
 
 } // namespace

@@ -4,13 +4,19 @@
 #include "platform/base/Fork.h"
 
 void AcquireSRWLockExclusive(SRWLOCK *pLock) {
-  HoldAcrossFork(pLock->mutex, pLock->isHeldAcrossFork);
+  NoForkScope::Enter();
   pLock->mutex.lock();
 }
 
 BOOLEAN TryAcquireSRWLockExclusive(SRWLOCK *pLock) {
-  HoldAcrossFork(pLock->mutex, pLock->isHeldAcrossFork);
-  return pLock->mutex.try_lock();
+  NoForkScope const scope;
+  bool const isFree = pLock->mutex.try_lock();
+  if (isFree)
+    NoForkScope::Enter();
+  return isFree;
 }
 
-void ReleaseSRWLockExclusive(SRWLOCK *pLock) { pLock->mutex.unlock(); }
+void ReleaseSRWLockExclusive(SRWLOCK *pLock) {
+  pLock->mutex.unlock();
+  NoForkScope::Leave();
+}

@@ -4,17 +4,14 @@
 
 #include "platform/base/Types.h"
 
-#include <atomic>
 #include <mutex>
 
 using BOOLEAN = BYTE;
 
 /// A lock for process-wide state: initialised statically and never destroyed. Not recursive.
-/// Differs: exclusive only. Once used, it is held across each fork, so that a forked child finds it free and what it
-/// guards consistent.
+/// Differs: exclusive only. A fork waits until it is free, so that a forked child finds what it guards consistent.
 struct SRWLOCK {
   std::mutex mutex;
-  std::atomic<bool> isHeldAcrossFork = false;
 };
 #define SRWLOCK_INIT                                                                                                   \
   {}

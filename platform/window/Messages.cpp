@@ -78,7 +78,6 @@ HandleTable<Window> &Windows() {
 }
 
 struct ClassTable {
-  ClassTable() { HoldAcrossFork(mutex); }
   std::mutex mutex;
   std::map<std::wstring, WNDPROC, std::less<>> classes;
 };
@@ -171,6 +170,7 @@ std::atomic<LONG_PTR> *Attribute(Window &window, int index) {
 HWND CreateWindowOf(WCHAR const *className, DWORD style) {
   WNDPROC windowProc = nullptr;
   {
+    NoForkScope const scope;
     std::lock_guard<std::mutex> const lock(Classes().mutex);
     auto const it = Classes().classes.find(std::wstring_view(className ? className : L""));
     if (it == Classes().classes.end())
@@ -191,6 +191,7 @@ HWND CreateWindowOf(WCHAR const *className, DWORD style) {
 ATOM RegisterClassExW(WNDCLASSEXW const *pClass) try {
   if (!pClass || pClass->cbSize != sizeof *pClass || !pClass->lpfnWndProc || !pClass->lpszClassName)
     return Fail(ERROR_INVALID_PARAMETER, ATOM{0});
+  NoForkScope const scope;
   std::lock_guard<std::mutex> const lock(Classes().mutex);
   auto &classes = Classes().classes;
   if (!classes.emplace(pClass->lpszClassName, pClass->lpfnWndProc).second)

@@ -6,9 +6,9 @@
 #include "platform/base/Types.h"
 
 #include <functional>
+#include <map>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 class CString {
 public:
@@ -56,9 +56,5 @@ public:
   auto end() const { return m_map.end(); }
 
 private:
-  /// Allows lookup without a copy of the key.
-  struct Hash : std::hash<std::wstring_view> {
-    using is_transparent = void;
-  };
-  std::unordered_map<std::wstring, std::wstring, Hash, std::equal_to<>> m_map;
+  std::map<std::wstring, std::wstring, std::less<>> m_map; // less<>: lookup without a copy of the key
 };

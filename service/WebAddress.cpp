@@ -13,12 +13,8 @@ struct Range {
 constexpr Range kRefused[] = {
     {0x00, 0x1F},     // control characters
     {0x7F, 0x9F},     // further ones
-    {0x061C, 0x061C}, // direction mark
-    {0x200B, 0x200F}, // zero width, and direction marks
-    {0x2028, 0x202E}, // line and paragraph separators, direction embeddings and overrides
-    {0x2060, 0x2060}, // word joiner
-    {0x2066, 0x2069}, // direction isolates
-    {0xFEFF, 0xFEFF}, // zero-width no-break space
+    {0x200E, 0x200F}, // direction marks, which RFC 3987 (section 4.1) forbids like the next
+    {0x202A, 0x202E}, // direction embeddings and overrides
 };
 
 bool IsRefused(wchar_t unit) {

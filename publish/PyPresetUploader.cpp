@@ -40,7 +40,7 @@ PyPresetUploader::~PyPresetUploader() {
   TraceMsgA("PyPresetUploader::~PyPresetUploader() end\n");
 }
 
-// Resumes a thread that Start left suspended, since it would never end. False if the thread can't be waited for.
+// False if the thread can't be waited for.
 bool PyPresetUploader::EnsureThreadWillEnd() {
   HANDLE const hThread = UploadThread();
   if (!hThread)
@@ -48,7 +48,7 @@ bool PyPresetUploader::EnsureThreadWillEnd() {
   DWORD const dwState = WaitForSingleObject(hThread, 0);
   if (dwState != WAIT_TIMEOUT)
     return dwState != WAIT_FAILED;
-  return !ProcessIsExiting() && m_pUploadThread->Resume();
+  return !ProcessIsExiting();
 }
 
 void PyPresetUploader::operator delete(PyPresetUploader *pUploader, std::destroying_delete_t) {
@@ -154,7 +154,6 @@ bool PyPresetUploader::UploadIsOver() {
     EndThread(uThreadId, nKHID);
     return true;
   }
-  m_pUploadThread->Resume(); // in case Start could not; the upload then begins only now
   return false;
 }
 

@@ -17,8 +17,6 @@ bool Thread::Start() {
   return true;
 }
 
-bool Thread::Resume() { return ResumeThread(m_hThread) != 0xFFFFFFFF; }
-
 DWORD Thread::Wait() {
   DWORD dwExitCode = 0xFFFFFFFF;
   if (!m_hThread || WaitForSingleObject(m_hThread, INFINITE) == WAIT_FAILED)

@@ -22,10 +22,6 @@ public:
   /// forked child has the parent's objects but not its threads.
   DWORD Wait();
 
-  /// Resumes a thread that Start created but failed to resume; has no effect on one that runs.
-  /// Returns: false if it can't be resumed, or if this is a forked child and the thread is the parent's.
-  bool Resume();
-
   HANDLE m_hThread = nullptr; ///< Null until Start, and again after Wait. Owned.
   unsigned m_uThreadId = 0;   ///< The system's id; 0 until Start.
 

@@ -16,8 +16,8 @@ struct ReachabilityProbe {
 
   /// Blocks for at most 11 waits of 500 ms and the time that the helper thread then takes to end. Returns: TRUE as soon
   /// as the server answers, with whatever status; FALSE on failure, on time-out and for a URL of 260 bytes or more. If
-  /// no thread can be started, the previous result; if a wait fails, the result so far, and the thread ends on its own.
+  /// no thread can be started, the previous result.
   BOOL CheckServerReachable(char const *szUrl);
-  /// The body of the helper thread. `pArg` is what CheckServerReachable shares with it. Returns: exit code 0.
+  /// The body of the helper thread. `pArg` is the probe. Returns: exit code 0.
   static unsigned __stdcall ReachabilityThreadProc(void *pArg);
 };

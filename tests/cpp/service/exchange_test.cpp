@@ -114,29 +114,4 @@ TEST_F(ProbeTest, CountsAnyAnswerAsReachable) {
   EXPECT_FALSE(probe.CheckServerReachable(("https://" + std::string(260, 'h')).c_str()));
 }
 
-TEST_F(ProbeTest, DoesNotTouchItsOwnerAfterAFailedWait) {
-  Peer const peer("reply --tls good");
-  auto const uTasks = std::filesystem::hard_link_count("/proc/self/task"); // grows with each thread
-  static std::atomic<int> nStage = 0; // 1: the session is open, 2: the waiter has left
-  static PlatformTestHooks hooks;     // static, like the stage: the thread may use them after the test
-  hooks.fault = [](FaultPoint call, DWORD *) {
-    bool const bWait = call == FaultPoint::WaitForSingleObject;
-    bool const bOpen = call == FaultPoint::InternetOpenUrlA;
-    if (bOpen)
-      nStage = 1;
-    while ((bWait && nStage == 0) || (bOpen && nStage == 1))
-      std::this_thread::yield();
-    return bWait;
-  };
-  SetPlatformTestHooks(&hooks);
-  EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
-  EXPECT_FALSE(m_hInternet || m_hConnect);
-  m_bReachable = 7; // stands for whatever the owner's memory holds by then
-  nStage = 2;
-  while (std::filesystem::hard_link_count("/proc/self/task") > uTasks)
-    std::this_thread::yield();
-  SetPlatformTestHooks(nullptr);
-  EXPECT_EQ(m_bReachable, 7);
-}
-
 } // namespace

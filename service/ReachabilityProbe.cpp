@@ -25,7 +25,8 @@ BOOL ReachabilityProbe::CheckServerReachable(char const *szUrl) {
   std::memcpy(m_szChkServerUrl, szUrl, cb);
 
   unsigned uThreadId = 0;
-  auto const hThread = reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ReachabilityThreadProc, this, 0, &uThreadId));
+  auto const hThread =
+      reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ReachabilityThreadProc, this, 0, &uThreadId));
   if (!hThread)
     return m_bServerReachable;
   int nWaits = 0;
@@ -49,8 +50,7 @@ unsigned __stdcall ReachabilityProbe::ReachabilityThreadProc(void *pArg) {
   probe.m_hInternet = hInternet;
   if (!hInternet)
     return 0;
-  HINTERNET const hConnect =
-      InternetOpenUrlA(hInternet, probe.m_szChkServerUrl, nullptr, 0, INTERNET_FLAG_RELOAD, 0);
+  HINTERNET const hConnect = InternetOpenUrlA(hInternet, probe.m_szChkServerUrl, nullptr, 0, INTERNET_FLAG_RELOAD, 0);
   probe.m_hConnect = hConnect;
   if (hConnect)
     probe.m_bServerReachable = TRUE;

@@ -23,9 +23,11 @@ void AddSocketProgress(int fd, Progress &progress) {
   }
 }
 
-WaitLimits::WaitLimits(Kind kind, TimeLimits const &limits, Progress const &progress, std::uint64_t &replyWait, bool isStreamed)
-    : m_isReceiving(kind == Kind::Receive), m_isStreamed(isStreamed), m_limits(limits), m_replyWait(replyWait), m_begin(SteadyMilliseconds()),
-      m_moved(m_begin), m_ackLimit(progress.acked + progress.unacked), m_progress(progress) {}
+WaitLimits::WaitLimits(Kind kind, TimeLimits const &limits, Progress const &progress, std::uint64_t &replyWait,
+                       bool isStreamed)
+    : m_isReceiving(kind == Kind::Receive), m_isStreamed(isStreamed), m_limits(limits), m_replyWait(replyWait),
+      m_begin(SteadyMilliseconds()), m_moved(m_begin), m_ackLimit(progress.acked + progress.unacked),
+      m_progress(progress) {}
 
 WaitLimits::~WaitLimits() {
   if (m_isReceiving)

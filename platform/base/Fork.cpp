@@ -11,17 +11,19 @@
 
 namespace {
 
-constexpr DWORD kLeaveInterval = 1; // ms between looks at who is inside
+constexpr int kExitLimit = 5000; // ms that the end of the process waits for the threads inside
 
 constinit std::mutex g_door; // held by a fork; who enters a scope passes it
 constinit std::atomic<int> g_inside = 0;
 constinit std::atomic<pid_t> g_process = 0; // 0: not asked for yet in this process
 thread_local int t_depth = 0;               // of the calling thread's scopes
 
+bool AreOthersInside() { return g_inside > (t_depth > 0 ? 1 : 0); }
+
 void CloseDoor() {
   g_door.lock();
-  while (g_inside > (t_depth > 0 ? 1 : 0))
-    SleepMilliseconds(kLeaveInterval);
+  while (AreOthersInside())
+    SleepMilliseconds(1);
 }
 
 void OpenDoor() { g_door.unlock(); }
@@ -51,7 +53,9 @@ void NoForkScope::Leave() noexcept {
 }
 
 void LockOthersOut() {
-  CloseDoor();
+  g_door.lock();
+  for (int ms = 0; ms < kExitLimit && AreOthersInside(); ++ms)
+    SleepMilliseconds(1);
   ++t_depth;
 }
 

@@ -19,8 +19,8 @@ public:
   static void Leave() noexcept;
 };
 
-/// Keeps every other thread out of a NoForkScope from now on. For the end of the process, at which libraries free what
-/// threads that still run would use.
+/// Keeps every other thread out of a NoForkScope from now on; waits at most 5 s for those inside to leave. For the end
+/// of the process, at which libraries free what threads that still run would use.
 void LockOthersOut();
 
 /// The id of the calling process, cached: cheap enough to ask for in every call.

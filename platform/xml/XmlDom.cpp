@@ -48,25 +48,12 @@ BSTR AllocString(std::string_view text) {
 
 // --- Paths ---------------------------------------------------------------------------------------------------------
 
-/// Whether the text is a name, perhaps after a prefix and a colon. Beyond ASCII everything counts as a letter: a path
-/// with any other character matches nothing, since no document has such a name.
+/// Whether the text is made of what names are made of. Beyond ASCII that is everything, and some of what passes begins
+/// no name: a path with it matches nothing, since no document has such a name.
 bool IsName(std::string_view text) {
-  auto const isLetter = [](unsigned char byte) {
-    return byte >= 0x80 || byte == '_' || (byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z');
-  };
-  auto const isNameCharacter = [&](unsigned char byte) {
-    return isLetter(byte) || (byte >= '0' && byte <= '9') || byte == '-' || byte == '.' || byte == ':';
-  };
-  bool isStart = true;
-  int colons = 0;
-  for (unsigned char const byte : text) {
-    if (!(isStart ? isLetter(byte) : isNameCharacter(byte)))
-      return false;
-    isStart = byte == ':';
-    if (isStart)
-      ++colons;
-  }
-  return !isStart && colons <= 1;
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char byte) {
+    return byte >= 0x80 || std::isalnum(byte) || std::strchr("_-.:", byte);
+  });
 }
 
 /// The steps of a path of element names; none if the path is anything else.

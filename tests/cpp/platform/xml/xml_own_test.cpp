@@ -26,7 +26,7 @@ TEST(XmlDom, IgnoresTheDeclaredEncodingAndRefusesDocumentTypes) {
 TEST(XmlDom, FailsForAPathThatIsNone) {
   auto const document = NewDocument();
   ASSERT_EQ(Load(document, L"<a><b/></a>"), S_OK);
-  for (WCHAR const *path : {L"", L"a/", L"a//b", L"a/b[", L"a:b:c", static_cast<WCHAR const *>(nullptr)}) {
+  for (WCHAR const *path : {L"", L"a/", L"a//b", L"a/b[", static_cast<WCHAR const *>(nullptr)}) {
     CComPtr<IXMLDOMNode> node;
     EXPECT_EQ(document->selectSingleNode(CComBSTR(path), &node), path ? E_FAIL : E_INVALIDARG);
     EXPECT_EQ(node, nullptr) << testing::PrintToString(path);

@@ -10,10 +10,13 @@
 #include <string_view>
 
 #include <openssl/x509.h>
+#include <sys/stat.h>
 
 namespace {
 
 constexpr long kUploadBufferSize = 512 * 1024; // bytes that libcurl sends at once when the socket is writable
+
+constexpr long kRootsTime = 60; // s that a multi handle keeps the roots of a file
 
 /// Suppresses the headers that libcurl would add by itself.
 constexpr char const *kSuppressed[] = {"Accept:", "Content-Type:", "Expect:"};
@@ -93,16 +96,35 @@ void SetUpHeaders(CURL *easy, HttpRequest const &request, CurlMemory::List &head
   SetCurlOption(easy, CURLOPT_HTTPHEADER, headers.get());
 }
 
+/// The file that SSL_CERT_FILE names, null without the variable. For anything but a regular file, such as a FIFO, which
+/// libcurl would wait for, it is one without certificates: nothing is trusted then.
+char const *RootsFile() {
+  char const *const path = std::getenv("SSL_CERT_FILE");
+  if (!path || !*path)
+    return nullptr;
+  struct stat status;
+  return stat(path, &status) == 0 && S_ISREG(status.st_mode) ? path : "/dev/null";
+}
+
+/// The system's roots, by a name for each certificate: OpenSSL reads only what it needs, whereas parsing the bundle
+/// would take 17 ms of each request.
+char const *RootsDirectory() {
+  char const *const path = std::getenv(X509_get_default_cert_dir_env());
+  return path && *path ? path : X509_get_default_cert_dir();
+}
+
 void SetUpTls(CURL *easy, HttpRequest const &request) {
+  SetCurlOption(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2)); // at least
   SetCurlOption(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L); // a session's resumption would skip the certificate checks
   SetCurlOption(easy, CURLOPT_SSL_VERIFYPEER, 1L);
   SetCurlOption(easy, CURLOPT_SSL_VERIFYHOST, request.ignoresName ? 0L : 2L);
-  // OpenSSL reads from the hashed directory only what it needs; parsing the system's bundle would take 17 ms.
-  char const *const file = std::getenv("SSL_CERT_FILE");
-  bool const isFileGiven = file && *file;
-  SetCurlOption(easy, CURLOPT_CAINFO, isFileGiven ? file : nullptr);
-  SetCurlOption(easy, CURLOPT_CAPATH, isFileGiven ? nullptr : X509_get_default_cert_dir());
-  SetCurlOption(easy, CURLOPT_CA_CACHE_TIMEOUT, 60L); // seconds that a multi handle keeps the roots of a file
+  char const *const file = RootsFile();
+  char const *const directory = file ? nullptr : RootsDirectory();
+  for (CURLoption const option : {CURLOPT_CAINFO, CURLOPT_PROXY_CAINFO})
+    SetCurlOption(easy, option, file);
+  for (CURLoption const option : {CURLOPT_CAPATH, CURLOPT_PROXY_CAPATH})
+    SetCurlOption(easy, option, directory);
+  SetCurlOption(easy, CURLOPT_CA_CACHE_TIMEOUT, kRootsTime);
 }
 
 } // namespace

@@ -21,6 +21,14 @@ std::wstring AddressText(sockaddr const *address) {
   return WideFromUtf8(text);
 }
 
+/// True if the socket is connected to that address. libcurl may have closed it by itself, and its number may be reused.
+bool IsConnectedTo(int fd, std::wstring const &address) {
+  sockaddr_storage peer{};
+  socklen_t size = sizeof peer;
+  return getpeername(fd, reinterpret_cast<sockaddr *>(&peer), &size) == 0 &&
+         AddressText(reinterpret_cast<sockaddr *>(&peer)) == address;
+}
+
 } // namespace
 
 void ConnectionStages::Begin(StatusSink const &sink, std::wstring host) {
@@ -44,11 +52,13 @@ curl_socket_t ConnectionStages::Open(curl_sockaddr const &address) {
   return m_attempts.back().fd;
 }
 
-void ConnectionStages::Connected(std::wstring const &address) {
+void ConnectionStages::Connected() {
   if (m_connected != CURL_SOCKET_BAD)
     return;
-  auto const it = std::find_if(m_attempts.rbegin(), m_attempts.rend(),
-                               [&](Attempt const &attempt) { return attempt.address == address; });
+  bool const isOnlyOne = m_attempts.size() == 1;
+  auto const it = std::find_if(m_attempts.rbegin(), m_attempts.rend(), [=](Attempt const &attempt) {
+    return isOnlyOne || IsConnectedTo(attempt.fd, attempt.address);
+  });
   if (it == m_attempts.rend())
     return;
   m_connected = it->fd;

@@ -19,8 +19,8 @@ public:
   void Resolving();
   /// Opens a socket for the address and reports the attempt. Returns: CURL_SOCKET_BAD on failure.
   curl_socket_t Open(curl_sockaddr const &address);
-  /// Reports the address to which a socket was connected first, once.
-  void Connected(std::wstring const &address);
+  /// Finds out which of the sockets was connected first and reports it, once.
+  void Connected();
   /// Closes a socket. The end of the connection is reported now or, if `isDeferred`, by ReportClosed. Cannot fail.
   void Close(curl_socket_t fd, bool isDeferred);
   /// Reports a deferred end, once. Cannot fail.

@@ -11,6 +11,7 @@
 
 #include <openssl/crypto.h>
 #include <pthread.h>
+#include <sys/stat.h>
 
 namespace {
 
@@ -59,7 +60,7 @@ void InitializeCurl() {
       throw std::bad_alloc();
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK)
       throw std::bad_alloc();
-    std::atexit(LockOthersOut); // runs before OpenSSL's, if the program has used OpenSSL already
+    std::atexit(LockOthersOut); // runs before OpenSSL's own handler, if the program has used OpenSSL already
     return true;
   }();
 }
@@ -77,6 +78,12 @@ CurlHandles::Multi TakeIdle() {
 }
 
 } // namespace
+
+bool IsKeyLogRegular() {
+  char const *const path = std::getenv("SSLKEYLOGFILE");
+  struct stat status;
+  return !path || stat(path, &status) != 0 || S_ISREG(status.st_mode);
+}
 
 CurlHandles MakeCurlHandles(bool mayReuse) {
   InitializeCurl();

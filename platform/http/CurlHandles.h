@@ -23,6 +23,10 @@ struct CurlHandles {
   std::unique_ptr<CURL, EasyCleanUp> easy; // destroyed first
 };
 
+/// False if SSLKEYLOGFILE names anything but a regular file or a name that is free. libcurl would open it and, if it is
+/// a FIFO, wait there for a reader.
+bool IsKeyLogRegular();
+
 /// A new easy handle with a new multi handle, or with an idle one if `mayReuse`. The easy handle is not added yet.
 /// Errors: throws std::bad_alloc.
 CurlHandles MakeCurlHandles(bool mayReuse);

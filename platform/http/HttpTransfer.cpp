@@ -12,7 +12,6 @@
 #include <cstring>
 #include <utility>
 
-#include <openssl/ssl.h>
 #include <sys/socket.h>
 
 namespace {
@@ -43,130 +42,6 @@ HttpTransfer::~HttpTransfer() {
   m_curl.multi.reset();
 }
 
-// --- What libcurl's callbacks call
-
-CURLcode HttpTransfer::SetUpTls(void *context) {
-  auto *const tls = static_cast<SSL_CTX *>(context);
-  m_connection.Connected(WideFromUtf8(Get<char const *>(CURLINFO_PRIMARY_IP)));
-  SSL_CTX_set_options(tls, SSL_OP_IGNORE_UNEXPECTED_EOF); // an end without TLS's own counts, as without TLS
-  if (m_ignoresDate)
-    X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(tls), X509_V_FLAG_NO_CHECK_TIME);
-  return CURLE_OK;
-}
-
-void HttpTransfer::StartRequest() {
-  m_connection.Connected(WideFromUtf8(Get<char const *>(CURLINFO_PRIMARY_IP)));
-  m_isRequestStarted = true;
-  m_sizeBeforeHead = Get<long>(CURLINFO_REQUEST_SIZE);
-  m_connection.Sink().Report(INTERNET_STATUS_SENDING_REQUEST);
-}
-
-std::size_t HttpTransfer::Supply(char *buffer, std::size_t size) {
-  if (IsSendingOver()) {
-    m_isCutShort = true;
-    return 0; // ends the body; the reply is still read
-  }
-  std::size_t supplied = 0;
-  for (std::string_view &source : m_source) {
-    std::size_t const part = source.copy(buffer + supplied, size - supplied);
-    source.remove_prefix(part);
-    supplied += part;
-  }
-  m_isPaused = supplied == 0;
-  return m_isPaused ? static_cast<std::size_t>(CURL_READFUNC_PAUSE) : supplied;
-}
-
-bool HttpTransfer::TakeHeader(std::string_view line) {
-  DWORD const error = m_reply.TakeHeader(line, Get<long>(CURLINFO_RESPONSE_CODE));
-  if (error != ERROR_SUCCESS)
-    m_error = error;
-  return error == ERROR_SUCCESS;
-}
-
-bool HttpTransfer::TakeBody(std::string_view data) {
-  DWORD const error = m_reply.TakeBody(data);
-  if (error != ERROR_SUCCESS)
-    m_error = error;
-  return error == ERROR_SUCCESS;
-}
-
-void HttpTransfer::CloseSocket(curl_socket_t fd) {
-  bool const isReplyUnreported = m_reply.IsHeadIn() && m_stage == Stage::Sending;
-  m_connection.Close(fd, isReplyUnreported); // the reply is reported first
-}
-
-/// Runs a callback's work; running out of memory ends the transfer, which the result `failed` asks libcurl for.
-template <class Result, class Work> Result HttpTransfer::Call(void *transfer, Result failed, Work work) noexcept {
-  auto &self = *static_cast<HttpTransfer *>(transfer);
-  try {
-    return work(self);
-  } catch (std::bad_alloc const &) {
-    self.m_error = ERROR_NOT_ENOUGH_MEMORY;
-    return failed;
-  }
-}
-
-void HttpTransfer::SetUpCallbacks() {
-  auto const set = [this](CURLoption function, auto *callback, CURLoption data) {
-    SetCurlOption(m_curl.easy.get(), function, callback);
-    SetCurlOption(m_curl.easy.get(), data, this);
-  };
-  set(
-      CURLOPT_RESOLVER_START_FUNCTION,
-      +[](void *, void *, void *self) {
-        return Call(self, 1, [](HttpTransfer &t) { return t.m_connection.Resolving(), 0; });
-      },
-      CURLOPT_RESOLVER_START_DATA);
-  set(
-      CURLOPT_OPENSOCKETFUNCTION,
-      +[](void *self, curlsocktype, curl_sockaddr *address) {
-        return Call(self, curl_socket_t{CURL_SOCKET_BAD},
-                    [&](HttpTransfer &t) { return t.m_connection.Open(*address); });
-      },
-      CURLOPT_OPENSOCKETDATA);
-  set(
-      CURLOPT_CLOSESOCKETFUNCTION,
-      +[](void *self, curl_socket_t fd) {
-        return Call(self, 0, [&](HttpTransfer &t) { return t.CloseSocket(fd), 0; });
-      },
-      CURLOPT_CLOSESOCKETDATA);
-  set(
-      CURLOPT_SSL_CTX_FUNCTION,
-      +[](CURL *, void *context, void *self) {
-        return Call(self, CURLE_OUT_OF_MEMORY, [&](HttpTransfer &t) { return t.SetUpTls(context); });
-      },
-      CURLOPT_SSL_CTX_DATA);
-  set(
-      CURLOPT_PREREQFUNCTION,
-      +[](void *self, char *, char *, int, int) {
-        return Call(self, CURL_PREREQFUNC_ABORT, [](HttpTransfer &t) { return t.StartRequest(), CURL_PREREQFUNC_OK; });
-      },
-      CURLOPT_PREREQDATA);
-  set(
-      CURLOPT_READFUNCTION,
-      +[](char *buffer, std::size_t size, std::size_t count, void *self) {
-        return Call(self, std::size_t{CURL_READFUNC_ABORT},
-                    [&](HttpTransfer &t) { return t.Supply(buffer, size * count); });
-      },
-      CURLOPT_READDATA);
-  set(
-      CURLOPT_HEADERFUNCTION,
-      +[](char *data, std::size_t size, std::size_t count, void *self) {
-        return Call(self, std::size_t{0}, [&](HttpTransfer &t) {
-          return t.TakeHeader({data, size * count}) ? size * count : 0;
-        });
-      },
-      CURLOPT_HEADERDATA);
-  set(
-      CURLOPT_WRITEFUNCTION,
-      +[](char *data, std::size_t size, std::size_t count, void *self) {
-        return Call(self, std::size_t{0}, [&](HttpTransfer &t) {
-          return t.TakeBody({data, size * count}) ? size * count : 0;
-        });
-      },
-      CURLOPT_WRITEDATA);
-}
-
 // --- Driving libcurl
 
 /// Takes the transfer as far as it goes without waiting. A fork waits for it: a child whose parent had a thread in
@@ -181,6 +56,7 @@ void HttpTransfer::Perform() {
     m_isPaused = false;
     curl_easy_pause(m_curl.easy.get(), CURLPAUSE_CONT);
   }
+  AllowTlsReads();
   int count = 0;
   if (curl_multi_perform(m_curl.multi.get(), &count) != CURLM_OK)
     return Fail(ERROR_NOT_ENOUGH_MEMORY);
@@ -307,6 +183,8 @@ void HttpTransfer::SetUp(HttpRequest const &request, RequestBody const &body) {
 DWORD HttpTransfer::Start(HttpRequest const &request, StatusSink const &sink, RequestBody const &body) {
   if (m_stage != Stage::Idle)
     return ERROR_INTERNET_INCORRECT_HANDLE_STATE;
+  if (!IsKeyLogRegular())
+    return ERROR_INTERNET_SECURITY_CHANNEL_ERROR;
   m_stage = Stage::Sending;
   m_connection.Begin(sink, WideFromUtf8(request.host));
   m_isStreamed = body.bytes == nullptr;

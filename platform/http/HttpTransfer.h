@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 
+#include <openssl/types.h>
 #include <sys/types.h>
 
 /// All functions but the destructor, Abort and the getters may throw std::bad_alloc. Thread: any, one call at a time,
@@ -80,6 +81,9 @@ private:
 
   // What libcurl's callbacks call. SetUpTls, StartRequest, TakeHeader and TakeBody may throw std::bad_alloc.
   CURLcode SetUpTls(void *context);
+  void AllowTlsReads();
+  static long BeforeTlsRead(BIO *connection, int operation, char const *, std::size_t, int, long, int result,
+                            std::size_t *);
   void StartRequest();
   std::size_t Supply(char *buffer, std::size_t size);
   bool TakeHeader(std::string_view line);
@@ -113,6 +117,7 @@ private:
   std::string_view m_source[2];    ///< what goes out now: the held bytes, then the caller's; empty between calls
   bool m_isPaused = false;         ///< libcurl waits for body bytes
   bool m_isCutShort = false;       ///< Supply ended the body after an early reply
+  int m_tlsReadsLeft = 0;          ///< of OpenSSL, in this step
   HttpReply m_reply;
 
   // libcurl's own. It points into m_memory, and calls back until the handles are gone.

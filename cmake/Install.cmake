@@ -92,7 +92,7 @@ set(CPACK_DEBIAN_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${SKIFFPORT_TREE})
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "python3 (>= ${_major}.${_minor}~), python3 (<< ${_major}.${_next_minor})")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "ca-certificates, python3-rich")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "ca-certificates")
 set(CPACK_DEBIAN_PACKAGE_SUGGESTS "xdg-utils")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/debian/postinst
   ${PROJECT_SOURCE_DIR}/packaging/debian/prerm)

@@ -1,4 +1,4 @@
-"""Subcommand publish: logs a member in and uploads a preset, shows progress, and cancels on Ctrl-C or a time limit.
+"""Subcommand publish: logs a member in and uploads a preset, shows progress, and cancels on Ctrl-C.
 
 The uploader's events arrive through the message loop, which this command pumps on the main thread.
 """
@@ -10,16 +10,14 @@ import os
 import signal
 import sys
 import uuid
-from typing import Any, List, Optional
+from typing import Any, List
 
-from ..completion import Completion
-from ..failures import address_of, find_files
+from .. import completion
 from ..outcome import EXIT_CANCELLED, EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, Failure, Result, end_at_once
-from ..presetfiles import FILES
-from ..progress import from_event
+from ..presetfiles import FILES, PresetFilesError, find_files
+from ..progress import Tracker
 from ..session import Session, log_in, open_session, password_of
 from ..signals import handling
-from ..timelimit import lift_limit, timed_out
 from ..views import View, choose_view
 from .options import add_command, add_login_options
 
@@ -28,7 +26,13 @@ UPLOAD_ID = 1
 
 EXAMPLES = ["mika presets/evening --title 'Evening light' --category 2",
             "mika presets/evening --title Evening --cover-after new.png --tags sunset,warm",
-            "mika presets/evening --title Evening --json --timeout 600 <password.txt --password-file -"]
+            "mika presets/evening --title Evening --json <password.txt --password-file -"]
+
+EXIT_CODES = {
+    completion.REFUSED: EXIT_REFUSED,
+    completion.CANCELLED: EXIT_CANCELLED,
+    completion.FAILED: EXIT_NO_ANSWER,
+}
 
 # Of each preset field: what help says, and the default; None stands for a required field.
 FIELDS = {
@@ -37,7 +41,7 @@ FIELDS = {
     "tags": ("comma-separated tags, e.g. sunset,warm", ""),
     "description": ("description, e.g. 'Warms the lights'", ""),
     "collections": ("collections to add the preset to, e.g. Evenings", ""),
-    "pip-type": ("picture-in-picture type, e.g. colour", ""),
+    "pip-type": ("kind of preset, as the service knows it, e.g. colour", ""),
     "template-key": ("key of the preset, e.g. 9C1A52F0-7B0E-4C55-8C39-6A1E7A4B9D21 (default: a new GUID)", ""),
 }
 
@@ -69,19 +73,25 @@ def publish(arguments: argparse.Namespace) -> Result:
     key = arguments.template_key or str(uuid.uuid4()).upper()
     fields = [key, arguments.title, arguments.category, arguments.tags, arguments.description, arguments.collections,
               arguments.pip_type]
-    view = choose_view(_kind_of_view(arguments), sys.stderr, os.environ)
+    tracker = Tracker()
+    view = choose_view(_kind_of_view(arguments), tracker, sys.stderr, os.environ)
     try:
-        upload = Upload(session, view, arguments.json)
-        completion = upload.run(paths, fields)
+        upload = Upload(session, tracker, view, arguments.json)
+        ended = upload.run(paths, fields)
     finally:
         view.close()
-    address = upload.address(completion)
+    try:
+        address = completion.address_of(ended, tracker.cancelled)
+    except completion.NotPublished as error:
+        advice = "; --verbose shows why" if error.outcome == completion.FAILED and not arguments.verbose else ""
+        whereabouts = "" if error.outcome == completion.REFUSED else upload.whereabouts()
+        raise Failure(EXIT_CODES[error.outcome], f"{error}{whereabouts}{advice}") from error
     line = f"published {address}" if address else "published, but the service named no address"
     return Result([line], {"address": address, "template_key": key})
 
 
 def _not_empty(text: str) -> str:
-    """Refuses what is blank in ASCII; whether other blanks count is for the service to say."""
+    """Rejects ASCII whitespace only; other whitespace is left to the service."""
     if not text.strip(" \t\r\n"):
         raise argparse.ArgumentTypeError("must not be empty")
     return text
@@ -100,7 +110,10 @@ def _find_preset(arguments: argparse.Namespace) -> List[str]:
             raise Failure(EXIT_USAGE,
                           f"no preset: {folder} has none of its {len(FILES)} files, such as {FILES[0]} or "
                           f"{FILES[1]} (see skiffhost publish --help)")
-    return find_files(folder, vars(arguments))
+    try:
+        return find_files(folder, {name: getattr(arguments, name) for name in given})
+    except PresetFilesError as error:
+        raise Failure(EXIT_USAGE, str(error)) from error
 
 
 def _kind_of_view(arguments: argparse.Namespace) -> str:
@@ -116,68 +129,51 @@ def _kind_of_view(arguments: argparse.Namespace) -> str:
 class Upload:
     """One upload from its start to its completion event, on the thread that creates it."""
 
-    def __init__(self, session: Session, view: View, as_json: bool) -> None:
+    def __init__(self, session: Session, tracker: Tracker, view: View, as_json: bool) -> None:
         data = session.data
+        self._tracker = tracker
         self._view = view
         self._as_json = as_json
-        self._cancelled_by: Optional[int] = None
-        self._completion: Optional[Completion] = None
         self._uploader = session.module.PyPresetUploader(
             data.GetServerUrl(), data.GetLoginTokenID(), session.version, session.version_type, session.installation)
 
-    def run(self, paths: List[str], fields: List[str]) -> Completion:
-        """Uploads and pumps until the completion arrives. SIGINT, SIGTERM and the time limit cancel; a second one ends
-        the process."""
-        with handling((signal.SIGINT, signal.SIGTERM, signal.SIGALRM), self._cancel):
+    def run(self, paths: List[str], fields: List[str]) -> completion.Completion:
+        """Uploads and pumps until the completion arrives. SIGINT and SIGTERM cancel; a second one ends the process."""
+        with handling((signal.SIGINT, signal.SIGTERM), self._cancel):
             try:
                 self._uploader.SetCallback(self._on_event)
                 if self._uploader.StartUpload(*paths, *fields, UPLOAD_ID) == 0:
                     raise Failure(EXIT_NO_ANSWER, "the upload could not be started")
-                if self._cancelled_by is not None:  # before the start, which forgets that
+                if self._tracker.cancelled:  # before the start, which forgets that
                     self._uploader.CancelUpload()
                 return self._wait()
             finally:
                 self._uploader.SetCallback(None)  # breaks a reference cycle that the garbage collector cannot see
 
-    def _wait(self) -> Completion:
+    def _wait(self) -> completion.Completion:
         from .. import loop  # here, so that the parser can be made without a built module
 
-        while self._completion is None:
+        while self._tracker.completion is None:
             loop.wait(PUMP_SECONDS)
             if loop.pump() == 0:
                 self._view.draw()
-        lift_limit()
-        return self._completion
+        return self._tracker.completion
 
-    def address(self, completion: Completion) -> str:
-        """Returns the published item's address. Raises Failure unless the service accepted the upload."""
-        try:
-            return address_of(completion, self._cancelled_by is not None)
-        except Failure as failure:
-            if failure.exit_code == EXIT_REFUSED:
-                raise
-            raise self._failure(failure) from failure
+    def whereabouts(self) -> str:
+        """Returns what to add to a failure: once everything is sent, the service may have it, whatever comes next."""
+        return "; the service may have it" if self._tracker.percent == 100 else ""
 
-    def _failure(self, failure: Failure) -> Failure:
-        """Returns the failure with what is known about the preset's whereabouts."""
-        addition = "; the service may have it" if self._view.all_sent else ""
-        if self._cancelled_by == signal.SIGALRM:
-            return timed_out(addition)
-        return Failure(failure.exit_code, failure.text + addition)
-
-    def _cancel(self, number: int, _frame: Any) -> None:
+    def _cancel(self, *_signal: Any) -> None:
         """Must not raise: it may run inside ``_on_event``, where an exception is printed and dropped."""
-        if self._completion is not None:
+        if self._tracker.completion is not None:
             return
-        if self._cancelled_by is not None:
-            failure = self._failure(Failure(EXIT_CANCELLED, "cancelled"))
+        if self._tracker.cancelled:
+            failure = Failure(EXIT_CANCELLED, "cancelled" + self.whereabouts())
             end_at_once(failure, self._as_json, self._view.terminal_reset)
         self._uploader.CancelUpload()
-        self._cancelled_by = number
-        self._view.cancelling = True
+        self._tracker.cancel()
 
-    def _on_event(self, _source: str, event: str, *values: Any) -> None:
-        if event == "ProgressChanged":
-            self._view.show(from_event(*values))
-        elif event == "UploadComplete":
-            self._completion = Completion(*values)
+    def _on_event(self, *event: Any) -> None:
+        self._tracker.feed(*event)
+        if self._tracker.completion is None:
+            self._view.draw()

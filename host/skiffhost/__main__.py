@@ -8,7 +8,6 @@ _on_interrupt = _signal.getsignal(_signal.SIGINT)
 if callable(_on_interrupt):
     _signal.signal(_signal.SIGINT, _signal.SIG_DFL)  # a Ctrl-C during the imports ends the process without a traceback
 
-import argparse
 import signal
 import sys
 from typing import List, Optional
@@ -19,7 +18,6 @@ from .commands.options import DEFAULTS, add_common_options
 from .outcome import (EXIT_CANCELLED, EXIT_CODES, EXIT_OK, EXIT_USAGE, Failure, discard_unwritten,
                       open_standard_streams, print_failure, print_lines, print_result)
 from .parser import Information, Parser
-from .timelimit import lift_limit, run_limited
 
 if callable(_on_interrupt):
     _signal.signal(_signal.SIGINT, _on_interrupt)
@@ -47,10 +45,8 @@ def main(argv: Optional[List[str]] = None) -> int:
         open_standard_streams()
         arguments = make_parser().parse_args(words)
         if arguments.quiet and arguments.verbose:
-            raise Failure(EXIT_USAGE, "--quiet and --verbose exclude each other")
-        if arguments.timeout is None:
-            return _run(arguments)
-        return run_limited(arguments.timeout, lambda: _run(arguments))
+            raise Failure(EXIT_USAGE, "--quiet and --verbose cannot be combined")
+        return print_result(arguments.run(arguments), arguments.json)
     except Information as information:
         return print_lines([str(information)], EXIT_OK)
     except Failure as failure:
@@ -61,14 +57,6 @@ def main(argv: Optional[List[str]] = None) -> int:
         discard_unwritten()
         if signal.getsignal(signal.SIGINT) == signal.default_int_handler:
             signal.signal(signal.SIGINT, signal.SIG_DFL)  # nothing is left that a Ctrl-C would have to clean up
-
-
-def _run(arguments: argparse.Namespace) -> int:
-    try:
-        result = arguments.run(arguments)
-    finally:
-        lift_limit()
-    return print_result(result, arguments.json)
 
 
 if __name__ == "__main__":

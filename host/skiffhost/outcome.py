@@ -11,14 +11,13 @@ import unicodedata
 from typing import Any, Dict, List, NamedTuple, NoReturn, Optional
 
 EXIT_OK, EXIT_REFUSED, EXIT_USAGE, EXIT_NO_ANSWER, EXIT_NOT_WRITTEN = range(5)
-EXIT_TIMED_OUT, EXIT_CANCELLED = 124, 130  # as timeout(1) has it, and as a shell reports a Ctrl-C
+EXIT_CANCELLED = 130  # as a shell reports a Ctrl-C
 EXIT_CODES = {
     EXIT_OK: "success",
     EXIT_REFUSED: "the service refused",
     EXIT_USAGE: "wrong arguments or files, nothing was sent",
     EXIT_NO_ANSWER: "no valid answer",
     EXIT_NOT_WRITTEN: "done, but the output could not be written",
-    EXIT_TIMED_OUT: "the time limit (--timeout) has passed",
     EXIT_CANCELLED: "cancelled",
 }
 

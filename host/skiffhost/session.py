@@ -105,9 +105,8 @@ def _first_line(path: str) -> str:
 
 
 def native_interrupts() -> ContextManager[None]:
-    """Lets Ctrl-C and the time limit end the process: a service call blocks the thread that would run Python's
-    handlers."""
-    return handling((signal.SIGINT, signal.SIGALRM), signal.SIG_DFL)
+    """Lets Ctrl-C end the process: a service call blocks the thread that would run Python's handlers."""
+    return handling((signal.SIGINT,), signal.SIG_DFL)
 
 
 def tracing_registry() -> str:

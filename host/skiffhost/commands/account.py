@@ -20,7 +20,7 @@ SHARED_FIELDS = {
 
 def register(subparsers: Any) -> None:
     add_command(subparsers, "addresses", addresses, "find the addresses of the service and its pages",
-                ["", "--json --timeout 20"],
+                ["", "--json"],
                 {**SHARED_FIELDS, "sign_up": "address for new members", "forgotten_password": "address to reset a "
                  "password"})
     login_parser = add_command(subparsers, "login", login, "log a member in and show the account's details",

@@ -20,7 +20,6 @@ DEFAULTS: Dict[str, Any] = {
     "version_name": "1.0.0",
     "version_type": "Retail",
     "uuid": None,
-    "timeout": None,
     "json": False,
     "quiet": False,
     "verbose": False,
@@ -29,8 +28,6 @@ DEFAULTS: Dict[str, Any] = {
 # host:port:address:port; each may be empty, and an IPv6 address stands in brackets.
 _NAME = r"(?:\[[0-9A-Fa-f:.]+\]|[^\s:\[\]/]*)"
 RULE = re.compile(f"{_NAME}:([0-9]{{0,5}}):{_NAME}:([0-9]{{0,5}})")
-
-MOST_SECONDS = 10**6
 
 
 def add_common_options(parser: argparse.ArgumentParser) -> None:
@@ -49,9 +46,6 @@ def add_common_options(parser: argparse.ArgumentParser) -> None:
                        help=f"version type to report, e.g. Trial (default: {DEFAULTS['version_type']})")
     group.add_argument("--uuid", help="installation UUID to report, e.g. 4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10 "
                        "(default: derived from the host name)")
-    group.add_argument("--timeout", metavar="SECONDS", type=time_limit,
-                       help="end the whole command after this time, e.g. 30; an upload is cancelled first and gets 5 "
-                       "seconds more (default: no limit)")
     group.add_argument("--json", action="store_true", help="print the result, or the failure, as one JSON object")
     group.add_argument("--quiet", action="store_true", help="print no progress on standard error, only failures")
     group.add_argument("--verbose", action="store_true", help="print the module's trace on standard error")
@@ -104,13 +98,3 @@ def certificates_file(path: str) -> str:
     except OSError as error:
         raise argparse.ArgumentTypeError(f"cannot read {path}: {error.strerror}") from error
     return path
-
-
-def time_limit(text: str) -> float:
-    try:
-        seconds = float(text)
-    except ValueError:
-        seconds = 0.0
-    if not 0.001 <= seconds <= MOST_SECONDS:
-        raise argparse.ArgumentTypeError(f"not a number of seconds above 0: {text}")
-    return seconds

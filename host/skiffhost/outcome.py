@@ -64,8 +64,14 @@ def discard_unwritten() -> None:
 
 
 def printable(text: str) -> str:
-    """Returns the text without anything that could control a terminal."""
-    return "".join("?" if unicodedata.category(character) in ("Cc", "Cs") else character for character in text)
+    """Returns the text without anything that could control a terminal, start a line or turn the text's direction."""
+    return "".join("?" if _is_control(character) else character for character in text)
+
+
+def _is_control(character: str) -> bool:
+    if unicodedata.category(character) in ("Cc", "Cf", "Cs", "Zl", "Zp"):
+        return character not in "\u200c\u200d"  # which join letters and emoji
+    return False
 
 
 def print_result(result: Result, as_json: bool) -> int:

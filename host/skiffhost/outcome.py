@@ -3,9 +3,9 @@
 from __future__ import annotations
 
 import contextlib
-import errno
 import json
 import os
+import signal
 import sys
 import unicodedata
 from typing import Any, Dict, List, NamedTuple, NoReturn, Optional
@@ -95,9 +95,13 @@ def print_lines(lines: List[str], exit_code: int) -> int:
         for line in lines:
             print(line)
         sys.stdout.flush()
+    except BrokenPipeError:  # a reader that has seen enough is no news
+        if exit_code == EXIT_OK and hasattr(signal, "SIGPIPE"):
+            signal.signal(signal.SIGPIPE, signal.SIG_DFL)
+            os.kill(os.getpid(), signal.SIGPIPE)  # ends the process as it would have ended one that is not Python's
+        return exit_code or EXIT_NOT_WRITTEN
     except OSError as error:
-        if error.errno != errno.EPIPE:  # a reader that has seen enough is no news
-            _complain(Failure(EXIT_NOT_WRITTEN, f"cannot write the output: {error.strerror}"))
+        _complain(Failure(EXIT_NOT_WRITTEN, f"cannot write the output: {error.strerror}"))
         return exit_code or EXIT_NOT_WRITTEN
     return exit_code
 

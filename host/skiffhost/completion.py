@@ -9,6 +9,8 @@ __all__ = ["CANCELLED", "FAILED", "PUBLISHED", "REFUSED", "Completion", "NotPubl
 # How an upload can end.
 PUBLISHED, REFUSED, CANCELLED, FAILED = "published", "refused", "cancelled", "failed"
 
+NO_ANSWER = "the network or a file failed before the service answered, or it refused without a reason"
+
 
 class Completion(NamedTuple):
     """The arguments that follow the name of an UploadComplete event: ``Completion(*values)``."""
@@ -34,7 +36,7 @@ class Completion(NamedTuple):
 
     def problem(self, cancelled: bool = False) -> str:
         """Returns why the preset was not published, in words: for a refusal the service's. Empty if it was."""
-        texts = {PUBLISHED: "", REFUSED: self.error, CANCELLED: "cancelled", FAILED: "no accepted answer"}
+        texts = {PUBLISHED: "", REFUSED: self.error, CANCELLED: "cancelled", FAILED: NO_ANSWER}
         return texts[self.outcome(cancelled)]
 
 

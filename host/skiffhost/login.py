@@ -2,10 +2,12 @@
 
 from __future__ import annotations
 
+import os
+import sys
 import time
 from typing import Any
 
-__all__ = ["NETWORK_ERRORS", "explain_login", "was_refused"]
+__all__ = ["NETWORK_ERRORS", "explain_login", "unreadable_roots", "was_refused"]
 
 # What the network errors mean that a login returns.
 NETWORK_ERRORS = {
@@ -31,6 +33,14 @@ NETWORK_ERRORS = {
 PROBE_SECONDS = 5.5
 
 
+def unreadable_roots() -> str:
+    """Returns, in words, that SSL_CERT_FILE names nothing that can be read; an empty text if that is not so."""
+    path = os.environ.get("SSL_CERT_FILE", "")
+    if not path or sys.platform == "win32" or os.path.isfile(path) and os.access(path, os.R_OK):
+        return ""
+    return f"SSL_CERT_FILE names no file that can be read: {path}"
+
+
 def was_refused(session: Any, result: int) -> bool:
     """Returns whether the service answered and did not accept the login. Sends nothing.
 
@@ -51,14 +61,15 @@ def explain_login(session: Any, result: int) -> str:
         return ""
     if result != 0:
         reason = NETWORK_ERRORS.get(result, "the exchange failed")
-        return f"no answer to the login: {reason} (error {result})"
+        roots = unreadable_roots()
+        return f"no answer to the login: {reason} (error {result})" + (f"; {roots}" if roots else "")
     if session.m_bServerReachable:
-        return ("the service did not accept the login, or its reply could not be read; "
-                "a member's first login is completed on the page that the browser shows")
+        return ("the user name or the password is wrong, or a first login must be completed on the page that the "
+                "browser shows, or the service's reply could not be read")
     address = session.m_szChkServerUrl  # what was probed last
     if not address:
         return "no login: the user name or the password is missing"
-    return f"no answer to the login: {_why_unreachable(address.partition('://')[2])}"
+    return f"no answer to the login: {unreadable_roots() or _why_unreachable(address.partition('://')[2])}"
 
 
 def _why_unreachable(host: str) -> str:

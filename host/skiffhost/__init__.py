@@ -2,8 +2,8 @@
 
 For hosts: ``loop`` delivers an uploader's events through any event loop; ``Uploader`` is an uploader for a ``with``
 block; ``Tracker`` and ``Completion`` put the events into everyday terms (``progress``, ``completion``);
-``explain_login`` says why a login failed (``login``); ``find_files`` finds and checks a preset's files
-(``presetfiles``). Everything else belongs to the command line and may change.
+``in_background`` runs a login on a thread of its own (``background``); ``explain_login`` says why it failed
+(``login``); ``find_files`` finds and checks a preset's files (``presetfiles``). Everything else belongs to the command line and may change.
 """
 
 from ._version import __version__
@@ -12,8 +12,10 @@ TYPE_CHECKING = False
 if TYPE_CHECKING:
     from typing import Any, List
 
+    from .background import in_background as in_background
     from .completion import Completion as Completion
     from .login import explain_login as explain_login
+    from .presetfiles import PresetFilesError as PresetFilesError
     from .presetfiles import find_files as find_files
     from .progress import Tracker as Tracker
     from .uploads import Uploader as Uploader
@@ -21,13 +23,16 @@ if TYPE_CHECKING:
 # Imported when they are first used: a host that only pumps needs none of them.
 _HOMES = {
     "Completion": "completion",
+    "PresetFilesError": "presetfiles",
     "Tracker": "progress",
     "Uploader": "uploads",
     "explain_login": "login",
     "find_files": "presetfiles",
+    "in_background": "background",
 }
 
-__all__ = ["Completion", "Tracker", "Uploader", "__version__", "explain_login", "find_files"]
+__all__ = ["Completion", "PresetFilesError", "Tracker", "Uploader", "__version__", "explain_login", "find_files",
+           "in_background"]
 
 
 def __getattr__(name: str) -> "Any":

@@ -21,7 +21,7 @@ LARGEST_UPLOAD = 2**32 - 2**20
 
 
 class PresetFilesError(ValueError):
-    """A preset's files are not as they have to be. ``faults`` lists everything that was found, in words."""
+    """A preset's files are not as they must be. ``faults`` lists everything that was found, in words."""
 
     def __init__(self, faults: List[str]) -> None:
         super().__init__("; ".join(faults))
@@ -36,6 +36,7 @@ def find_files(folder: Optional[Path] = None, given: Optional[Mapping[str, Optio
     entries = _by_stem(os.fspath(folder)) if folder is not None else {}
     faults = [f"no such file of a preset: {name}" for name in given or {} if name not in FILES]
     paths: List[str] = []
+    missing: List[str] = []
     for name in FILES:
         path = (given or {}).get(name)
         found = [os.fspath(path)] if path is not None else entries.get(name, [])
@@ -46,9 +47,12 @@ def find_files(folder: Optional[Path] = None, given: Optional[Mapping[str, Optio
             candidates = ", ".join(sorted(os.path.basename(path) for path in found))
             faults.append(f"several files could be {name}: {candidates}")
         else:
-            faults.append(f"no file {name}" + (f" in {os.fspath(folder)}" if folder is not None else ""))
+            missing.append(name)
+    if missing:
+        where = f" in {os.fspath(folder)}" if folder is not None else ""
+        faults.append(f"no file {', '.join(missing)}{where}")
     if not faults and sum(os.path.getsize(paths[FILES.index(name)]) for name in SENT) > LARGEST_UPLOAD:
-        faults.append("the files are too large together: an upload is limited to 4 GiB")
+        faults.append("the files exceed the upload limit of 4 GiB in total")
     if faults:
         raise PresetFilesError(faults)
     return paths

@@ -46,6 +46,8 @@ def main(argv: Optional[List[str]] = None) -> int:
         arguments = make_parser().parse_args(words)
         if arguments.quiet and arguments.verbose:
             raise Failure(EXIT_USAGE, "--quiet and --verbose cannot be combined")
+        if arguments.host is not None and not arguments.takes_host:
+            raise Failure(EXIT_USAGE, "this command has no use for --host")
         return print_result(arguments.run(arguments), arguments.json)
     except Information as information:
         return print_lines([str(information)], EXIT_OK)

@@ -15,11 +15,11 @@ import uuid
 from types import ModuleType
 from typing import Any, ContextManager, NamedTuple
 
-from .login import explain_login, was_refused
-from .outcome import EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, Failure
+from .login import explain_login, unreadable_roots, was_refused
+from .outcome import EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, Failure, printable
 from .signals import handling
 
-PASSWORD_VARIABLE = "SKIFFHOST_PASSWORD"
+USER_VARIABLE, PASSWORD_VARIABLE = "SKIFFHOST_USER", "SKIFFHOST_PASSWORD"
 
 TRACING_REGISTRY = b"""Windows Registry Editor Version 5.00
 
@@ -47,14 +47,20 @@ def open_session(arguments: argparse.Namespace) -> Session:
         os.environ["SKIFFPORT_CONNECT_TO"] = arguments.connect_to
     if arguments.ca_file is not None:
         os.environ["SSL_CERT_FILE"] = arguments.ca_file
+    elif unreadable_roots():
+        raise Failure(EXIT_USAGE, unreadable_roots())
     if arguments.verbose:
         os.environ["SKIFFPORT_REGISTRY"] = tracing_registry()
     try:  # here, since the documents are made of the parser without a built module
         import Skiffport
 
         from .loop import initialize_thread
+    except ModuleNotFoundError as error:
+        version = ".".join(map(str, sys.version_info[:2]))
+        raise Failure(EXIT_USAGE, f"Skiffport is not built for this CPython {version}: set SKIFFPORT_PYTHONS="
+                      f"{sys.executable} and build again ({error})") from error
     except ImportError as error:
-        raise Failure(EXIT_USAGE, f"cannot import Skiffport, is the built tree on PYTHONPATH? {error}") from error
+        raise Failure(EXIT_USAGE, f"cannot import Skiffport: {error}") from error
     initialize_thread()
     installation = arguments.uuid or str(uuid.uuid5(uuid.NAMESPACE_DNS, socket.gethostname()))
     data = Skiffport.KHLoginData(arguments.version_name, arguments.version_type, installation)
@@ -69,39 +75,66 @@ def find_service(session: Session) -> None:
         session.data.InitKHServerURL()
 
 
-def log_in(session: Session, user: str, password: str) -> None:
+def log_in(session: Session, account: Account) -> None:
     """Logs the member in. Raises Failure."""
     find_service(session)
     with native_interrupts():
-        result = session.data.LoginKestrelhub(user, password)
+        result = session.data.LoginKestrelhub(*account)
         reason = explain_login(session.data, result)  # may ask the service once more
     if reason:
         raise Failure(EXIT_REFUSED if was_refused(session.data, result) else EXIT_NO_ANSWER, reason)
 
 
-def password_of(arguments: argparse.Namespace) -> str:
-    """Returns the password from the file, the environment or a prompt, in that order. Raises Failure."""
+class Account(NamedTuple):
+    user: str
+    password: str
+
+
+def user_of(arguments: argparse.Namespace) -> str:
+    """Returns who is to log in; an empty text if nobody is named. Raises Failure."""
+    given = [name for name in (getattr(arguments, "named", None), arguments.user) if name is not None]
+    if len(given) > 1:
+        raise Failure(EXIT_USAGE, "the user is named twice")
+    return given[0] if given else os.environ.get(USER_VARIABLE, "")
+
+
+def account_of(arguments: argparse.Namespace) -> Account:
+    """Returns who is to log in, and the password from a file, the environment or a prompt. Raises Failure.
+
+    Takes the password out of the environment, which the member's browser inherits.
+    """
+    inherited = os.environ.pop(PASSWORD_VARIABLE, None)
+    user = user_of(arguments)
+    if not user:
+        raise Failure(EXIT_USAGE, f"no user: use --user or set {USER_VARIABLE}")
     if arguments.password_file is not None:
-        return _first_line(arguments.password_file)
-    if PASSWORD_VARIABLE in os.environ:
-        return os.environ[PASSWORD_VARIABLE]
-    if not sys.stdin.isatty():
+        source, password = "the password file's first line", _first_line(arguments.password_file)
+    elif inherited is not None:
+        source, password = PASSWORD_VARIABLE, inherited
+    elif sys.stdin.isatty():
+        source, password = "the password", _prompt(f"Password for {printable(user)}: ")
+    else:
         raise Failure(EXIT_USAGE, f"no password: use --password-file or set {PASSWORD_VARIABLE}")
+    if not password:
+        raise Failure(EXIT_USAGE, f"{source} is empty")
+    return Account(user, password)
+
+
+def _prompt(text: str) -> str:
     try:
-        return getpass.getpass(f"Password for {arguments.user}: ")
-    except EOFError as error:
-        raise Failure(EXIT_USAGE, "no password") from error
+        return getpass.getpass(text)
+    except EOFError:
+        return ""
 
 
 def _first_line(path: str) -> str:
     try:
         with open(0 if path == "-" else path, encoding="utf-8", closefd=path != "-") as file:
-            line = file.readline().rstrip("\r\n")
-    except (OSError, ValueError) as error:
-        raise Failure(EXIT_USAGE, f"cannot read the password file: {error}") from error
-    if not line:
-        raise Failure(EXIT_USAGE, "the password file's first line is empty")
-    return line
+            return file.readline().rstrip("\r\n")
+    except UnicodeDecodeError as error:
+        raise Failure(EXIT_USAGE, f"the password file is not UTF-8: {path}") from error
+    except OSError as error:
+        raise Failure(EXIT_USAGE, f"cannot read the password file {path}: {error.strerror}") from error
 
 
 def native_interrupts() -> ContextManager[None]:

@@ -6,9 +6,8 @@ import argparse
 from typing import Any, Dict, Optional
 
 from ..outcome import EXIT_NO_ANSWER, EXIT_USAGE, Failure, Result
-from ..session import find_service, log_in, open_session, password_of
+from ..session import account_of, find_service, log_in, open_session
 from .options import add_command, add_login_options
-
 
 SHARED_FIELDS = {
     "server": "host that answers the service's requests",
@@ -22,43 +21,44 @@ def register(subparsers: Any) -> None:
     add_command(subparsers, "addresses", addresses, "find the addresses of the service and its pages",
                 ["", "--json"],
                 {**SHARED_FIELDS, "sign_up": "address for new members", "forgotten_password": "address to reset a "
-                 "password"})
+                 "password"}, takes_host=False)
     login_parser = add_command(subparsers, "login", login, "log a member in and show the account's details",
-                               ["mika", "mika --password-file ~/.skiffhost-password --json"],
+                               ["mika", "--user mika --password-file ~/.skiffhost-password --json"],
                                {**SHARED_FIELDS, "name": "the member's name", "profile": "address of the member's page",
                                 "revision": "revision of the service's interface",
                                 "token": "the session token, with --show-token"})
-    add_login_options(login_parser)
+    add_login_options(login_parser, positional=True)
     login_parser.add_argument("--show-token", action="store_true",
                               help="also show the session token, which is as good as the password for a while")
 
 
 def addresses(arguments: argparse.Namespace) -> Result:
-    if arguments.host is not None:
-        raise Failure(EXIT_USAGE, "--host cannot be combined with addresses")
     session = open_session(arguments)
     find_service(session)
     data = session.data
-    server, gallery, tutorial = data.GetServerUrl(), data.GetVideoGalleryURL()[0], data.GetTutorialURL()
-    failure = None
-    if not data.m_bServerReachable:
-        failure = Failure(EXIT_NO_ANSWER, "no answer from the detection host: these are fallback addresses")
-    elif not gallery and tutorial.startswith(f"https://{server}&"):  # there is no path between host and query
-        failure = Failure(EXIT_NO_ANSWER, "the detection host named no pages: these are fallback addresses")
-    return _listing({
-        "server": server,
+    server, gallery = data.GetServerUrl(), data.GetVideoGalleryURL()[0]
+    start = f"https://{server}"
+    pages = {
         "sign_up": data.GetSignUpURL(),
         "forgotten_password": data.GetForgetPasswordURL(),
-        "tutorial": tutorial,
+        "tutorial": data.GetTutorialURL(),
         "preset_download": data.GetPresetDownloadURL(),
-        "video_gallery": f"https://{server}{gallery}" if gallery else "",
-    }, failure)
+        "video_gallery": start + gallery,
+    }
+    # The module joins the host with something in any case; a path follows it only if the page was found.
+    found = {name: page if page.startswith(start + "/") else "" for name, page in pages.items()}
+    failure = None
+    if not data.m_bServerReachable:
+        failure = Failure(EXIT_NO_ANSWER, "no answer from the detection host: the server is a fallback")
+    elif not any(found.values()):
+        failure = Failure(EXIT_NO_ANSWER, "the detection host named no pages")
+    return _listing({"server": server, **found}, failure)
 
 
 def login(arguments: argparse.Namespace) -> Result:
-    password = password_of(arguments)
+    account = account_of(arguments)
     session = open_session(arguments)
-    log_in(session, arguments.user, password)
+    log_in(session, account)
     data = session.data
     values = {
         "server": data.GetServerUrl(),
@@ -76,5 +76,5 @@ def login(arguments: argparse.Namespace) -> Result:
 
 def _listing(values: Dict[str, str], failure: Optional[Failure] = None) -> Result:
     width = max(map(len, values)) + 2
-    lines = [f"{name.replace('_', ' '):{width}}{value}" for name, value in values.items()]
+    lines = [f"{name.replace('_', ' '):{width}}{value}" for name, value in values.items() if value]
     return Result(lines, values, failure)

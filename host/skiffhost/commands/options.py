@@ -30,11 +30,12 @@ _NAME = r"(?:\[[0-9A-Fa-f:.]+\]|[^\s:\[\]/]*)"
 RULE = re.compile(f"{_NAME}:([0-9]{{0,5}}):{_NAME}:([0-9]{{0,5}})")
 
 
-def add_common_options(parser: argparse.ArgumentParser) -> None:
+def add_common_options(parser: argparse.ArgumentParser, takes_host: bool = True) -> None:
     """Adds the options that may come before or after the subcommand; DEFAULTS holds their defaults."""
     group = parser.add_argument_group("common options", argument_default=argparse.SUPPRESS)
-    group.add_argument("--host", type=host_name,
-                       help="host of the service, e.g. www.kestrelhub.example (default: found by detection)")
+    if takes_host:
+        group.add_argument("--host", type=host_name,
+                           help="host of the service, e.g. www.kestrelhub.example (default: found by detection)")
     group.add_argument("--connect-to", metavar="LIST", type=connect_rules,
                        help="redirect connections: comma-separated rules host:port:address:port, "
                        "e.g. www.kestrelhub.example:443:127.0.0.1:8443")
@@ -52,7 +53,7 @@ def add_common_options(parser: argparse.ArgumentParser) -> None:
 
 
 def add_command(subparsers: Any, name: str, run: Command, text: str, examples: Sequence[str],
-                fields: Mapping[str, str]) -> Parser:
+                fields: Mapping[str, str], takes_host: bool = True) -> Parser:
     """Adds a subcommand with examples of its arguments, and the meaning of each field that it prints as JSON. Returns
     its parser, for further options."""
     lines = tuple(f"skiffhost {name} {example}".rstrip() for example in examples)
@@ -60,14 +61,16 @@ def add_command(subparsers: Any, name: str, run: Command, text: str, examples: S
                                            epilog="examples:\n  " + "\n  ".join(lines))
     parser.examples = lines
     parser.fields = fields
-    parser.set_defaults(run=run)
-    add_common_options(parser)
+    parser.set_defaults(run=run, takes_host=takes_host)
+    add_common_options(parser, takes_host)
     return parser
 
 
-def add_login_options(parser: argparse.ArgumentParser, user: str = "user", **how: Any) -> None:
-    """Adds what a login needs: the user, as an argument or the named option, and a source of the password."""
-    parser.add_argument(user, help="account of the member, e.g. mika", **how)
+def add_login_options(parser: argparse.ArgumentParser, positional: bool = False) -> None:
+    """Adds what a login needs: the user, as an option and perhaps as an argument too, and a source of the password."""
+    if positional:
+        parser.add_argument("named", metavar="user", nargs="?", help="the same as --user, e.g. mika")
+    parser.add_argument("--user", help="account of the member, e.g. mika (default: $SKIFFHOST_USER)")
     parser.add_argument("--password-file", metavar="FILE", help="file whose first line is the password, e.g. "
                         "~/.skiffhost-password; - is standard input (default: $SKIFFHOST_PASSWORD, or a prompt)")
 

@@ -16,7 +16,7 @@ from .. import completion
 from ..outcome import EXIT_CANCELLED, EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, Failure, Result, end_at_once
 from ..presetfiles import FILES, PresetFilesError, find_files
 from ..progress import Tracker
-from ..session import Session, log_in, open_session, password_of
+from ..session import USER_VARIABLE, Session, account_of, log_in, open_session
 from ..signals import handling
 from ..views import View, choose_view
 from .options import add_command, add_login_options
@@ -25,7 +25,7 @@ PUMP_SECONDS = 0.2
 UPLOAD_ID = 1
 
 EXAMPLES = ["mika presets/evening --title 'Evening light' --category 2",
-            "mika presets/evening --title Evening --cover-after new.png --tags sunset,warm",
+            "presets/evening --user mika --title Evening --cover-after new.png --tags sunset,warm",
             "mika presets/evening --title Evening --json <password.txt --password-file -"]
 
 EXIT_CODES = {
@@ -49,9 +49,9 @@ FIELDS = {
 def register(subparsers: Any) -> None:
     parser = add_command(subparsers, "publish", publish, "publish a preset", EXAMPLES,
                          {"address": "address of the published preset", "template_key": "key of the preset"})
-    add_login_options(parser)
-    parser.add_argument("folder", nargs="?", help="folder with the preset's files, e.g. presets/evening; each may have "
-                        "any extension: " + ", ".join(FILES))
+    add_login_options(parser, positional=True)
+    parser.add_argument("folder", nargs="?", help="folder with the preset's files, e.g. presets/evening; the only "
+                        "argument if the user is named elsewhere; each file may have any extension: " + ", ".join(FILES))
     files = parser.add_argument_group("files that replace those of the folder")
     for name in FILES:
         files.add_argument("--" + name.replace("_", "-"), metavar="FILE",
@@ -66,10 +66,12 @@ def register(subparsers: Any) -> None:
 
 
 def publish(arguments: argparse.Namespace) -> Result:
+    if arguments.folder is None and (arguments.user or os.environ.get(USER_VARIABLE)):
+        arguments.named, arguments.folder = None, arguments.named  # the only argument
     paths = _find_preset(arguments)
-    password = password_of(arguments)
+    account = account_of(arguments)
     session = open_session(arguments)
-    log_in(session, arguments.user, password)
+    log_in(session, account)
     key = arguments.template_key or str(uuid.uuid4()).upper()
     fields = [key, arguments.title, arguments.category, arguments.tags, arguments.description, arguments.collections,
               arguments.pip_type]

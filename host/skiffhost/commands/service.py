@@ -11,7 +11,7 @@ from typing import Any
 from urllib.parse import quote
 
 from ..outcome import EXIT_NO_ANSWER, Failure, Result
-from ..session import Session, find_service, log_in, native_interrupts, open_session, password_of
+from ..session import Session, account_of, find_service, log_in, native_interrupts, open_session, user_of
 from .options import add_command, add_login_options, host_name
 
 
@@ -23,7 +23,7 @@ def register(subparsers: Any) -> None:
                          ["9C1A52F0-7B0E-4C55-8C39-6A1E7A4B9D21", "9C1A52F0-7B0E-4C55-8C39-6A1E7A4B9D21 --user mika"],
                          {"address": "address of the effect"})
     parser.add_argument("guid", help="GUID of the effect, e.g. 9C1A52F0-7B0E-4C55-8C39-6A1E7A4B9D21")
-    add_login_options(parser, "--user")
+    add_login_options(parser)
     parser = add_command(subparsers, "relate-video", relate_video, "report a related video to the service",
                          ["https://video.example/v/1 video.example --user mika"],
                          {"address": "address of the video at the service"})
@@ -31,20 +31,19 @@ def register(subparsers: Any) -> None:
     parser.add_argument("website", help="website that hosts the video, e.g. video.example")
     parser.add_argument("info", nargs="?", default="", help="further information as an escaped query, e.g. "
                         "title=Evening%%20light&lang=en")
-    add_login_options(parser, "--user", required=True)
+    add_login_options(parser)
     parser = add_command(subparsers, "request", request, "send a POST request to any host and print the reply's body",
                          ["www.kestrelhub.example /servlet/getPresetCategory --params 'ap=TWR&Locid=en' --port 80"],
-                         {"data": "body of the reply"})
+                         {"data": "body of the reply"}, takes_host=False)
     parser.add_argument("server", metavar="host", type=host_name, help="name of the host, e.g. www.kestrelhub.example")
     parser.add_argument("path", help="path, sent as it is, e.g. /servlet/getPresetCategory")
-    parser.add_argument("--port", type=int, choices=(443, 80), default=443, help="443, the default, uses TLS")
+    parser.add_argument("--port", type=int, choices=(443, 80), default=443, help="80, or 443 for TLS (default: 443)")
     parser.add_argument("--params", metavar="TEXT", default="", help="query, sent as it is, e.g. 'ap=TWR&Locid=en'")
     parser.add_argument("--form", action="store_true", help="send the parameters as a form instead of a query")
 
 
 def categories(arguments: argparse.Namespace) -> Result:
-    session = open_session(arguments)
-    find_service(session)
+    session = _open_for_anyone(arguments)
     with native_interrupts():
         names = session.data.GetPresetCategory(_escaped(arguments.location))
     if not names:
@@ -55,11 +54,11 @@ def categories(arguments: argparse.Namespace) -> Result:
 
 
 def effect(arguments: argparse.Namespace) -> Result:
-    session = _open_for_user(arguments)
+    session = _open_for_user(arguments) if user_of(arguments) else _open_for_anyone(arguments)
     with native_interrupts():
         address = session.data.GetEffectByGUID(_escaped(arguments.guid)).strip()
     if not address:
-        advice = "" if arguments.user else "; it may need a login (--user)"
+        advice = "" if user_of(arguments) else "; it may need a login (--user)"
         raise Failure(EXIT_NO_ANSWER, "no such effect, or the service did not answer" + advice)
     return Result([address], {"address": address})
 
@@ -94,13 +93,16 @@ def request(arguments: argparse.Namespace) -> Result:
 
 
 def _open_for_user(arguments: argparse.Namespace) -> Session:
-    """Returns a session, logged in if the command names a user."""
-    password = password_of(arguments) if arguments.user else ""
+    """Returns a session in which the command's user is logged in."""
+    account = account_of(arguments)
     session = open_session(arguments)
-    if arguments.user:
-        log_in(session, arguments.user, password)
-    else:
-        find_service(session)
+    log_in(session, account)
+    return session
+
+
+def _open_for_anyone(arguments: argparse.Namespace) -> Session:
+    session = open_session(arguments)
+    find_service(session)
     return session
 
 

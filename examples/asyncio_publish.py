@@ -12,7 +12,7 @@ import sys
 from typing import Any, List
 
 import Skiffport
-from skiffhost import Completion, Tracker, Uploader, explain_login, find_files, loop
+from skiffhost import Completion, Tracker, Uploader, explain_login, find_files, in_background, loop
 from skiffhost.completion import CANCELLED, NotPublished, address_of
 
 PRODUCT = ("10.5", "retail", "4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10")  # version, its type, this installation
@@ -21,7 +21,6 @@ EXIT_CANCELLED = 130  # as after Ctrl-C
 
 def log_in(user: str, password: str) -> Skiffport.KHLoginData:
     """Returns the session. Blocks but releases the GIL, so it runs on a worker thread."""
-    loop.initialize_thread()
     session = Skiffport.KHLoginData(*PRODUCT)
     problem = explain_login(session, session.LoginKestrelhub(user, password))
     if problem:
@@ -65,7 +64,7 @@ async def upload(session: Skiffport.KHLoginData, paths: List[str], title: str) -
 async def publish(folder: str, title: str) -> str:
     paths = find_files(folder)
     user, password = os.environ["SKIFFHOST_USER"], os.environ["SKIFFHOST_PASSWORD"]
-    session = await asyncio.get_running_loop().run_in_executor(None, log_in, user, password)
+    session = await asyncio.wrap_future(in_background(log_in, user, password))
     return await upload(session, paths, title)
 
 

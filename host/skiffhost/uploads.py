@@ -17,8 +17,8 @@ class Uploader:
 
     An uploader and a callable that reaches it keep each other alive, and the garbage collector cannot see that. The end
     of the block takes the callable away and frees the uploader. **An upload that still runs is cancelled, and the call
-    waits for its thread**, for as long as deleting a PyPresetUploader does, without its completion event; so pump until
-    that event before you leave the block, unless you give up.
+    waits for its thread**, for 5 s before it closes the connection, without its completion event; so pump until that
+    event before you leave the block, unless you give up.
 
     It has the methods of PyPresetUploader, takes path objects too, and has ``start``. Everything but CancelUpload after
     the end raises RuntimeError. It belongs to the thread that creates it.

@@ -37,7 +37,8 @@ ends the process ten seconds later if a cancelled upload still runs then."""
 JSON = """\
 With --json every command prints one object. Its field ok is true after success, and the fields named above follow.
 After a failure, wrong arguments included, ok is false, error is the message and exit_code the exit code; addresses
-adds its fields even then. What was not found is an empty text. A Ctrl-C that ends the process during a request other than an upload leaves no object."""
+adds its fields even then. What was not found is an empty text. A Ctrl-C that ends the process during a request other
+than an upload leaves no object."""
 PASSWORDS = """\
 A password comes from --password-file, else from SKIFFHOST_PASSWORD, else from a prompt on the terminal. It is never an
 argument, which other users of the machine could see."""

@@ -3,7 +3,8 @@
 For hosts: ``loop`` delivers an uploader's events through any event loop; ``Uploader`` is an uploader for a ``with``
 block; ``Tracker`` and ``Completion`` put the events into everyday terms (``progress``, ``completion``);
 ``in_background`` runs a login on a thread of its own (``background``); ``explain_login`` says why it failed
-(``login``); ``find_files`` finds and checks a preset's files (``presetfiles``). Everything else belongs to the command line and may change.
+(``login``); ``find_files`` finds and checks a preset's files (``presetfiles``). Everything else
+belongs to the command line and may change.
 """
 
 from ._version import __version__

@@ -95,7 +95,7 @@ def user_of(arguments: argparse.Namespace) -> str:
     given = [name for name in (getattr(arguments, "named", None), arguments.user) if name is not None]
     if len(given) > 1:
         raise Failure(EXIT_USAGE, "the user is named twice")
-    return given[0] if given else os.environ.get(USER_VARIABLE, "")
+    return str(given[0]) if given else os.environ.get(USER_VARIABLE, "")
 
 
 def account_of(arguments: argparse.Namespace) -> Account:

@@ -5,7 +5,7 @@ from __future__ import annotations
 import argparse
 from typing import Any, Dict, Optional
 
-from ..outcome import EXIT_NO_ANSWER, EXIT_USAGE, Failure, Result
+from ..outcome import EXIT_NO_ANSWER, Failure, Result
 from ..session import account_of, find_service, log_in, open_session
 from .options import add_command, add_login_options
 

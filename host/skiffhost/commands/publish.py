@@ -51,7 +51,8 @@ def register(subparsers: Any) -> None:
                          {"address": "address of the published preset", "template_key": "key of the preset"})
     add_login_options(parser, positional=True)
     parser.add_argument("folder", nargs="?", help="folder with the preset's files, e.g. presets/evening; the only "
-                        "argument if the user is named elsewhere; each file may have any extension: " + ", ".join(FILES))
+                        "argument if --user or $SKIFFHOST_USER names the user; each file may have any "
+                        "extension: " + ", ".join(FILES))
     files = parser.add_argument_group("files that replace those of the folder")
     for name in FILES:
         files.add_argument("--" + name.replace("_", "-"), metavar="FILE",

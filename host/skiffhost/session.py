@@ -130,7 +130,7 @@ def _prompt(text: str) -> str:
 def _first_line(path: str) -> str:
     try:
         with open(0 if path == "-" else path, encoding="utf-8", closefd=path != "-") as file:
-            return file.readline().rstrip("\r\n")
+            return file.readline().rstrip("\n")  # which stands for a CR LF, too
     except UnicodeDecodeError as error:
         raise Failure(EXIT_USAGE, f"the password file is not UTF-8: {path}") from error
     except OSError as error:

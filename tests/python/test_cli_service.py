@@ -59,3 +59,6 @@ class ServiceCommandsTest(test_cli.CommandLineCase):
         reply = self.check(["request", HOST, "/servlet/memLogin", "--form", "--params", "pwd=x", "--json"], 0, "{")
         self.assertIn("The login form is damaged.", json.loads(reply)["data"])
         self.check(["request", "no-host.invalid", "/"], 3, errors="name could not be found")
+        with peer.Peer("reply", "--body", "a\x1b[2J\x9b\u202e\u2066\ufeffä\u200d") as service:
+            there = ["--connect-to", f"{HOST}:80:127.0.0.1:{service.port}"]
+            self.check(["request", HOST, "/", *query, *there], 0, "a?[2J????ä\u200d\n")

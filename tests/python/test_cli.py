@@ -18,8 +18,7 @@ from unittest import mock
 import common
 import fixtures
 from kestrelhub_standin import launch
-from scripted import DEFAULT as SERVICE
-from scripted import DETECT, STAGE, Network
+from scripted import DEFAULT, DETECT, STAGE, Network
 
 from skiffhost import outcome, session
 from skiffhost.presetfiles import FILES, SENT
@@ -98,7 +97,7 @@ class AccountTest(CommandLineCase):
 
     def test_addresses_print_what_was_found(self):
         _, output, _ = self.run_cli("--uuid", "u-1", "addresses", "--json", "--version-name", "7")
-        self.assertIn(f'"server": "{SERVICE}", "sign_up": "https://{SERVICE}/signUp?from=twr&uuid=u-1"', output)
+        self.assertIn(f'"server": "{DEFAULT}", "sign_up": "https://{DEFAULT}/signUp?from=twr&uuid=u-1"', output)
         self.assertIn("version=7&versionType=Retail", self.standin.requests()[-1]["target"])
         with Network() as network:
             network.lead(f"{DETECT}:443:127.0.0.1:1")

@@ -8,8 +8,3 @@ SKIFFPORT_PLATFORM_API DWORD GetTickCount();
 
 /// Blocks the calling thread for that many ms, punctually. 0 yields the processor.
 SKIFFPORT_PLATFORM_API void Sleep(DWORD dwMilliseconds);
-
-// For the platform's own use: what Seam.h answers while no test drives the time.
-
-/// Milliseconds of the system's steady clock.
-std::uint64_t SystemMilliseconds();

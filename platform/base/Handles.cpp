@@ -1,10 +1,15 @@
-// See Handles.h.
+// See Handles.h and KernelObject.h.
 #include "platform/base/Handles.h"
 
-#include "platform/base/Fail.h"
 #include "platform/base/KernelObject.h"
+#include "platform/base/LastError.h"
 
 #include <new>
+
+HandleTable<KernelObject> &KernelObjects() {
+  static auto &table = *new HandleTable<KernelObject>(0x104);
+  return table;
+}
 
 BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProcess, HANDLE *phTarget, DWORD /*dwAccess*/,
                      BOOL bInherit, DWORD dwOptions) try {

@@ -45,3 +45,10 @@ constexpr DWORD ERROR_INTERNET_DECODING_FAILED = 12175;
 /// Why the calling thread's last failed platform call failed.
 SKIFFPORT_PLATFORM_API DWORD GetLastError();
 SKIFFPORT_PLATFORM_API void SetLastError(DWORD dwError);
+
+/// How a platform call reports a failure: sets the last error and returns the result, so that it is one statement:
+/// `return Fail(ERROR_X, FALSE);`
+template <class Result> Result Fail(DWORD error, Result result) {
+  SetLastError(error);
+  return result;
+}

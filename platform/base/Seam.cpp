@@ -1,8 +1,6 @@
 // See Seam.h. The product's definitions: nothing fails on purpose, and time is the system's.
 #include "platform/base/Seam.h"
 
-#include "platform/base/Clock.h"
-
 #include <thread>
 
 bool FaultAt(FaultPoint /*call*/) { return false; }

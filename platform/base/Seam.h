@@ -5,6 +5,8 @@
 
 #include "platform/base/Types.h"
 
+#include <chrono>
+
 /// The calls that a test can make fail, each at its start.
 enum class FaultPoint {
   _beginthreadex,
@@ -37,6 +39,11 @@ enum class FaultPoint {
 bool FaultAt(FaultPoint call);
 /// Milliseconds of the steady clock by which every time limit is measured.
 std::uint64_t SteadyMilliseconds();
+/// The same of the system's clock, whoever drives time.
+inline std::uint64_t SystemMilliseconds() {
+  using namespace std::chrono;
+  return static_cast<std::uint64_t>(duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count());
+}
 /// True if a test drives the clock: a wait must then check it every few milliseconds.
 bool ClockIsDriven();
 /// Blocks for that many ms; 0 yields the processor.

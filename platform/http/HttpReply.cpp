@@ -2,7 +2,7 @@
 #include "platform/http/HttpReply.h"
 
 #include "platform/base/LastError.h"
-#include "platform/http/HttpLimits.h"
+#include "platform/http/HttpRequest.h"
 #include "platform/http/HttpText.h"
 
 #include <algorithm>
@@ -56,11 +56,6 @@ DWORD HttpReply::TakeHeader(std::string_view line, long status) {
       return ERROR_HTTP_INVALID_SERVER_RESPONSE; // a reply whose body can't be read
   }
   return ERROR_SUCCESS;
-}
-
-void HttpReply::EndHead(long status) {
-  m_status = status;
-  m_isHeadIn = true;
 }
 
 DWORD HttpReply::TakeBody(std::string_view data) {

@@ -16,7 +16,7 @@ public:
   /// number, 0 for none. May throw std::bad_alloc.
   DWORD TakeHeader(std::string_view line, long status);
   /// Ends the head; for a reply whose head libcurl does not take to its end.
-  void EndHead(long status);
+  void EndHead(long status) { m_status = status, m_isHeadIn = true; }
   /// Takes body bytes. Returns: an error number, 0 for none. May throw std::bad_alloc.
   DWORD TakeBody(std::string_view data);
   /// Moves at most `size` body bytes out. Returns: how many.

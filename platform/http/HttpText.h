@@ -1,8 +1,7 @@
 // Small text helpers of the HTTP code. Pure functions, any thread.
 #pragma once
 
-#include "platform/text/ControlCharacter.h"
-#include "platform/text/Trim.h"
+#include "platform/text/Characters.h"
 
 #include <algorithm>
 #include <string_view>

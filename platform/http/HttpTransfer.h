@@ -79,15 +79,14 @@ private:
   bool IsSendingOver() const;
   bool IsReplyWhole() const;
 
-  // What libcurl's callbacks call. SetUpTls, StartRequest, TakeHeader and TakeBody may throw std::bad_alloc.
+  // What libcurl's callbacks call. SetUpTls and StartRequest may throw std::bad_alloc.
   CURLcode SetUpTls(void *context);
   void AllowTlsReads();
   static long BeforeTlsRead(BIO *connection, int operation, char const *, std::size_t, int, long, int result,
                             std::size_t *);
   void StartRequest();
   std::size_t Supply(char *buffer, std::size_t size);
-  bool TakeHeader(std::string_view line);
-  bool TakeBody(std::string_view data);
+  bool GoesOn(DWORD error);
   void CloseSocket(curl_socket_t fd);
 
   // Any thread, at any time. While m_isPolling is set, Abort also uses the multi handle of m_curl, to wake it.

@@ -12,7 +12,16 @@ struct StatusSink {
   HINTERNET handle = nullptr;
   DWORD_PTR context = 0;
 
-  void Report(DWORD status, void *information = nullptr, std::size_t length = 0) const noexcept;
-  void ReportText(DWORD status, std::wstring text) const noexcept;
-  void ReportCount(DWORD status, std::size_t count) const noexcept;
+  void Report(DWORD status, void *information = nullptr, std::size_t length = 0) const noexcept try {
+    if (callback && context)
+      callback(handle, context, status, information, static_cast<DWORD>(length));
+  } catch (...) { // nothing may pass through libcurl's frames
+  }
+  void ReportText(DWORD status, std::wstring text) const noexcept {
+    Report(status, text.data(), (text.size() + 1) * sizeof(WCHAR));
+  }
+  void ReportCount(DWORD status, std::size_t count) const noexcept {
+    DWORD value = static_cast<DWORD>(count);
+    Report(status, &value, sizeof value);
+  }
 };

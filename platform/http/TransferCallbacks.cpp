@@ -74,15 +74,8 @@ std::size_t HttpTransfer::Supply(char *buffer, std::size_t size) {
   return m_isPaused ? static_cast<std::size_t>(CURL_READFUNC_PAUSE) : supplied;
 }
 
-bool HttpTransfer::TakeHeader(std::string_view line) {
-  DWORD const error = m_reply.TakeHeader(line, Get<long>(CURLINFO_RESPONSE_CODE));
-  if (error != ERROR_SUCCESS)
-    m_error = error;
-  return error == ERROR_SUCCESS;
-}
-
-bool HttpTransfer::TakeBody(std::string_view data) {
-  DWORD const error = m_reply.TakeBody(data);
+/// Notes why the transfer ends, unless it is ERROR_SUCCESS. Returns: whether it goes on.
+bool HttpTransfer::GoesOn(DWORD error) {
   if (error != ERROR_SUCCESS)
     m_error = error;
   return error == ERROR_SUCCESS;
@@ -105,62 +98,48 @@ template <class Result, class Work> Result HttpTransfer::Call(void *transfer, Re
 }
 
 void HttpTransfer::SetUpCallbacks() {
-  auto const set = [this](CURLoption function, auto *callback, CURLoption data) {
+  auto const set = [this](CURLoption function, CURLoption data, auto *callback) {
     SetCurlOption(m_curl.easy.get(), function, callback);
     SetCurlOption(m_curl.easy.get(), data, this);
   };
   set(
-      CURLOPT_RESOLVER_START_FUNCTION,
-      +[](void *, void *, void *self) {
+      CURLOPT_RESOLVER_START_FUNCTION, CURLOPT_RESOLVER_START_DATA, +[](void *, void *, void *self) {
         return Call(self, 1, [](HttpTransfer &t) { return t.m_connection.Resolving(), 0; });
-      },
-      CURLOPT_RESOLVER_START_DATA);
+      });
   set(
-      CURLOPT_OPENSOCKETFUNCTION,
-      +[](void *self, curlsocktype, curl_sockaddr *address) {
+      CURLOPT_OPENSOCKETFUNCTION, CURLOPT_OPENSOCKETDATA, +[](void *self, curlsocktype, curl_sockaddr *address) {
         return Call(self, curl_socket_t{CURL_SOCKET_BAD},
                     [&](HttpTransfer &t) { return t.m_connection.Open(*address); });
-      },
-      CURLOPT_OPENSOCKETDATA);
+      });
   set(
-      CURLOPT_CLOSESOCKETFUNCTION,
-      +[](void *self, curl_socket_t fd) {
+      CURLOPT_CLOSESOCKETFUNCTION, CURLOPT_CLOSESOCKETDATA, +[](void *self, curl_socket_t fd) {
         return Call(self, 0, [&](HttpTransfer &t) { return t.CloseSocket(fd), 0; });
-      },
-      CURLOPT_CLOSESOCKETDATA);
+      });
   set(
-      CURLOPT_SSL_CTX_FUNCTION,
-      +[](CURL *, void *context, void *self) {
+      CURLOPT_SSL_CTX_FUNCTION, CURLOPT_SSL_CTX_DATA, +[](CURL *, void *context, void *self) {
         return Call(self, CURLE_OUT_OF_MEMORY, [&](HttpTransfer &t) { return t.SetUpTls(context); });
-      },
-      CURLOPT_SSL_CTX_DATA);
+      });
   set(
-      CURLOPT_PREREQFUNCTION,
-      +[](void *self, char *, char *, int, int) {
+      CURLOPT_PREREQFUNCTION, CURLOPT_PREREQDATA, +[](void *self, char *, char *, int, int) {
         return Call(self, CURL_PREREQFUNC_ABORT, [](HttpTransfer &t) { return t.StartRequest(), CURL_PREREQFUNC_OK; });
-      },
-      CURLOPT_PREREQDATA);
+      });
   set(
-      CURLOPT_READFUNCTION,
-      +[](char *buffer, std::size_t size, std::size_t count, void *self) {
+      CURLOPT_READFUNCTION, CURLOPT_READDATA, +[](char *buffer, std::size_t size, std::size_t count, void *self) {
         return Call(self, std::size_t{CURL_READFUNC_ABORT},
                     [&](HttpTransfer &t) { return t.Supply(buffer, size * count); });
-      },
-      CURLOPT_READDATA);
+      });
   set(
-      CURLOPT_HEADERFUNCTION,
-      +[](char *data, std::size_t size, std::size_t count, void *self) {
+      CURLOPT_HEADERFUNCTION, CURLOPT_HEADERDATA, +[](char *data, std::size_t size, std::size_t count, void *self) {
         return Call(self, std::size_t{0}, [&](HttpTransfer &t) {
-          return t.TakeHeader({data, size * count}) ? size * count : 0;
+          return t.GoesOn(t.m_reply.TakeHeader({data, size * count}, t.Get<long>(CURLINFO_RESPONSE_CODE)))
+                     ? size * count
+                     : 0;
         });
-      },
-      CURLOPT_HEADERDATA);
+      });
   set(
-      CURLOPT_WRITEFUNCTION,
-      +[](char *data, std::size_t size, std::size_t count, void *self) {
+      CURLOPT_WRITEFUNCTION, CURLOPT_WRITEDATA, +[](char *data, std::size_t size, std::size_t count, void *self) {
         return Call(self, std::size_t{0}, [&](HttpTransfer &t) {
-          return t.TakeBody({data, size * count}) ? size * count : 0;
+          return t.GoesOn(t.m_reply.TakeBody({data, size * count})) ? size * count : 0;
         });
-      },
-      CURLOPT_WRITEDATA);
+      });
 }

@@ -1,4 +1,4 @@
-// How long a call may wait for the peer: the time limits of HttpLimits.h, and what counts as progress. Runs on the
+// How long a call may wait for the peer: the time limits of HttpRequest.h, and what counts as progress. Runs on the
 // thread that makes the call. It knows nothing of libcurl.
 #pragma once
 

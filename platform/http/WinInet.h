@@ -2,7 +2,7 @@
 // Every call blocks its thread. Handles are entries of a table: a call on a closed handle fails, and closing a handle
 // from another thread ends the call that blocks on it or on a handle below it (ERROR_INTERNET_OPERATION_CANCELLED).
 //
-// HttpLimits.h holds the limits of time and size. Common errors (last error): 12002 time-out, 12005 a bad
+// HttpRequest.h holds the limits of time and size. Common errors (last error): 12002 time-out, 12005 a bad
 // address, 12006 no such scheme, 12007 name not resolved, 12017 cancelled, 12019 wrong state, 12029 no
 // connection, 12030 and 12031 connection lost, 12037 certificate date, 12038 certificate name, 12045 issuer, 12152 not
 // HTTP, 12157 TLS, 8 out of memory.

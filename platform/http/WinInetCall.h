@@ -2,7 +2,7 @@
 // exception leaves a call. Any thread.
 #pragma once
 
-#include "platform/base/Fail.h"
+#include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
 #include "platform/http/HandleTree.h"
 #include "platform/http/WinInet.h"

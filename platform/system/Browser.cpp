@@ -2,7 +2,7 @@
 // its children. Called from any thread. Knows nothing of which pages are opened.
 #include "platform/system/Browser.h"
 
-#include "platform/base/Fail.h"
+#include "platform/base/LastError.h"
 #include "platform/system/Detached.h"
 #include "platform/text/Utf8.h"
 

@@ -2,8 +2,8 @@
 // looked up at run time and stays loaded: a thread may still write while the process ends. Any thread.
 #include "platform/system/Debug.h"
 
-#include "platform/base/Fail.h"
 #include "platform/base/HandleTable.h"
+#include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
 #include "platform/text/Utf8.h"
 
@@ -36,25 +36,17 @@ HandleTable<std::string const> &Providers() {
   return table;
 }
 
-// A pipe writes at most PIPE_BUF bytes atomically; a longer text could be mixed with another thread's. It is cut
-// between characters and keeps its line end.
-std::string CutToOnePiece(std::string_view text) {
-  std::size_t end = PIPE_BUF - 1;
-  while (end > 0 && (static_cast<BYTE>(text[end]) & 0xC0) == 0x80)
-    --end;
-  return std::string(text.substr(0, end)) + (text.back() == '\n' ? "\n" : "");
-}
-
-void WriteDebug(std::string_view text) {
+/// Writes the text in one piece. A pipe takes at most PIPE_BUF bytes atomically; a longer text, which could be mixed
+/// with another thread's, is cut between characters and keeps its line end.
+void WriteDebug(std::string text) {
+  if (text.size() > PIPE_BUF) {
+    std::size_t end = PIPE_BUF - 1;
+    while (end > 0 && (static_cast<BYTE>(text[end]) & 0xC0) == 0x80)
+      --end;
+    text.replace(end, text.npos, text.back() == '\n' ? "\n" : "");
+  }
   while (write(STDERR_FILENO, text.data(), text.size()) < 0 && errno == EINTR) {
   }
-}
-
-void WriteInOnePiece(std::string_view text) {
-  if (text.size() <= PIPE_BUF)
-    WriteDebug(text);
-  else
-    WriteDebug(CutToOnePiece(text));
 }
 
 bool HasJournal() {
@@ -126,13 +118,13 @@ ExportRow const kExports[] = {
 
 void OutputDebugStringA(char const *szText) try {
   if (szText)
-    WriteInOnePiece(szText);
+    WriteDebug(szText);
 } catch (std::bad_alloc const &) { // the line is lost
 }
 
 void OutputDebugStringW(WCHAR const *wszText) try {
   if (wszText)
-    WriteInOnePiece(Utf8FromWide(wszText));
+    WriteDebug(Utf8FromWide(wszText));
 } catch (std::bad_alloc const &) { // the line is lost
 }
 

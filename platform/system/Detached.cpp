@@ -1,8 +1,7 @@
 // See Detached.h.
 #include "platform/system/Detached.h"
 
-#include <new>
-#include <system_error>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -34,8 +33,6 @@ bool StartDetached(std::function<void()> run) try {
   SignalsBlocked const blocked;
   std::thread(std::move(run)).detach();
   return true;
-} catch (std::system_error const &) {
-  return false;
-} catch (std::bad_alloc const &) {
+} catch (std::exception const &) { // of the thread's start, or out of memory
   return false;
 }

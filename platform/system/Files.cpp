@@ -2,11 +2,11 @@
 // nothing of what the files are for.
 #include "platform/system/Files.h"
 
-#include "platform/base/Fail.h"
 #include "platform/base/KernelObject.h"
+#include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
 #include "platform/system/RegularFile.h"
-#include "platform/text/ControlCharacter.h"
+#include "platform/text/Characters.h"
 #include "platform/text/Utf8.h"
 
 #include <cerrno>

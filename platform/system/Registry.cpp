@@ -5,7 +5,7 @@
 #include "platform/base/HandleTable.h"
 #include "platform/base/LastError.h"
 #include "platform/system/RegularFile.h"
-#include "platform/text/Trim.h"
+#include "platform/text/Characters.h"
 #include "platform/text/Utf8.h"
 
 #include <cstdlib>
@@ -109,16 +109,9 @@ std::optional<DWORD> ParseDword(std::wstring_view data) {
   if (!digits.starts_with(kType))
     return std::nullopt;
   digits = Trim(digits.substr(kType.size()), IsBlank);
-  if (digits.empty() || digits.size() > 8)
+  if (digits.empty() || digits.size() > 8 || digits.find_first_not_of(L"0123456789abcdef") != digits.npos)
     return std::nullopt;
-  DWORD value = 0;
-  for (WCHAR const unit : digits) {
-    auto const digit = std::wstring_view(L"0123456789abcdef").find(unit);
-    if (digit == std::wstring_view::npos)
-      return std::nullopt;
-    value = value << 4 | static_cast<DWORD>(digit);
-  }
-  return value;
+  return static_cast<DWORD>(std::stoul(std::wstring(digits), nullptr, 16));
 }
 
 void ParseValue(std::wstring_view line, Values &values) {

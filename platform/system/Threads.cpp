@@ -2,8 +2,8 @@
 // holds another, so that neither has to wait for the other. Any thread.
 #include "platform/system/Threads.h"
 
-#include "platform/base/Fail.h"
 #include "platform/base/KernelObject.h"
+#include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
 #include "platform/system/Detached.h"
 

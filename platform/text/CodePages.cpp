@@ -1,8 +1,8 @@
-// Code page conversion: UTF-8 by our own strict coder, the other character sets by iconv. Any thread; keeps no state
-// and throws nothing.
+// Code page conversion: UTF-8 by our own strict coder, the other character sets by iconv. Any thread; keeps no state.
 #include "platform/text/CodePages.h"
 
-#include "platform/base/Fail.h"
+#include "platform/base/LastError.h"
+#include "platform/text/AnsiText.h"
 #include "platform/text/Utf8.h"
 
 #include <algorithm>
@@ -95,12 +95,8 @@ char const *ThreadCharset() {
 }
 
 int ToUtf8(WCHAR const *next, WCHAR const *end, Sink<char> sink) {
-  while (next != end) {
-    if (static_cast<char32_t>(*next) < 0x80)
-      sink.Put(static_cast<char>(*next++));
-    else
-      EncodeUtf8(NextCharacter(next, end), [&](char byte) { sink.Put(byte); });
-  }
+  while (next != end)
+    EncodeUtf8(NextCharacter(next, end), [&](char byte) { sink.Put(byte); });
   return sink.Result();
 }
 
@@ -170,4 +166,44 @@ int MultiByteToWideChar(UINT uCodePage, DWORD dwFlags, char const *szBytes, int 
     return FromCharset(charset, szBytes, size, sink);
   DecodeAll({szBytes, size}, [&](WCHAR unit) { sink.Put(unit); });
   return sink.Result();
+}
+
+std::string Utf8FromWide(std::wstring_view text) {
+  std::string bytes;
+  bytes.reserve(text.size());
+  WCHAR const *next = text.data();
+  WCHAR const *const end = text.data() + text.size();
+  while (next != end)
+    EncodeUtf8(NextCharacter(next, end), [&](char byte) { bytes.push_back(byte); });
+  return bytes;
+}
+
+std::wstring WideFromUtf8(std::string_view text, bool *isValid) {
+  std::wstring wide;
+  wide.reserve(text.size());
+  bool const isAllValid = DecodeAll(text, [&](WCHAR unit) { wide.push_back(unit); });
+  if (isValid)
+    *isValid = isAllValid;
+  return wide;
+}
+
+std::string AnsiFromWide(std::wstring_view text) {
+  auto const convert = [&](char *bytes, int size) {
+    return WideCharToMultiByte(CP_THREAD_ACP, 0, text.data(), static_cast<int>(text.size()), bytes, size, nullptr,
+                               nullptr);
+  };
+  std::string bytes(text.empty() ? 0 : static_cast<std::size_t>(convert(nullptr, 0)), '\0');
+  if (!bytes.empty())
+    convert(bytes.data(), static_cast<int>(bytes.size()));
+  return bytes;
+}
+
+std::wstring WideFromAnsi(std::string_view text) {
+  auto const convert = [&](WCHAR *wide, int size) {
+    return MultiByteToWideChar(CP_THREAD_ACP, 0, text.data(), static_cast<int>(text.size()), wide, size);
+  };
+  std::wstring wide(text.empty() ? 0 : static_cast<std::size_t>(convert(nullptr, 0)), L'\0');
+  if (!wide.empty())
+    convert(wide.data(), static_cast<int>(wide.size()));
+  return wide;
 }

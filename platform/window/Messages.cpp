@@ -5,8 +5,8 @@
 // there.
 #include "platform/window/Messages.h"
 
-#include "platform/base/Fail.h"
 #include "platform/base/HandleTable.h"
+#include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
 
 #include <algorithm>

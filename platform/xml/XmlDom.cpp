@@ -3,14 +3,11 @@
 
 #include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
-#include "platform/text/CodePages.h"
 #include "platform/text/Utf8.h"
-#include "platform/xml/XmlParse.h"
 #include "platform/xml/XmlTree.h"
 
 #include <algorithm>
 #include <atomic>
-#include <climits>
 #include <cstring>
 #include <cwchar>
 #include <memory>
@@ -35,14 +32,9 @@ HRESULT FaultResult() {
 /// A new string of the UTF-8 text's characters.
 BSTR AllocString(std::string_view text) {
   std::unique_ptr<WCHAR[]> wide(new WCHAR[text.size() + 1]);
-  std::size_t length = 0;
-  for (; length < text.size() && static_cast<unsigned char>(text[length]) < 0x80; ++length)
-    wide[length] = static_cast<WCHAR>(text[length]); // most texts are short: one plain loop is the fastest
-  text.remove_prefix(length);
-  if (!text.empty())
-    length += static_cast<std::size_t>(MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                                           wide.get() + length, static_cast<int>(text.size())));
-  wide[length] = 0;
+  WCHAR *end = wide.get();
+  DecodeAll(text, [&end](WCHAR unit) { *end++ = unit; });
+  *end = 0;
   return wide.release();
 }
 

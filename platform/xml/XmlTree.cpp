@@ -1,7 +1,7 @@
 // See XmlTree.h.
 #include "platform/xml/XmlTree.h"
 
-#include "platform/text/Trim.h"
+#include "platform/text/Characters.h"
 
 #include <algorithm>
 

@@ -1,7 +1,10 @@
-// Taking blanks off the ends of a text. Any thread; knows no character set: the caller says what a blank is.
+// Which characters control a line rather than stand in it, and taking blanks off the ends of a text. Any thread.
 #pragma once
 
 #include <string_view>
+
+/// True for the control characters of ASCII, which no file name, address or header line may hold.
+constexpr bool IsControlCharacter(char32_t character) { return character < 0x20 || character == 0x7F; }
 
 /// The text without the units at either end that `isBlank` accepts: a part of the same text.
 template <class Unit, class IsBlank>

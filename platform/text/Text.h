@@ -13,8 +13,8 @@ constexpr std::size_t _TRUNCATE = static_cast<std::size_t>(-1);
 /// Differs: the count is always _TRUNCATE.
 SKIFFPORT_PLATFORM_API int _vsnprintf_s(char *szBuffer, std::size_t cbBuffer, std::size_t uCount, char const *szFormat,
                                         va_list args);
-/// The same for wide characters. Conversions: %s %S %d %u %x %%, without flags, width, precision and
-/// size.
+/// The same for wide characters. Conversions: %s %S %d %u %x %%, without flags, width, precision and size; null strings
+/// print "(null)".
 SKIFFPORT_PLATFORM_API int _vsnwprintf_s(WCHAR *wszBuffer, std::size_t cchBuffer, std::size_t uCount,
                                          WCHAR const *wszFormat, va_list args);
 SKIFFPORT_PLATFORM_API int _snprintf_s(char *szBuffer, std::size_t cbBuffer, std::size_t uCount, char const *szFormat,

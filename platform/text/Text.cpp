@@ -1,5 +1,5 @@
-// The bounded formatters and the two number functions. The wide formatter is our own: for the C library's, %s is narrow,
-// and a text that does not fit is an error instead of a cut text. Any thread; keeps no state.
+// The bounded formatters and the two number functions. The wide formatter is our own: for the C library's, %s is
+// narrow, and a text that does not fit is an error instead of a cut text. Any thread; keeps no state.
 #include "platform/text/Text.h"
 
 #include "platform/text/AnsiText.h"

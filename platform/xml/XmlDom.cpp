@@ -7,7 +7,6 @@
 #include "platform/xml/XmlTree.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <cwchar>
 #include <memory>
@@ -68,21 +67,15 @@ template <class Body> HRESULT Guarded(Body const &body) try { return body(); } c
   return E_OUTOFMEMORY;
 }
 
-template <class Interface> class Counted : public Interface {
+template <class Interface> class Released : public Interface {
 public:
-  ULONG AddRef() final { return ++m_references; }
   ULONG Release() final {
-    ULONG const left = --m_references;
-    if (left == 0)
-      delete this;
-    return left;
+    delete this;
+    return 0;
   }
 
 protected:
-  virtual ~Counted() = default;
-
-private:
-  std::atomic<ULONG> m_references = 1;
+  virtual ~Released() = default;
 };
 
 /// A node, or the document, in a tree that it keeps alive.
@@ -93,7 +86,7 @@ struct Place {
 
 HRESULT StoreNode(Place place, IXMLDOMNode **ppNode);
 
-class AttributeMap final : public Counted<IXMLDOMNamedNodeMap> {
+class AttributeMap final : public Released<IXMLDOMNamedNodeMap> {
 public:
   explicit AttributeMap(Place element) : m_element(std::move(element)) {}
 
@@ -112,7 +105,7 @@ private:
 };
 
 /// What nodes and documents have in common.
-template <class Interface> class NodeOf : public Counted<Interface> {
+template <class Interface> class NodeOf : public Released<Interface> {
 public:
   HRESULT get_nodeName(BSTR *pbstrName) override {
     if (!pbstrName)

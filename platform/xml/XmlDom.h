@@ -29,8 +29,8 @@ enum DOMNodeType {
   NODE_ATTRIBUTE = 2
 };
 
+/// Differs: an object has one reference, since nobody takes a second one.
 struct IUnknown {
-  virtual ULONG AddRef() = 0;
   virtual ULONG Release() = 0;
 
 protected:

@@ -22,6 +22,15 @@ static_assert(sizeof(void *) == SIZEOF_VOID_P && sizeof(wchar_t) == SIZEOF_WCHAR
 
 namespace {
 
+// SWIG's tables and the classes that the proxy registers exist once per process, and the callback and ScopedGILRelease
+// use PyGILState, which knows the main interpreter only. Returns: false with an ImportError set in any other one.
+bool IsMainInterpreter() {
+  if (PyThreadState_Get()->interp == PyInterpreterState_Main())
+    return true;
+  PyErr_SetString(PyExc_ImportError, "_Skiffport works in the main interpreter only, not in a sub-interpreter");
+  return false;
+}
+
 // Copies a value to the heap. Returns: null with a MemoryError set if memory runs out.
 template <class Value> Value *CopyOrReport(Value const &value) {
   try {
@@ -43,7 +52,23 @@ template <class Value> bool AssignOrReport(Value &target, Value const &value) {
   }
 }
 
+// Guards all functions but those of one argument, which is an object that cannot be had there. The registration of a
+// class is among them, so that the proxy's import fails even where Python reuses the main interpreter's module.
+Py_ssize_t UnpackInMainInterpreter(PyObject *args, char const *name, Py_ssize_t least, Py_ssize_t most,
+                                   PyObject **objects) {
+  return IsMainInterpreter() ? SWIG_Python_UnpackTuple(args, name, least, most, objects) : 0;
+}
+#define SWIG_Python_UnpackTuple UnpackInMainInterpreter
+
 } // namespace
+
+// The module's entry: refuses before SWIG's own, which is renamed and not exported, has made anything.
+#undef SWIG_init
+#define SWIG_init InitSkiffport
+extern "C" PyObject *InitSkiffport(void);
+extern "C" SWIGEXPORT PyObject *PyInit__Skiffport(void) { return IsMainInterpreter() ? InitSkiffport() : nullptr; }
+#undef SWIGEXPORT
+#define SWIGEXPORT
 %}
 
 // SWIG's runtime releases this object when the interpreter ends, and would first create it, without looking whether there

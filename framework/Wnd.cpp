@@ -6,6 +6,8 @@
 
 namespace {
 
+constexpr WCHAR kWndClassName[] = L"SkiffportWnd";
+
 LRESULT CALLBACK CWndProc(HWND hWnd, UINT uMessage, WPARAM wParam, LPARAM lParam) {
   auto *const window = reinterpret_cast<CWnd *>(GetWindowLongPtrW(hWnd, GWLP_USERDATA));
   return window ? window->DispatchMessage(uMessage, wParam, lParam) : DefWindowProcW(hWnd, uMessage, wParam, lParam);

@@ -23,11 +23,8 @@ struct AFX_MSGMAP {
   AFX_MSGMAP_ENTRY const *lpEntries;
 };
 
-/// The class of CWnd windows.
-constexpr WCHAR kWndClassName[] = L"SkiffportWnd";
-
-/// Registers that class. Thread: any. Returns: its name; null on failure. Differs: style 0 and no cursor, brush or
-/// icon.
+/// Registers the class of CWnd windows, once per process and for good. Thread: any. Returns: its name; null on failure.
+/// Differs: style 0 and no cursor, brush or icon.
 WCHAR const *AfxRegisterWndClass(UINT uStyle, void *hCursor, void *hBrush, void *hIcon);
 
 class CWnd {

@@ -9,6 +9,9 @@
 
 namespace {
 
+constexpr DWORD kCancelWait = 5000; // ms in which a cancelled upload may end by itself
+constexpr DWORD kAbortWait = 500;   // ms until it is aborted again
+
 std::string Narrow(WCHAR const *wszText) { return CW2A(wszText).m_psz; }
 
 } // namespace
@@ -32,6 +35,9 @@ PyPresetUploader::~PyPresetUploader() {
   TraceMsgA("PyPresetUploader::~PyPresetUploader() enter\n");
   *m_bCancel = 1;
   if (m_pUploadThread) {
+    // Again and again, in case the thread has not come to open its session.
+    for (DWORD dwWait = kCancelWait; !m_pUploadThread->EndsWithin(dwWait); dwWait = kAbortWait)
+      m_pUploadThread->Abort();
     m_pUploadThread->Wait();
     m_pUploadThread.reset();
   }

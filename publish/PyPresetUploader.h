@@ -22,8 +22,8 @@ public:
   /// uuid. Null counts as empty; an empty or unusable host makes each upload fail. May throw std::bad_alloc.
   PyPresetUploader(WCHAR const *szKHServerUrl, WCHAR const *szKHLoginTokenID, WCHAR const *szProdVersion,
                    WCHAR const *szVersionType, WCHAR const *szUUID);
-  /// Cancels a running upload and waits for its thread, which sees that only between chunks: connecting and reading the
-  /// reply may take as long as the HTTP layer's limits allow. No event follows.
+  /// Cancels a running upload and waits for its thread, which sees that only between chunks. After 5 seconds, closes
+  /// the upload's session, so that its network call fails. No event follows.
   ~PyPresetUploader() override;
   /// Destroys the object, or deliberately leaks it while a thread that cannot be waited for still uses it: in a forked
   /// child, after the exit hook has run, or when a suspended thread can't be resumed. SWIG's wrapper destroys with a

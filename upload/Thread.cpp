@@ -17,6 +17,10 @@ bool Thread::Start() {
   return true;
 }
 
+bool Thread::EndsWithin(DWORD dwMilliseconds) const {
+  return !m_hThread || WaitForSingleObject(m_hThread, dwMilliseconds) != WAIT_TIMEOUT;
+}
+
 DWORD Thread::Wait() {
   DWORD dwExitCode = 0xFFFFFFFF;
   if (!m_hThread || WaitForSingleObject(m_hThread, INFINITE) == WAIT_FAILED)

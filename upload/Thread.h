@@ -21,6 +21,8 @@ public:
   /// Returns: the exit code; 0xFFFFFFFF without a handle. Also 0xFFFFFFFF, and the handle stays, if the wait fails: a
   /// forked child has the parent's objects but not its threads.
   DWORD Wait();
+  /// Blocks for at most that many ms. Returns: false if the thread still runs; Wait then blocks.
+  bool EndsWithin(DWORD dwMilliseconds) const;
 
   HANDLE m_hThread = nullptr; ///< Null until Start, and again after Wait. Owned.
   unsigned m_uThreadId = 0;   ///< The system's id; 0 until Start.

@@ -87,23 +87,35 @@ bool Write(HINTERNET hRequest, std::string const &bytes) {
 
 } // namespace
 
+void SessionHandle::Set(HINTERNET hInternet) {
+  EnterCriticalSection(&m_section);
+  m_hInternet = hInternet;
+  LeaveCriticalSection(&m_section);
+}
+
+void SessionHandle::Close() {
+  EnterCriticalSection(&m_section);
+  if (m_hInternet)
+    InternetCloseHandle(std::exchange(m_hInternet, nullptr));
+  LeaveCriticalSection(&m_section);
+}
+
 HRESULT Uploader::Post() {
   HRESULT hr = E_OUTOFMEMORY;
   try {
-    hr = Transfer();
+    HINTERNET const hInternet = InternetOpenW(L"WinInetPost/0.0.4", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0);
+    m_session.Set(hInternet);
+    hr = hInternet ? Transfer(hInternet) : HResultFromLastError();
   } catch (std::bad_alloc const &) {
     // reported like any other failure, as E_OUTOFMEMORY
   }
+  m_session.Close();
   m_pResult->m_hr = hr;
   return hr;
 }
 
-HRESULT Uploader::Transfer() {
+HRESULT Uploader::Transfer(HINTERNET hInternet) {
   auto const dwContext = reinterpret_cast<DWORD_PTR>(this);
-  InternetHandle const hInternet(
-      InternetOpenW(L"WinInetPost/0.0.4", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0));
-  if (!hInternet)
-    return HResultFromLastError();
   InternetSetStatusCallbackW(hInternet, StatusCallback);
   InternetHandle const hConnect(InternetConnectA(hInternet, m_pJob->m_strHost.c_str(), INTERNET_DEFAULT_HTTPS_PORT,
                                                  nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, dwContext));

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "platform/http/WinInet.h"
+#include "platform/system/Locks.h"
 #include "upload/UploadJob.h"
 #include "upload/UploadProgress.h"
 
@@ -15,11 +16,29 @@ struct UploadResult {
 /// The transfer stopped because IsCancelled returned true.
 constexpr HRESULT UPLOAD_E_CANCELLED = static_cast<HRESULT>(0x80040301U);
 
+/// The session of an upload, which another thread may close to end the call in which the upload is blocked. Thread:
+/// any, for Set and Close.
+class SessionHandle {
+public:
+  SessionHandle() { InitializeCriticalSection(&m_section); }
+  SessionHandle(SessionHandle const &) = delete;
+  SessionHandle &operator=(SessionHandle const &) = delete;
+  ~SessionHandle() { DeleteCriticalSection(&m_section); }
+  void Set(HINTERNET hInternet);
+  /// Closes the handle, if there is one. Returns only when another thread's call has, too: closing may report to the
+  /// uploader, which must not end before that.
+  void Close();
+
+private:
+  HINTERNET m_hInternet = nullptr; // guarded by m_section
+  CRITICAL_SECTION m_section;
+};
+
 class Uploader {
 public:
-  /// The three objects are borrowed and must outlive the uploader.
-  Uploader(BackgroundUploadProgress *pProgress, UploadJob *pJob, UploadResult *pResult)
-      : m_pProgress(pProgress), m_pJob(pJob), m_pResult(pResult) {}
+  /// The four objects are borrowed and must outlive the uploader.
+  Uploader(BackgroundUploadProgress *pProgress, UploadJob *pJob, UploadResult *pResult, SessionHandle &session)
+      : m_pProgress(pProgress), m_pJob(pJob), m_pResult(pResult), m_session(session) {}
   Uploader(Uploader const &) = delete;
   Uploader &operator=(Uploader const &) = delete;
   virtual ~Uploader() = default;
@@ -32,7 +51,7 @@ public:
   std::string m_strReply; ///< The reply body unconverted; each block is cut at its first zero byte.
 
 private:
-  HRESULT Transfer();
+  HRESULT Transfer(HINTERNET hInternet);
   HRESULT SendBody(HINTERNET hRequest, std::string const &boundary, DWORD dwFilesTotal);
   HRESULT SendFile(HINTERNET hRequest, std::string const &boundary, UploadFile const &file, DWORD &dwAllSent,
                    DWORD dwFilesTotal);
@@ -45,4 +64,5 @@ private:
   BackgroundUploadProgress *m_pProgress;
   UploadJob *m_pJob;
   UploadResult *m_pResult;
+  SessionHandle &m_session; // holds the session while Post runs
 };

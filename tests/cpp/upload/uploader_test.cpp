@@ -30,7 +30,8 @@ protected:
     job.AddFile(L"f", wszPath, L"t");
   }
   HRESULT Post() {
-    Uploader uploader(&receiver, &job, &result);
+    SessionHandle session;
+    Uploader uploader(&receiver, &job, &result, session);
     SetPlatformTestHooks(&m_hooks);
     HRESULT const hr = uploader.Post();
     SetPlatformTestHooks(nullptr);

@@ -89,6 +89,10 @@ PyObject *AtExit(PyObject *, PyObject *) {
   Py_RETURN_NONE;
 }
 
+// The interpreter's own dictionary records whether the hook is registered, so that an interpreter which is started
+// anew, after an end that ran the hook, gets a hook again. Returns: a borrowed reference, null if there is none.
+PyObject *InterpreterDict() { return PyInterpreterState_GetDict(PyInterpreterState_Main()); }
+
 bool RegisterHook() {
   static PyMethodDef definition = {"_end_uploads", AtExit, METH_NOARGS, nullptr};
   PyObject *const pModule = PyImport_ImportModule("atexit");         // new
@@ -104,13 +108,24 @@ bool RegisterHook() {
   return bDone;
 }
 
+void EnsureHook() {
+  constexpr char kKey[] = "_Skiffport._end_uploads";
+  PyObject *const pDict = InterpreterDict(); // borrowed
+  if (!pDict || PyDict_GetItemString(pDict, kKey))
+    return;
+  // The mark is set first: registering runs Python code, so other threads may come here meanwhile.
+  g_bExiting = false;
+  if (PyDict_SetItemString(pDict, kKey, Py_True) != 0 || !RegisterHook()) {
+    PyErr_Clear();
+    if (PyDict_DelItemString(pDict, kKey) != 0)
+      PyErr_Clear();
+  }
+}
+
 } // namespace
 
 void AddRunningUpload(CancelFlag const &pCancel, HANDLE hThread) {
-  static std::atomic<bool> s_bRegistered = false;
-  // The flag is set first: registering runs Python code, so other threads may come here meanwhile.
-  if (!s_bRegistered.exchange(true) && !RegisterHook())
-    s_bRegistered = false;
+  EnsureHook();
   try {
     auto pUpload = std::make_shared<RunningUpload const>(pCancel, hThread);
     std::lock_guard<SlimLock> const lock(g_lock);

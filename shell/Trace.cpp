@@ -75,7 +75,7 @@ bool ReadSwitches(bool &bDump, bool &bEtw) {
   return true;
 }
 
-// By way of an untyped pointer, which is what the function type of GetProcAddress stands for.
+// Through an untyped pointer, which is what the function type of GetProcAddress stands for.
 template <class Function> void Find(Function &pfnFunction, char const *szName) {
   pfnFunction = reinterpret_cast<Function>(reinterpret_cast<void *>(GetProcAddress(g_hLibrary, szName)));
 }
@@ -104,6 +104,38 @@ struct EventChannel {
       pfnWriteString(hProvider, kEventLevel, 0, wszLine);
   }
 };
+
+// What must not reach a terminal or a log as it is, wherever it comes from: control characters but the tab, and what
+// reorders or separates lines. Of a narrow text, whose code page is not known, only the former of ASCII.
+bool MustEscape(WCHAR c) {
+  return (c < 0x20 && c != L'\t') || (c >= 0x7F && c < 0xA0) || (c >= 0x2028 && c <= 0x202E) ||
+         (c >= 0x2066 && c <= 0x2069);
+}
+bool MustEscape(char c) {
+  auto const byte = static_cast<unsigned char>(c);
+  return byte < 0x80 && MustEscape(static_cast<WCHAR>(byte));
+}
+
+// Writes each such character of the text as \uXXXX, except a line feed at its end, which is the caller's. What does not
+// fit is cut.
+template <class Character> void Escape(Character (&text)[kTextSize]) {
+  Character escaped[kTextSize] = {};
+  std::size_t cch = 0;
+  for (Character const *p = text; *p; ++p) {
+    bool const bRaw = !MustEscape(*p) || (*p == '\n' && !p[1]);
+    if (cch + (bRaw ? 1 : 6) >= kTextSize)
+      break;
+    if (bRaw) {
+      escaped[cch++] = *p;
+      continue;
+    }
+    escaped[cch++] = '\\';
+    escaped[cch++] = 'u';
+    for (int nShift = 12; nShift >= 0; nShift -= 4)
+      escaped[cch++] = static_cast<Character>("0123456789abcdef"[(*p >> nShift) & 0xF]);
+  }
+  std::memcpy(text, escaped, sizeof text);
+}
 
 // Builds the line in the caller's buffer. Returns: the event-trace channel as it was when the prefix was read.
 EventChannel MakeLine(char *szLine, char const *szText) {
@@ -145,6 +177,7 @@ void TraceMsgA(char const *szFormat, ...) {
   va_start(args, szFormat);
   _vsnprintf_s(szText, kTextSize, _TRUNCATE, szFormat, args);
   va_end(args);
+  Escape(szText);
 
   char szLine[kLineSize];
   EventChannel const channel = MakeLine(szLine, szText);
@@ -166,6 +199,7 @@ void TraceMsgW(wchar_t const *wszFormat, ...) {
   va_start(args, wszFormat);
   _vsnwprintf_s(wszText, kTextSize, _TRUNCATE, wszFormat, args);
   va_end(args);
+  Escape(wszText);
 
   WCHAR wszLine[kLineSize];
   EventChannel const channel = MakeLine(wszLine, wszText);

@@ -11,7 +11,8 @@
 /// the process starts with "[szPrefix] "; a null prefix, or one of 64 bytes or more, leaves the earlier one in place.
 void TraceInit(char const *szPrefix);
 
-/// Writes the prefix, the formatted text (cut after 1023 characters) and a line feed, if "DumpMsg" is on.
+/// Writes the prefix, the formatted text (cut after 1023 characters) and a line feed, if "DumpMsg" is on. Control
+/// characters in the text, but for tabs and a line feed at its end, are written as \uXXXX.
 void TraceMsgA(char const *szFormat, ...);
 /// The same with a wide format, in which %s is wide and %S narrow.
 void TraceMsgW(wchar_t const *wszFormat, ...);

@@ -1,4 +1,5 @@
-// See InternetSession.h. The one place that puts an error number into words.
+// See InternetSession.h. Holds the sentences of GetErrorMessage, in which a blocking request reports its error number;
+// the host's helpers put those of a login into words of their own.
 #include "framework/InternetSession.h"
 
 #include "platform/base/LastError.h"
@@ -26,7 +27,7 @@ constexpr Sentence kSentences[] = {
     {ERROR_INTERNET_CONNECTION_RESET, L"The server reset the connection."},
     {ERROR_INTERNET_SEC_CERT_DATE_INVALID, L"The server's certificate has expired or is not valid yet."},
     {ERROR_INTERNET_SEC_CERT_CN_INVALID, L"The server's certificate was issued for another name."},
-    {ERROR_INTERNET_INVALID_CA, L"The server's certificate comes from an issuer that is not trusted."},
+    {ERROR_INTERNET_INVALID_CA, L"The issuer is not trusted, or SSL_CERT_FILE names no readable certificates."},
     {ERROR_INTERNET_SEC_CERT_REV_FAILED, L"It could not be checked whether the server's certificate was revoked."},
     {ERROR_INTERNET_SEC_CERT_REVOKED, L"The server's certificate was revoked."},
     {ERROR_HTTP_INVALID_SERVER_RESPONSE, L"The server's reply is not valid HTTP, or too long."},

@@ -1,6 +1,7 @@
 // The framework's session classes: session, connection, request file and exception. Thin and portable: written over the
-// functions of WinInet.h alone. They report a failure by throwing CInternetException *, which the catcher deletes.
-// Thread: any; an object belongs to one thread at a time, but WinInet.h says which calls another thread may end.
+// functions of WinInet.h alone. They and the service exchange report a failure by throwing CInternetException *, which
+// the catcher deletes: RunExchange, or KHConnectUtil for a blocking request. Thread: any; an object belongs to one
+// thread at a time, but WinInet.h says which calls another thread may end.
 #pragma once
 
 #include "framework/CString.h"

@@ -76,7 +76,7 @@ class LoginTest(common.NetworkCase):
         self.network.lead(f"{DETECT}:443:127.0.0.1:1")
         for certificate, body, text, refused in (
                 (None, "", "the server could not be reached", False),
-                ("unknown-issuer", "", "issuer that is not trusted", False), ("expired", "", "has expired", False),
+                ("unknown-issuer", "", "issuer is not trusted", False), ("expired", "", "has expired", False),
                 ("good", "<info/>", "the user name or the password is wrong", True),
                 ("good", "<info><tokenid>t</tokenid></info>", "", False)):
             self.network.lead(f"{DEFAULT}:443:127.0.0.1:1")

@@ -33,7 +33,8 @@ PyObject *KHLoginData::GetPresetCategory(WCHAR const *wszLocationID) {
     Py_RETURN_NONE;
   }
   FetchCategories(wszLocationID);
-  // An entry that can't be copied ends the copy there.
+  // An entry that can't be copied ends the copy there. The map is in the order of the ids, so an entry with an empty
+  // name hides those whose ids sort after its own.
   for (auto const &[strId, strName] : m_mapCategory)
     if (!AddEntry(pDict, strId, strName))
       break;
@@ -62,10 +63,11 @@ void KHLoginData::ParseCategory(IXMLDOMNode *pNode) {
       SUCCEEDED(pAttributes->getNamedItem(CComBSTR(L"categoryid"), &pItem)) && pItem)
     pItem->get_nodeValue(&id);
   CComBSTR bstrText;
-  if (FAILED(pNode->get_text(&bstrText)) || !bstrText)
+  if (FAILED(pNode->get_text(&bstrText)))
     return;
   if (id.vt == VT_BSTR && id.bstrVal && *id.bstrVal)
-    m_mapCategory.SetAt(id.bstrVal, bstrText);
+    m_mapCategory.SetAt(id.bstrVal,
+                        bstrText ? static_cast<WCHAR const *>(bstrText) : L""); // a null BSTR is the empty text
 }
 
 int KHLoginData::GetCategoryCount() { return static_cast<int>(m_mapCategory.GetCount()); }

@@ -1,5 +1,5 @@
 // Address discovery: asks the detection host for the address document, and falls back to the staging host. Runs on the
-// caller's thread and uses no Python object.
+// caller's thread.
 #include "service/KHLoginData.h"
 
 #include "service/JoinText.h"
@@ -12,37 +12,55 @@
 #include <new>
 
 void KHLoginData::InitKHServerURL() {
-  ScopedGILRelease const release;
-  try {
-    EnsureKHServerURL();
-  } catch (std::bad_alloc const &) {
-    // Not even the fallback could be stored: the next operation tries again.
+  if (!m_strKHServerUrl.IsEmpty())
+    return;
+  Findings findings;
+  {
+    ScopedGILRelease const release;
+    try {
+      FindKHServerURL(findings);
+    } catch (std::bad_alloc const &) {
+      // Not even the fallback could be stored: the next operation tries again.
+    }
   }
+  Store(findings);
 }
 
 void KHLoginData::EnsureKHServerURL() {
   if (!m_strKHServerUrl.IsEmpty())
     return;
-  UpdateKHURLFromServer();
-  TraceMsgW(L"Get KH server URL from server. URL = %s", m_strKHServerUrl.GetString());
-  if (m_strKHServerUrl.IsEmpty()) {
-    m_strKHServerUrl = CString(StagingServiceHost);
-    TraceMsgW(L"Use static URL as KH server URL.");
-  }
+  Findings findings;
+  FindKHServerURL(findings);
+  Store(findings);
 }
 
-void KHLoginData::UpdateKHURLFromServer() {
-  if (!CheckServerReachable(DetectionProbeUrl))
+CString KHLoginData::FindKHServerURL(Findings &findings) {
+  UpdateKHURLFromServer(findings);
+  // The document's first element, if it was found.
+  CString strHost = findings.texts.empty() || findings.texts[0].first != &KHLoginData::m_strKHServerUrl
+                        ? CString()
+                        : findings.texts[0].second;
+  TraceMsgW(L"Get KH server URL from server. URL = %s", strHost.GetString());
+  if (strHost.IsEmpty()) {
+    strHost = CString(StagingServiceHost);
+    findings.texts.emplace_back(&KHLoginData::m_strKHServerUrl, strHost);
+    TraceMsgW(L"Use static URL as KH server URL.");
+  }
+  return strHost;
+}
+
+void KHLoginData::UpdateKHURLFromServer(Findings &findings) {
+  if (!CheckServerReachable(DetectionProbeUrl, findings))
     return;
-  RunExchange(RequestKind::AddressDetection, [this](ServiceExchange &exchange) {
+  RunExchange(RequestKind::AddressDetection, [&](ServiceExchange &exchange) {
     WCHAR const *const wszTypeKey = m_strVersionType.IsEmpty() ? L"" : L"&versionType=";
     exchange.Send(DetectionHost,
                   JoinText({L"khserver.jsp?ap=tintwright&version=", m_strProdVersion, wszTypeKey, m_strVersionType}));
-    ReadAddressDocument(exchange.ReadDocument());
+    ReadAddressDocument(exchange.ReadDocument(), findings);
   });
 }
 
-void KHLoginData::ReadAddressDocument(IXMLDOMDocument *pDocument) {
+void KHLoginData::ReadAddressDocument(IXMLDOMDocument *pDocument, Findings &findings) {
   static constexpr ReplyElement kElements[] = {
       {L"INFO/APIUrl", &KHLoginData::m_strKHServerUrl, nullptr, nullptr},
       {L"INFO/AdjustmentPreset", &KHLoginData::m_strPresetDownloadURL, nullptr, nullptr},
@@ -55,10 +73,10 @@ void KHLoginData::ReadAddressDocument(IXMLDOMDocument *pDocument) {
       {L"INFO/Tutorial", &KHLoginData::m_strTutorialURL, L"TWR Tutorial = %s",
        L"Update KHInfo fail: Can not parse Tutorial from xml."},
   };
-  ReadElements(pDocument, kElements);
+  ReadElements(pDocument, kElements, findings);
 }
 
-BOOL KHLoginData::CheckServerReachable(char const *szUrl) {
-  ReachabilityProbe probe = {m_hInternet, m_hConnect, m_bServerReachable, m_szChkServerUrl};
-  return probe.CheckServerReachable(szUrl);
+BOOL KHLoginData::CheckServerReachable(char const *szUrl, Findings &findings) {
+  findings.szProbed = szUrl;
+  return ReachabilityProbe(m_hInternet, m_hConnect, m_bServerReachable).CheckServerReachable(szUrl);
 }

@@ -9,6 +9,7 @@
 #include "service/ServiceHosts.h"
 #include "shell/Trace.h"
 
+#include <cstring>
 #include <new>
 
 namespace {
@@ -83,14 +84,24 @@ void KHLoginData::SetLoginTokenID(CString strToken) {
   m_strLoginTokenID = std::move(strToken);
 }
 
-bool KHLoginData::ReadElements(IXMLDOMDocument *pDocument, std::span<ReplyElement const> elements) {
+// Thread: with the GIL. Cannot fail.
+void KHLoginData::Store(Findings &findings) {
+  for (auto &[pMember, strText] : findings.texts)
+    if (pMember != &KHLoginData::m_strKHServerUrl || m_strKHServerUrl.IsEmpty())
+      this->*pMember = std::move(strText);
+  if (findings.szProbed && std::strlen(findings.szProbed) < sizeof m_szChkServerUrl)
+    std::memcpy(m_szChkServerUrl, findings.szProbed, std::strlen(findings.szProbed) + 1);
+}
+
+bool KHLoginData::ReadElements(IXMLDOMDocument *pDocument, std::span<ReplyElement const> elements, Findings &findings) {
   bool bSucceeded = true;
   for (ReplyElement const &element : elements) {
-    CString strDropped;
-    CString &strText = element.pMember ? this->*element.pMember : strDropped;
+    CString strText;
     ElementState const state = ReadElement(pDocument, element.wszPath, strText);
     if (state == ElementState::Found && element.wszStored)
       TraceMsgW(element.wszStored, strText.GetString());
+    if (state == ElementState::Found && element.pMember)
+      findings.texts.emplace_back(element.pMember, std::move(strText));
     if (state != ElementState::QueryFailed)
       continue;
     if (element.wszQueryFailed)

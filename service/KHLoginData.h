@@ -1,8 +1,10 @@
 // The session object through which Python talks to the community service. It holds the service's host, the member's
 // token and name, and every address that the service returned.
 //
-// Thread: any, one at a time, with the GIL held. LoginKestrelhub and InitKHServerURL release the GIL; while one of them
-// runs, another thread may use GetLoginTokenID only. All other requests hold the GIL until they return.
+// Thread: any, with the GIL held, which guards the members. LoginKestrelhub and InitKHServerURL release the GIL for
+// their requests: meanwhile they use copies and what never changes, and they store what they read with the GIL held
+// again. So any thread may call the object meanwhile. Of two logins at a time, the one that ends last decides. All
+// other requests hold the GIL until they return.
 #pragma once
 
 #include <Python.h>
@@ -13,6 +15,8 @@
 
 #include <atomic>
 #include <span>
+#include <utility>
+#include <vector>
 
 struct IXMLDOMDocument;
 
@@ -32,7 +36,8 @@ public:
   UINT LoginKestrelhub(WCHAR const *wszUserName, WCHAR const *wszPassword);
   /// Forgets host, token, name and addresses, but not the logged-out gallery address. Makes no request.
   void LogoutKestrelhub();
-  /// Finds the service's host unless it is known. Releases the GIL. Out of memory counts as a failed detection.
+  /// Finds the service's host unless it is known. Releases the GIL. Out of memory counts as a failed detection. A host
+  /// that was set meanwhile stays.
   void InitKHServerURL();
   /// Sets the service's host, unchecked, so that none is looked up. The host stays as it was if memory runs out.
   void SetKHURLAsReg(WCHAR *wszKHURL);
@@ -44,7 +49,7 @@ public:
   PyObject *GetUserProfileURL();
   PyObject *GetVideoGalleryURL();
   PyObject *GetServerUrl();
-  PyObject *GetLoginTokenID(); ///< Thread: any, also while another one is inside LoginKestrelhub.
+  PyObject *GetLoginTokenID();
 
   // Address getters, with the same results: the page's address, percent-decoded. When logged out, they find the host
   // first if it is unknown, and join "https://", the host, the member, "&uuid=" and the uuid.
@@ -54,7 +59,8 @@ public:
   PyObject *GetPresetDownloadURL();
 
   /// Fetches the categories of a location and adds them to the cache. Returns: a new reference to a dict from id to
-  /// name of the whole cache, cut short at the first entry with an empty name; None if no dict can be created.
+  /// name of the whole cache, in the order of the ids as text, cut short before the first entry with an empty name;
+  /// None if no dict can be created.
   PyObject *GetPresetCategory(WCHAR const *wszLocationID);
   /// Looks up the cached name of a category id; no request. Returns: TRUE and the name, or FALSE, with `strCategroy`
   /// unchanged.
@@ -76,26 +82,36 @@ public:
   char m_szChkServerUrl[_MAX_PATH] = {};
 
 private:
+  using Member = CString KHLoginData::*;
+  /// What an operation has read, on its way to the members. Belongs to the thread of the operation.
+  struct Findings {
+    std::vector<std::pair<Member, CString>> texts; ///< In the order of the replies.
+    char const *szProbed = nullptr;                ///< The URL of the last probe; null if there was none.
+  };
   /// An element of a reply, the member that keeps its text, and the trace lines about it.
   struct ReplyElement {
     WCHAR const *wszPath;
-    CString KHLoginData::*pMember; ///< Null: the text is read and dropped.
-    WCHAR const *wszStored;        ///< Its %s is the text. Null: no trace.
-    WCHAR const *wszQueryFailed;   ///< Null: no trace.
+    Member pMember;              ///< Null: the text is read and dropped.
+    WCHAR const *wszStored;      ///< Its %s is the text. Null: no trace.
+    WCHAR const *wszQueryFailed; ///< Null: no trace.
     bool bQueryMustSucceed = false;
   };
-  /// Reads all elements in order. Returns: false if a query that must succeed failed; a missing element is no failure.
-  bool ReadElements(IXMLDOMDocument *pDocument, std::span<ReplyElement const> elements);
-
-  // Address discovery. Uses no Python object.
   void EnsureKHServerURL(); ///< Leaves m_strKHServerUrl not empty, or throws std::bad_alloc.
-  void UpdateKHURLFromServer();
-  void ReadAddressDocument(IXMLDOMDocument *pDocument);
-  BOOL CheckServerReachable(char const *szUrl);
+  void Store(Findings &findings);
 
-  // Login. Uses no Python object.
-  UINT Login(WCHAR const *wszUserName, WCHAR const *wszPassword);
-  UINT ReadLoginReply(IXMLDOMDocument *pDocument, CString &strToken);
+  // Thread: any, without the GIL too: they use no Python object, and of the members only those that never change and
+  // the probe's. They may throw std::bad_alloc.
+
+  /// Reads all elements in order. Returns: false if a query that must succeed failed; a missing element is no failure.
+  static bool ReadElements(IXMLDOMDocument *pDocument, std::span<ReplyElement const> elements, Findings &findings);
+  /// Returns: the host, never empty, which is among the findings too.
+  CString FindKHServerURL(Findings &findings);
+  void UpdateKHURLFromServer(Findings &findings);
+  static void ReadAddressDocument(IXMLDOMDocument *pDocument, Findings &findings);
+  BOOL CheckServerReachable(char const *szUrl, Findings &findings);
+  UINT Login(CString strHost, WCHAR const *wszUserName, WCHAR const *wszPassword, Findings &findings,
+             CString &strToken);
+  static UINT ReadLoginReply(IXMLDOMDocument *pDocument, Findings &findings, CString &strToken);
 
   void FetchCategories(WCHAR const *wszLocationID);
   void ParseCategories(struct IXMLDOMNode *pNode);

@@ -1,4 +1,5 @@
-// Login and logout. Login releases the GIL before its first step that blocks and uses no Python object from then on.
+// Login and logout. Login releases the GIL before its first step that blocks, and stores what it read with the GIL held
+// again.
 #include "service/KHLoginData.h"
 
 #include "framework/CW2A.h"
@@ -47,33 +48,24 @@ UINT KHLoginData::LoginKestrelhub(WCHAR const *wszUserName, WCHAR const *wszPass
     m_bLoggedIn = FALSE;
     return 0;
   }
-  ScopedGILRelease const release;
+  CString strHost;
+  CString strToken;
+  Findings findings;
+  UINT uResult = 0;
   try {
-    return Login(wszUserName, wszPassword);
+    strHost = m_strKHServerUrl;
   } catch (std::bad_alloc const &) {
     return 0;
   }
-}
-
-UINT KHLoginData::Login(WCHAR const *wszUserName, WCHAR const *wszPassword) {
-  EnsureKHServerURL();
-  // The fixed default host, whatever host the session uses.
-  if (!CheckServerReachable(DefaultServiceProbeUrl)) {
-    TraceMsgW(L"Login KH fail: Can not reach the KH server");
-    return 0;
+  {
+    ScopedGILRelease const release;
+    try {
+      uResult = Login(std::move(strHost), wszUserName, wszPassword, findings, strToken);
+    } catch (std::bad_alloc const &) {
+      uResult = 0;
+    }
   }
-  CW2A const form(JoinText({L"account=", wszUserName, L"&pwd=", wszPassword, L"&AP=TWR&Version=", m_strProdVersion,
-                            L"&versionType=", m_strVersionType, L"&uuid=", m_strUUID}));
-  UINT uResult = 0;
-  CString strToken;
-  DWORD const dwError = RunExchange(RequestKind::Login, [&](ServiceExchange &exchange) {
-    if (exchange.Send(m_strKHServerUrl, L"/servlet/memLogin", form))
-      uResult = ReadLoginReply(exchange.ReadDocument(), strToken);
-    else
-      TraceMsgW(L"Login KH fail: Get <false response> when send request to KH");
-  });
-  if (dwError != 0)
-    return dwError;
+  Store(findings); // even if the login failed
   if (uResult == 1) {
     m_bLoggedIn = TRUE;
     SetLoginTokenID(std::move(strToken));
@@ -81,8 +73,31 @@ UINT KHLoginData::Login(WCHAR const *wszUserName, WCHAR const *wszPassword) {
   return uResult;
 }
 
-// Stores what the reply holds, even if the login fails. Returns: 1 and the token for a login, else 0.
-UINT KHLoginData::ReadLoginReply(IXMLDOMDocument *pDocument, CString &strToken) {
+// `strHost` is empty if it must be found first. Returns: 1 and the token for a login; 0 or an error number.
+UINT KHLoginData::Login(CString strHost, WCHAR const *wszUserName, WCHAR const *wszPassword, Findings &findings,
+                        CString &strToken) {
+  if (strHost.IsEmpty())
+    strHost = FindKHServerURL(findings);
+  // The fixed default host, whatever host the session uses.
+  if (!CheckServerReachable(DefaultServiceProbeUrl, findings)) {
+    TraceMsgW(L"Login KH fail: Can not reach the KH server");
+    return 0;
+  }
+  CString const strForm = JoinText({L"account=", wszUserName, L"&pwd=", wszPassword, L"&AP=TWR&Version=",
+                                    m_strProdVersion, L"&versionType=", m_strVersionType, L"&uuid=", m_strUUID});
+  CW2A const form(strForm);
+  UINT uResult = 0;
+  DWORD const dwError = RunExchange(RequestKind::Login, [&](ServiceExchange &exchange) {
+    if (exchange.Send(strHost, L"/servlet/memLogin", form))
+      uResult = ReadLoginReply(exchange.ReadDocument(), findings, strToken);
+    else
+      TraceMsgW(L"Login KH fail: Get <false response> when send request to KH");
+  });
+  return dwError != 0 ? dwError : uResult;
+}
+
+// Keeps what the reply holds, even if the login fails. Returns: 1 and the token for a login, else 0.
+UINT KHLoginData::ReadLoginReply(IXMLDOMDocument *pDocument, Findings &findings, CString &strToken) {
   static constexpr ReplyElement kElements[] = {
       {L"info/username", &KHLoginData::m_strUserName, nullptr, L"Login KH fail: Can not parse username from xml.",
        true},
@@ -101,7 +116,7 @@ UINT KHLoginData::ReadLoginReply(IXMLDOMDocument *pDocument, CString &strToken) 
   };
   bool const bFirstLogin = OpenFirstLogin(pDocument);
   bool const bToken = ReadToken(pDocument, strToken);
-  bool const bElements = ReadElements(pDocument, kElements);
+  bool const bElements = ReadElements(pDocument, kElements, findings);
   return bToken && bElements && !bFirstLogin ? 1 : 0;
 }
 

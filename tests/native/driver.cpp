@@ -132,8 +132,7 @@ void Probe(char **arguments) {
   for (; *arguments; ++arguments) {
     std::atomic<HINTERNET> session = nullptr, connection = nullptr;
     std::atomic<BOOL> isReachable = FALSE;
-    char url[_MAX_PATH] = "";
-    ReachabilityProbe probe = {session, connection, isReachable, url};
+    ReachabilityProbe probe(session, connection, isReachable);
     Print("probe", *arguments, probe.CheckServerReachable(*arguments), session == nullptr, connection == nullptr);
   }
 }

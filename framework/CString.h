@@ -3,6 +3,7 @@
 // thread at a time.
 #pragma once
 
+#include "platform/base/Memory.h"
 #include "platform/base/Types.h"
 
 #include <functional>
@@ -22,6 +23,11 @@ public:
   int GetLength() const { return static_cast<int>(m_str.size()); }
   bool IsEmpty() const { return m_str.empty(); }
   void Empty() { m_str.clear(); }
+  /// Empties the string and overwrites what it held. An addition of ours.
+  void Wipe() {
+    SecureZeroMemory(m_str.data(), m_str.size() * sizeof(WCHAR));
+    m_str.clear();
+  }
   /// The position of the first occurrence, -1 for none. Case matters.
   int Find(WCHAR const *wszText) const { return static_cast<int>(m_str.find(wszText)); }
   CString &operator+=(WCHAR const *wszText) {

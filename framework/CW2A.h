@@ -2,6 +2,7 @@
 // belongs to one thread at a time.
 #pragma once
 
+#include "platform/base/Memory.h"
 #include "platform/text/CodePages.h"
 
 #include <string>
@@ -14,6 +15,8 @@ public:
   CW2A(CW2A const &) = delete;
   CW2A &operator=(CW2A const &) = delete;
   operator char const *() const { return m_psz; }
+  /// Overwrites the bytes with zeros. An addition of ours.
+  void Wipe() { SecureZeroMemory(m_str.data(), m_str.size()); }
 
 private:
   static std::string Narrow(WCHAR const *wide, UINT codePage) {

@@ -3,12 +3,18 @@
 
 #include "framework/CString.h"
 
+#include <cwchar>
 #include <initializer_list>
 
-/// The texts one after the other. Nothing is escaped, and a null text counts as empty. May throw std::bad_alloc.
+/// The texts one after the other. Nothing is escaped, and a null text counts as empty. May throw std::bad_alloc. Leaves
+/// no copy of a part elsewhere in memory.
 inline CString JoinText(std::initializer_list<WCHAR const *> texts) {
-  CString strJoined;
+  std::size_t cch = 0;
   for (WCHAR const *wszText : texts)
-    strJoined += wszText;
-  return strJoined;
+    cch += wszText ? std::wcslen(wszText) : 0;
+  std::wstring joined;
+  joined.reserve(cch);
+  for (WCHAR const *wszText : texts)
+    joined += wszText ? wszText : L"";
+  return joined;
 }

@@ -40,7 +40,10 @@ KHLoginData::KHLoginData(WCHAR const *wszProdVersion, WCHAR const *wszVersionTyp
     AfxGetModuleState()->m_lpszCurrentAppName = L"DummyAppNameForMFCClass";
 }
 
-KHLoginData::~KHLoginData() { DeleteCriticalSection(&m_csToken); }
+KHLoginData::~KHLoginData() {
+  SetLoginTokenID(CString());
+  DeleteCriticalSection(&m_csToken);
+}
 
 PyObject *KHLoginData::GetRevisionAPI() { return NewText(m_strRevisionAPI); }
 PyObject *KHLoginData::GetUserName() { return NewText(m_strUserName); }
@@ -80,8 +83,11 @@ CString KHLoginData::CopyLoginTokenID() {
 }
 
 void KHLoginData::SetLoginTokenID(CString strToken) {
-  SectionLock const lock(m_csToken);
-  m_strLoginTokenID = std::move(strToken);
+  {
+    SectionLock const lock(m_csToken);
+    std::swap(m_strLoginTokenID, strToken);
+  }
+  strToken.Wipe();
 }
 
 // Thread: with the GIL. Cannot fail.

@@ -121,7 +121,7 @@ private:
 
   PyObject *AddressText(CString const &strMember);
   CString CopyLoginTokenID();
-  void SetLoginTokenID(CString strToken);
+  void SetLoginTokenID(CString strToken); ///< Wipes the earlier token.
 
   BOOL m_bLoggedIn = FALSE;
   CString m_strKHServerUrl;

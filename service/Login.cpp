@@ -40,6 +40,12 @@ bool ReadToken(IXMLDOMDocument *pDocument, CString &strToken) {
   return strToken.GetLength() <= kMostCharacters;
 }
 
+// Wipes a text at the end of its scope, since it holds the password.
+template <class Text> struct WipedAtEnd {
+  Text &text;
+  ~WipedAtEnd() { text.Wipe(); }
+};
+
 } // namespace
 
 UINT KHLoginData::LoginKestrelhub(WCHAR const *wszUserName, WCHAR const *wszPassword) {
@@ -83,9 +89,11 @@ UINT KHLoginData::Login(CString strHost, WCHAR const *wszUserName, WCHAR const *
     TraceMsgW(L"Login KH fail: Can not reach the KH server");
     return 0;
   }
-  CString const strForm = JoinText({L"account=", wszUserName, L"&pwd=", wszPassword, L"&AP=TWR&Version=",
-                                    m_strProdVersion, L"&versionType=", m_strVersionType, L"&uuid=", m_strUUID});
-  CW2A const form(strForm);
+  CString strForm = JoinText({L"account=", wszUserName, L"&pwd=", wszPassword, L"&AP=TWR&Version=", m_strProdVersion,
+                              L"&versionType=", m_strVersionType, L"&uuid=", m_strUUID});
+  WipedAtEnd<CString> const wideEnd{strForm};
+  CW2A form(strForm);
+  WipedAtEnd<CW2A> const end{form};
   UINT uResult = 0;
   DWORD const dwError = RunExchange(RequestKind::Login, [&](ServiceExchange &exchange) {
     if (exchange.Send(strHost, L"/servlet/memLogin", form))

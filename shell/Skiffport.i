@@ -5,6 +5,7 @@
 %feature("autodoc", "1");
 
 %{
+#include "platform/base/Memory.h"
 #include "publish/PyPresetUploader.h"
 #include "service/KHConnectUtil.h"
 #include "service/KHLoginData.h"
@@ -120,6 +121,14 @@ SWIGINTERN int SWIG_AsWCharPtrAndSize(PyObject *obj, wchar_t **cptr, size_t *psi
 }
 }
 %include <cwstring.i>
+
+// The array of a password is wiped before it is freed.
+%typemap(freearg, noblock=1) WCHAR const *wszPassword {
+  if (alloc$argnum == SWIG_NEWOBJ) {
+    SecureZeroMemory(buf$argnum, wcslen(buf$argnum) * sizeof(wchar_t));
+    delete[] buf$argnum;
+  }
+}
 
 // Refuses None as `self`: SWIG would pass a null pointer, and no method tests for one.
 %typemap(in, noblock=1) SWIGTYPE *self (void *argp = 0, int res = 0) {

@@ -1,0 +1,4 @@
+// See Types.h: SecureZeroMemory.
+#pragma once
+
+#include "platform/base/Types.h"

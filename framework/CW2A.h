@@ -1,11 +1,13 @@
-// Narrowing wide text for a call. Thin and portable: written over WideCharToMultiByte alone. Thread: any; an object
-// belongs to one thread at a time.
+// Narrowing wide text for a call, and the check of what becomes a request's head. Thin and portable: written over
+// WideCharToMultiByte alone. Thread: any; an object belongs to one thread at a time.
 #pragma once
 
 #include "platform/base/Memory.h"
 #include "platform/text/CodePages.h"
 
+#include <algorithm>
 #include <string>
+#include <string_view>
 
 /// A wide text as bytes of a code page, which live as long as the object. A null text gives an empty one. May throw
 /// std::bad_alloc.
@@ -31,3 +33,12 @@ private:
 public:
   char const *m_psz = m_str.c_str(); ///< Borrowed from the object.
 };
+
+/// True if the bytes, as they go out, hold no control character of ASCII, such as a line end, which would begin another
+/// header line or another request. The native platform's functions send what they are given.
+inline bool IsOneLine(std::string_view bytes) {
+  return std::none_of(bytes.begin(), bytes.end(), [](char c) {
+    auto const byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte == 0x7F;
+  });
+}

@@ -2,7 +2,6 @@
 #include "service/ServiceExchange.h"
 
 #include "framework/CW2A.h"
-#include "framework/OneLine.h"
 #include "platform/base/LastError.h"
 #include "platform/text/Text.h"
 #include "shell/Trace.h"

@@ -1,7 +1,7 @@
 // See UploadJob.h.
 #include "upload/UploadJob.h"
 
-#include "framework/OneLine.h"
+#include "framework/CW2A.h"
 #include "platform/http/WinInet.h"
 #include "platform/text/CodePages.h"
 

@@ -2,9 +2,9 @@
 // reply. A failed stage abandons the request; nothing is retried.
 #include "upload/Uploader.h"
 
-#include "framework/HResult.h"
 #include "platform/base/Clock.h"
 #include "platform/base/Handles.h"
+#include "platform/base/LastError.h"
 #include "platform/system/Files.h"
 #include "upload/MultipartBody.h"
 #include "upload/ProgressMeter.h"
@@ -21,6 +21,15 @@ constexpr DWORD kFastWrite = 500;  // ms; a write under it doubles the chunk
 constexpr DWORD kSlowWrite = 1250; // ms; a write over it halves the chunk
 constexpr DWORD kPause = 50;       // ms after each chunk
 constexpr DWORD kRequestFlags = INTERNET_FLAG_EXISTING_CONNECT | INTERNET_FLAG_NO_CACHE_WRITE | INTERNET_FLAG_SECURE;
+
+// The calling thread's last error as an HRESULT: 0, or a value that is negative as a signed number, stays as it is; any
+// other becomes a failure with its low 16 bits as the code.
+HRESULT HResultFromLastError() {
+  auto const error = static_cast<HRESULT>(GetLastError());
+  if (error <= 0)
+    return error;
+  return static_cast<HRESULT>((static_cast<DWORD>(error) & 0xFFFF) | 0x80070000U);
+}
 
 class InternetHandle {
 public:

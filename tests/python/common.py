@@ -22,13 +22,17 @@ from skiffhost.presetfiles import FILES  # noqa: E402
 
 
 class Case(unittest.TestCase):
-    """Has one folder, ``scratch``, for all its tests."""
+    """Has one folder, ``scratch``, for all its tests, none of which may leak descriptors."""
 
     @classmethod
     def setUpClass(cls):
         scratch = tempfile.TemporaryDirectory()
         cls.addClassCleanup(scratch.cleanup)
         cls.scratch = pathlib.Path(scratch.name)
+
+    def setUp(self):
+        most = len(os.listdir("/proc/self/fd")) + 8  # what a first use opens for good
+        self.addCleanup(fixtures.wait_until, lambda: len(os.listdir("/proc/self/fd")) <= most, "end of descriptors")
 
     def preset(self, sizes=None):
         """Writes the files of a preset into a new folder. Returns their paths."""
@@ -47,6 +51,7 @@ class NetworkCase(Case):
     """Directs hosts to peers of its own in each test."""
 
     def setUp(self):
+        super().setUp()
         self.network = Network().__enter__()
         self.addCleanup(self.network.__exit__)
 

@@ -42,52 +42,33 @@ class CategoriesTest(RequestCase):
         self.assertEqual(self.data.GetPresetCategory(None), {"7": "later", "8": "y", "ä": "z"})
         self.assertIn(b"Locid=(null)&", peer.received())
         self.data.LogoutKestrelhub()
-        self.assertEqual(self.data.GetCategoryCount(), 3)
-
-    def test_an_empty_name_is_counted_but_ends_the_copy(self):
-        self.plain("<categories><category categoryid='1'/></categories>")
-        self.assertEqual((self.data.GetPresetCategory("en"), self.data.GetCategoryCount()), ({}, 1))
+        self.data.SetKHURLAsReg(HOST)
+        self.plain("<categories><category categoryid='71'/></categories>")  # counts, but ends the copy, in order of ids
+        self.assertEqual((self.data.GetPresetCategory("en"), self.data.GetCategoryCount()), ({"7": "later"}, 4))
 
     def test_failures_keep_the_cache(self):
         good = "<categories><category categoryid='1'>one</category></categories>"
-        self.plain(good)
-        self.assertEqual(self.data.GetPresetCategory("en"), {"1": "one"})
         other = good.replace("1", "2").replace("one", "two")
-        for scenario, body in (("pieces", other), ("reply", ""), ("reply", "<categories><category"), ("close", ""),
-                               ("garbage", ""), ("reset-send", "")):
+        for scenario, body in (("reply", good), ("pieces", other), ("reply", ""), ("reply", "<categories><category"),
+                               ("close", ""), ("garbage", ""), ("reset-send", "")):
             with self.subTest(scenario + body):
                 self.plain(body, scenario=scenario)
                 self.assertEqual(self.data.GetPresetCategory("en"), {"1": "one"})
         self.plain(other, "--status", "500", "--length", "none")  # neither matters
         self.assertEqual(self.data.GetPresetCategory("en"), {"1": "one", "2": "two"})
-        peer = self.plain(good)
-        fits = 254 - len("/servlet/getPresetCategory?ap=TWR&Locid=&version=10.5")
-        self.data.GetPresetCategory("x" * (fits + 1))
-        self.assertEqual(peer.received(), b"", "refused without a request")
-        self.data.GetPresetCategory("x" * fits)
-        self.assertIn(b"x" * fits, peer.received())
 
-class EffectsTest(RequestCase):
-    def test_decodes_the_last_address(self):
+
+class LookUpTest(RequestCase):
+    ID = "<info><videoId>v1</videoId><videoUrl>https://h/%41</videoUrl></info>"
+
+    def test_finds_the_last_address_of_an_effect(self):
         peer = self.plain("<pip><!-- c --><pipURL>no</pipURL><PIPURL>https%3A//h/a%20b+c</PIPURL><x/></pip>")
-        self.assertEqual(self.data.GetEffectByGUID("{g}"), "https://h/a b+c")
+        self.assertEqual([self.data.GetEffectByGUID(guid) for guid in ("{g}", None)], ["https://h/a b+c", " "])
         self.assertEqual(peer.received(), post("/servlet/GetEffectByGUIDForTWR?token=&guid={g}"))
-        sent = peer.received()
-        self.assertEqual(self.data.GetEffectByGUID(None), " ")
-        self.assertEqual(peer.received(), sent)
-
-    def test_failures_return_an_empty_string(self):
         good = "<PIP><pipURL>u</pipURL></PIP>"
         for scenario, body in (("pieces", good), ("reply", ""), ("reply", "<PIP/>"), ("reply", "<info/>")):
             self.plain(body, scenario=scenario)
             self.assertEqual(self.data.GetEffectByGUID("g"), "", scenario + body)
-        peer = self.plain(good)
-        self.assertEqual(self.data.GetEffectByGUID("g" * 254), "")
-        self.assertEqual(peer.received(), b"")
-
-
-class RelatedVideoTest(RequestCase):
-    ID = "<info><videoId>v1</videoId><videoUrl>https://h/%41</videoUrl></info>"
 
     def test_reports_a_video_in_two_requests(self):
         self.log_in()
@@ -99,56 +80,57 @@ class RelatedVideoTest(RequestCase):
                 "/servlet/setRelateVideo?tokenid=tok&videoID=v1&videoURL=https://v?a=1&b=2&website=w&AP=TWR"
                 "&Version=10.5&versionType=retail&uuid=uuid-1&x=y"))
 
-    def test_failures_return_a_blank(self):
+    def test_a_video_that_cannot_be_reported_returns_a_blank(self):
         peer = self.plain(self.ID)
         self.assertEqual(self.data.SetRelateVideo("", "", ""), " ", "nobody is logged in")
         self.log_in()
         for arguments in ((None, "", ""), ("", None, ""), ("", "", None)):
             self.assertEqual(self.data.SetRelateVideo(*arguments), " ")
         self.assertEqual(peer.received(), b"")
-        self.assertEqual(self.data.SetRelateVideo("", "", ""), "https://h/%41")
-        self.assertIn(b"&uuid=uuid-1& HTTP/1.1", peer.received())
-        self.assertEqual(self.data.SetRelateVideo("x" * 2047, "", ""), " ", "too long for the second request")
-        for body, scenario in (("", "reply"), ("<info/>", "reply"), ("<info><videoId/></info>", "reply"),
-                               ("", "close")):
+        for body, scenario, requests, answer in (
+                (self.ID, "reply", 2, "https://h/%41"), ("", "reply", 1, " "), ("<info/>", "reply", 1, " "),
+                ("<info><videoId/></info>", "reply", 1, " "), ("", "close", 1, " "),
+                (self.ID.replace("videoUrl", "other"), "reply", 2, " "),
+                ("<info><videoId>v</videoId><videoUrl/></info>", "reply", 2, "")):
             peer = self.plain(body, scenario=scenario)
-            self.assertEqual(self.data.SetRelateVideo("", "", ""), " ")
-            self.assertEqual(peer.received().count(b"POST"), 1, "no second request")
-        self.plain(self.ID.replace("videoUrl", "other"))
-        self.assertEqual(self.data.SetRelateVideo("", "", ""), " ")
-        self.plain("<info><videoId>v</videoId><videoUrl/></info>")
-        self.assertEqual(self.data.SetRelateVideo("", "", ""), "")
-
-    def test_an_empty_second_reply_raises_system_error(self):
-        self.log_in()
+            self.assertEqual(self.data.SetRelateVideo("", "", ""), answer, scenario + body)
+            self.assertEqual(peer.received().count(b"POST"), requests, scenario + body)
         self.plain(self.ID, "--then", "")
-        with self.assertRaises(SystemError):
-            self.data.SetRelateVideo("", "", "")
+        self.assertRaises(SystemError, self.data.SetRelateVideo, "", "", "")
+
+    def test_an_object_name_that_is_too_long_is_not_sent(self):
+        self.log_in()
+        for call, start, most in ((self.data.GetPresetCategory, "getPresetCategory?ap=TWR&Locid=&version=10.5", 254),
+                                  (self.data.GetEffectByGUID, "GetEffectByGUIDForTWR?token=tok&guid=", 254),
+                                  (lambda text: self.data.SetRelateVideo(text, "", ""), "setRelateVideo?tokenid=tok&"
+                                   "videoID=v1&videoURL=&website=&AP=TWR&Version=10.5&versionType=retail&uuid=uuid-1&",
+                                   2047)):
+            peer = self.plain(self.ID)
+            text = "x" * (most - len("/servlet/" + start))
+            call(text + "x")
+            self.assertNotIn(b"xx", peer.received())
+            call(text)
+            self.assertIn(text.encode(), peer.received())
 
 
 class BlockingRequestsTest(RequestCase):
     def test_sends_parameters_in_query_or_body(self):
         util = Skiffport.KHConnectUtil()
         form = "User-Agent: Tintwright\r\nContent-Type: application/x-www-form-urlencoded\r\nContent-Length: "
+        nothing = "Content-Length: 0\r\n\r\n"
         for port, tls in ((80, ""), (443, "good")):
             peer = self.network.reply(HOST, "Grüße", tls=tls)
-            succeeded = {"bSucc": 1, "data": "Grüße"}
-            self.assertEqual(util.SyncSendHttpRequest(HOST, port, "/a", "b=ü d", None), succeeded)
-            self.assertEqual(util.SyncSendHttpRequest(HOST, port, "/a", "", "X: y"), succeeded)
-            self.assertEqual(util.SyncSendHttpRequestParam(HOST, port, "/a?q", "b=ü d"), succeeded)
-            self.assertEqual(util.SyncSendHttpRequestParam(HOST, port, "", ""), succeeded)
-            nothing = "Content-Length: 0\r\n\r\n"
+            for answer in (util.SyncSendHttpRequest(HOST, port, "/a", "b=ü d", None),
+                           util.SyncSendHttpRequest(HOST, port, "/a", "", "X: y"),
+                           util.SyncSendHttpRequestParam(HOST, port, "/a?q", "b=ü d"),
+                           util.SyncSendHttpRequestParam(HOST, port, "", "")):
+                self.assertEqual(answer, {"bSucc": 1, "data": "Grüße"})
             self.assertEqual(peer.received(), post("/a?b=ü%20d", nothing) + post("/a", nothing)
                              + post("/a?q", form + "6\r\n\r\nb=ü d") + post("/", form + "0\r\n\r\n"))
-
-    def test_reports_errors(self):
-        util = Skiffport.KHConnectUtil()
         for arguments in ((None, 80, "/", ""), (HOST, 80, None, ""), (HOST, 80, "/", None)):
             self.assertEqual(util.SyncSendHttpRequest(*arguments, ""), {})
             self.assertEqual(util.SyncSendHttpRequestParam(*arguments), {})
         for port in (8080, 0, -1, 65536 + 80):
             self.assertEqual(util.SyncSendHttpRequest(HOST, port, "/", "", ""), {"bSucc": 0})
-
-    def test_staging_hosts_are_recognised_by_name(self):
-        self.network.reply(STAGE, "x", tls="expired-wrong-name")
-        self.assertEqual(Skiffport.KHConnectUtil().SyncSendHttpRequest(STAGE, 443, "/", "", "")["bSucc"], 1)
+        self.network.reply(STAGE, "x", tls="expired-wrong-name")  # staging hosts are recognised by name
+        self.assertEqual(util.SyncSendHttpRequest(STAGE, 443, "/", "", "")["bSucc"], 1)

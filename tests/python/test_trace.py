@@ -9,7 +9,7 @@ from scripted import DETECT
 
 TOKEN, PASSWORD = "T0KEN-planted-secret", "P4SS-planted-secret"
 LOGIN = (f"<info><tokenid>{TOKEN}</tokenid><username>Mika</username><VideoGallery>/vg</VideoGallery>"
-         "<Tutorial>/tu</Tutorial><RevisionAPI>2</RevisionAPI></info>")
+         "<Tutorial>/tu\u009b</Tutorial><RevisionAPI>2</RevisionAPI></info>")
 
 SCRIPT = """
 import os, sys
@@ -18,8 +18,7 @@ from publication import Publication
 data = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
 assert data.LoginKestrelhub("mika", os.environ["SECRET"]) == 1
 data.GetEffectByGUID("g"); data.GetPresetCategory("en"); data.SetRelateVideo("v", "w", "i")
-util = Skiffport.KHConnectUtil()
-util.SyncSendHttpRequestParam("good.test", 443, "/", "pwd=" + os.environ["SECRET"])
+Skiffport.KHConnectUtil().SyncSendHttpRequestParam("good.test", 443, "/", "pwd=" + os.environ["SECRET"])
 publication = Publication("good.test", data.GetLoginTokenID())
 publication.start(sys.argv[1:])
 publication.completion()
@@ -45,27 +44,20 @@ class TraceTest(common.NetworkCase):
         self.assertEqual(self.run_traced('"DumpMsg"=dword:00000000\r\n', SCRIPT, *paths), "")
         printed = self.run_traced('"DumpMsg"=dword:00000001\r\n"DumpInETW"=dword:00000000\r\n', SCRIPT, *paths)
         self.assertNotIn("planted-secret", printed)
-        wanted = [
-            "[KHLoginData] TWR version = 10.5", "[KHLoginData] TWR versionType = retail",
-            "[KHLoginData] TWR SignUp = /su", "[KHLoginData] Get KH server URL from server. URL = good.test",
-            "[KHLoginData] TWR VideoGalleryURL_login = /vg",
-            "[KHLoginData] TWR Tutorial = /tu", "[KHLoginData] TWR Revision API = 2",
-            "[KHLoginData] [GetEffectByGUID] Internet Exception! Error code: 12029",
-            "[KHLoginData] [GetPresetCategory] Internet Exception! Error code: 12029",
-            "[KHLoginData] [GetVideoID] Internet Exception! Error code: 12029",
-            "[KHLoginData] SetRelateVideo GetVideoID fail",
-            "[PyPresetUploader] PyPresetUploader::PyPresetUploader() enter",
-            "[PyPresetUploader] PyPresetUploader::PyPresetUploader() end",
-            "[PyPresetUploader] PyPresetUploader::StartUpload() enter",
-            "[PyPresetUploader]  upload address https://good.test/servlet/uploadTemplate ",
-            "[PyPresetUploader] PyPresetUploader::StartUpload() end",
-            "[PyPresetUploader]  Cur File\t:: (0)BytesSent / (100000)BytesTotal / (0)%, 17 sec. remaining.",
-            "[PyPresetUploader]  All Files  :: (0)BytesSent / (101100)BytesTotal / (0)%, 18 sec. remaining.",
-            "[PyPresetUploader]  Cur File\t:: (0)BytesSent / (0)BytesTotal / (-1)%, 0 sec. remaining.",
-            "[PyPresetUploader]  Background Upload (End) hr(0x0) ! ",
-            "[PyPresetUploader] PyPresetUploader::~PyPresetUploader() enter",
-            "[PyPresetUploader] PyPresetUploader::~PyPresetUploader() end",
-        ]
+        failed = "Internet Exception! Error code: 12029"
+        session = ("TWR version = 10.5|TWR versionType = retail|TWR SignUp = /su|Get KH server URL from server. URL = "
+                   "good.test|TWR VideoGalleryURL_login = /vg|TWR Tutorial = /tu\\u009b|TWR Revision API = 2|"
+                   f"[GetEffectByGUID] {failed}|[GetPresetCategory] {failed}|[GetVideoID] {failed}|"
+                   "SetRelateVideo GetVideoID fail").split("|")
+        name = "PyPresetUploader::"
+        upload = (f"{name}PyPresetUploader() enter|{name}PyPresetUploader() end|{name}StartUpload() enter|"
+                  f" upload address https://good.test/servlet/uploadTemplate |{name}StartUpload() end|"
+                  " Cur File\t:: (0)BytesSent / (100000)BytesTotal / (0)%, 17 sec. remaining.|"
+                  " All Files  :: (0)BytesSent / (101100)BytesTotal / (0)%, 18 sec. remaining.|"
+                  " Cur File\t:: (0)BytesSent / (0)BytesTotal / (-1)%, 0 sec. remaining.|"
+                  f" Background Upload (End) hr(0x0) ! |{name}~PyPresetUploader() enter|"
+                  f"{name}~PyPresetUploader() end").split("|")
+        wanted = [f"[KHLoginData] {text}" for text in session] + [f"[PyPresetUploader] {text}" for text in upload]
         lines = iter(printed.split("\n"))
         for line in wanted:
             self.assertIn(line, lines, printed)  # in this order: the search resumes after the last match

@@ -184,9 +184,9 @@ class Exchange:
     def repeat(self, data: bytes, count: int) -> None:
         self.send(data * count)
 
-    def sip(self) -> None:
+    def sip(self, size: int = 4096) -> None:
         """Reads on slowly until the other side closes."""
-        while self.connection.recv(4096):
+        while self.connection.recv(size):
             self.pause()
 
     def flood_messages(self, call: str, argument: int) -> None:

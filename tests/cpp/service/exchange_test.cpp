@@ -7,10 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <filesystem>
-#include <thread>
-
 namespace {
 
 // Makes the named call fail while it lives.
@@ -29,51 +25,42 @@ private:
   PlatformTestHooks m_hooks;
 };
 
-struct Outcome {
-  DWORD dwError;
-  BOOL bSent;
+// The outcome as text: error number, whether the request was sent, and the reply.
+std::string Exchange(RequestKind kind, std::wstring const &object = L"/x", wchar_t const *wszHost = L"good.test") {
+  BOOL bSent = FALSE;
   std::string strReply;
-  bool operator==(Outcome const &) const = default;
-};
-
-Outcome Exchange(RequestKind kind, std::wstring const &object = L"/x", wchar_t const *wszHost = L"good.test") {
-  Outcome outcome = {};
-  outcome.dwError = RunExchange(kind, [&](ServiceExchange &exchange) {
-    outcome.bSent = exchange.Send(wszHost, object.c_str(), "");
-    outcome.strReply = exchange.ReadReply();
+  DWORD const dwError = RunExchange(kind, [&](ServiceExchange &exchange) {
+    bSent = exchange.Send(wszHost, object.c_str(), "");
+    strReply = exchange.ReadReply();
   });
-  return outcome;
+  return std::to_string(dwError) + " " + std::to_string(bSent) + " " + strReply;
 }
 
 TEST(ServiceExchange, DistinguishesItsOutcomes) {
+  using enum FaultPoint;
   Peer const peer("reply --body '<a/>'");
   struct Case {
     FaultPoint call;
     DWORD dwError;
-    Outcome outcome;
+    char const *szOutcome;
   };
-  Case const cases[] = {
-      {FaultPoint::InternetOpenW, 1450, {1450, 0, ""}},
-      {FaultPoint::InternetConnectW, 12005, {12005, 0, ""}},
-      {FaultPoint::HttpOpenRequestW, 12005, {12005, 0, ""}},
-      {FaultPoint::HttpSendRequestW, 12002, {12002, 0, ""}},
-      {FaultPoint::HttpSendRequestW, 0, {12019, 0, ""}},
-      {FaultPoint::InternetQueryDataAvailable, 12002, {0, 1, ""}},
-      {FaultPoint::InternetReadFile, 12031, {12031, 1, ""}},
-  };
+  Case const cases[] = {{InternetOpenW, 1450, "1450 0 "},      {InternetConnectW, 12005, "12005 0 "},
+                        {HttpOpenRequestW, 12005, "12005 0 "}, {HttpSendRequestW, 12002, "12002 0 "},
+                        {HttpSendRequestW, 0, "12019 0 "},     {InternetQueryDataAvailable, 12002, "0 1 "},
+                        {InternetReadFile, 12031, "12031 1 "}};
   for (Case const &c : cases) {
     Fault const fault(c.call, c.dwError);
-    EXPECT_EQ(Exchange(RequestKind::PresetCategories), c.outcome) << static_cast<int>(c.call);
+    EXPECT_EQ(Exchange(RequestKind::PresetCategories), c.szOutcome) << static_cast<int>(c.call);
   }
-  EXPECT_EQ(Exchange(RequestKind::PresetCategories, std::wstring(255, L'/')), (Outcome{12005, 0, ""}));
-  EXPECT_EQ(Exchange(RequestKind::PresetCategories, std::wstring(254, L'/')), (Outcome{0, 1, "<a/>"}));
+  EXPECT_EQ(Exchange(RequestKind::PresetCategories, std::wstring(255, L'/')), "12005 0 ");
+  EXPECT_EQ(Exchange(RequestKind::PresetCategories, std::wstring(254, L'/')), "0 1 <a/>");
 }
 
 TEST(ServiceExchange, RefusesTextThatWouldBreakTheRequestsHead) {
   Peer const peer("reply");
   for (std::wstring const text : {L"good.test\r\nX: y", L"\n", L"good.test\t", L"good.test\x1F", L"good.test\x7F"}) {
-    EXPECT_EQ(Exchange(RequestKind::PresetCategories, L"/x?" + text), (Outcome{12005, 0, ""}));
-    EXPECT_EQ(Exchange(RequestKind::PresetCategories, L"/x", text.c_str()), (Outcome{12005, 0, ""}));
+    EXPECT_EQ(Exchange(RequestKind::PresetCategories, L"/x?" + text), "12005 0 ");
+    EXPECT_EQ(Exchange(RequestKind::PresetCategories, L"/x", text.c_str()), "12005 0 ");
   }
   EXPECT_EQ(peer.Received(), "");
 }
@@ -83,33 +70,29 @@ TEST(ServiceExchange, NarrowsTheObjectNameInTheThreadsCodePage) {
   if (!locale)
     GTEST_SKIP() << "no character maps here (Debian package locales)";
   Peer const peer("reply");
-  EXPECT_EQ(Exchange(RequestKind::EffectByGuid, L"/x?\u00E4\u4E2D").dwError, 0u);
+  EXPECT_EQ(Exchange(RequestKind::EffectByGuid, L"/x?\u00E4\u4E2D"), "0 1 ");
   EXPECT_TRUE(peer.Received().starts_with("POST /x?\xE4? HTTP/1.1\r\n")) << peer.Received();
 }
 
-class ProbeTest : public ::testing::Test {
-protected:
-  std::atomic<HINTERNET> m_hInternet = nullptr;
-  std::atomic<HINTERNET> m_hConnect = nullptr;
-  std::atomic<BOOL> m_bReachable = FALSE;
-  ReachabilityProbe probe = {m_hInternet, m_hConnect, m_bReachable};
-};
-
-TEST_F(ProbeTest, CountsAnyAnswerAsReachable) {
+TEST(ReachabilityProbe, CountsAnyAnswerAsReachable) {
+  std::atomic<HINTERNET> hInternet = nullptr, hConnect = nullptr;
+  std::atomic<BOOL> bReachable = FALSE;
+  auto const probe = [&](std::string const &url) {
+    BOOL const bAnswer = ReachabilityProbe(hInternet, hConnect, bReachable).CheckServerReachable(url.c_str());
+    EXPECT_FALSE(hInternet || hConnect) << "both are closed and reset";
+    return bAnswer;
+  };
   for (char const *szStatus : {"200", "302", "500"}) {
     Peer const peer("reply --tls good --status " + std::string(szStatus));
-    EXPECT_TRUE(probe.CheckServerReachable("https://good.test"));
-    EXPECT_FALSE(m_hInternet || m_hConnect) << "both are closed and reset";
+    EXPECT_TRUE(probe("https://good.test") && bReachable);
   }
+  EXPECT_FALSE(probe("https://" + std::string(260, 'h')));
   {
     Fault const fault(FaultPoint::_beginthreadex, 8);
-    EXPECT_TRUE(probe.CheckServerReachable("https://good.test")) << "the previous result stands";
+    EXPECT_TRUE(probe("https://good.test")) << "the previous result stands";
   }
-  {
-    Fault const fault(FaultPoint::InternetOpenA, 8);
-    EXPECT_FALSE(probe.CheckServerReachable("https://good.test"));
-  }
-  EXPECT_FALSE(probe.CheckServerReachable(("https://" + std::string(260, 'h')).c_str()));
+  Fault const fault(FaultPoint::InternetOpenA, 8);
+  EXPECT_FALSE(probe("https://good.test") || bReachable);
 }
 
 } // namespace

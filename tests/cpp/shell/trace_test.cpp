@@ -6,8 +6,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -20,13 +18,14 @@ namespace {
 
 class TraceTest : public ::testing::Test {
 protected:
-  void SetUp() override { setenv("SKIFFPORT_REGISTRY", m_registry.c_str(), 1); }
   void TearDown() override {
+    SetPlatformTestHooks(nullptr);
     Switches("\"DumpMsg\"=dword:0\n\"DumpInETW\"=dword:0");
     TraceInit(nullptr); // off again for the next test
     std::filesystem::remove(m_registry);
   }
   void Switches(char const *szValues) const {
+    setenv("SKIFFPORT_REGISTRY", m_registry.c_str(), 1);
     std::ofstream(m_registry) << "Windows Registry Editor Version 5.00\n\n"
                                  "[HKEY_LOCAL_MACHINE\\software\\QUILLON\\Tintwright]\n"
                               << szValues << "\n";
@@ -38,34 +37,28 @@ protected:
   }
 
   std::filesystem::path m_registry =
-      std::filesystem::temp_directory_path() / ("trace_test." + std::to_string(std::rand()) + ".reg");
+      std::filesystem::temp_directory_path() / ("trace_test." + std::to_string(getpid()) + ".reg");
+  PlatformTestHooks m_hooks;
 };
 
 TEST_F(TraceTest, WritesLinesOnlyWhenSwitchedOn) {
-  std::pair<char const *, char const *> const cases[] = {
-      // the values and the resulting lines
-      {"\"DumpMsg\"=dword:00000000\n\"DumpInETW\"=dword:00000001", ""},
-      {"\"dumpmsg\"=dword:00000001", "[Case] n 5\n[Case] w \xC3\xA4 narrow (null)\n"},
-      // The event-trace library can't be loaded here, so the lines go to the debug output.
-      {"\"DumpMsg\"=dword:ffffffff\n\"DumpInETW\"=dword:00000001", "[Case] n 5\n[Case] w \xC3\xA4 narrow (null)\n"},
-  };
-  PlatformTestHooks hooks;
-  hooks.fault = [](FaultPoint call, DWORD *) { return call == FaultPoint::LoadLibraryA; };
-  SetPlatformTestHooks(&hooks);
-  for (auto const &[szValues, szLines] : cases) {
+  m_hooks.fault = [](FaultPoint call, DWORD *) { return call == FaultPoint::LoadLibraryA; }; // no event-trace library
+  SetPlatformTestHooks(&m_hooks);
+  for (auto const &[szValues, bOn] : {std::pair("\"DumpMsg\"=dword:00000000\n\"DumpInETW\"=dword:00000001", false),
+                                      std::pair("\"dumpmsg\"=dword:00000001", true),
+                                      std::pair("\"DumpMsg\"=dword:ffffffff\n\"DumpInETW\"=dword:00000001", true)}) {
     Switches(szValues);
     EXPECT_EQ(Lines([] {
                 TraceInit("Case");
                 TraceMsgA("n %d", 5);
                 TraceMsgW(L"w %s %S %s", L"\u00e4", "narrow", static_cast<wchar_t const *>(nullptr));
               }),
-              szLines)
+              bOn ? "[Case] n 5\n[Case] w \xC3\xA4 narrow (null)\n" : "")
         << szValues;
   }
-  SetPlatformTestHooks(nullptr);
 }
 
-TEST_F(TraceTest, KeepsSwitchesAndPrefixWithoutNewOnesAndCutsALongText) {
+TEST_F(TraceTest, KeepsSwitchesAndPrefixAndCutsOrEscapesTexts) {
   Switches("\"DumpMsg\"=dword:1");
   TraceInit("First");
   std::filesystem::remove(m_registry); // no key: the switches stay
@@ -74,27 +67,32 @@ TEST_F(TraceTest, KeepsSwitchesAndPrefixWithoutNewOnesAndCutsALongText) {
               TraceMsgA("a");
               TraceInit(std::string(64, 'x').c_str());
               TraceMsgW(L"b");
-              TraceInit("Second");
-              TraceMsgA("c");
+              TraceInit("T");
+              TraceMsgA("c\t%s\n", "\r\n[T] \x1B[m\x7F\xC3\xA4");
+              TraceMsgW(L"d\t%s\n", L"\r\n[T] \u0085\u009B\u00A0\u202E\u2028\U0001F600");
             }),
-            "[First] a\n[First] b\n[Second] c\n");
-  std::string const line = "[Second] " + std::string(1023, 'y') + "\n";
-  EXPECT_EQ(Lines([] { TraceMsgA("%s", std::string(2000, 'y').c_str()); }), line) << "cut";
-  EXPECT_EQ(Lines([] { TraceMsgW(L"%s", std::wstring(2000, L'y').c_str()); }), line) << "cut";
+            "[First] a\n[First] b\n[T] c\t\\u000d\\u000a[T] \\u001b[m\\u007f\xC3\xA4\n\n"
+            "[T] d\t\\u000d\\u000a[T] \\u0085\\u009b\xC2\xA0\\u202e\\u2028\xF0\x9F\x98\x80\n\n");
+  std::string const y(1017, 'y');
+  for (auto const &[text, shown] :
+       {std::pair(y + std::string(99, 'z'), y + "zzzzzz"), std::pair(y + "\1", y + "\\u0001"),
+        std::pair(y + "z\1z", y + "z")}) { // an escape is never cut
+    EXPECT_EQ(Lines([&] { TraceMsgA("%s", text.c_str()); }), "[T] " + shown + "\n");
+    EXPECT_EQ(Lines([&] { TraceMsgW(L"%S", text.c_str()); }), "[T] " + shown + "\n");
+  }
 }
 
 TEST_F(TraceTest, WorksInAForkedChildWhateverTheParentsThreadsWereDoing) {
   Switches("\"DumpMsg\"=dword:1\n\"DumpInETW\"=dword:1");
   std::atomic<bool> bInside = false, bDone = false;
-  PlatformTestHooks hooks;
-  hooks.fault = [&](FaultPoint call, DWORD *) {
+  m_hooks.fault = [&](FaultPoint call, DWORD *) {
     bool const bFirst = call == FaultPoint::LoadLibraryA && !bInside.exchange(true); // holds the lock
     auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(bFirst ? 200 : 0);
-    while (std::chrono::steady_clock::now() < end) // leaves time for the fork, which has to wait for the lock
+    while (std::chrono::steady_clock::now() < end) // leaves time for the fork, which must wait for the lock
       std::this_thread::yield();
     return call == FaultPoint::LoadLibraryA;
   };
-  SetPlatformTestHooks(&hooks);
+  SetPlatformTestHooks(&m_hooks);
   std::thread([&bDone] { TraceInit("T"), bDone = true; }).detach(); // a sanitizer would have the child join it
   while (!bInside)
     std::this_thread::yield();
@@ -108,7 +106,6 @@ TEST_F(TraceTest, WorksInAForkedChildWhateverTheParentsThreadsWereDoing) {
   EXPECT_TRUE(waitpid(child, &nStatus, 0) == child && nStatus == 0);
   while (!bDone)
     std::this_thread::yield();
-  SetPlatformTestHooks(nullptr);
 }
 
 TEST_F(TraceTest, LetsTheProcessEndWhateverTheOtherThreadsHold) {
@@ -136,14 +133,12 @@ TEST_F(TraceTest, DoesNotMixTheLinesOfThreads) {
   Switches("\"DumpMsg\"=dword:1");
   TraceInit("T");
   std::string const lines = Lines([] {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-      threads.emplace_back([i] {
+    std::vector<std::jthread> threads;
+    for (wchar_t c = L'a'; c < L'e'; ++c)
+      threads.emplace_back([c] {
         for (int n = 0; n < 100; ++n)
-          TraceMsgW(L"%s", std::wstring(200, static_cast<wchar_t>(L'a' + i)).c_str());
+          TraceMsgW(L"%s", std::wstring(200, c).c_str());
       });
-    for (std::thread &thread : threads)
-      thread.join();
   });
   ASSERT_EQ(lines.size(), 400 * 205U);
   for (std::size_t at = 0; at < lines.size(); at += 205)

@@ -28,31 +28,20 @@ TEST(ProgressMeter, ReportsTwoFilesAtTheInitialRate) {
   EXPECT_EQ(report, (ProgressReport{11'200, 56'000, 8, 67'200, 112'000, 8, 5600}));
 }
 
-TEST(ProgressMeter, RepeatsTheLatestTimesAndTheInitialSizeInTheLastReport) {
-  DWORD dwAllSent = 0;
-  ProgressMeter meter(5600, 0, 11'200, 11'200, dwAllSent);
-  meter.First();
-  meter.AddSent(5'000); // the file has shrunk
-  EXPECT_EQ(meter.Last(), (ProgressReport{11'200, 11'200, 2, 5'000, 11'200, 2, 5600}));
-}
-
-TEST(ProgressMeter, DividesByOneWhenTheRateIsZero) {
-  DWORD dwAllSent = 0;
-  ProgressMeter meter(0, 0, 100, 100, dwAllSent);
-  EXPECT_EQ(meter.First(), (ProgressReport{0, 100, 100, 0, 100, 100, 0}));
-  meter.AddSent(3);
+TEST(ProgressMeter, MeetsShrunkFilesAZeroRateAndAClockThatWraps) {
   ProgressReport report = {};
-  ASSERT_TRUE(meter.Periodic(5'000, report));
+  DWORD dwAllSent[3] = {};
+  ProgressMeter shrunk(5600, 0, 11'200, 11'200, dwAllSent[0]);
+  shrunk.First();
+  shrunk.AddSent(5'000);
+  EXPECT_EQ(shrunk.Last(), (ProgressReport{11'200, 11'200, 2, 5'000, 11'200, 2, 5600})) << "the latest times again";
+  ProgressMeter slow(0, 0, 100, 100, dwAllSent[1]);
+  EXPECT_EQ(slow.First(), (ProgressReport{0, 100, 100, 0, 100, 100, 0})) << "divides by 1";
+  slow.AddSent(3);
+  ASSERT_TRUE(slow.Periodic(5'000, report));
   EXPECT_EQ(report, (ProgressReport{3, 100, 97, 3, 100, 97, 0}));
-}
-
-TEST(ProgressMeter, SurvivesAClockThatWraps) {
-  DWORD dwAllSent = 0;
-  ProgressMeter meter(5600, 0xFFFFFFFF, 100, 100, dwAllSent);
-  meter.First();
-  ProgressReport report = {};
-  EXPECT_TRUE(meter.Periodic(0, report));
-  EXPECT_TRUE(meter.Periodic(0xFFFFFFFF, report)) << "back at the start tick";
+  ProgressMeter wrapped(5600, 0xFFFFFFFF, 100, 100, dwAllSent[2]);
+  EXPECT_TRUE(wrapped.Periodic(0, report) && wrapped.Periodic(0xFFFFFFFF, report)) << "back at the start tick";
 }
 
 } // namespace

@@ -8,41 +8,22 @@
 namespace {
 
 TEST(UploadJob, AcceptsOnlyPlainHttpsAddressesOnPort443) {
-  struct Case {
-    std::string url;
-    bool bTaken;
-    char const *szHost;
-    char const *szPath;
-  };
   std::string const longest(259, 'h');
-  Case const cases[] = {
-      {"https://h.example/servlet/uploadTemplate", true, "h.example", "/servlet/uploadTemplate"},
-      {"https://h.example:443/servlet/uploadTemplate", true, "h.example", "/servlet/uploadTemplate"},
-      {"https://" + longest + "/p", true, longest.c_str(), "/p"},
-      {"https://" + longest + "h/p", false, "", ""},
-      {"https://h/" + std::string(259, 'p'), false, "", ""},
-      {"https://h.example:8443/p", false, "", ""},
-      {"https://h.example:4294967739/p", false, "", ""},
-      {"https://[::1/p", false, "", ""},
-      {"h.example/p", false, "", ""},
-      {"http://h.example/p", false, "", ""},
-      {"HTTPS://h.example/p", false, "", ""},
-      {"https://h.example/p?a=b", false, "", ""},
-      {"https://h.example/p#a", false, "", ""},
-      {"https://user@h.example/p", false, "", ""},
-      {"https://:secret@h.example/p", false, "", ""},
-      {"https:///p", false, "", ""},
-      {"https://h\r\nX: y/p", false, "", ""},
-      {"", false, "", ""},
-  };
-  for (Case const &c : cases) {
-    UploadJob job;
-    EXPECT_EQ(job.SetUrl(c.url.c_str()), c.bTaken) << c.url;
-    EXPECT_EQ(job.m_strHost, c.szHost) << c.url;
-    EXPECT_EQ(job.m_strPath, c.szPath) << c.url;
-    EXPECT_EQ(job.m_strUrl, c.bTaken ? std::string("https://") + c.szHost + c.szPath : "") << c.url;
-    EXPECT_FALSE(job.SetUrl("https://other.example:8443/q"));
-    EXPECT_EQ(job.m_strHost, c.szHost) << "a refused address leaves the earlier one in place";
+  UploadJob job;
+  for (std::string const &host : {std::string("h.example"), longest})
+    for (std::string const port : {"", ":443"}) {
+      EXPECT_TRUE(job.SetUrl(("https://" + host + port + "/servlet/p").c_str())) << host << port;
+      EXPECT_EQ(job.m_strHost + job.m_strPath + job.m_strUrl, host + "/servlet/phttps://" + host + "/servlet/p");
+    }
+  for (std::string const &refused :
+       {"https://" + longest + "h/p", "https://h/" + longest, std::string("https://h.example:8443/p"),
+        std::string("https://h.example:4294967739/p"), std::string("https://[::1/p"), std::string("h.example/p"),
+        std::string("http://h.example/p"), std::string("HTTPS://h.example/p"), std::string("https://h.example/p?a=b"),
+        std::string("https://h.example/p#a"), std::string("https://user@h.example/p"),
+        std::string("https://:secret@h.example/p"), std::string("https:///p"), std::string("https://h\r\nX: y/p"),
+        std::string()}) {
+    EXPECT_FALSE(job.SetUrl(refused.c_str())) << refused;
+    EXPECT_EQ(job.m_strHost + job.m_strPath, longest + "/servlet/p") << "the earlier address stays: " << refused;
   }
 }
 

@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <numeric>
+#include <tuple>
 
 namespace {
 
@@ -83,8 +83,11 @@ TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheReply) {
 TEST_F(UploaderTest, AdaptsTheChunkSizeToTheDurationOfTheLastWrite) {
   Peer const peer("reply --tls good");
   // The duration of each chunk's write in ms and its size in units of 32 KiB; the first write is the file's head.
-  std::vector<std::pair<DWORD, DWORD>> const chunks = {{0, 1},    {499, 2},  {500, 4},  {1250, 4}, {1251, 4},
-                                                       {1251, 2}, {9000, 1}, {1251, 1}, {0, 1},    {0, 2}};
+  std::vector<std::pair<DWORD, DWORD>> chunks = {{0, 1},    {499, 2},  {500, 4},  {1250, 4}, {1251, 4},
+                                                 {1251, 2}, {9000, 1}, {1251, 1}, {0, 1}};
+  for (DWORD units = 2; units <= 512; units *= 2)
+    chunks.emplace_back(0, units);
+  chunks.emplace_back(0, 512); // 16 MiB is the most
   std::size_t nWrite = 0;
   std::uint64_t now = 1000;
   m_hooks.now = [&now] { return now; };
@@ -96,7 +99,9 @@ TEST_F(UploaderTest, AdaptsTheChunkSizeToTheDurationOfTheLastWrite) {
   std::vector<DWORD> expected;
   for (auto const &[ms, units] : chunks)
     expected.push_back(units * 0x8000);
-  AddFile("chunks", std::string(std::accumulate(expected.begin(), expected.end(), 0U), 'x'));
+  DWORD const dwTotal = std::accumulate(expected.begin(), expected.end(), 0U);
+  AddFile("chunks", "");
+  std::filesystem::resize_file(Folder() + "/chunks", dwTotal);
   EXPECT_EQ(Post(), S_OK);
   std::erase_if(receiver.writes, [](DWORD dwBytes) { return dwBytes < 0x8000; });
   EXPECT_EQ(receiver.writes, expected);
@@ -105,66 +110,50 @@ TEST_F(UploaderTest, AdaptsTheChunkSizeToTheDurationOfTheLastWrite) {
 }
 
 TEST_F(UploaderTest, EndsTheUploadAtTheFirstFailedCall) {
+  using enum FaultPoint;
+  constexpr char kNone[] = "", kBegun[] = "begin 0/4 failed ", kOne[] = "begin 0/4 4/4 done ",
+                 kBoth[] = "begin 0/4 4/4 done begin 0/4 4/4 done ";
+  // The call, which of its kind, and what the receiver sees of the two files. Writes: field head, value and line end;
+  // then head, contents and line end of each file; the closing line. Two files are opened to learn their sizes.
   struct Case {
     FaultPoint call;
     int nth;
-    char const *szCalls; // what the receiver sees of the two files
+    char const *szCalls;
   };
-  constexpr char kBoth[] = "begin 0/4 4/4 done begin 0/4 4/4 done ";
-  // Writes: field head, value and line end; then head, contents and line end of each file; the closing line.
-  Case const cases[] = {
-      {FaultPoint::InternetOpenW, 1, ""},
-      {FaultPoint::InternetConnectA, 1, ""},
-      {FaultPoint::HttpOpenRequestA, 1, ""},
-      {FaultPoint::HttpAddRequestHeadersA, 1, ""},
-      {FaultPoint::HttpSendRequestExW, 1, ""},
-      {FaultPoint::InternetWriteFile, 1, ""},
-      {FaultPoint::InternetWriteFile, 3, ""},
-      {FaultPoint::InternetWriteFile, 4, ""},
-      {FaultPoint::CreateFileW, 3, ""}, // after the two of the length pass
-      {FaultPoint::ReadFile, 1, "begin 0/4 failed "},
-      {FaultPoint::InternetWriteFile, 5, "begin 0/4 failed "},
-      {FaultPoint::ReadFile, 2, "begin 0/4 failed "},
-      {FaultPoint::InternetWriteFile, 6, "begin 0/4 4/4 done "},
-      {FaultPoint::CreateFileW, 4, "begin 0/4 4/4 done "},
-      {FaultPoint::InternetWriteFile, 10, kBoth},
-      {FaultPoint::HttpEndRequestW, 1, kBoth},
-  };
+  Case const cases[] = {{InternetOpenW, 1, kNone},      {InternetConnectA, 1, kNone},
+                        {HttpOpenRequestA, 1, kNone},   {HttpAddRequestHeadersA, 1, kNone},
+                        {HttpSendRequestExW, 1, kNone}, {InternetWriteFile, 1, kNone},
+                        {InternetWriteFile, 4, kNone},  {CreateFileW, 3, kNone},
+                        {ReadFile, 1, kBegun},          {InternetWriteFile, 5, kBegun},
+                        {ReadFile, 2, kBegun},          {InternetWriteFile, 6, kOne},
+                        {CreateFileW, 4, kOne},         {InternetWriteFile, 10, kBoth},
+                        {HttpEndRequestW, 1, kBoth}};
   Peer const peer("reply --tls good --body ok");
   job.AddField("a", "b");
   AddFile("one", "abcd");
   AddFile("two", "abcd");
   for (Case const &c : cases) {
-    SCOPED_TRACE(std::to_string(static_cast<int>(c.call)) + " " + std::to_string(c.nth));
     receiver.files.clear();
-    int nCall = 0;
-    m_hooks.fault = [&](FaultPoint call, DWORD *pdwError) {
+    m_hooks.fault = [&c, n = c.nth](FaultPoint call, DWORD *pdwError) mutable {
       *pdwError = 1450;
-      return call == c.call && ++nCall == c.nth;
+      return call == c.call && --n == 0;
     };
     EXPECT_EQ(Post(), HResult(1450));
-    EXPECT_EQ(receiver.files, c.szCalls);
-    EXPECT_EQ(reply + std::to_string(result.m_nHttpStatus), "-1") << "there was no reply";
+    EXPECT_EQ(receiver.files + reply + std::to_string(result.m_nHttpStatus), c.szCalls + std::string("-1")) << c.nth;
   }
-  for (auto const &[point, szReply, nStatus] :
-       {std::tuple{FaultPoint::HttpQueryInfoW, "ok", -1}, std::tuple{FaultPoint::InternetQueryDataAvailable, "", 200},
-        std::tuple{FaultPoint::InternetReadFile, "", 200}}) {
-    m_hooks.fault = [point = point](FaultPoint call, DWORD *) { return call == point; };
+  for (Case const &c :
+       {Case{HttpQueryInfoW, -1, "ok"}, {InternetQueryDataAvailable, 200, ""}, {InternetReadFile, 200, ""}}) {
+    m_hooks.fault = [&c](FaultPoint call, DWORD *) { return call == c.call; };
     EXPECT_EQ(Post(), S_OK);
-    EXPECT_EQ(reply + std::to_string(result.m_nHttpStatus), szReply + std::to_string(nStatus));
+    EXPECT_EQ(reply + std::to_string(result.m_nHttpStatus), c.szCalls + std::to_string(c.nth));
   }
-}
-
-TEST_F(UploaderTest, StopsAtAnyQueryThatSaysSo) {
-  Peer const peer("reply --tls good");
-  AddFile("one", "abcd");
-  AddFile("two", "abcd");
-  char const *const calls[] = {"begin 0/4 failed ", "begin 0/4 failed ", "begin 0/4 4/4 done begin 0/4 failed "};
-  for (int nQuery = 0; nQuery < 3; ++nQuery) {
+  m_hooks.fault = nullptr;
+  std::pair<int, char const *> const stops[] = {{0, kBegun}, {1, kBegun}, {2, "begin 0/4 4/4 done begin 0/4 failed "}};
+  for (auto const &[nQuery, szCalls] : stops) { // the query that asks to stop
     receiver.files.clear();
     receiver.nQueriesBeforeStop = nQuery;
     EXPECT_EQ(Post(), UPLOAD_E_CANCELLED);
-    EXPECT_EQ(receiver.files, calls[nQuery]) << nQuery;
+    EXPECT_EQ(receiver.files, szCalls) << nQuery;
   }
   job.ClearFiles();
   receiver.nQueriesBeforeStop = 0;
@@ -173,6 +162,7 @@ TEST_F(UploaderTest, StopsAtAnyQueryThatSaysSo) {
 
 TEST_F(UploaderTest, StopsSendingAndReadsAnEarlyReply) {
   std::string const refusal = " --status 413 --body 'too large'";
+  AddFile("large", std::string(8'000'000, 'x'));
   for (std::string const &scenario :
        {"early-keep" + refusal, "early-hold" + refusal, "early-keep --length chunked" + refusal,
         "early-keep --length none" + refusal, // the peer closes when it sees the end of our data
@@ -180,26 +170,26 @@ TEST_F(UploaderTest, StopsSendingAndReadsAnEarlyReply) {
         std::string("early-keep --header 'Connection: close' --body ok"),
         std::string("early-keep --raw 'HTTP/1.0 200 OK\\r\\nContent-Length: 2\\r\\n\\r\\nok'")}) {
     Peer const peer(scenario + " --tls good");
-    job.ClearFiles();
-    AddFile("large", std::string(8'000'000, 'x'));
     EXPECT_EQ(Post(), S_OK) << scenario;
     bool const isRefusal = scenario.ends_with(refusal);
     EXPECT_EQ(std::to_string(result.m_nHttpStatus) + reply, isRefusal ? "413too large" : "200ok") << scenario;
   }
 }
 
-TEST(UploadThread, ReportsAThreadThatCannotBeCreated) {
-  UploadJob job;
-  UploadResult result;
-  Receiver receiver;
-  PlatformTestHooks hooks;
-  hooks.fault = [](FaultPoint call, DWORD *) { return call == FaultPoint::_beginthreadex; };
-  SetPlatformTestHooks(&hooks);
+TEST_F(UploaderTest, RunsOnAThreadThatCanBeAborted) {
+  Peer const peer("silent-reply --tls good");
   UploadThread2 thread(&job, &result, &receiver);
-  EXPECT_FALSE(thread.Start());
-  EXPECT_EQ(thread.m_uThreadId, 0U);
-  EXPECT_EQ(thread.Wait(), 0xFFFFFFFF) << "without a handle";
-  SetPlatformTestHooks(nullptr);
+  ASSERT_TRUE(thread.Start() && thread.m_uThreadId != 0);
+  EXPECT_TRUE(WaitFor([&peer] { return peer.Received().ends_with("--\r\n"); }));
+  EXPECT_FALSE(thread.EndsWithin(0));
+  thread.Abort();
+  EXPECT_EQ(thread.Wait(), static_cast<DWORD>(HResult(12017)));
+  EXPECT_TRUE(receiver.calls.ends_with(L"on another thread; "));
+  m_hooks.fault = [](FaultPoint call, DWORD *) { return call == FaultPoint::_beginthreadex; };
+  SetPlatformTestHooks(&m_hooks);
+  UploadThread2 none(&job, &result, &receiver);
+  EXPECT_FALSE(none.Start() || none.m_uThreadId != 0);
+  EXPECT_EQ(none.Wait(), 0xFFFFFFFF) << "without a handle";
 }
 
 } // namespace

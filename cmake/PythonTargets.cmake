@@ -21,7 +21,11 @@ function(add_python_module name tag folder)
   else()
     add_library(${_target} MODULE ${ARGN})
     target_include_directories(${_target} SYSTEM PRIVATE ${SKIFFPORT_PYTHON_${tag}_INCLUDE})
-    set_target_properties(${_target} PROPERTIES SUFFIX ".${tag}.so")
+    # Where the platform's library lies from there, alone: CMake pads the path of a build tree with an empty entry, and
+    # an empty entry is the current directory.
+    cmake_path(RELATIVE_PATH SKIFFPORT_TREE BASE_DIRECTORY ${folder} OUTPUT_VARIABLE _up)
+    string(REGEX REPLACE "/\\.$" "" _path "$ORIGIN/${_up}")
+    set_target_properties(${_target} PROPERTIES SUFFIX ".${tag}.so" INSTALL_RPATH ${_path} BUILD_WITH_INSTALL_RPATH ON)
   endif()
   target_link_libraries(${_target} PRIVATE skiffport_options)
   set_target_properties(${_target} PROPERTIES PREFIX "" OUTPUT_NAME ${name} LIBRARY_OUTPUT_DIRECTORY ${folder})

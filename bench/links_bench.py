@@ -1,7 +1,7 @@
 """Compares the module's uploads with curl's and with the floor of the pauses on shaped lines; see scripts/bench.
 
 Each line joins two network namespaces of its own. The clients' runs alternate, each in its own process. Chunks and
-pauses are prescribed, so the module can't be faster than what the system's send buffer hides of the pauses.
+pauses are the uploader's, so the module can't be faster than what the system's send buffer hides of the pauses.
 """
 
 from __future__ import annotations

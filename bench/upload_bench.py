@@ -1,6 +1,6 @@
 """Compares the module's uploads with `curl -F` and the same form over TLS on loopback, and measures logins.
 
-See scripts/bench. The prescribed pause of 50 ms per chunk is the floor of every upload, so times are given above it.
+See scripts/bench. The uploader's pause of 50 ms per chunk is the floor of every upload, so times are given above it.
 Runs of the two clients alternate, each in its own process, and the figures are medians.
 """
 

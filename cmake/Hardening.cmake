@@ -15,6 +15,8 @@ if(NOT SKIFFPORT_SANITIZE)
   target_compile_options(skiffport_options INTERFACE
     "$<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
 endif()
-if(NOT WIN32)
+if(WIN32) # has its library of checked functions linked
+  target_link_options(skiffport_options INTERFACE -fstack-protector-strong)
+else()
   target_link_options(skiffport_options INTERFACE LINKER:-z,relro LINKER:-z,now)
 endif()

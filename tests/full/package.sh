@@ -28,7 +28,7 @@ PYTHONPATH=build/release/python:tests/support /usr/bin/python3 -B -c "import fix
 fixtures.write_preset(pathlib.Path('$work/preset'))"
 
 quietly scripts/package
-expect 'version of the Debian package' "$version" "$(dpkg-deb -f build/package/python3-skiffport_*.deb Version)"
+expect 'version in the changelog' "$version" "$(dpkg-deb -f build/package/python3-skiffport_*.deb Version)"
 quietly lintian --allow-root --fail-on error,warning build/package/*.deb
 for package in build/package/*.deb; do dpkg-deb -x "$package" "$work/unpacked"; done
 site=$work/unpacked/usr/lib/python3/dist-packages

@@ -1,6 +1,7 @@
-// The Python interface of the module: the three classes, declared in the order of the function table. Parameter names and
-// types appear in the docstrings and in the messages of type errors, so they must not be changed. CString, HINTERNET and
-// _MAX_PATH are deliberately not declared: SWIG then wraps the first two as opaque types and prints the third as a name.
+// The Python interface of the module: the three classes, declared in the order of the function table. Parameter names
+// and types appear in the docstrings and in the messages of type errors, so they must not be changed. CString,
+// HINTERNET and _MAX_PATH are deliberately not declared: SWIG then wraps the first two as opaque types and prints the
+// third as a name.
 %module Skiffport
 %feature("autodoc", "1");
 
@@ -72,8 +73,8 @@ extern "C" SWIGEXPORT PyObject *PyInit__Skiffport(void) { return IsMainInterpret
 #define SWIGEXPORT
 %}
 
-// SWIG's runtime releases this object when the interpreter ends, and would first create it, without looking whether there
-// is memory for its type.
+// SWIG's runtime releases this object when the interpreter ends, and would first create it, without looking whether
+// there is memory for its type.
 %init %{
   if (!swig_varlink_type() || !SWIG_globals())
     return NULL;

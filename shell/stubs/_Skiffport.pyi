@@ -1,4 +1,5 @@
-# Types of the native module's flat functions, which take positional arguments only. None for a str passes a null pointer.
+# Types of the native module's flat functions, which take positional arguments only. None for a str passes a null
+# pointer.
 # `self` is what the constructor returned, or an object whose attribute `this` is.
 from typing import Any, Callable, Dict, Optional, Protocol, Tuple, Type, TypedDict, Union
 

@@ -53,7 +53,7 @@ done <build/release/pythons.txt
 
 quietly "$environment/bin/python" -m pip install -e .
 expect 'source of an editable installation' "$PWD/host/skiffhost/loop.py" \
-  "$(cd / && "$environment/bin/python" -c 'import os, skiffhost.loop; print(os.path.realpath(skiffhost.loop.__file__))')"
+  "$(cd / && readlink -f "$("$environment/bin/python" -c 'import skiffhost.loop; print(skiffhost.loop.__file__)')")"
 ! PATH=/nonexistent "$environment/bin/python" -m pip install . >"$work/log" 2>&1 || fail 'installed without a compiler'
 expect 'advice without tools' 'cmake ninja-build swig pkg-config g++' \
   "$(sed -n 's/.*this system lacks .* On Debian: apt-get install //p' "$work/log")"

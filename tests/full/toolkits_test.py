@@ -209,8 +209,8 @@ class ExamplesTest(common.StandinCase):
         for others in (), ("PyQt6",):  # with the first binding that is left
             rows += [(("-c", WINDOW, "states", self.scratch, *others), 0, ""),
                      (("-c", WINDOW, "interrupted", large, *others), 0, "")]
-        path = os.pathsep.join((*common.PATH, str(EXAMPLES)))
-        env = {**self.standin.env, "SKIFFHOST_USER": launch.USER, "SKIFFHOST_PASSWORD": launch.PASSWORD, "PYTHONPATH": path}
+        env = {**self.standin.env, "SKIFFHOST_USER": launch.USER, "SKIFFHOST_PASSWORD": launch.PASSWORD,
+               "PYTHONPATH": os.pathsep.join((*common.PATH, str(EXAMPLES)))}
         for program, status, end in rows:
             done = subprocess.run([sys.executable, "-B", *map(str, program)], env=env, stdout=subprocess.DEVNULL,
                                   stderr=subprocess.PIPE, text=True, timeout=2 * fixtures.DEADLINE_SECONDS)

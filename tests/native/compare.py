@@ -84,8 +84,8 @@ CASES = {
 RACING = "upload: (reset while sending|garbage)"  # the request breaks off, after calls that are not always the same
 PARTIAL = RACING + "|upload: (refused early|missing .*|cancelled .*)"  # it breaks off, not always at the same byte
 
-# An entry: the cases that differ in this way, expressions for the lines that are on this side only and on the other side
-# only, or nothing, and whose difference it is.
+# An entry: the cases that differ in this way; expressions for the lines that only this side has, and only the other, or
+# nothing; and whose difference it is.
 ANSWERED = "upload: (whole|status .*|reply .*|refused early)"
 EXPECTED = [
     (ANSWERED, r"received \d+", "received (22|42)", "ours: a head's size, there its status line's and one more"),
@@ -145,8 +145,8 @@ def wire_lines(received):
 
 
 def result_lines(output):
-    """The driver's output, a line per call, without what depends on time or chance: of a file's reports of progress only
-    the one of its start and that of its end count, which may come twice."""
+    """The driver's output, a line per call, without what depends on time or chance: of a file's reports of progress
+    only those of its start and its end count, each once."""
     ends = set()
     for line in output.replace("\r\n", "\n").split("\n"):
         for call in line[6:].split("; ") if line.startswith("calls ") else [line]:
@@ -165,10 +165,10 @@ def run(name, command, folder):
     # To files: helpers of Wine that live on would keep a pipe open.
     with scripted(play, tls, folder) if play else contextlib.nullcontext(), \
             open(folder / "out", "wb") as out, open(folder / "err", "wb") as err:
-        status = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=out, stderr=err, timeout=LIMIT_SECONDS).returncode
+        done = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=out, stderr=err, timeout=LIMIT_SECONDS)
     trace = [line for line in (folder / "err").read_text("utf-8", "replace").splitlines()
              if not line.startswith("wine client error")]  # about one of its helpers that ends
-    return [f"status {status}", *result_lines((folder / "out").read_text("utf-8", "replace")),
+    return [f"status {done.returncode}", *result_lines((folder / "out").read_text("utf-8", "replace")),
             *("trace: " + line for line in trace), *wire_lines((folder / "received").read_bytes())]
 
 
@@ -205,8 +205,8 @@ def main():
     for name in names or CASES:
         lines = compare(name, [run(name, command, folder) for command in (here, there)])
         reasons = "; ".join(entry[3] for entry in EXPECTED if re.fullmatch(entry[0], name))
-        print(f"{name:34} {'DIFFERENT' if lines else reasons or 'equal'}", *(line[:200] for line in lines), sep="\n    ",
-              flush=True)
+        print(f"{name:34} {'DIFFERENT' if lines else reasons or 'equal'}", flush=True)
+        print(*(f"    {line[:200]}\n" for line in lines), sep="", end="")
         failed += bool(lines)
     print(f"{len(names or CASES) - failed} passed, {failed} failed")
     return 1 if failed else 0

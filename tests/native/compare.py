@@ -1,9 +1,9 @@
 #!/usr/bin/python3
 """Runs each case of the driver on both systems and compares what it printed and what went over the wire.
 
-Usage: compare.py HERE THERE FOLDER BUNDLE [CASE...]   (by scripts/native, in a network namespace of its own)
+Usage: compare.py HERE THERE FOLDER [CASE...]   (by scripts/native, in a network namespace of its own)
   HERE, THERE  the driver's command on this system and under Wine
-  FOLDER       for the preset's files and certificates; BUNDLE is the file of trusted roots that both systems read
+  FOLDER       holds certificates that both systems trust, and gets the preset's files
 Prints a line per case. Exits with 1 if a case differs in another way than EXPECTED says, or an entry no longer differs.
 """
 
@@ -11,7 +11,6 @@ import contextlib
 import difflib
 import re
 import shlex
-import shutil
 import socket
 import subprocess
 import sys
@@ -145,16 +144,18 @@ def wire_lines(received):
 
 
 def result_lines(output):
-    """The driver's output, a line per call, without what depends on time or chance: of a file's reports of progress
-    only those of its start and its end count, each once."""
-    ends = set()
+    """The driver's output, a line per call, without what depends on time: of a file's reports of progress only
+    that of its start and, if it was sent completely, that of its end count, each once."""
+    lines = []
     for line in output.replace("\r\n", "\n").split("\n"):
         for call in line[6:].split("; ") if line.startswith("calls ") else [line]:
             call = re.sub(r"(progress .*) (\d+) (\d+) \d+ (\d+) (\d+) \d+ \d+$", r"\1 \2/\3 \4/\5", call)
-            call = re.sub(r"-?\b\d{10}\b", lambda match: f"0x{int(match[0]) & 0xFFFFFFFF:08X}", call)
-            if call not in ends and not re.match(r"progress .* (?!0/|(\d+)/\1 )\d+/\d+ \d+/\d+$", call):
-                yield call
-            ends.update([call] if call.startswith("progress ") else [])
+            lines.append(re.sub(r"-?\b\d{10}\b", lambda match: f"0x{int(match[0]) & 0xFFFFFFFF:08X}", call))
+    for position, line in enumerate(lines):
+        report = re.fullmatch(r"progress (.*) (\d+)/(\d+) \d+/\d+", line)
+        counts = not report or report[2] == "0" or report[2] == report[3] and f"complete {report[1]}0" in lines
+        if counts and not (report and line in lines[:position]):
+            yield line
 
 
 def run(name, command, folder):
@@ -193,11 +194,9 @@ def compare(name, sides):
 
 
 def main():
-    here, there, folder, bundle, *names = sys.argv[1:]
+    here, there, folder, *names = sys.argv[1:]
     folder, failed = Path(folder), 0
     threading.excepthook = lambda arguments: None  # the accepting threads end with their sockets
-    peer.make_certificates(str(folder))
-    shutil.copy(folder / "ca.pem", bundle)
     (folder / "replies").write_text(REPLIES, "utf-8", newline="")
     for number in range(13):
         name = f"{number}Größe 中 \U0001F600.bin" if number == 6 else f"{number}.bin"

@@ -87,7 +87,7 @@ TEST_F(UploaderTest, AdaptsTheChunkSizeToTheDurationOfTheLastWrite) {
                                                  {1251, 2}, {9000, 1}, {1251, 1}, {0, 1}};
   for (DWORD units = 2; units <= 512; units *= 2)
     chunks.emplace_back(0, units);
-  chunks.emplace_back(0, 512); // 16 MiB is the most
+  chunks.insert(chunks.end(), {{0, 512}, {0, 512}}); // 16 MiB is the most
   std::size_t nWrite = 0;
   std::uint64_t now = 1000;
   m_hooks.now = [&now] { return now; };

@@ -74,7 +74,8 @@ class SurfaceTest(common.Case):
                  (uploader, *[""] * 20, 2**31)),
                 (TypeError, where + " '{}', argument 2 of type 'char [_MAX_PATH]'", "KHLoginData_m_szChkServerUrl_set",
                  (data, "x" * 260)),
-                (ValueError, null + " '{}', argument 2 of type 'HINTERNET'", "KHLoginData_m_hInternet_set", (data, None)),
+                (ValueError, null + " '{}', argument 2 of type 'HINTERNET'", "KHLoginData_m_hInternet_set",
+                 (data, None)),
                 (TypeError, where + " '{}', argument 2 of type 'std::map< unsigned int,int >'",
                  "PyPresetUploader_m_mapTID2KHID_set", (uploader, {}))):
             with self.subTest(text), self.assertRaises(exception) as caught:

@@ -84,8 +84,9 @@ class UploadTest(common.StandinCase):
             "productName": "Quillon Tintwright", "versionInfo": "10.5", "AP": "TWR", "Version": "10.5",
             "AspectRatio": "1:1", "versionType": "retail", "uuid": "uuid-1"})
         contents = [pathlib.Path(path).read_bytes() for path in (paths[0], paths[1], *paths[1:])]
-        self.assertEqual([(part["name"], part["size"], part["sha256"]) for part in stored["files"]],
-                         [(name, len(data), hashlib.sha256(data).hexdigest()) for name, data in zip(FILE_PARTS, contents)])
+        for part, name, data in zip(stored["files"], FILE_PARTS, contents):
+            self.assertEqual((part["name"], part["size"], part["sha256"]),
+                             (name, len(data), hashlib.sha256(data).hexdigest()))
 
         names, percents, _, sent, totals, times, rates, files = zip(*publication.events[:-1])
         total = sum(map(len, contents))

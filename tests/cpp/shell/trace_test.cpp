@@ -77,8 +77,9 @@ TEST_F(TraceTest, KeepsSwitchesAndPrefixAndCutsOrEscapesTexts) {
   for (auto const &[text, shown] :
        {std::pair(y + std::string(99, 'z'), y + "zzzzzz"), std::pair(y + "\1", y + "\\u0001"),
         std::pair(y + "z\1z", y + "z")}) { // an escape is never cut
-    EXPECT_EQ(Lines([&] { TraceMsgA("%s", text.c_str()); }), "[T] " + shown + "\n");
-    EXPECT_EQ(Lines([&] { TraceMsgW(L"%S", text.c_str()); }), "[T] " + shown + "\n");
+    char const *const szText = text.c_str();
+    EXPECT_EQ(Lines([szText] { TraceMsgA("%s", szText); }), "[T] " + shown + "\n");
+    EXPECT_EQ(Lines([szText] { TraceMsgW(L"%S", szText); }), "[T] " + shown + "\n");
   }
 }
 

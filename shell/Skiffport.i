@@ -33,6 +33,11 @@ bool IsMainInterpreter() {
   return false;
 }
 
+// Whether it is a str with a character that ends a C string.
+bool HasZero(PyObject *pText) {
+  return PyUnicode_Check(pText) && PyUnicode_FindChar(pText, 0, 0, PyUnicode_GetLength(pText), 1) >= 0;
+}
+
 // Copies a value to the heap. Returns: null with a MemoryError set if memory runs out.
 template <class Value> Value *CopyOrReport(Value const &value) {
   try {
@@ -220,6 +225,20 @@ SWIGINTERN int SWIG_IntoCharArray(PyObject *obj, char *array, size_t capacity) {
     %argument_fail(res, "$type", $symname, $argnum);
   }
   $1 = temp;
+}
+
+// A path that holds a zero would be cut there and might name another file. It becomes one that no file can have, as any
+// path with a control character.
+%typemap(check, noblock=1) wchar_t const *szPath {
+  if (HasZero(swig_obj[$argnum - 1]))
+    $1 = (wchar_t *)L"\1";
+}
+%apply wchar_t const *szPath {
+  wchar_t const *szEffectFilePath, wchar_t const *szEffectCoverFilePathAfter,
+  wchar_t const *szEffectCoverFilePathBefore, wchar_t const *szEffectThumbnailAfter,
+  wchar_t const *szEffectThumbnailBefore, wchar_t const *szEffectCurveRGBImg, wchar_t const *szEffectCurveRImg,
+  wchar_t const *szEffectCurveGImg, wchar_t const *szEffectCurveBImg, wchar_t const *szEffectLvRGBImg,
+  wchar_t const *szEffectLvRImg, wchar_t const *szEffectLvGImg, wchar_t const *szEffectLvBImg
 }
 
 typedef wchar_t WCHAR;

@@ -102,7 +102,7 @@ class UploadTest(common.StandinCase):
         os.link(paths[0], broken)  # exists, but would break a part's header
         publication = self.publication()
         for number in range(13):
-            for bad in (None, "", paths[number] + ".missing", broken):
+            for bad in (None, "", paths[number] + ".missing", paths[number] + "\0x", broken):
                 self.assertEqual(publication.start(paths[:number] + [bad] + paths[number + 1:]), 0)
         self.assertEqual((loop.pump(), publication.events), (0, []))
 

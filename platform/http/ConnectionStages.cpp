@@ -55,10 +55,8 @@ curl_socket_t ConnectionStages::Open(curl_sockaddr const &address) {
 void ConnectionStages::Connected() {
   if (m_connected != CURL_SOCKET_BAD)
     return;
-  bool const isOnlyOne = m_attempts.size() == 1;
-  auto const it = std::find_if(m_attempts.rbegin(), m_attempts.rend(), [=](Attempt const &attempt) {
-    return isOnlyOne || IsConnectedTo(attempt.fd, attempt.address);
-  });
+  auto const it = std::find_if(m_attempts.rbegin(), m_attempts.rend(),
+                               [](Attempt const &attempt) { return IsConnectedTo(attempt.fd, attempt.address); });
   if (it == m_attempts.rend())
     return;
   m_connected = it->fd;

@@ -29,16 +29,12 @@ struct HandleEntry {
   std::vector<HINTERNET> children;
 };
 
-struct SessionSettings {
-  INTERNET_STATUS_CALLBACK callback = nullptr;
-  TimeLimits limits;
-};
-
 struct SessionEntry : HandleEntry {
   explicit SessionEntry(std::string agentName) : HandleEntry(nullptr), agent(std::move(agentName)) {}
 
   std::string const agent;
-  SessionSettings settings;
+  INTERNET_STATUS_CALLBACK callback = nullptr;
+  TimeLimits limits;
 };
 
 struct ConnectionEntry : HandleEntry {

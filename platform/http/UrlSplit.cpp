@@ -97,13 +97,11 @@ BOOL InternetCrackUrlA(char const *szUrl, DWORD /*dwUrlLength*/, DWORD /*dwFlags
       {parts.user, out.lpszUserName, out.dwUserNameLength}, {parts.password, out.lpszPassword, out.dwPasswordLength},
       {parts.path, out.lpszUrlPath, out.dwUrlPathLength},   {parts.extra, out.lpszExtraInfo, out.dwExtraInfoLength}};
   for (Component const &component : components)
-    if (error == ERROR_SUCCESS && component.buffer && component.text.size() >= component.length)
+    if (error == ERROR_SUCCESS && component.text.size() >= component.length)
       error = ERROR_INSUFFICIENT_BUFFER;
   if (error != ERROR_SUCCESS)
     return ReportResult(error);
   for (Component const &component : components) {
-    if (!component.buffer)
-      continue;
     *std::copy(component.text.begin(), component.text.end(), component.buffer) = '\0';
     component.length = static_cast<DWORD>(component.text.size());
   }

@@ -50,10 +50,10 @@ DWORD SetSessionOption(SessionEntry &session, DWORD option, DWORD value) {
   std::lock_guard<std::mutex> const lock(session.mutex);
   switch (option) {
   case INTERNET_OPTION_CONNECT_TIMEOUT:
-    session.settings.limits.connect = value;
+    session.limits.connect = value;
     return ERROR_SUCCESS;
   case INTERNET_OPTION_SEND_TIMEOUT:
-    session.settings.limits.send = value;
+    session.limits.send = value;
     return ERROR_SUCCESS;
   default:
     return ERROR_INTERNET_INVALID_OPTION;
@@ -107,7 +107,7 @@ INTERNET_STATUS_CALLBACK InternetSetStatusCallbackW(HINTERNET hSession, INTERNET
     DWORD const error = FindEntry(hSession, session);
     if (error == ERROR_SUCCESS) {
       std::lock_guard<std::mutex> const lock(session->mutex);
-      pfnEarlier = std::exchange(session->settings.callback, pfnCallback);
+      pfnEarlier = std::exchange(session->callback, pfnCallback);
     }
     return error;
   });

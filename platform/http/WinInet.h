@@ -167,6 +167,6 @@ SKIFFPORT_PLATFORM_API BOOL InternetCloseHandle(HINTERNET hInternet);
 
 /// Splits an absolute URL. Errors: 12006 no scheme, 87 null or empty, 122 a component that does not fit its buffer,
 /// 12005 a port that is no number from 1 to 65535, an empty host, or a control character (RFC 3986, sections 3.1
-/// to 3.3). Differs: `dwUrlLength` 0 (terminated) and flags 0 only.
+/// to 3.3). Differs: `dwUrlLength` 0 (terminated), flags 0 and all six buffers only.
 SKIFFPORT_PLATFORM_API BOOL InternetCrackUrlA(char const *szUrl, DWORD dwUrlLength, DWORD dwFlags,
                                               URL_COMPONENTSA *pComponents);

@@ -56,8 +56,8 @@ void ApplySettings(RequestEntry &request, SessionEntry &session, DWORD flags, DW
   HttpRequest &head = request.head;
   {
     std::lock_guard<std::mutex> const lock(session.mutex);
-    request.sink = {session.settings.callback, nullptr, context};
-    head.limits = session.settings.limits;
+    request.sink = {session.callback, nullptr, context};
+    head.limits = session.limits;
   }
   head.isSecure |= (flags & INTERNET_FLAG_SECURE) || head.port == INTERNET_DEFAULT_HTTPS_PORT;
   head.ignoresDate = flags & INTERNET_FLAG_IGNORE_CERT_DATE_INVALID;

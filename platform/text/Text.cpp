@@ -31,8 +31,7 @@ public:
   }
   int Finish() {
     m_text[m_length] = 0;
-    return m_isCut || m_length > static_cast<std::size_t>(std::numeric_limits<int>::max()) ? -1
-                                                                                           : static_cast<int>(m_length);
+    return m_isCut ? -1 : static_cast<int>(m_length);
   }
 
 private:

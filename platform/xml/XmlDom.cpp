@@ -7,6 +7,7 @@
 #include "platform/xml/XmlTree.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <cwchar>
 #include <memory>
@@ -39,23 +40,18 @@ BSTR AllocString(std::string_view text) {
 
 // --- Paths ---------------------------------------------------------------------------------------------------------
 
-/// Whether the text is made of what names are made of. Beyond ASCII that is everything, and some of what passes begins
-/// no name: a path with it matches nothing, since no document has such a name.
-bool IsName(std::string_view text) {
-  return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char byte) {
-    return byte >= 0x80 || std::isalnum(byte) || std::strchr("_-.:", byte);
-  });
-}
-
-/// The steps of a path of element names; none if the path is anything else.
+/// The steps of a path of element names; none if the path holds an empty one or any other character of ASCII than names
+/// do. What passes and is no name matches nothing, since no document has it.
 std::vector<std::string> PathSteps(std::string const &path) {
+  auto const isInName = [](unsigned char byte) {
+    return byte >= 0x80 || std::isalnum(byte) || std::strchr("_-.:", byte);
+  };
   std::vector<std::string> steps;
-  for (std::size_t start = 0; start <= path.size();) {
-    std::size_t const end = std::min(path.find('/', start), path.size());
+  for (std::size_t start = 0, end = 0; start <= path.size(); start = end + 1) {
+    end = std::min(path.find('/', start), path.size());
     steps.push_back(path.substr(start, end - start));
-    if (!IsName(steps.back()))
+    if (steps.back().empty() || !std::all_of(steps.back().begin(), steps.back().end(), isInName))
       return {};
-    start = end + 1;
   }
   return steps;
 }

@@ -1,6 +1,6 @@
 // Measures a trace call while tracing is off: the time of a loop of calls minus that of the same loop without them.
 // Single-threaded. Prints nanoseconds per call.
-#include "shell/Trace.h"
+#include "trace/Trace.h"
 
 #include <chrono>
 #include <cstdio>

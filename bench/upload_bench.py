@@ -167,7 +167,7 @@ def measure_start(setting: Setting, quick: bool) -> float:
 
 def measure_trace(setting: Setting, build: Path) -> float:
     """Returns the nanoseconds that a trace call takes while tracing is off."""
-    libraries = [str(build / "shell" / "libskiffport_trace.a"), str(build / "python" / "libskiffport_platform.so")]
+    libraries = [str(build / "trace" / "libskiffport_trace.a"), str(build / "python" / "libskiffport_platform.so")]
     program = compile_program(setting.folder, "trace_bench", *libraries, f"-Wl,-rpath,{build / 'python'}")
     return float(setting.run([program])[0])
 

@@ -5,7 +5,7 @@
 #include "framework/CW2A.h"
 #include "platform/text/Text.h"
 #include "publish/PresetForm.h"
-#include "shell/Trace.h"
+#include "trace/Trace.h"
 
 namespace {
 

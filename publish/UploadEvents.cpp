@@ -6,7 +6,7 @@
 #include "platform/xml/XmlDom.h"
 #include "reply/Document.h"
 #include "reply/UrlText.h"
-#include "shell/Trace.h"
+#include "trace/Trace.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "service/ServiceExchange.h"
 #include "service/ServiceHosts.h"
 #include "shell/ScopedGILRelease.h"
-#include "shell/Trace.h"
+#include "trace/Trace.h"
 
 #include <new>
 

@@ -5,7 +5,7 @@
 #include "service/JoinText.h"
 #include "service/ServiceExchange.h"
 #include "shell/ScopedGILRelease.h"
-#include "shell/Trace.h"
+#include "trace/Trace.h"
 
 #include <cstring>
 #include <exception>

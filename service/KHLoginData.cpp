@@ -7,7 +7,7 @@
 #include "reply/UrlText.h"
 #include "service/JoinText.h"
 #include "service/ServiceHosts.h"
-#include "shell/Trace.h"
+#include "trace/Trace.h"
 
 #include <cstring>
 #include <new>

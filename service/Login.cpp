@@ -9,7 +9,7 @@
 #include "service/ServiceHosts.h"
 #include "service/WebAddress.h"
 #include "shell/ScopedGILRelease.h"
-#include "shell/Trace.h"
+#include "trace/Trace.h"
 
 #include <new>
 

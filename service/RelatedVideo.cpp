@@ -4,7 +4,7 @@
 
 #include "service/JoinText.h"
 #include "service/ServiceExchange.h"
-#include "shell/Trace.h"
+#include "trace/Trace.h"
 
 #include <new>
 

@@ -4,7 +4,7 @@
 #include "framework/CW2A.h"
 #include "platform/base/LastError.h"
 #include "platform/text/Text.h"
-#include "shell/Trace.h"
+#include "trace/Trace.h"
 
 #include <algorithm>
 #include <cstring>

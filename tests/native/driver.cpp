@@ -11,8 +11,8 @@
 #include "reply/Document.h"
 #include "service/ReachabilityProbe.h"
 #include "service/ServiceExchange.h"
-#include "shell/Trace.h"
 #include "tests/cpp/upload/receiver.h"
+#include "trace/Trace.h"
 #include "upload/UploadThread2.h"
 
 #include <cstdio>

@@ -1,6 +1,6 @@
 // The trace's switches, prefix and lines, as captured from standard error.
-#include "shell/Trace.h"
 #include "tests/cpp/platform/TestHooks.h"
+#include "trace/Trace.h"
 
 #include <gtest/gtest.h>
 

@@ -2,7 +2,7 @@
 // else, and each call formats into buffers of its own. A line is written after the lock is released, so that a stalled
 // reader blocks the threads that trace, but neither fork nor exit. Lines don't mix because each channel takes a line in
 // one piece.
-#include "shell/Trace.h"
+#include "trace/Trace.h"
 
 #include "framework/SlimLock.h"
 #include "platform/system/Debug.h"

@@ -1,8 +1,8 @@
 // See Wnd.h. A window's user data points to its object; it is set and cleared on the window's own thread.
 #include "framework/Wnd.h"
 
+#include "platform/base/ForcedUnwind.h"
 #include "platform/base/LastError.h"
-#include "platform/base/ThreadEnd.h"
 
 namespace {
 
@@ -68,7 +68,7 @@ LRESULT CWnd::DispatchMessage(UINT uMessage, WPARAM wParam, LPARAM lParam) try {
       if (entry->nMessage == uMessage)
         return (this->*entry->pfn)(wParam, lParam);
   return DefWindowProcW(m_hWnd, uMessage, wParam, lParam);
-} catch (ThreadEnd const &) { // the thread is being ended inside the handler
+} catch (ForcedUnwind const &) { // the thread is being ended inside the handler
   throw;
 } catch (...) {
   return 0;

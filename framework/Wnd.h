@@ -49,7 +49,7 @@ protected:
 
 public:
   /// Runs the message's handler from the object's message map, or DefWindowProcW. Lets no exception escape but
-  /// ThreadEnd, and does not touch the object after a handler has run, since that may have deleted it.
+  /// ForcedUnwind, and does not touch the object after a handler has run, since that may have deleted it.
   LRESULT DispatchMessage(UINT uMessage, WPARAM wParam, LPARAM lParam);
   static CRuntimeClass const classCWnd;
 };

@@ -25,7 +25,7 @@ void SetKey(PyObject *pDict, char const *szKey, PyObject *pValue) {
 
 // Connects and sends without the GIL. An exception is kept until the GIL is back: Python may end the thread where it
 // takes the GIL, and unwinding the stack for that while an exception is in flight would terminate the process.
-BOOL SendReleased(ServiceExchange &exchange, WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm) {
+BOOL SendWithoutGil(ServiceExchange &exchange, WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm) {
   BOOL bSent = FALSE;
   std::exception_ptr failure;
   {
@@ -53,7 +53,7 @@ void Request(PyObject *pDict, BOOL &bSucc, WCHAR const *wszHost, int nPort, WCHA
   exchange.SetTimeouts(kTimeout, kTimeout);
   if (nPort != INTERNET_DEFAULT_HTTPS_PORT && nPort != INTERNET_DEFAULT_HTTP_PORT)
     return;
-  bSucc = SendReleased(exchange, wszHost, wszObject, szForm);
+  bSucc = SendWithoutGil(exchange, wszHost, wszObject, szForm);
   if (!bSucc)
     TraceMsgW(L"Send request fail: Get <false response> when send request to %s", wszHost);
   std::string const strReply = exchange.ReadReply();

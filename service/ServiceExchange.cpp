@@ -68,10 +68,10 @@ void ServiceExchange::SetTimeouts(DWORD dwConnect, DWORD dwSend) {
 }
 
 BOOL ServiceExchange::Send(WCHAR const *wszHost, WCHAR const *wszObject, char const *szForm) {
-  RefuseUnless(IsOneLine(CW2A(wszHost).m_psz));
+  RefuseUnless(HasNoControlCharacter(CW2A(wszHost).m_psz));
   m_pConnection.reset(m_session.GetHttpConnection(wszHost, m_variant.nPort, nullptr, nullptr));
   RefuseUnless(!m_variant.cchMostObject || std::wcslen(wszObject) <= m_variant.cchMostObject);
-  RefuseUnless(IsOneLine(CW2A(wszObject).m_psz));
+  RefuseUnless(HasNoControlCharacter(CW2A(wszObject).m_psz));
   m_pFile.reset(
       m_pConnection->OpenRequest(m_variant.nVerb, wszObject, nullptr, 1, nullptr, nullptr, m_variant.dwFlags));
   if (m_variant.bSecurityOption && IsTestHost(wszHost)) {
@@ -107,7 +107,7 @@ CComPtr<IXMLDOMDocument> ServiceExchange::ReadDocument() { return LoadReply(Read
 std::string ServiceExchange::ReadAvailable() {
   auto const cb = static_cast<DWORD>(m_pFile->GetLength());
   if (cb == 0)
-    CheckEnd(); // GetLength returns 0 for a failure, too
+    ThrowIfBroken(); // GetLength returns 0 for a failure, too
   return ReadUpTo(cb);
 }
 
@@ -122,7 +122,7 @@ std::string ServiceExchange::ReadUpTo(std::size_t cb) {
     strRead.resize(at + uRead);
     CheckLimit(strRead.size());
     if (uRead < block) {
-      CheckEnd();
+      ThrowIfBroken();
       break;
     }
   }
@@ -130,7 +130,7 @@ std::string ServiceExchange::ReadUpTo(std::size_t cb) {
 }
 
 // A short read may hold what came before a loss, a time-out or a limit; in that case the next read throws.
-void ServiceExchange::CheckEnd() {
+void ServiceExchange::ThrowIfBroken() {
   char c = 0;
   m_pFile->Read(&c, sizeof c);
 }

@@ -73,7 +73,7 @@ public:
 private:
   std::string ReadAvailable();
   std::string ReadUpTo(std::size_t cb);
-  void CheckEnd();
+  void ThrowIfBroken();
   void CheckLimit(std::size_t cb) const;
 
   ExchangeVariant const &m_variant;

@@ -49,7 +49,7 @@ void UploadJob::AddFile(WCHAR const *name, WCHAR const *path, WCHAR const *conte
 
 bool UploadJob::SetUrl(char const *url) {
   SplitUrl split;
-  if (!IsOneLine(url) || !Split(url, split))
+  if (!HasNoControlCharacter(url) || !Split(url, split))
     return false;
   if (std::memcmp(split.szScheme, "https", sizeof "https") != 0 || split.nPort != INTERNET_DEFAULT_HTTPS_PORT)
     return false;

@@ -144,7 +144,7 @@ std::uint64_t HttpTransfer::Sent() const { return static_cast<std::uint64_t>(Get
 
 Progress HttpTransfer::MeasureProgress() const {
   Progress progress;
-  progress.handed =
+  progress.queued =
       Sent() + static_cast<std::uint64_t>(Get<long>(CURLINFO_REQUEST_SIZE)) + (m_isRequestStarted ? 1 : 0);
   progress.received = m_reply.Received();
   if (m_connection.Socket() != CURL_SOCKET_BAD)

@@ -39,11 +39,11 @@ std::uint64_t WaitLimits::Left(Progress progress, bool isConnecting) {
   if (m_isReceiving) {
     // What a peer makes TLS answer is no progress. While sending, the answers queue up after the body, and libcurl
     // reports a block only when all of it is out: there every acknowledgement counts.
-    if (progress.handed != m_progress.handed)
+    if (progress.queued != m_progress.queued)
       m_ackLimit = progress.acked + progress.unacked;
     progress.acked = std::min(progress.acked, m_ackLimit);
   }
-  bool const isSending = progress.handed != m_progress.handed || progress.acked != m_progress.acked;
+  bool const isSending = progress.queued != m_progress.queued || progress.acked != m_progress.acked;
   if (isSending || (m_isReceiving && progress.received != m_progress.received))
     m_moved = now;
   if (m_isReceiving && m_isStreamed && isSending)

@@ -8,7 +8,7 @@
 
 /// What a connection has moved so far, in bytes.
 struct Progress {
-  std::uint64_t handed = 0;  ///< of the request, to the system
+  std::uint64_t queued = 0;  ///< of the request, to the system
   std::uint64_t acked = 0;   ///< by the peer's system, encryption and handshake included
   std::uint64_t unacked = 0; ///< handed to the system, not acknowledged yet
   std::uint64_t received = 0;

@@ -4,4 +4,4 @@
 #include <cxxabi.h>
 
 /// A handler that catches everything else must rethrow this: the C library ends the process otherwise.
-using ThreadEnd = abi::__forced_unwind;
+using ForcedUnwind = abi::__forced_unwind;

@@ -2,4 +2,4 @@
 #pragma once
 
 /// Never thrown.
-struct ThreadEnd {};
+struct ForcedUnwind {};

@@ -1,4 +1,4 @@
-"""Runs every Python snippet of README and docs unchanged against a stand-in, each page's in order and in one folder.
+"""Runs every Python snippet of README and docs unchanged against a stand-in, in the pages' order and in one folder.
 
 The snippets below one heading make one script. A file name after "python" says that a snippet is to be saved as that
 file; another word names a toolkit that the snippet needs: those run only where SKIFFPORT_TOOLKITS is set.
@@ -44,16 +44,14 @@ class SnippetsTest(common.StandinCase):
         env = {**self.standin.env, "SKIFFHOST_USER": launch.USER, "SKIFFHOST_PASSWORD": launch.PASSWORD}
         count = 0
         for page in PAGES:
-            folder = self.scratch / page.stem
-            folder.mkdir()
             for heading, kind, code in scripts(page):
-                script = folder / (kind if "." in kind else "example.py")
+                script = self.scratch / (kind if "." in kind else "example.py")
                 script.write_text(code, "utf-8")
                 if "." in kind or kind and "SKIFFPORT_TOOLKITS" not in os.environ:
                     continue
                 published = len(self.standin.presets())
                 with self.subTest(f"{page.name}: {heading}"):
-                    done = subprocess.run([sys.executable, "-B", str(script), str(PAGES[0])], cwd=folder, env=env,
+                    done = subprocess.run([sys.executable, "-B", str(script), str(PAGES[0])], cwd=self.scratch, env=env,
                                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                           timeout=fixtures.DEADLINE_SECONDS)
                     publishes = "Publication(" in code or "uploader" in code

@@ -66,5 +66,5 @@ foreach(_loop IN ITEMS PyQt6 PyQt6-without-GLib PyQt5 PySide2 GLib GLib-context 
   set_tests_properties(full-${_loop} PROPERTIES ENVIRONMENT "${_environment}")
 endforeach()
 set_tests_properties(full-PyQt6-without-GLib PROPERTIES ENVIRONMENT "${_environment};QT_NO_GLIB=1")
-add_full_test(snippets xvfb-run -a ${SKIFFPORT_BUILD_PYTHON} -B ${_tests}/python/test_docs.py)
+add_full_test(snippets xvfb-run -a ${SKIFFPORT_BUILD_PYTHON} -B -m unittest ${_tests}/python/test_docs.py)
 set_tests_properties(full-snippets PROPERTIES ENVIRONMENT "${_environment}")

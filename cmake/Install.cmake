@@ -36,7 +36,7 @@ foreach(_module IN ITEMS Skiffport _Skiffport)
 endforeach()
 
 # Documents keep the layout of the sources, so that the links between them hold.
-install(FILES README.md CONTRIBUTING.md TYPE DOC COMPONENT doc)
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md TYPE DOC COMPONENT doc)
 install(DIRECTORY docs TYPE DOC COMPONENT doc)
 install(FILES examples/asyncio_publish.py examples/qt_publish.py DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
   COMPONENT doc)

@@ -32,24 +32,41 @@ inline std::wstring TextOf(IXMLDOMNode *parent) {
 /// "name|name|" of the children along the siblings.
 inline std::wstring ChildrenOf(IXMLDOMNode *parent) {
   std::wstring names;
-  CComPtr<IXMLDOMNode> child;
-  for (HRESULT hr = parent->get_firstChild(&child); hr == S_OK;) {
+  CComPtr<IXMLDOMNode> child, next;
+  for (HRESULT hr = parent->get_firstChild(&child); hr == S_OK; child = std::move(next)) {
     CComBSTR name;
     EXPECT_EQ(child->get_nodeName(&name), S_OK);
     names.append(name).append(L"|");
-    CComPtr<IXMLDOMNode> next;
     hr = child->get_nextSibling(&next);
-    child = std::move(next);
   }
-  EXPECT_EQ(child, nullptr);
   return names;
 }
 
-/// The root of the markup, which outlives its document; null if the markup is refused.
-inline CComPtr<IXMLDOMNode> RootOf(std::wstring const &xml) {
+/// Loads over an older document, which a failed load empties, too.
+inline void ExpectLoad(HRESULT hr, WCHAR const *xml) {
   auto const document = NewDocument();
-  EXPECT_EQ(Load(document, xml.c_str()), S_OK) << testing::PrintToString(xml);
+  ASSERT_EQ(Load(document, L"<old/>"), S_OK);
+  EXPECT_EQ(Load(document, xml), hr) << testing::PrintToString(xml);
+  EXPECT_EQ(ChildrenOf(document).empty(), hr != S_OK) << testing::PrintToString(xml);
+}
+
+/// The text and the children of a root, which outlives its document.
+inline void ExpectContent(WCHAR const *xml, WCHAR const *text, WCHAR const *children) {
   CComPtr<IXMLDOMNode> root;
-  document->get_firstChild(&root);
-  return root;
+  auto document = NewDocument();
+  ASSERT_EQ(Load(document, xml), S_OK) << testing::PrintToString(xml);
+  ASSERT_EQ(document->get_firstChild(&root), S_OK);
+  document = {};
+  EXPECT_EQ(TextOf(root), text) << testing::PrintToString(xml);
+  EXPECT_EQ(ChildrenOf(root), children) << testing::PrintToString(xml);
+}
+
+/// What a path finds: the text of an element, or none.
+inline void ExpectFound(IXMLDOMDocument *document, WCHAR const *path, HRESULT hr, WCHAR const *text = nullptr) {
+  CComPtr<IXMLDOMNode> node;
+  EXPECT_EQ(document->selectSingleNode(CComBSTR(path), &node), hr) << testing::PrintToString(path);
+  ASSERT_EQ(node != nullptr, text != nullptr) << testing::PrintToString(path);
+  if (text) {
+    EXPECT_EQ(TextOf(node), text);
+  }
 }

@@ -1,22 +1,17 @@
-// Files, threads, sleeping, a lock across a fork, and the debug output.
+// Files, threads, a fork that waits, the debug output and the registry file.
 #include "framework/SlimLock.h"
-#include "platform/base/Clock.h"
-#include "platform/base/LastError.h"
 #include "platform/system/Debug.h"
 #include "platform/system/Files.h"
+#include "platform/system/Registry.h"
 #include "platform/system/Threads.h"
+#include "tests/cpp/platform/TestHooks.h"
+#include "tests/cpp/platform/http/http_peer.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <thread>
-#include <utility>
+#include <future>
 
 #include <fcntl.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,8 +19,8 @@
 namespace {
 
 TEST(Files, OnlyRegularFilesOpenAndEachRefusalHasItsError) {
-  char pattern[] = "/tmp/skiffport-files-XXXXXX";
-  std::string const folder = mkdtemp(pattern);
+  std::string const folder = Folder() + "/files";
+  std::filesystem::create_directory(folder);
   std::ofstream(folder + "/file").close();
   std::ofstream(folder + "/a\xFF\xE4").close(); // the name is not UTF-8
   ASSERT_EQ(mkfifo((folder + "/fifo").c_str(), 0600), 0);
@@ -41,7 +36,6 @@ TEST(Files, OnlyRegularFilesOpenAndEachRefusalHasItsError) {
     EXPECT_EQ(GetLastError(), error) << testing::PrintToString(name);
     EXPECT_EQ(CloseHandle(file), error == 0) << testing::PrintToString(name);
   }
-  std::filesystem::remove_all(folder);
 }
 
 TEST(Threads, SuspendedThreadRunsOnceResumedAndEachHandleClosesOnce) {
@@ -54,37 +48,34 @@ TEST(Threads, SuspendedThreadRunsOnceResumedAndEachHandleClosesOnce) {
   EXPECT_TRUE(id != 0 && WaitForSingleObject(thread, 20) == WAIT_TIMEOUT);
   EXPECT_TRUE(GetExitCodeThread(thread, &code) && code == STILL_ACTIVE);
   EXPECT_TRUE(ResumeThread(thread) == 1 && WaitForSingleObject(thread, INFINITE) == WAIT_OBJECT_0);
-  EXPECT_TRUE(CloseHandle(thread));
-  EXPECT_FALSE(CloseHandle(thread)) << "the second time";
-  EXPECT_EQ(WaitForSingleObject(thread, 0), WAIT_FAILED);
+  EXPECT_TRUE(CloseHandle(thread) && !CloseHandle(thread) && WaitForSingleObject(thread, 0) == WAIT_FAILED);
   EXPECT_TRUE(GetExitCodeThread(second, &code) && code == 0x80040301U) << "the other handle is open";
   EXPECT_TRUE(CloseHandle(second));
 }
 
-TEST(Sleep, LeavesTheThreadsTimerSlackAsItWas) {
-  std::thread([] {
-    EXPECT_EQ(prctl(PR_SET_TIMERSLACK, 70'000UL), 0);
-    Sleep(1);
-    EXPECT_EQ(prctl(PR_GET_TIMERSLACK), 70'000);
-  }).join();
-}
-
-TEST(Locks, NoForkedChildFindsALockHeld) {
+TEST(Locks, ForkWaitsUntilTheyAreFree) {
   static SlimLock s_lock;
-  std::atomic<bool> isDone = false;
-  std::thread user([&] {
-    for (; !isDone; s_lock.unlock())
-      s_lock.lock();
+  std::promise<void> isHeld, isForkWaiting;
+  auto holder = std::async(std::launch::async, [&] {
+    std::lock_guard<SlimLock> const lock(s_lock);
+    isHeld.set_value();
+    isForkWaiting.get_future().wait_for(std::chrono::seconds(10));
   });
-  for (int n = 0; n < 20; ++n) {
-    pid_t const child = fork();
-    if (child == 0)
-      _exit(s_lock.try_lock() ? 0 : 1);
-    int status = -1;
-    EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0) << status;
-  }
-  isDone = true;
-  user.join();
+  isHeld.get_future().wait();
+  bool hasWaited = false;
+  auto const wait = [&](DWORD) { // how a fork waits
+    if (!std::exchange(hasWaited, true))
+      isForkWaiting.set_value();
+  };
+  PlatformTestHooks const hooks{nullptr, wait, nullptr};
+  SetPlatformTestHooks(&hooks);
+  pid_t const child = fork();
+  if (child == 0)
+    _exit(s_lock.try_lock() ? 0 : 1);
+  holder.get();
+  SetPlatformTestHooks(nullptr);
+  int status = -1;
+  EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0 && hasWaited) << status;
 }
 
 TEST(DebugOutput, IsOneWriteALineAndCutBetweenCharacters) {
@@ -102,6 +93,42 @@ TEST(DebugOutput, IsOneWriteALineAndCutBetweenCharacters) {
   }
   for (int const fd : {ends[0], ends[1], kept})
     close(fd);
+}
+
+/// The number that a registry file gives "DumpMsg"; -1: it gives none, -2: it has no such key.
+int ReadSwitch(std::string const &content) {
+  std::ofstream(Folder() + "/registry", std::ios::binary) << content;
+  setenv("SKIFFPORT_REGISTRY", (Folder() + "/registry").c_str(), 1);
+  HKEY hKey = nullptr;
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SoftWare\\Quillon\\Tintwright", 0, KEY_QUERY_VALUE, &hKey) != ERROR_SUCCESS)
+    return -2;
+  DWORD type = 0, value = 0, size = sizeof value;
+  LONG const result = RegQueryValueExW(hKey, L"DumpMsg", nullptr, &type, reinterpret_cast<BYTE *>(&value), &size);
+  RegCloseKey(hKey);
+  return result == ERROR_SUCCESS && type == 4 ? static_cast<int>(value) : -1;
+}
+
+TEST(Registry, ReadsTheFileInItsForms) {
+  std::string const root = "[HKEY_LOCAL_MACHINE\\SoftWare", name = "\"DumpMsg\"=", tail = name + "dword:6\n";
+  std::string const key = root + "\\Quillon\\Tintwright]\r\n", on = key + name + "dword:0000000a\r\n";
+  std::string wide = "\xFE\xFF";
+  for (char const c : on)
+    wide += {'\0', c};
+  std::pair<std::string, int> const rows[] = {
+      {"Registry Editor\r\n\r\n; note\r\n" + on, 10},
+      {"\xEF\xBB\xBF" + on, 10},
+      {wide, 10},
+      {"[hkey_local_machine\\SOFTWARE\\quillon\\TINTWRIGHT]\n \"DUMPMSG\" = DWORD:A ; note", 10},
+      {on + name + "dword:1\n", 1},
+      {key + ";" + tail + "\"DumpMsg=dword:5\n" + root + "\\Other]\n" + tail + root + "\n" + tail, -1},
+      {root + "\\Quillon\\Tintwright\\Below]\n" + tail, -1},
+      {on + "\xFF", -2},
+      {wide + "x", -2},
+      {on + std::string(1024 * 1024, ';'), -2}};
+  for (auto const &[file, value] : rows)
+    EXPECT_EQ(ReadSwitch(file), value) << file.substr(0, 400);
+  for (char const *data : {"\"1\"", "hex(4):02,\\\n  00,00,00", "dword:123456789", "dword:4x", "dword:"})
+    EXPECT_EQ(ReadSwitch(key + name + data), -1) << data;
 }
 
 } // namespace

@@ -17,23 +17,20 @@ public:
     std::string const folder = mkdtemp(path), name = "zz." + charset;
     std::string const make = "localedef -c -i POSIX -f " + charset + " " + folder + "/" + name + " >/dev/null 2>&1";
     setenv("LOCPATH", path, 1); // setlocale, since newlocale loses memory with it
-    bool const isMade = std::system(make.c_str()) != -1 && setlocale(LC_CTYPE, name.c_str());
-    m_locale = isMade ? duplocale(LC_GLOBAL_LOCALE) : nullptr;
+    if (std::system(make.c_str()) != -1 && setlocale(LC_CTYPE, name.c_str()))
+      uselocale(m_locale = duplocale(LC_GLOBAL_LOCALE));
     setlocale(LC_CTYPE, "C");
     unsetenv("LOCPATH");
     std::filesystem::remove_all(folder);
-    if (m_locale)
-      uselocale(m_locale);
   }
   ~ThreadLocale() {
-    if (!m_locale)
-      return;
     uselocale(LC_GLOBAL_LOCALE);
-    freelocale(m_locale);
+    if (m_locale)
+      freelocale(m_locale);
   }
   ThreadLocale(ThreadLocale const &) = delete;
-  explicit operator bool() const { return m_locale != nullptr; }
+  explicit operator bool() const { return m_locale; }
 
 private:
-  locale_t m_locale;
+  locale_t m_locale = nullptr;
 };

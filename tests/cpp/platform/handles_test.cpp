@@ -1,0 +1,183 @@
+// Handles and arguments across the rooms: each wrong one fails with its error number, what is closed leaves nothing
+// behind, and a forked child leaves the parent's alone.
+#include "framework/Wnd.h"
+#include "platform/system/Files.h"
+#include "platform/system/Registry.h"
+#include "platform/system/Threads.h"
+#include "tests/cpp/platform/http/http_peer.h"
+#include "tests/cpp/platform/text/thread_locale.h"
+#include "tests/cpp/platform/xml/xml_dom.h"
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+namespace {
+
+HINTERNET Session() {
+  static HINTERNET const session = InternetOpenW(L"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0);
+  return session;
+}
+HINTERNET Connect(HINTERNET parent) { return InternetConnectW(parent, L"h.test", 80, nullptr, nullptr, 3, 0, 0); }
+HINTERNET Open(HINTERNET parent, char const *verb = "GET") {
+  return HttpOpenRequestA(parent, verb, "/", nullptr, nullptr, nullptr, 0, 0);
+}
+HINTERNET Request() {
+  static HINTERNET const request = Open(Connect(Session()));
+  return request;
+}
+HINTERNET OpenUrl(char const *url) { return InternetOpenUrlA(Session(), url, nullptr, 0, 0, 0); }
+HANDLE OpenFile(DWORD access) {
+  WCHAR const path[] = L"/proc/self/maps";
+  HANDLE const hFile = CreateFileW(path, access, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+  return hFile == INVALID_HANDLE_VALUE ? nullptr : hFile;
+}
+HANDLE Begin(unsigned (*start)(void *)) {
+  return reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, start, nullptr, 0, nullptr));
+}
+HANDLE Duplicate(HANDLE source) {
+  HANDLE copy = nullptr, self = GetCurrentProcess();
+  return DuplicateHandle(self, source, self, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS) ? copy : nullptr;
+}
+HWND Create(WCHAR const *name, HWND hParent = nullptr) {
+  return CreateWindowExW(0, name, L"", 0, 0, 0, 0, 0, hParent, nullptr, nullptr, nullptr);
+}
+HKEY OpenKey(HKEY hRoot) {
+  HKEY hKey = nullptr;
+  SetLastError(static_cast<DWORD>(RegOpenKeyExW(hRoot, L"Key", 0, KEY_QUERY_VALUE, &hKey)));
+  return hKey;
+}
+
+DWORD g_value = 1;
+auto *const kNoWindow = reinterpret_cast<HWND>(0x4444);
+HANDLE const kNone = reinterpret_cast<HANDLE>(0x4444);
+
+/// A call that fails, and the error number that it sets.
+using Misuse = std::pair<DWORD, bool (*)()>;
+#define MISUSE(error, call) Misuse(error, [] { return static_cast<bool>(call); })
+Misuse const kMisuses[] = {
+    MISUSE(87, InternetOpenW(L"agent\r\nX: 1", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0)),
+    MISUSE(6, Connect(kNone)),
+    MISUSE(12018, Open(Session())),
+    MISUSE(87, Open(Connect(Session()), "PUT")),
+    MISUSE(12006, OpenUrl("ftp://h/")),
+    MISUSE(87, HttpAddRequestHeadersA(Request(), "no colon", 0xFFFFFFFF, HTTP_ADDREQ_FLAG_ADD)),
+    MISUSE(87, HttpSendRequestW(Request(), nullptr, 0, "body", 4)),
+    MISUSE(12019, HttpQueryInfoW(Request(), HTTP_QUERY_STATUS_CODE, nullptr, &g_value, nullptr)),
+    MISUSE(12019, HttpEndRequestW(Request(), nullptr, 0, 0)),
+    MISUSE(12009, InternetSetOptionW(Session(), 9999, &g_value, sizeof g_value)),
+    MISUSE(87, InternetSetOptionW(Session(), INTERNET_OPTION_SEND_TIMEOUT, &g_value, 3)),
+    MISUSE(12018, InternetSetOptionW(Session(), INTERNET_OPTION_SECURITY_FLAGS, &g_value, sizeof g_value)),
+    MISUSE(6, InternetSetStatusCallbackW(kNone, nullptr)),
+    MISUSE(1407, Create(L"unheard of")),
+    MISUSE(87, Create(L"unheard of", kNoWindow)),
+    MISUSE(1400, DestroyWindow(kNoWindow)),
+    MISUSE(1400, SetWindowLongPtrW(kNoWindow, GWL_STYLE, 1)),
+    MISUSE(1400, PostMessageW(kNoWindow, 1, 0, 0)),
+    MISUSE(87, PeekMessageW(nullptr, kNoWindow, 0, 0, PM_REMOVE)),
+    MISUSE(6, Duplicate(kNone)),
+    MISUSE(87, OpenFile(0x40000000)),
+    MISUSE(87, ReadFile(kNone, &g_value, 1, &g_value, &g_value)),
+    MISUSE(6, GetFileSize(kNone, nullptr) != INVALID_FILE_SIZE),
+    MISUSE(87, Begin(nullptr)),
+    MISUSE(6, ResumeThread(kNone) != 0xFFFFFFFF),
+    MISUSE(6, WaitForSingleObject(kNone, 0) != WAIT_FAILED),
+    MISUSE(6, GetExitCodeThread(kNone, &g_value)),
+    MISUSE(6, OpenKey(nullptr))};
+
+TEST(Handles, MisuseFailsWithItsErrorNumber) {
+  for (Misuse const &misuse : kMisuses) {
+    SetLastError(0);
+    EXPECT_TRUE(!misuse.second() && misuse.first == GetLastError()) << "row " << &misuse - kMisuses;
+  }
+  void *object = nullptr;
+  for (GUID const *wrong : {&CLSID_DOMDocument, &IID_IXMLDOMDocument})
+    EXPECT_TRUE(FAILED(CoCreateInstance(*wrong, nullptr, CLSCTX_INPROC_SERVER, *wrong, &object)));
+  EXPECT_EQ(E_INVALIDARG, NewDocument()->get_text(nullptr));
+}
+
+/// How many descriptors are open; of files, queues and connections, none may be inherited.
+std::size_t Descriptors() {
+  std::size_t count = 0;
+  for (int fd = 3; fd < 256; ++fd) {
+    int const flags = fcntl(fd, F_GETFD);
+    sockaddr_storage name{};
+    socklen_t size = sizeof name;
+    getsockname(fd, reinterpret_cast<sockaddr *>(&name), &size);
+    count += flags >= 0;
+    EXPECT_TRUE(flags < 0 || (flags & FD_CLOEXEC) || name.ss_family == AF_UNIX) << fd; // libcurl's own wake-ups
+  }
+  return count;
+}
+
+void CloseTwice(HANDLE handle) {
+  HANDLE const copy = Duplicate(handle);
+  EXPECT_TRUE(Descriptors() && CloseHandle(handle) && CloseHandle(copy));
+}
+void CloseWithin(HINTERNET hParent) { EXPECT_TRUE(InternetCloseHandle(Open(hParent)) && InternetCloseHandle(hParent)); }
+void UseWindow(HWND hWnd) { EXPECT_TRUE(PostMessageW(hWnd, WM_APP, 0, 0) && DestroyWindow(hWnd)); }
+/// Runs an exchange up to a point, and looks at the descriptors in its stages.
+void Exchange(bool isStreamed) {
+  Client client(443);
+  client.stages.onStage = [](DWORD) { Descriptors(); };
+  std::string reply;
+  EXPECT_EQ(0u, isStreamed ? client.Begin(99) : client.Send());
+  EXPECT_EQ(0u, isStreamed ? client.Write("some") : client.Read(reply, 2));
+}
+
+/// What is made and closed, so often that what stays each time is seen.
+struct Cycle {
+  char const *what;
+  int often;
+  void (*run)();
+};
+Cycle const kCycles[] = {
+    {"file", 100, [] { CloseTwice(OpenFile(GENERIC_READ)); }},
+    {"thread", 100, [] { CloseTwice(Begin([](void *) { return 0U; })); }},
+    {"window", 100, [] { UseWindow(Create(AfxRegisterWndClass(0, nullptr, nullptr, nullptr))); }},
+    {"queue", 100, [] { std::thread([] { EXPECT_TRUE(MessageQueueDescriptor() >= 0 && Descriptors()); }).join(); }},
+    {"registry key", 100, [] { EXPECT_EQ(0, RegCloseKey(OpenKey(HKEY_LOCAL_MACHINE))); }},
+    {"text", 100, [] { EXPECT_STREQ(CComBSTR("\xD6\xD0"), L"\u4E2D"); }},
+    {"document", 100, [] { ExpectContent(L"<r a='b'><c/>t</r>", L"t", L"c|#text|"); }},
+    {"connection", 1000, [] { CloseWithin(Connect(Session())); }},
+    {"refused connection", 50, [] { EXPECT_FALSE(OpenUrl("http://127.0.0.1:1/")); }},
+    {"exchange", 20, [] { Exchange(false); }},
+    {"upload left off", 20, [] { Exchange(true); }},
+};
+
+TEST(Handles, WhatIsClosedLeavesNothing) {
+  for (int fd = 3; fd < 256; ++fd)
+    fcntl(fd, F_SETFD, FD_CLOEXEC); // what the program began with
+  ThreadLocale const locale("GBK"); // conversions then need a descriptor of the C library's
+  if (!locale)
+    GTEST_SKIP() << "no character maps here (Debian package locales)";
+  Peer const peer("keep --tls good --body ok");
+  std::ofstream(Folder() + "/registry") << "[HKEY_LOCAL_MACHINE\\Key]\n";
+  setenv("SKIFFPORT_REGISTRY", (Folder() + "/registry").c_str(), 1);
+  for (Cycle const &cycle : kCycles) {
+    auto const run = [&, ansi = uselocale(nullptr)](int often) { // on a thread, whose caches end with it
+      std::thread([=]() mutable {
+        for (uselocale(ansi); often > 0; --often)
+          cycle.run();
+      }).join();
+    };
+    run(5);
+    std::size_t const fds = Descriptors(), bytes = mallinfo2().uordblks;
+    run(cycle.often);
+    EXPECT_TRUE(WaitFor([=] { return Descriptors() == fds && mallinfo2().uordblks < bytes + 2'000; })) << cycle.what;
+  }
+}
+
+TEST(Handles, OfTheParentAreNotUsedInAForkedChild) {
+  auto const use = [] { return Error(InternetSetOptionW(Session(), INTERNET_OPTION_SEND_TIMEOUT, &g_value, 4)); };
+  Session();
+  pid_t const child = fork();
+  if (child == 0)
+    _exit(use() == 6 && InternetCloseHandle(Session()) ? 0 : 1);
+  int status = -1;
+  EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0) << status;
+  EXPECT_EQ(0u, use());
+}
+
+} // namespace

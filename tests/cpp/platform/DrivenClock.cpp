@@ -7,33 +7,20 @@
 
 namespace {
 
-std::atomic<std::uint64_t> g_now = 1'000'000;
-std::atomic<std::uint64_t> g_step = 0;
+std::atomic<std::uint64_t> g_now = 1'000'000, g_step = 0;
 
-// The hooks are never destroyed: a thread may still run at exit.
-
-PlatformTestHooks const &DrivenHooks() {
-  static auto const &hooks =
-      *new PlatformTestHooks{[] { return g_now += g_step; }, [](DWORD ms) { g_now += ms; }, nullptr};
-  return hooks;
-}
-
-PlatformTestHooks const &RealHooks() {
-  static auto const &hooks = *new PlatformTestHooks{nullptr, [](DWORD) {}, nullptr};
-  return hooks;
-}
-
-/// The system's clock until a request is sent whole or the end of an upload's is; no probe does either.
-PlatformTestHooks const &WaitingHooks() {
-  static auto const &hooks =
-      *new PlatformTestHooks{nullptr, [](DWORD) {},
-                             [](FaultPoint call, DWORD *) {
-                               if (call == FaultPoint::HttpSendRequestW || call == FaultPoint::HttpEndRequestW)
-                                 SetPlatformTestHooks(&DrivenHooks());
-                               return false;
-                             }};
-  return hooks;
-}
+/// Never destroyed: a thread may still run at exit.
+struct Hooks {
+  PlatformTestHooks real{nullptr, [](DWORD) {}, nullptr};
+  PlatformTestHooks driven{[] { return g_now += g_step; }, [](DWORD ms) { g_now += ms; }, nullptr};
+  /// The system's clock until a request is sent whole or the end of an upload's is; no probe does either.
+  PlatformTestHooks waiting{nullptr, [](DWORD) {},
+                            [this](FaultPoint call, DWORD *) {
+                              if (call == FaultPoint::HttpSendRequestW || call == FaultPoint::HttpEndRequestW)
+                                SetPlatformTestHooks(&driven);
+                              return false;
+                            }};
+};
 
 } // namespace
 
@@ -41,7 +28,8 @@ PlatformTestHooks const &WaitingHooks() {
 /// or an upload's body is out; 0 returns to the system's clock. Sleeping takes no time either way. Returns: what the
 /// driven clock shows, in ms.
 extern "C" __attribute__((visibility("default"))) std::uint64_t DriveClock(unsigned step, bool waits) {
+  static auto const &hooks = *new Hooks;
   g_step = step;
-  SetPlatformTestHooks(step == 0 ? &RealHooks() : waits ? &WaitingHooks() : &DrivenHooks());
+  SetPlatformTestHooks(step == 0 ? &hooks.real : waits ? &hooks.waiting : &hooks.driven);
   return g_now;
 }

@@ -20,28 +20,23 @@ HINTERNET Session() {
   return session;
 }
 HINTERNET Connect(HINTERNET parent) { return InternetConnectW(parent, L"h.test", 80, nullptr, nullptr, 3, 0, 0); }
-HINTERNET Open(HINTERNET parent, char const *verb = "GET") {
-  return HttpOpenRequestA(parent, verb, "/", nullptr, nullptr, nullptr, 0, 0);
-}
+HINTERNET Open(HINTERNET parent) { return HttpOpenRequestA(parent, "GET", "/", nullptr, nullptr, nullptr, 0, 0); }
 HINTERNET Request() {
   static HINTERNET const request = Open(Connect(Session()));
   return request;
 }
 HINTERNET OpenUrl(char const *url) { return InternetOpenUrlA(Session(), url, nullptr, 0, 0, 0); }
-HANDLE OpenFile(DWORD access) {
-  WCHAR const path[] = L"/proc/self/maps";
-  HANDLE const hFile = CreateFileW(path, access, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-  return hFile == INVALID_HANDLE_VALUE ? nullptr : hFile;
-}
-HANDLE Begin(unsigned (*start)(void *)) {
+HANDLE OpenFile() { return CreateFileW(L"/proc/self/maps", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr); }
+HANDLE Begin() {
+  auto const start = [](void *) { return 0U; };
   return reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, start, nullptr, 0, nullptr));
 }
 HANDLE Duplicate(HANDLE source) {
   HANDLE copy = nullptr, self = GetCurrentProcess();
   return DuplicateHandle(self, source, self, &copy, 0, FALSE, DUPLICATE_SAME_ACCESS) ? copy : nullptr;
 }
-HWND Create(WCHAR const *name, HWND hParent = nullptr) {
-  return CreateWindowExW(0, name, L"", 0, 0, 0, 0, 0, hParent, nullptr, nullptr, nullptr);
+HWND Create(WCHAR const *name) {
+  return CreateWindowExW(0, name, L"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr, nullptr);
 }
 HKEY OpenKey(HKEY hRoot) {
   HKEY hKey = nullptr;
@@ -60,27 +55,19 @@ Misuse const kMisuses[] = {
     MISUSE(87, InternetOpenW(L"agent\r\nX: 1", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0)),
     MISUSE(6, Connect(kNone)),
     MISUSE(12018, Open(Session())),
-    MISUSE(87, Open(Connect(Session()), "PUT")),
-    MISUSE(12006, OpenUrl("ftp://h/")),
     MISUSE(87, HttpAddRequestHeadersA(Request(), "no colon", 0xFFFFFFFF, HTTP_ADDREQ_FLAG_ADD)),
     MISUSE(87, HttpSendRequestW(Request(), nullptr, 0, "body", 4)),
     MISUSE(12019, HttpQueryInfoW(Request(), HTTP_QUERY_STATUS_CODE, nullptr, &g_value, nullptr)),
     MISUSE(12019, HttpEndRequestW(Request(), nullptr, 0, 0)),
-    MISUSE(12009, InternetSetOptionW(Session(), 9999, &g_value, sizeof g_value)),
     MISUSE(87, InternetSetOptionW(Session(), INTERNET_OPTION_SEND_TIMEOUT, &g_value, 3)),
     MISUSE(12018, InternetSetOptionW(Session(), INTERNET_OPTION_SECURITY_FLAGS, &g_value, sizeof g_value)),
     MISUSE(6, InternetSetStatusCallbackW(kNone, nullptr)),
     MISUSE(1407, Create(L"unheard of")),
-    MISUSE(87, Create(L"unheard of", kNoWindow)),
     MISUSE(1400, DestroyWindow(kNoWindow)),
     MISUSE(1400, SetWindowLongPtrW(kNoWindow, GWL_STYLE, 1)),
     MISUSE(1400, PostMessageW(kNoWindow, 1, 0, 0)),
-    MISUSE(87, PeekMessageW(nullptr, kNoWindow, 0, 0, PM_REMOVE)),
     MISUSE(6, Duplicate(kNone)),
-    MISUSE(87, OpenFile(0x40000000)),
-    MISUSE(87, ReadFile(kNone, &g_value, 1, &g_value, &g_value)),
     MISUSE(6, GetFileSize(kNone, nullptr) != INVALID_FILE_SIZE),
-    MISUSE(87, Begin(nullptr)),
     MISUSE(6, ResumeThread(kNone) != 0xFFFFFFFF),
     MISUSE(6, WaitForSingleObject(kNone, 0) != WAIT_FAILED),
     MISUSE(6, GetExitCodeThread(kNone, &g_value)),
@@ -94,7 +81,6 @@ TEST(Handles, MisuseFailsWithItsErrorNumber) {
   void *object = nullptr;
   for (GUID const *wrong : {&CLSID_DOMDocument, &IID_IXMLDOMDocument})
     EXPECT_TRUE(FAILED(CoCreateInstance(*wrong, nullptr, CLSCTX_INPROC_SERVER, *wrong, &object)));
-  EXPECT_EQ(E_INVALIDARG, NewDocument()->get_text(nullptr));
 }
 
 /// How many descriptors are open; of files, queues and connections, none may be inherited.
@@ -133,8 +119,8 @@ struct Cycle {
   void (*run)();
 };
 Cycle const kCycles[] = {
-    {"file", 100, [] { CloseTwice(OpenFile(GENERIC_READ)); }},
-    {"thread", 100, [] { CloseTwice(Begin([](void *) { return 0U; })); }},
+    {"file", 100, [] { CloseTwice(OpenFile()); }},
+    {"thread", 100, [] { CloseTwice(Begin()); }},
     {"window", 100, [] { UseWindow(Create(AfxRegisterWndClass(0, nullptr, nullptr, nullptr))); }},
     {"queue", 100, [] { std::thread([] { EXPECT_TRUE(MessageQueueDescriptor() >= 0 && Descriptors()); }).join(); }},
     {"registry key", 100, [] { EXPECT_EQ(0, RegCloseKey(OpenKey(HKEY_LOCAL_MACHINE))); }},

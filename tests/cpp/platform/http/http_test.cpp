@@ -89,6 +89,14 @@ TEST(Http, EarlyReplyEndsTheSendingIfItRefuses) {
   EXPECT_EQ(std::string::npos, peer.Received().find('X'));
 }
 
+TEST(Http, PartOfABrokenReplyIsReadFirst) {
+  Peer peer(R"(reply --raw 'HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\nxyz\r\n')");
+  Client client(80);
+  std::string bytes;
+  EXPECT_TRUE(client.Send() == 0 && client.Read(bytes, 99) == 0 && bytes == "hello") << bytes;
+  EXPECT_EQ(12152u, client.Read(bytes, 99));
+}
+
 TEST(Http, HostIsCheckedAsItGoesOut) {
   HINTERNET const session = InternetOpenW(nullptr, 0, nullptr, nullptr, 0);
   for (char const *szHost : {"", "a b", "a/b", "a%41", "a\u00A0b", "a\uFF0Fb", "a\uFF20b", "\u2028"})

@@ -39,7 +39,7 @@ TEST(WaitLimits, RestartWithProgressButNotForWhatAPeerCanStretch) {
     {
       WaitLimits limits(row.kind, {60'000, 30'000}, {0, 0, 100, 0}, uReplyWait, row.isStreamed);
       std::istringstream looks(row.szLooks);
-      for (Progress seen; looks >> uMs >> seen.handed >> seen.acked >> seen.received >> uLeft;) {
+      for (Progress seen; looks >> uMs >> seen.queued >> seen.acked >> seen.received >> uLeft;) {
         uNow += uMs;
         EXPECT_EQ(uLeft, limits.Left(seen, row.isConnecting)) << row.szLooks;
       }

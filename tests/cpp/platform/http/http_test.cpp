@@ -135,6 +135,9 @@ TEST(Http, CertificatesAndFlags) {
     setenv("SSL_CERT_FILE", good.c_str(), 1);
     EXPECT_EQ(0u, Client(443).Send());
   }
+  setenv("SSLKEYLOGFILE", fifo.c_str(), 1);
+  EXPECT_EQ(12157u, Client(443).Send());
+  unsetenv("SSLKEYLOGFILE");
 }
 
 enum Doing { Sending, Filling, Reading };

@@ -18,20 +18,14 @@ TEST(XmlDom, OwnTextsAndPaths) {
   ExpectFound(document, nullptr, E_INVALIDARG);
 }
 
-/// The start, the piece again and again, with a number if something follows it, and the end, once or as often.
-struct Large {
-  WCHAR const *start, *piece, *rest, *end;
-  bool isEndRepeated = false;
-
-  std::wstring Make(int count) const {
-    std::wstring xml = start, ends;
-    for (int n = 0; n < count; ++n) {
-      xml.append(piece).append(*rest ? std::to_wstring(n) + rest : L"");
-      ends += isEndRepeated ? end : L"";
-    }
-    return xml + (isEndRepeated ? ends : end);
-  }
-};
+/// The two texts again and again, with a number between them if there is a second.
+std::wstring Repeat(int count, WCHAR const *text, WCHAR const *rest = L"") {
+  std::wstring all;
+  for (int n = 0; n < count; ++n)
+    all.append(text).append(*rest ? std::to_wstring(n) + rest : L"");
+  return all;
+}
+std::wstring Long(int count) { return std::wstring(static_cast<std::size_t>(count), L'x'); }
 
 /// The seconds of this thread's processor time that loading takes.
 double Cost(HRESULT hr, std::wstring const &xml) {
@@ -46,16 +40,17 @@ double Cost(HRESULT hr, std::wstring const &xml) {
 }
 
 TEST(XmlDom, TimeAndMemoryKeepToTheLengthOfADocument) {
-  constexpr int kMost = 8 * 1024 * 1024;
-  Large const longText{L"<r>", L"x", L"", L"</r>"}, longValue{L"<r a='", L"x", L"", L"'/>"};
-  Cost(S_OK, longText.Make(kMost - 7));
-  Cost(S_FALSE, longText.Make(kMost - 6));
-  Cost(E_OUTOFMEMORY, Large{L"", L"<a>", L"", L""}.Make(kMost / 3));
-  for (auto const &[count, large] : {std::pair{12'000, Large{L"<r", L" a", L"='\u4E2D'", L"/>"}},
-                                     std::pair{12'000, Large{L"<r>", L"<n", L"/>", L"</r>"}},
-                                     std::pair{25'000, Large{L"", L"<a>", L"", L"</a>", true}},
-                                     std::pair{kMost / 8 - 9, longText}, std::pair{kMost / 8 - 9, longValue}})
-    EXPECT_LT(Cost(S_OK, large.Make(8 * count)), 24 * Cost(S_OK, large.Make(count)) + 0.01) << large.piece;
+  constexpr int kMost = 8 * 1024 * 1024, kSmall = 5'000;
+  Cost(S_OK, L"<r>" + Long(kMost - 7) + L"</r>");
+  Cost(S_FALSE, L"<r>" + Long(kMost - 6) + L"</r>");
+  Cost(E_OUTOFMEMORY, Repeat(kMost / 3, L"<a>"));
+  std::wstring (*const makers[])(int) = {[](int n) { return L"<r" + Repeat(n, L" a", L"='\u4E2D'") + L"/>"; },
+                                         [](int n) { return L"<r>" + Repeat(n, L"<n", L"/>") + L"</r>"; },
+                                         [](int n) { return Repeat(2 * n, L"<a>") + Repeat(2 * n, L"</a>"); },
+                                         [](int n) { return L"<r>" + Long(100 * n) + L"</r>"; },
+                                         [](int n) { return L"<r a='" + Long(100 * n) + L"'/>"; }};
+  for (auto const &make : makers)
+    EXPECT_LT(Cost(S_OK, make(16 * kSmall)), 40 * Cost(S_OK, make(kSmall)) + 0.01) << &make - makers;
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 import atexit
 import contextlib
+import fcntl
 import functools
 import os
 import pathlib
@@ -33,9 +34,9 @@ class Network:
     def __init__(self) -> None:
         self._stack = contextlib.ExitStack()
         self._rules: List[str] = []
+        self.certificates = certificates()
 
     def __enter__(self) -> "Network":
-        self.certificates = certificates()
         env = {**launch.clean_environment(), "SSL_CERT_FILE": os.path.join(self.certificates, "ca.pem")}
         self._stack.enter_context(mock.patch.dict(os.environ, env, clear=True))
         return self
@@ -61,11 +62,13 @@ class Network:
 
 @contextlib.contextmanager
 def browser() -> Iterator[Any]:
-    """Installs a browser opener that records what it opens. Yields a function that returns the record."""
-    with tempfile.TemporaryDirectory() as folder:
-        opened = pathlib.Path(folder, "opened")
-        opener = pathlib.Path(folder, "xdg-open")
-        opener.write_text(f'#!/bin/sh\nprintf "%s\\n" "$@" >>{opened}.part && mv {opened}.part {opened}\n')
+    """Installs a browser opener that records what it opens, unless it inherits a descriptor. Yields a function that
+    returns the record."""
+    with tempfile.TemporaryDirectory() as folder, open(os.devnull) as null:
+        opened, opener = pathlib.Path(folder, "opened"), pathlib.Path(folder, "xdg-open")
+        inheritable = fcntl.fcntl(null, fcntl.F_DUPFD, 100)
+        opener.write_text(f'#!/bin/sh\n[ -e /proc/$$/fd/{inheritable} ] || printf "%s\\n" "$@" >{opened}\n')
         opener.chmod(0o755)
         with mock.patch.dict(os.environ, {"PATH": f"{folder}:{os.environ['PATH']}"}):
             yield lambda: opened.read_text() if opened.exists() else ""
+        os.close(inheritable)

@@ -3,7 +3,7 @@
 import os
 import pathlib
 import time
-from typing import Any, Mapping, Optional, Set
+from typing import Any, List, Mapping, Optional, Set
 
 from skiffhost.presetfiles import FILES
 
@@ -44,3 +44,9 @@ def write_preset(folder: pathlib.Path, sizes: Optional[Mapping[str, int]] = None
         pattern = b"\r\n--" + bytes(range(number, 251)) + b"-" * 27
         (folder / f"{name}.bin").write_bytes((pattern * (size // len(pattern) + 1))[:size])
     return folder
+
+
+def preset_paths(folder: pathlib.Path, sizes: Optional[Mapping[str, int]] = None) -> List[str]:
+    """Writes such files. Returns their paths in the order of StartUpload."""
+    write_preset(folder, sizes)
+    return [str(folder / f"{name}.bin") for name in FILES]

@@ -27,62 +27,22 @@ import subprocess
 import sys
 import tempfile
 import threading
-import time
+from pathlib import Path
 from typing import Any, Callable, Sequence
 
 from certificates import KINDS, make_certificates
 
-
-
-class Dripping:
-    """A TLS connection's socket whose every write leaves in pieces of ``size`` bytes with pauses between them."""
-
-    def __init__(self, connection: socket.socket, context: ssl.SSLContext, size: int, pause: float) -> None:
-        self._socket, self._size, self._pause = connection, size, pause
-        self._incoming, self._outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
-        self._tls = context.wrap_bio(self._incoming, self._outgoing, server_side=True)
-        self._run(self._tls.do_handshake)
-
-    def _flush(self) -> None:
-        data = self._outgoing.read()
-        for position in range(0, len(data), self._size):
-            self._socket.sendall(data[position : position + self._size])
-            time.sleep(self._pause)
-
-    def _run(self, call: Callable[[], Any]) -> Any:
-        while True:
-            try:
-                result = call()
-                self._flush()
-                return result
-            except ssl.SSLWantReadError:
-                self._flush()
-                data = self._socket.recv(1 << 16)
-                self._incoming.write(data) if data else self._incoming.write_eof()
-
-    def recv(self, size: int) -> bytes:
-        return self._run(lambda: self._tls.read(size))
-
-    def sendall(self, data: bytes) -> None:
-        self._run(lambda: self._tls.write(data))
-
-    def close(self) -> None:
-        self._socket.close()
+LENGTHS = {"right": "Content-Length: {0}", "none": "", "short": "Content-Length: {1}", "negative": "Content-Length: -1",
+           "garbage": "Content-Length: abc", "chunked": "Transfer-Encoding: chunked"}
 
 
 class Exchange:
     """One connection: what it receives, the reply that the options specify, and the steps of scenarios."""
 
-    def __init__(
-        self, connection: socket.socket, options: argparse.Namespace, context: ssl.SSLContext | None,
-        stop: threading.Event
-    ) -> None:  # fmt: skip
-        self.connection = connection
-        self.options = options
-        self.context = context
-        self.stop = stop
-        self.body = options.body
-        self.half = len(options.body) // 2
+    def __init__(self, connection: socket.socket, options: argparse.Namespace, context: ssl.SSLContext | None,
+                 stop: threading.Event) -> None:
+        self.connection, self.options, self.context, self.stop = connection, options, context, stop
+        self.body, self.half = options.body, len(options.body) // 2
 
     def play(self, steps: Sequence[Any]) -> None:
         for step in steps:
@@ -91,17 +51,8 @@ class Exchange:
 
     def head(self) -> bytes:
         """Returns the reply's head."""
-        size = len(self.body)
-        line = {
-            "right": "Content-Length: %d" % size,
-            "none": "",
-            "short": "Content-Length: %d" % (size // 2),
-            "long": "Content-Length: %d" % (size * 2 + 1),
-            "negative": "Content-Length: -1",
-            "garbage": "Content-Length: abc",
-            "chunked": "Transfer-Encoding: chunked",
-        }[self.options.length]
-        lines = ["HTTP/1.1 %d Scripted" % self.options.status, *self.options.header, line]
+        length = LENGTHS[self.options.length].format(len(self.body), self.half)
+        lines = ["HTTP/1.1 %d Scripted" % self.options.status, *self.options.header, length]
         return "\r\n".join(line for line in lines if line).encode() + b"\r\n\r\n"
 
     def framed(self, data: bytes, end: bytes = b"") -> bytes:
@@ -115,10 +66,6 @@ class Exchange:
     def tls(self) -> None:
         """Starts TLS; without this step, a peer with a certificate starts it first."""
         self.connection = self.context.wrap_socket(self.connection, server_side=True)
-
-    def tls_slowly(self, size: int, pause: float) -> None:
-        """Starts TLS that goes out in pieces."""
-        self.connection = Dripping(self.connection, self.context, size, pause)
 
     def end_tls(self) -> None:
         """Announces the end of TLS."""
@@ -160,21 +107,17 @@ class Exchange:
         self.send(self.options.raw or self.head() + self.framed(self.body, b"0\r\n\r\n"))
 
     def half_reply(self) -> None:
-        self.send(self.head() + self.framed(self.body[: self.half]))
+        self.send(self.head() + self.framed(self.body[:self.half]))
 
     def rest(self) -> None:
-        self.send(self.framed(self.body[self.half :], b"0\r\n\r\n"))
+        self.send(self.framed(self.body[self.half:], b"0\r\n\r\n"))
 
     def slow_reply(self) -> None:
         """Sends the reply with a pause before each byte of the body."""
         self.send(self.head())
-        self.drip(self.body)
-
-    def drip(self, data: bytes) -> None:
-        """Sends bytes one by one, with a pause before each."""
-        for position in range(len(data)):
+        for position in range(len(self.body)):
             self.pause()
-            self.send(data[position : position + 1])
+            self.send(self.body[position:position + 1])
 
     def flood(self, data: bytes, pause: float = 0) -> None:
         """Sends the same bytes without end."""
@@ -232,39 +175,31 @@ SCENARIOS = {
     "interim": ("read", b"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nContent-Length: 77\r\n\r\n", "reply"),
     "early-keep": ("read-some", "reply", "drain"),
     "early-hold": ("read-some", "reply", "hold"),
-    "early-close": ("read-some", "reply"),
     "first-bytes": ("receive", "reply", "drain"),
     "reset-send": ("read-some", "reset"),
     "reset-reply": ("read", "half-reply", "pause", "reset"),
     "silent-connect": (),  # the connection is never established
     "silent-tls": ("hold",),
     "silent-reply": ("read", "hold"),
-    "update-keys": ("read", ("flood-messages", "SSL_key_update", 1)),  # RFC 8446, section 4.6.3
     "silent-body": ("read", "half-reply", "hold"),
     "sip": ("read-some", "sip"),
     "stall": ("read-some", "hold"),
     "close": ("read",),
     "garbage": ("receive", b"\x00\x01\x02 this is no reply\r\n\r\n"),
     "flood-headers": ("read", b"HTTP/1.1 200 OK\r\n", ("flood", b"X-Line: flood\r\n" * 64)),
-    "flood-body": ("read", b"HTTP/1.1 200 OK\r\n\r\n", ("flood", b"flood" * 65536)),
 }
 
 
-def play(
-    connection: socket.socket, options: argparse.Namespace, context: ssl.SSLContext | None, stop: threading.Event
-) -> None:
+def play(connection: socket.socket, options: argparse.Namespace, context: ssl.SSLContext | None,
+         stop: threading.Event) -> None:
     """Plays the scenario on one connection."""
     exchange = Exchange(connection, options, context, stop)
-    try:
+    with contextlib.suppress(OSError):  # the other side goes away, or refuses the certificate
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        names = {step if isinstance(step, str) else step[0] for step in options.scenario}
-        if context and not names & {"tls", "tls-slowly"}:
+        if context and "tls" not in options.scenario:
             exchange.tls()
         exchange.play(options.scenario)
-    except OSError:
-        pass  # the other side went away, or refused the certificate
-    finally:
-        exchange.connection.close()
+    exchange.connection.close()
 
 
 def accept(listener: socket.socket, options: argparse.Namespace, stop: threading.Event) -> None:
@@ -275,9 +210,6 @@ def accept(listener: socket.socket, options: argparse.Namespace, stop: threading
         context.load_cert_chain(os.path.join(options.certs, options.tls + ".pem"))
         if options.tls12:
             context.maximum_version = ssl.TLSVersion.TLSv1_2
-        if options.ask:
-            context.load_verify_locations(os.path.join(options.certs, "ca.pem"))
-            context.verify_mode = ssl.CERT_REQUIRED
     bodies = [options.body, *options.then]
     while True:
         connection = listener.accept()[0]
@@ -289,20 +221,17 @@ def accept(listener: socket.socket, options: argparse.Namespace, stop: threading
 def serve(options: argparse.Namespace, wait: Callable[[], Any]) -> None:
     """Listens, and plays until the wait ends."""
     signal.alarm(options.longest)
-    stop = threading.Event()
-    listener = socket.socket()
+    stop, listener = threading.Event(), socket.socket()
     if options.window:
         listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, options.window)
     listener.bind(("127.0.0.1", 0))
+    listener.listen(64 if options.scenario else 0)
+    fillers = [socket.socket() for _ in range(0 if options.scenario else 4)]  # of the queue of unaccepted connections
+    for filler in fillers:
+        filler.setblocking(False)
+        filler.connect_ex(listener.getsockname())
     if options.scenario:
-        listener.listen(64)
         threading.Thread(target=accept, args=(listener, options, stop), daemon=True).start()
-    else:
-        listener.listen(0)
-        fillers = [socket.socket() for _ in range(4)]  # fill the queue of unaccepted connections
-        for filler in fillers:
-            filler.setblocking(False)
-            filler.connect_ex(listener.getsockname())
     print("port", listener.getsockname()[1], flush=True)
     wait()
     stop.set()
@@ -312,7 +241,7 @@ def serve(options: argparse.Namespace, wait: Callable[[], Any]) -> None:
 def fork_on_demand() -> None:
     """Starts a peer for each line of arguments, a Python literal; one without any ends those that run and prints
     "done". That is much faster than a new interpreter for each."""
-    children = []
+    children: list[int] = []
     for line in sys.stdin:
         arguments = ast.literal_eval(line)
         if arguments and (child := os.fork()) == 0:
@@ -320,43 +249,32 @@ def fork_on_demand() -> None:
         elif arguments:
             children.append(child)
             continue
-        for child in children:
-            os.kill(child, signal.SIGKILL)
-            os.waitpid(child, 0)
-        children.clear()
+        while children:
+            os.kill(children[-1], signal.SIGKILL)
+            os.waitpid(children.pop(), 0)
         print("done", flush=True)
-
-
-def unescaped(text: str) -> bytes:
-    """Returns the bytes that a string with backslash escapes represents."""
-    return text.encode("latin-1").decode("unicode_escape").encode("latin-1")
 
 
 def parse(arguments: Sequence[str] | None = None) -> argparse.Namespace:
     """Parses the command line."""
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("scenario", metavar="SCENARIO",
-                        help=f"steps, or one of certificates, forks, {', '.join(SCENARIOS)}")  # fmt: skip
-    parser.add_argument("--tls", choices=KINDS, metavar="KIND",
-                        help=f"speak TLS with a certificate: {', '.join(KINDS)}")  # fmt: skip
-    parser.add_argument("--tls12", action="store_true", help="speak no newer TLS than 1.2")
-    parser.add_argument("--ask", action="store_true", help="ask for a certificate of the client")
-    parser.add_argument("--certs", metavar="DIR", help="folder of the certificates")
-    parser.add_argument("--record", metavar="FILE", help="append what is received to this file")
-    parser.add_argument("--status", type=int, default=200, help="status of the reply (default: %(default)s)")
-    parser.add_argument("--header", action="append", default=[], metavar="LINE", help="header line of the reply")
-    parser.add_argument("--body", type=os.fsencode, default=b"", help="body of the reply")
-    parser.add_argument("--then", type=os.fsencode, action="append", default=[], metavar="BODY",
-                        help="body of the next connection's reply and of all later ones")  # fmt: skip
-    parser.add_argument("--fill", type=int, metavar="BYTES", help="use a reply body of that many bytes instead")
-    parser.add_argument("--length", default="right", help="the reply's Content-Length (default: %(default)s)",
-                        choices=("right", "none", "short", "long", "negative", "garbage", "chunked"))  # fmt: skip
-    parser.add_argument("--raw", type=unescaped, metavar="BYTES", help="the whole reply, as in a Python bytes literal")
-    parser.add_argument("--pause", type=float, default=0.2, help="seconds of a pause (default: %(default)s)")
-    parser.add_argument("--after", type=int, default=0, metavar="BYTES", help="bytes of the body to read first")
-    parser.add_argument("--longest", type=int, default=120, metavar="SECONDS",
-                        help="end after that, for a client that waits without end (default: %(default)s)")  # fmt: skip
-    parser.add_argument("--window", type=int, metavar="BYTES", help="receive buffer, for a peer that reads slowly")
+    add = parser.add_argument
+    add("scenario", metavar="SCENARIO", help=f"steps, or one of certificates, forks, {', '.join(SCENARIOS)}")
+    add("--tls", choices=KINDS, metavar="KIND", help=f"speak TLS with a certificate: {', '.join(KINDS)}")
+    add("--tls12", action="store_true", help="speak no newer TLS than 1.2")
+    add("--certs", metavar="DIR", help="folder of the certificates")
+    add("--record", metavar="FILE", help="append what is received to this file")
+    add("--status", type=int, default=200, help="status of the reply (default: %(default)s)")
+    add("--header", action="append", default=[], metavar="LINE", help="header line of the reply")
+    add("--body", type=os.fsencode, default=b"", help="body of the reply")
+    add("--then", type=os.fsencode, action="append", default=[], metavar="BODY", help="body of the next reply, and on")
+    add("--fill", type=int, metavar="BYTES", help="use a reply body of that many bytes instead")
+    add("--length", default="right", choices=LENGTHS, help="the reply's Content-Length (default: %(default)s)")
+    add("--raw", type=lambda text: ast.literal_eval(f"b'{text}'"), help="the whole reply, as in a bytes literal")
+    add("--pause", type=float, default=0.2, help="seconds of a pause (default: %(default)s)")
+    add("--after", type=int, default=0, metavar="BYTES", help="bytes of the body to read first")
+    add("--longest", type=int, default=120, metavar="SECONDS", help="end after that (default: %(default)s)")
+    add("--window", type=int, metavar="BYTES", help="receive buffer, for a peer that reads slowly")
     options = parser.parse_args(arguments)
     if options.scenario not in ("certificates", "forks"):
         known = options.scenario in SCENARIOS
@@ -372,32 +290,23 @@ class Peer:
     def __init__(self, scenario: str, *arguments: str, tls: str = "", certs: str = "") -> None:
         self._folder = tempfile.TemporaryDirectory()
         self._record = os.path.join(self._folder.name, "received")
-        self._command = ["/usr/bin/python3", os.path.abspath(__file__), scenario, "--record", self._record, *arguments]
-        if tls:
-            self._command += ["--tls", tls, "--certs", certs]
-        self.port = 0
+        Path(self._record).touch()
+        self._command = ["/usr/bin/python3", os.path.abspath(__file__), scenario, "--record", self._record, *arguments,
+                         *(["--tls", tls, "--certs", certs] if tls else [])]
 
-    def __enter__(self) -> "Peer":
+    def __enter__(self) -> Peer:
         env = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}  # a sanitizer's runtime
         self._process = subprocess.Popen(self._command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=env)
-        line = self._process.stdout.readline().split()
-        if len(line) != 2:
-            raise RuntimeError("the peer did not start")
-        self.port = int(line[1])
+        self.port = int(self._process.stdout.readline().split()[1])
         return self
 
     def __exit__(self, *_: object) -> None:
-        self._process.stdin.close()
-        self._process.wait()
-        self._process.stdout.close()
+        self._process.communicate()
         self._folder.cleanup()
 
     def received(self) -> bytes:
         """Returns everything received so far."""
-        if not os.path.exists(self._record):
-            return b""
-        with open(self._record, "rb") as record:
-            return record.read()
+        return Path(self._record).read_bytes()
 
 
 if __name__ == "__main__":

@@ -25,13 +25,13 @@ SLOWEST_CALL = 0.01  # seconds that CancelUpload itself may take
 def sample(place: Any, paths: list[str], way: str, delay: float) -> tuple[float, float]:
     """Ends one upload. Returns the seconds that the call took, and those until the upload was over."""
     import fixtures
-    import places
+    import phases
     from publication import Publication
     from skiffhost import loop
 
     publication = Publication(place.host)
     assert publication.start(paths)
-    fixtures.wait_until(lambda: loop.pump() < 0 or places.PHASES[place.name].is_reached(place), place.name)
+    fixtures.wait_until(lambda: loop.pump() < 0 or phases.PHASES[place.name].is_reached(place), place.name)
     time.sleep(delay)
     begin = time.perf_counter()
     if way == "delete":
@@ -46,14 +46,14 @@ def sample(place: Any, paths: list[str], way: str, delay: float) -> tuple[float,
 def start_sample(network: Any, folder: Path, name: str, way: str, delay: float) -> int:
     """Forks the process of one sample. Returns the descriptor that its result can be read from."""
     import fixtures
-    import places
+    import phases
     from skiffhost.presetfiles import FILES
 
-    place = places.open_place(network, name)
+    place = phases.open_place(network, name)
     preset = folder / name
     if not preset.exists():
         # A fast upload takes some 4 s if it is not cancelled, with so many chunks and their pauses.
-        sizes = dict.fromkeys(FILES, 1_000_000) if name == "fast" else {"effect": places.PHASES[name].effect}
+        sizes = dict.fromkeys(FILES, 1_000_000) if name == "fast" else {"effect": phases.PHASES[name].effect}
         fixtures.write_preset(preset, sizes)
     reader, writer = os.pipe()
     if os.fork() == 0:
@@ -83,12 +83,12 @@ def main() -> int:
     options = parser.parse_args()
     tree = str(options.build.resolve() / "python")
     os.environ["SKIFFPORT_TREE"] = tree
-    sys.path[:0] = [tree, *(str(ROOT / part) for part in ("tests/support", "tests/ends", "standin"))]
-    import places
+    sys.path[:0] = [tree, *(str(ROOT / part) for part in ("tests/support", "tests/lifecycle", "standin"))]
+    import phases
     from scripted import Network
 
     dice = random.Random(options.seed)
-    silent, fast = [name for name in places.PHASES if name not in ("fast", "small")], ["fast"]
+    silent, fast = [name for name in phases.PHASES if name not in ("fast", "small")], ["fast"]
     results: dict[tuple[str, str], list[tuple[float, float]]] = {}
     with tempfile.TemporaryDirectory() as folder, Network() as network:
         for names, count, at_once in ((silent, 2 if options.quick else 7, 1000), (fast, 3 if options.quick else 15, 2)):
@@ -100,12 +100,12 @@ def main() -> int:
                     results.setdefault(key, []).append(finish_sample(reader))
     print(f"seed {options.seed}\nphase    way      samples  median s   worst s  limit s")
     holds = True
-    for (name, way), found in sorted(results.items(), key=lambda item: list(places.PHASES).index(item[0][0])):
+    for (name, way), found in sorted(results.items(), key=lambda item: list(phases.PHASES).index(item[0][0])):
         whole = [seconds for _, seconds in found]
-        kept = max(whole) <= places.PHASES[name].seconds
+        kept = max(whole) <= phases.PHASES[name].seconds
         holds = holds and kept
         print(f"{name:8} {way:8} {len(found):7} {median(whole):9.3f} {max(whole):9.3f} "
-              f"{places.PHASES[name].seconds:8.0f}   {'holds' if kept else 'FAILS'}")
+              f"{phases.PHASES[name].seconds:8.0f}   {'holds' if kept else 'FAILS'}")
     slowest = max(call for (_, way), found in results.items() if way == "cancel" for call, _ in found)
     print(f"CancelUpload itself: {slowest * 1e6:.0f} us at most")
     return 0 if holds and slowest <= SLOWEST_CALL else 1

@@ -19,7 +19,7 @@ elseif(SKIFFPORT_SANITIZE MATCHES "thread") # sees the interpreter's locks, the 
   execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libtsan.so OUTPUT_VARIABLE _preloaded
     OUTPUT_STRIP_TRAILING_WHITESPACE)
   list(APPEND _environment
-    TSAN_OPTIONS=die_after_fork=0:second_deadlock_stack=1:suppressions=${_tests}/ends/tsan.supp)
+    TSAN_OPTIONS=die_after_fork=0:second_deadlock_stack=1:suppressions=${_tests}/lifecycle/tsan.supp)
 endif()
 
 # Each module with each interpreter; under ThreadSanitizer none, which would report the interpreter.
@@ -36,10 +36,10 @@ foreach(_tag IN LISTS SKIFFPORT_PYTHON_TAGS)
   endforeach()
 endforeach()
 
-add_test(NAME ends COMMAND ${_tests}/full/ends.sh)
-set_tests_properties(ends PROPERTIES ENVIRONMENT "${_environment};ENDS_PRELOAD=${_preloaded}")
+add_test(NAME lifecycle COMMAND ${_tests}/full/lifecycle.sh)
+set_tests_properties(lifecycle PROPERTIES ENVIRONMENT "${_environment};LIFECYCLE_PRELOAD=${_preloaded}")
 if(SKIFFPORT_SANITIZE)
-  set_tests_properties(ends PROPERTIES LABELS full)
+  set_tests_properties(lifecycle PROPERTIES LABELS full)
   return()
 endif()
 add_test(NAME loop COMMAND ${SKIFFPORT_BUILD_PYTHON} -B ${_tests}/full/toolkits_test.py asyncio)
@@ -51,7 +51,7 @@ function(add_full_test name)
   set_tests_properties(full-${name} PROPERTIES LABELS full RUN_SERIAL ON TIMEOUT 1200)
 endfunction()
 file(GLOB _scripts CONFIGURE_DEPENDS ${_tests}/full/*.sh)
-list(FILTER _scripts EXCLUDE REGEX "/ends\\.sh$")
+list(FILTER _scripts EXCLUDE REGEX "/lifecycle\\.sh$")
 foreach(_script IN LISTS _scripts)
   cmake_path(GET _script STEM _name)
   add_full_test(${_name} ${_script})

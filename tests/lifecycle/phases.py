@@ -1,5 +1,5 @@
 """Places where an upload or a login stays until something ends it: a phase, the peer that holds it there, and how to
-tell that it has come there. Used by the tests of ends, by scripts/soak and by the cancel benchmark.
+tell that it has come there. Used by the lifecycle tests, by scripts/soak and by the cancel benchmark.
 """
 
 import contextlib

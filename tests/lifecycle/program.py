@@ -15,7 +15,7 @@ import threading
 import time
 
 import fixtures
-import places
+import phases
 from publication import TEXTS, Publication
 
 import Skiffport
@@ -67,7 +67,7 @@ def fork_and_kill(dice, paths, place, way):
         start_thread(log_in, place.host, results)
     else:
         assert publication.start(paths) != 0
-    fixtures.wait_until(lambda: loop.pump() < 0 or places.PHASES[place.name].is_reached(place), place.name)
+    fixtures.wait_until(lambda: loop.pump() < 0 or phases.PHASES[place.name].is_reached(place), place.name)
     time.sleep(dice.random() / 5)
     child = os.fork()
     if child == 0:
@@ -83,7 +83,7 @@ def fork_and_kill(dice, paths, place, way):
     fixtures.wait_until(lambda: loop.pump() < 0 or results or completions(publication), "the end", 20)
     publication.uploader = None
     assert loop.pump() == 0 and len(results + completions(publication)) == 1
-    accepted = places.PHASES[place.name].options[:1] == ("--body",)  # the status may have arrived
+    accepted = phases.PHASES[place.name].options[:1] == ("--body",)  # the status may have arrived
     assert accepted or 1 not in (results or [completions(publication)[0][1]]), (results, publication.events)
 
 
@@ -222,7 +222,7 @@ def pump_on_threads(dice, paths, place, way):
 
 if __name__ == "__main__":
     case, seed, folder, where, chosen = sys.argv[1:]
-    at = places.Place(*json.loads(where))
-    sizes = {"effect": places.PHASES[at.name].effect}
+    at = phases.Place(*json.loads(where))
+    sizes = {"effect": phases.PHASES[at.name].effect}
     files = fixtures.write_preset(pathlib.Path(folder, f"{case}-{os.getpid()}"), sizes)
     globals()[case](random.Random(seed), [str(files / f"{name}.bin") for name in FILES], at, chosen)

@@ -1,8 +1,8 @@
 """Ends at every moment: forks, exits, signals, deaths of the service, and threads that pump. Each case is a run of
 program.py, whose exit status, output and time are checked.
 
-SKIFFPORT_TREE names the built tree, ENDS_SEED repeats a run, ENDS_PRELOAD names a sanitizer's libraries for the
-programs, and ENDS_ROUNDS says how many exits there are at random moments.
+SKIFFPORT_TREE names the built tree, LIFECYCLE_SEED repeats a run, LIFECYCLE_PRELOAD names a sanitizer's libraries for the
+programs, and LIFECYCLE_ROUNDS says how many exits there are at random moments.
 """
 
 import json
@@ -19,11 +19,11 @@ import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "python"))
 import common  # noqa: E402
-import places  # noqa: E402
+import phases  # noqa: E402
 
-SEED = os.environ.get("ENDS_SEED") or str(random.SystemRandom().randrange(10**9))
-ROUNDS = int(os.environ.get("ENDS_ROUNDS", "25"))
-PRELOAD = os.environ.get("ENDS_PRELOAD", "")
+SEED = os.environ.get("LIFECYCLE_SEED") or str(random.SystemRandom().randrange(10**9))
+ROUNDS = int(os.environ.get("LIFECYCLE_ROUNDS", "25"))
+PRELOAD = os.environ.get("LIFECYCLE_PRELOAD", "")
 PROGRAM = pathlib.Path(__file__).with_name("program.py")
 SIDE_BY_SIDE = 8
 # The exit hook's 5 seconds, and what the start of several interpreters takes; less than any limit of a silent peer.
@@ -32,13 +32,13 @@ CRASH = "Fatal Python|terminate called|Sanitizer|runtime error:"
 DISALLOWED = {0: f"{CRASH}|Traceback", 1: CRASH}  # by exit status
 
 
-class EndsTest(common.NetworkCase):
+class LifecycleTest(common.NetworkCase):
     def setUp(self):
         super().setUp()
         self.dice = random.Random(SEED)
         self.network.reply("plain.kestrelhub.example", "plain", tls="")
         self.network.reply("www.kestrelhub.example", "")  # for the login's probe
-        self.network.play("login.kestrelhub.example", "pieces", "--body", places.LOGIN)
+        self.network.play("login.kestrelhub.example", "pieces", "--body", phases.LOGIN)
         self.network.lead("refused.kestrelhub.example:443:127.0.0.1:1")
         self.network.lead("refused.kestrelhub.example:80:127.0.0.1:1")
         registry = self.scratch / "registry.reg"
@@ -48,7 +48,7 @@ class EndsTest(common.NetworkCase):
 
     def start(self, case, name, way=""):
         """Starts a program at a place of its own. Returns the process and its output."""
-        place = places.open_place(self.network, name)
+        place = phases.open_place(self.network, name)
         output = tempfile.TemporaryFile(dir=self.scratch)
         self.addCleanup(output.close)
         seed = str(self.dice.randrange(10**9))
@@ -79,7 +79,7 @@ class EndsTest(common.NetworkCase):
         return printed
 
     def test_forks_and_deaths_of_the_service_in_every_phase(self):
-        runs = [("fork_and_kill", name, "upload", 0) for name in places.PHASES]
+        runs = [("fork_and_kill", name, "upload", 0) for name in phases.PHASES]
         runs += [("fork_and_kill", name, "login", 0) for name in ("connect", "tls", "silent", "half")]
         for run, printed in zip(runs, self.check_all(runs)):
             self.assertEqual(printed.count("TWR version = version of the child"), 1, run)
@@ -90,7 +90,7 @@ class EndsTest(common.NetworkCase):
 
     def test_exits_at_random_moments(self):
         ways = {"sys.exit": 3, "os._exit": 4, "raise": 1, "return": 0, "SIGTERM": -signal.SIGTERM}
-        deck = [(name, way) for name in places.PHASES for way in ways]
+        deck = [(name, way) for name in phases.PHASES for way in ways]
         runs = [("leave", *card, ways[card[1]]) for card in self.dice.sample(deck, min(ROUNDS, len(deck)))]
         self.check_all(runs, EXIT_SECONDS)
 
@@ -107,5 +107,5 @@ class EndsTest(common.NetworkCase):
 
 
 if __name__ == "__main__":
-    print(f"seed {SEED}: repeat with ENDS_SEED={SEED}", flush=True)
+    print(f"seed {SEED}: repeat with LIFECYCLE_SEED={SEED}", flush=True)
     unittest.main()

@@ -1,6 +1,0 @@
-#!/usr/bin/env bash
-# Ends of threads, processes and peers at every moment (tests/ends) with the module of SKIFFPORT_TREE. CTest runs it in
-# each build: ctest --test-dir build/asan -R ends. ENDS_SEED, which each run prints, repeats its choices.
-set -euo pipefail
-export ENDS_ROUNDS=${ENDS_ROUNDS:-$([[ ${ENDS_PRELOAD-} ]] && echo 6 || echo 24)}
-exec timeout -k 10 240 /usr/bin/python3 -B "$(dirname "$0")/../ends/ends_test.py"

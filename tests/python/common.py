@@ -5,7 +5,7 @@ Import it first: it puts the built tree, tests/support and standin/ on the path.
 
 import os
 import pathlib
-import subprocess
+import signal
 import sys
 import tempfile
 import unittest
@@ -19,6 +19,8 @@ from kestrelhub_standin import launch  # noqa: E402
 from scripted import Network  # noqa: E402
 
 from skiffhost.presetfiles import FILES  # noqa: E402
+
+signal.signal(signal.SIGINT, signal.default_int_handler)  # a child would inherit one that is ignored
 
 
 class Case(unittest.TestCase):
@@ -41,10 +43,8 @@ class Case(unittest.TestCase):
 
     def run_python(self, script, *arguments, **env):
         """Runs a script in another interpreter. Returns its exit status and everything that it printed."""
-        done = subprocess.run([sys.executable, "-B", "-c", script, *arguments], stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, timeout=fixtures.DEADLINE_SECONDS,
-                              env={**os.environ, "PYTHONPATH": os.pathsep.join(PATH), **env})
-        return done.returncode, done.stdout.decode()
+        env = {**os.environ, "PYTHONPATH": os.pathsep.join(PATH), **env}
+        return fixtures.run([sys.executable, "-B", "-c", script, *arguments], env)
 
 
 class NetworkCase(Case):

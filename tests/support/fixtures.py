@@ -1,9 +1,13 @@
 """What tests of all kinds need: a deadline, waits and a small preset to publish. Needs the built tree on sys.path."""
 
+import contextlib
 import os
 import pathlib
+import signal
+import subprocess
+import tempfile
 import time
-from typing import Any, List, Mapping, Optional, Set
+from typing import Any, Dict, List, Mapping, Optional, Sequence, Set, Tuple
 
 from skiffhost.presetfiles import FILES
 
@@ -50,3 +54,19 @@ def preset_paths(folder: pathlib.Path, sizes: Optional[Mapping[str, int]] = None
     """Writes such files. Returns their paths in the order of StartUpload."""
     write_preset(folder, sizes)
     return [str(folder / f"{name}.bin") for name in FILES]
+
+
+def run(command: Sequence[str], env: Dict[str, str], seconds: float = DEADLINE_SECONDS) -> Tuple[int, str]:
+    """Runs a program, and kills the children that it leaves. Returns its exit status and everything that it printed.
+
+    One that takes too long is aborted, which prints where its threads are if PYTHONFAULTHANDLER is set.
+    """
+    with tempfile.TemporaryFile() as output, subprocess.Popen(command, env=env, stdout=output, start_new_session=True,
+                                                              stderr=subprocess.STDOUT) as process:
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            process.wait(seconds)
+        process.send_signal(signal.SIGABRT)  # does nothing once the program has ended
+        process.wait()
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(process.pid, signal.SIGKILL)
+        return process.returncode, os.pread(output.fileno(), 1 << 26, 0).decode()

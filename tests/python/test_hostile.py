@@ -23,9 +23,8 @@ class TableTest(common.Case):
         """Plays a group of rows in a process of its own. Returns what it printed, and its exit status."""
         with tempfile.TemporaryFile("a+b") as errors:
             env = {**os.environ, "PYTHONPATH": os.pathsep.join(common.PATH)}
-            program = fixtures.REPOSITORY / "tests" / "support" / "hostile_play.py"
-            done = subprocess.run([sys.executable, "-B", str(program), str(LIBRARY), group + ": "], env=env,
-                                  stdout=subprocess.PIPE, stderr=errors, timeout=600)
+            command = [sys.executable, "-B", os.path.join(common.PATH[1], "hostile_play.py"), LIBRARY, group + ": "]
+            done = subprocess.run(command, env=env, stdout=subprocess.PIPE, stderr=errors, timeout=600)
             return done.stdout.decode(), done.returncode
 
     def test_every_row_ends_as_the_table_says(self):
@@ -61,9 +60,8 @@ ctypes.CDLL(None).on_exit(ctypes.CDLL(None).getchar, None)
                 child.stdin.flush()
                 self.assertEqual(child.stdout.read(1), b"x")
                 connection.close()
-                tasks = f"/proc/{child.pid}/task"
                 if sys.version_info >= (3, 9):  # 3.8 leaves the thread waiting for the GIL until the process ends
-                    fixtures.wait_until(lambda: child.poll() is not None or len(os.listdir(tasks)) == 1,
-                                        "end of the thread")
+                    fixtures.wait_until(lambda: child.poll() is not None
+                                        or len(os.listdir(f"/proc/{child.pid}/task")) == 1, "end of the thread")
                 self.assertEqual(child.communicate(timeout=fixtures.DEADLINE_SECONDS)[0], b"")
         self.assertEqual(child.returncode, 0)

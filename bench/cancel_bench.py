@@ -88,7 +88,7 @@ def main() -> int:
     from scripted import Network
 
     dice = random.Random(options.seed)
-    silent, fast = [name for name in phases.PHASES if name not in ("fast", "small")], ["fast"]
+    silent, fast = [name for name in phases.PHASES if name != "fast"], ["fast"]
     results: dict[tuple[str, str], list[tuple[float, float]]] = {}
     with tempfile.TemporaryDirectory() as folder, Network() as network:
         for names, count, at_once in ((silent, 2 if options.quick else 7, 1000), (fast, 3 if options.quick else 15, 2)):

@@ -167,7 +167,7 @@ GROUPS: Dict[str, List[Row]] = {
         *(row(f"answers {status} early, and reads no more", "early-hold", f"{REFUSED}{status} --window 4096",
               U=(0, "", REASON)) for status in (302, 413)),
         row("ends early", "early-keep", REFUSED + "200 --header Connection:close", U=(1, "", REASON), f=(1, REFUSAL)),
-        row("answers early without an end", ("read-some", b"HTTP/1.1 413 No" + END, "hold"), U=Late(60, 0, slack=40)),
+        row("answers 302 without an end", ("read-some", b"HTTP/1.1 302 No" + END, "hold"), U=Late(60, 0, slack=40)),
         row("answers and stops", ("read-some", GOOD, "hold"), "--window 4096", U=early(30, slack=130)),
         row("answers before the request comes", ("tls", GOOD, "read", "drain"), ul=1),
         row("sends interim replies and reads nothing", ("read-some", ("flood", HINT * 64)), U=12152),

@@ -72,18 +72,6 @@ def proxy(what: str, script: Any, options: str = "", **outcomes: Any) -> Row:
     return row(what, script, options, role="proxy", **outcomes)
 
 
-def address(text: str, result: int, host: Any = None, markup: str = "<INFO><APIUrl>%s</APIUrl></INFO>") -> Row:
-    """The address that the detection finds, and what a login there returns."""
-    body = (markup % text).encode("utf-8")
-    return row(ascii(text)[:60], length(len(body), body), a=(text if host is None else host, result))
-
-
-def page(text: str, opened: str) -> Row:
-    """The address of a first login, and what the browser opens."""
-    body = f"<info><tokenid>t</tokenid><firstloginUrl>{text}</firstloginUrl></info>".encode()
-    return row(ascii(text)[:60], length(len(body), body), b=(0, opened and opened + "\n"))
-
-
 GROUPS: Dict[str, List[Row]] = {
     "Connecting": [
         row("refuses the connection", "127.0.0.1:1", role="nobody", lru=12029, d=0),
@@ -187,20 +175,5 @@ GROUPS: Dict[str, List[Row]] = {
         proxy("never answers", "silent-reply", r=early(60), s=early(5), u=early(60)),
         proxy("refuses with a body without end", ("read", b"HTTP/1.1 403 No" + END, ("flood", BLOCK)), su=12029),
         proxy("opens the tunnel and stays silent", (*TUNNEL, "hold"), s=early(5), u=early(60)),
-    ],
-    "Addresses": [  # 12029: taken for a host that does not exist; 12005: refused without a request
-        *(address(text, 1) for text in ("good.test", "GOOD.TEST", "\uff47ood.test", "good.test\xad")),
-        *(address(text, 12029) for text in ("good.test.", "127.1", "[::1]", "g\xf6\xf6d.test", "g." * 2000 + "test")),
-        *(address(text, 12005) for text in ("good.test:443", "https://good.test", "good.test?a=b", "good.test\\a",
-                                            "user@good.test", "[::1", "good.test\u2028", "g" * 100000)),
-        *(address(text, 1, "good.test") for text in (" good.test\n", "<a>g</a>ood&#46;test", "g<![CDATA[ood]]>.test")),
-        *(address(text, 12029, 0) for text in (" ", "good.test\x01", "&good;", "</APIUrl><APIUrl>good.test")),
-        address("good.test&#13;&#10;X: y", 12005, "good.test\r\nX: y"),
-        address("&h;", 12029, 0, "<!DOCTYPE INFO [<!ENTITY h 'good.test'>]><INFO><APIUrl>%s</APIUrl></INFO>"),
-    ],
-    "Browser": [
-        *(page(text, text) for text in ("https://h/a b'$(x)", "http://u@[::1]:80", "https://h/" + "x" * 249)),
-        page("https://h/?a&amp;b=&quot;;reboot", 'https://h/?a&b=";reboot'),
-        *(page(text, "") for text in ("file:///etc/passwd", "--help", "https://h/&#10;x", "https://h/" + "x" * 250)),
     ],
 }

@@ -56,7 +56,7 @@ class Calls:
     """The calls of the table by their letters."""
 
     MEMORY = {"U": 20, "f": 60}  # MiB that a call may take, if not 4
-    HAS_TLS = "lsuUdab"
+    HAS_TLS = "lsuUd"
     IS_TRACED = "uUevcd"  # only the trace has the number of a failure
 
     def __init__(self, folder):
@@ -69,13 +69,11 @@ class Calls:
             "s": lambda: self.blocking(util.SyncSendHttpRequest(HOST, 443, "/x", "", "")),
             "f": lambda: self.blocking(util.SyncSendHttpRequestParam(HOST, 80, "/x", form)),
             "e": lambda: {"": 0, "u": 1}[self.session().GetEffectByGUID("g")],
-            "c": lambda: len(self.session().GetPresetCategory("en")), "d": lambda: {0: 0, "ho": 1}[self.find()],
-            "v": lambda: member.SetRelateVideo("v", "w", "i"), "b": self.login_with_browser,
-            "a": lambda: (self.find(), self.finder.LoginKestrelhub("u", "p")),
+            "c": lambda: len(self.session().GetPresetCategory("en")), "d": self.find,
+            "v": lambda: member.SetRelateVideo("v", "w", "i"),
         }
         member = self.session()
         assert member.LoginKestrelhub("u", "p") == 1
-        self.threads = fixtures.threads()
 
     @staticmethod
     def session(host=HOST):
@@ -100,15 +98,9 @@ class Calls:
         return tuple(result) if any(result[1:]) else result[0]
 
     def find(self):
-        self.finder = self.session("")
-        self.finder.InitKHServerURL()
-        return {scripted.STAGE: 0}.get(self.finder.GetServerUrl(), self.finder.GetServerUrl())
-
-    def login_with_browser(self):
-        with scripted.browser() as pages:
-            result = self.login()
-            fixtures.wait_for_threads(self.threads, "end of the opener")
-            return result, pages()
+        session = self.session("")
+        session.InitKHServerURL()
+        return {scripted.STAGE: 0, "ho": 1}[session.GetServerUrl()]
 
 
 def start(arguments):
@@ -125,7 +117,7 @@ def start(arguments):
 
 def direct(network, row, call):
     """Leads the connections of a call to the row's peer. Returns its process, 0 for none."""
-    host = scripted.DETECT if call in "da" else HOST
+    host = scripted.DETECT if call == "d" else HOST
     if row.role == "nobody":
         return network.lead(f"{host}::{row.script}") or 0
     arguments = [row.script if isinstance(row.script, str) else repr(row.script),
@@ -160,8 +152,8 @@ def play(calls, rules, row, call):
         libc.malloc_trim(0)
         pathlib.Path("/proc/self/clear_refs").write_text("5")  # resets the most
         before = resident("VmRSS")
-        # "lab" begin with a probe of the default host, "d" with one that the row means
-        waits = call in "lab" or (not limit.early and call != "d")
+        # "l" begins with a probe of the default host, "d" with one that the row means
+        waits = call == "l" or (not limit.early and call != "d")
         ticks = driven.DriveClock(int(limit.seconds * 1000 / LOOKS), waits)
         outcome = calls.call[call]()
         seconds, growth = (driven.DriveClock(0, False) - ticks) / 1000, resident("VmHWM") - before

@@ -32,8 +32,8 @@ from typing import Any, Callable, Sequence
 
 from certificates import KINDS, make_certificates
 
-LENGTHS = {"right": "Content-Length: {0}", "none": "", "short": "Content-Length: {1}", "negative": "Content-Length: -1",
-           "garbage": "Content-Length: abc", "chunked": "Transfer-Encoding: chunked"}
+LENGTHS = {"right": "Content-Length: {0}", "none": "", "short": "Content-Length: {1}", "long": "Content-Length: 999999",
+           "negative": "Content-Length: -1", "garbage": "Content-Length: abc", "chunked": "Transfer-Encoding: chunked"}
 
 
 class Exchange:
@@ -44,8 +44,10 @@ class Exchange:
         self.connection, self.options, self.context, self.stop = connection, options, context, stop
         self.body, self.half = options.body, len(options.body) // 2
 
-    def play(self, steps: Sequence[Any]) -> None:
-        for step in steps:
+    def play(self) -> None:
+        if self.context and "tls" not in self.options.scenario:
+            self.tls()
+        for step in self.options.scenario:
             name, *arguments = ("send", step) if isinstance(step, bytes) else [step] if isinstance(step, str) else step
             getattr(self, name.replace("-", "_"))(*arguments)
 
@@ -190,16 +192,13 @@ SCENARIOS = {
 }
 
 
-def play(connection: socket.socket, options: argparse.Namespace, context: ssl.SSLContext | None,
-         stop: threading.Event) -> None:
+def play(*exchange: Any) -> None:
     """Plays the scenario on one connection."""
-    exchange = Exchange(connection, options, context, stop)
+    playing = Exchange(*exchange)
     with contextlib.suppress(OSError):  # the other side goes away, or refuses the certificate
-        connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        if context and "tls" not in options.scenario:
-            exchange.tls()
-        exchange.play(options.scenario)
-    exchange.connection.close()
+        playing.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        playing.play()
+    playing.connection.close()
 
 
 def accept(listener: socket.socket, options: argparse.Namespace, stop: threading.Event) -> None:
@@ -208,8 +207,6 @@ def accept(listener: socket.socket, options: argparse.Namespace, stop: threading
     if context:
         context.set_ciphers("DEFAULT:@SECLEVEL=0")  # for weak keys, too
         context.load_cert_chain(os.path.join(options.certs, options.tls + ".pem"))
-        if options.tls12:
-            context.maximum_version = ssl.TLSVersion.TLSv1_2
     bodies = [options.body, *options.then]
     while True:
         connection = listener.accept()[0]
@@ -238,30 +235,12 @@ def serve(options: argparse.Namespace, wait: Callable[[], Any]) -> None:
     os._exit(0)
 
 
-def fork_on_demand() -> None:
-    """Starts a peer for each line of arguments, a Python literal; one without any ends those that run and prints
-    "done". That is much faster than a new interpreter for each."""
-    children: list[int] = []
-    for line in sys.stdin:
-        arguments = ast.literal_eval(line)
-        if arguments and (child := os.fork()) == 0:
-            serve(parse(arguments), signal.pause)
-        elif arguments:
-            children.append(child)
-            continue
-        while children:
-            os.kill(children[-1], signal.SIGKILL)
-            os.waitpid(children.pop(), 0)
-        print("done", flush=True)
-
-
 def parse(arguments: Sequence[str] | None = None) -> argparse.Namespace:
     """Parses the command line."""
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     add = parser.add_argument
-    add("scenario", metavar="SCENARIO", help=f"steps, or one of certificates, forks, {', '.join(SCENARIOS)}")
+    add("scenario", metavar="SCENARIO", help=f"steps, or certificates, or one of {', '.join(SCENARIOS)}")
     add("--tls", choices=KINDS, metavar="KIND", help=f"speak TLS with a certificate: {', '.join(KINDS)}")
-    add("--tls12", action="store_true", help="speak no newer TLS than 1.2")
     add("--certs", metavar="DIR", help="folder of the certificates")
     add("--record", metavar="FILE", help="append what is received to this file")
     add("--status", type=int, default=200, help="status of the reply (default: %(default)s)")
@@ -276,7 +255,7 @@ def parse(arguments: Sequence[str] | None = None) -> argparse.Namespace:
     add("--longest", type=int, default=120, metavar="SECONDS", help="end after that (default: %(default)s)")
     add("--window", type=int, metavar="BYTES", help="receive buffer, for a peer that reads slowly")
     options = parser.parse_args(arguments)
-    if options.scenario not in ("certificates", "forks"):
+    if options.scenario != "certificates":
         known = options.scenario in SCENARIOS
         options.scenario = SCENARIOS[options.scenario] if known else ast.literal_eval(options.scenario)
     if options.fill is not None:
@@ -312,7 +291,5 @@ class Peer:
 if __name__ == "__main__":
     if (chosen := parse()).scenario == "certificates":
         make_certificates(chosen.certs)
-    elif chosen.scenario == "forks":
-        fork_on_demand()
     else:
         serve(chosen, sys.stdin.buffer.read)

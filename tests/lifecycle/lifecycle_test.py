@@ -45,8 +45,9 @@ class LifecycleTest(common.NetworkCase):
 
     def run_program(self, environment, case, phase, place, way, first, seed):
         """Returns its exit status and what it printed."""
-        words = [sys.executable, "-B", str(PROGRAM), first, case, seed, str(self.scratch), phase, json.dumps(place), way]
-        return common.fixtures.run(words, environment, EXIT_SECONDS if case == "leave" else 60)
+        words = [str(PROGRAM), first, case, seed, str(self.scratch), phase, json.dumps(place), way]
+        seconds = EXIT_SECONDS if case == "leave" else common.fixtures.DEADLINE_SECONDS
+        return common.fixtures.run([sys.executable, "-B", *words], environment, seconds)
 
     def test_every_case_ends_well(self):
         dice = random.Random(SEED)

@@ -1,5 +1,5 @@
-// What the headers of CPython have to know of 64-bit Windows, for headers that come from an installation for another
-// system. The headers of a CPython for Windows have a file of their own in place of this one.
+// What the headers of CPython must know of 64-bit Windows, for headers that come from an installation for another
+// system. The headers of a CPython for Windows have a file of their own instead of this one.
 #pragma once
 
 #define MS_WINDOWS

@@ -38,7 +38,7 @@ def make_parser() -> Parser:
 
 
 def main(argv: Optional[List[str]] = None) -> int:
-    """Runs the command and returns its exit code, with which the process has to end."""
+    """Runs the command and returns its exit code, with which the process must end."""
     words = sys.argv[1:] if argv is None else argv
     as_json = any(len(word) > 2 and "--json".startswith(word) for word in words)  # holds for faulty arguments, too
     try:
@@ -58,7 +58,7 @@ def main(argv: Optional[List[str]] = None) -> int:
     finally:
         discard_unwritten()
         if signal.getsignal(signal.SIGINT) == signal.default_int_handler:
-            signal.signal(signal.SIGINT, signal.SIG_DFL)  # nothing is left that a Ctrl-C would have to clean up
+            signal.signal(signal.SIGINT, signal.SIG_DFL)  # nothing is left that a Ctrl-C would leave behind
 
 
 if __name__ == "__main__":

@@ -24,7 +24,7 @@ class Parser(argparse.ArgumentParser):
         super().__init__(formatter_class=argparse.RawDescriptionHelpFormatter, **how)
 
     def short_usage(self) -> str:
-        """Names what has to be given, and leaves the other options to the list of them."""
+        """Names what must be given, and leaves the other options to the list of them."""
         words = ["[OPTION]..."]
         for action in self._actions:
             name = str(action.metavar or action.dest)

@@ -5,7 +5,7 @@
 #include "platform/base/Fork.h"
 #include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
-#include "platform/http/SendBuffer.h"
+#include "platform/http/SocketTuning.h"
 #include "platform/text/Utf8.h"
 
 #include <algorithm>

@@ -1,5 +1,5 @@
 // Threads over std::thread, always detached: a handle is one reference to the thread's record and the thread itself
-// holds another, so that neither has to wait for the other. Any thread.
+// holds another, so that neither waits for the other. Any thread.
 #include "platform/system/Threads.h"
 
 #include "platform/base/KernelObject.h"

@@ -26,7 +26,7 @@ from skiffhost import loop
 
 REFUSED, PLAIN, LOGIN = (f"{name}.kestrelhub.example" for name in ("refused", "plain", "login"))
 FORKED = 5  # exit status of a good child
-CHILD = "version of the child"  # which the trace has to show
+CHILD = "version of the child"  # which the trace must show
 
 
 def log_in(host):

@@ -52,7 +52,7 @@ template <class... Values> void Print(Values const &...values) {
 
 std::wstring Wide(char const *ascii) { return {ascii, ascii + std::strlen(ascii)}; }
 
-// upload URL TOKEN FOLDER FILE CANCEL: publishes the folder's files 0.bin to 12.bin, with FILE in place of the fifth if
+// upload URL TOKEN FOLDER FILE CANCEL: publishes the folder's files 0.bin to 12.bin, with FILE instead of the fifth if
 // it is not "-", and says yes to the query with the number CANCEL whether to stop.
 void Upload(char **arguments) {
   std::wstring const folder = Wide(arguments[2]) + L"/";

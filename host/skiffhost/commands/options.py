@@ -1,4 +1,4 @@
-"""Options that several subcommands share, and what a value has to look like."""
+"""Options that several subcommands share, and what a value must look like."""
 
 from __future__ import annotations
 

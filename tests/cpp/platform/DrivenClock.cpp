@@ -1,5 +1,5 @@
 // Lets a Python program drive the clock of the platform library that this file is linked into: the product's objects
-// with the tests' definition of the seam. A program that loads it first gets it in place of the product's library.
+// with the tests' definition of the seam. A program that loads it first gets it instead of the product's library.
 // Thread: any.
 #include "tests/cpp/platform/TestHooks.h"
 

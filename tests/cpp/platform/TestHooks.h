@@ -7,10 +7,10 @@
 #include <functional>
 
 struct PlatformTestHooks {
-  /// Milliseconds of the steady clock in place of the real one; drives GetTickCount and every time limit of the HTTP
+  /// Milliseconds of the steady clock instead of the real one; drives GetTickCount and every time limit of the HTTP
   /// layer. While it is set, the layer's waits check it at least every 5 ms of real time.
   std::function<std::uint64_t()> now;
-  /// Called in place of Sleep.
+  /// Called instead of Sleep.
   std::function<void(DWORD ms)> sleep;
   /// Asked at the start of each call of the list in Seam.h. True makes it fail, with *error as the last error.
   std::function<bool(FaultPoint call, DWORD *error)> fault;

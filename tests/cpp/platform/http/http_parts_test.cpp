@@ -1,6 +1,6 @@
 // The parts of the HTTP layer that need no peer: time limits, the URL split, the send buffer's size.
 #include "platform/base/LastError.h"
-#include "platform/http/SendBuffer.h"
+#include "platform/http/SocketTuning.h"
 #include "platform/http/WaitLimits.h"
 #include "platform/http/WinInet.h"
 #include "tests/cpp/platform/TestHooks.h"

@@ -1,4 +1,4 @@
-// What the tests of the DOM share. Where COM has to be initialised, the main function does it.
+// What the tests of the DOM share. Where COM must be initialised, the main function does it.
 #pragma once
 
 #include "framework/ComTypes.h"

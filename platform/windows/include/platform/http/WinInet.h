@@ -1,4 +1,4 @@
-// See Types.h: the HTTP client interface. The status callback is set by way of a function that makes its text wide.
+// See Types.h: the HTTP client interface. The status callback is set through a function that makes its text wide.
 #pragma once
 
 #include "platform/http/InternetStatus.h"

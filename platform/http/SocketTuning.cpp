@@ -1,5 +1,5 @@
-// See SendBuffer.h.
-#include "platform/http/SendBuffer.h"
+// See SocketTuning.h.
+#include "platform/http/SocketTuning.h"
 
 #include <algorithm>
 #include <atomic>
@@ -41,7 +41,7 @@ int LargestSize() {
   if (s_largest < 0) {
     int const fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
-      return 0; // for want of descriptors; the next call tries again
+      return 0; // no descriptor is left; the next call tries again
     s_largest = SetSendBufferSize(fd, INT_MAX / 2) ? SendBufferSize(fd) / 2 : 0;
     close(fd);
   }

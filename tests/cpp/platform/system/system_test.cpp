@@ -55,27 +55,25 @@ TEST(Threads, SuspendedThreadRunsOnceResumedAndEachHandleClosesOnce) {
 
 TEST(Locks, ForkWaitsUntilTheyAreFree) {
   static SlimLock s_lock;
-  std::promise<void> isHeld, isForkWaiting;
-  auto holder = std::async(std::launch::async, [&] {
-    std::lock_guard<SlimLock> const lock(s_lock);
-    isHeld.set_value();
-    isForkWaiting.get_future().wait_for(std::chrono::seconds(10));
-  });
-  isHeld.get_future().wait();
-  bool hasWaited = false;
-  auto const wait = [&](DWORD) { // how a fork waits
-    if (!std::exchange(hasWaited, true))
+  std::promise<void> isForkWaiting;
+  auto const wait = [&, isFirst = true](DWORD) mutable { // how a fork waits
+    if (std::exchange(isFirst, false))
       isForkWaiting.set_value();
   };
   PlatformTestHooks const hooks{nullptr, wait, nullptr};
   SetPlatformTestHooks(&hooks);
-  pid_t const child = fork();
-  if (child == 0)
-    _exit(s_lock.try_lock() ? 0 : 1);
-  holder.get();
-  SetPlatformTestHooks(nullptr);
+  s_lock.lock();
+  auto forked = std::async(std::launch::async, [] {
+    pid_t const child = fork();
+    if (child == 0)
+      _exit(s_lock.try_lock() ? 0 : 1);
+    return child;
+  });
+  EXPECT_EQ(isForkWaiting.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  s_lock.unlock();
   int status = -1;
-  EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0 && hasWaited) << status;
+  EXPECT_TRUE(waitpid(forked.get(), &status, 0) > 0 && status == 0) << status;
+  SetPlatformTestHooks(nullptr);
 }
 
 TEST(DebugOutput, IsOneWriteALineAndCutBetweenCharacters) {

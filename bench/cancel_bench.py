@@ -31,7 +31,8 @@ def sample(place: Any, paths: list[str], way: str, delay: float) -> tuple[float,
 
     publication = Publication(place.host)
     assert publication.start(paths)
-    fixtures.wait_until(lambda: loop.pump() < 0 or phases.PHASES[place.name].is_reached(place), place.name)
+    phase = phases.PHASES[place.host.split(".")[0]]
+    fixtures.wait_until(lambda: loop.pump() < 0 or phase.is_reached(place), place.host)
     time.sleep(delay)
     begin = time.perf_counter()
     if way == "delete":

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The lifecycle tests with the module of SKIFFPORT_TREE, or of build/release if that is not set. LIFECYCLE_PRELOAD names a
+# The lifecycle tests with the module of SKIFFPORT_TREE, else of build/release. LIFECYCLE_PRELOAD names a
 # sanitizer's libraries; there are fewer exits then. LIFECYCLE_SEED, which each run prints, repeats its choices.
 set -euo pipefail
 cd "$(dirname "$0")/../.."

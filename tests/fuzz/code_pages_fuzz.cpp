@@ -55,8 +55,7 @@ std::string Narrowed(UINT codePage, std::wstring_view wide) {
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {
-  Input input = Of(data, size);
+FUZZ_TARGET(input) {
   unsigned const choice = input.Byte();
   std::string_view const bytes = input.rest;
   if (bytes.empty())

@@ -1,5 +1,5 @@
-// What the fuzz targets share: invariants, and how the fuzzer's bytes become arguments. A target is one function, which
-// libFuzzer calls with one input after another.
+// What the fuzz targets share: invariants, and how the fuzzer's bytes become arguments. A target is one function, whose
+// body follows FUZZ_TARGET(input) and which libFuzzer calls with one input after another.
 #pragma once
 
 #include "platform/base/LastError.h"
@@ -10,8 +10,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size);
 
 /// Ends the run, as a finding, if the invariant does not hold.
 inline void Require(bool isMet, char const *invariant, char const *file = __builtin_FILE(),
@@ -40,7 +38,12 @@ struct Input {
   std::string_view rest;
 };
 
-inline Input Of(std::uint8_t const *data, std::size_t size) { return {{reinterpret_cast<char const *>(data), size}}; }
+#define FUZZ_TARGET(input)                                                                                             \
+  static int Check(Input input);                                                                                       \
+  extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {                                  \
+    return Check({{reinterpret_cast<char const *>(data), size}});                                                      \
+  }                                                                                                                    \
+  int Check(Input input)
 
 /// A copy whose memory ends with it, after `zeros` more units: the address sanitizer sees each access beyond.
 template <class Unit> struct Exact {

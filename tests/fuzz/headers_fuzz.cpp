@@ -31,6 +31,7 @@ void CheckReply(std::string_view text, long status) {
   while (!text.empty() && !reply.IsHeadIn()) {
     Exact<char> const line(text.substr(0, std::min(text.find('\n'), text.size() - 1) + 1));
     text.remove_prefix(line.view.size());
+    bool const isFirst = size == 0;
     DWORD error = ERROR_SUCCESS;
     for (int times = line.view[0] == '*' ? 1024 : 1; times > 0 && error == ERROR_SUCCESS;
          --times, size = reply.HeadSize()) {
@@ -40,6 +41,7 @@ void CheckReply(std::string_view text, long status) {
     Require(size <= kReplyHeadLimit || error != ERROR_SUCCESS, "the head is bounded");
     if (error != ERROR_SUCCESS)
       return Require(error == ERROR_HTTP_INVALID_SERVER_RESPONSE, "a line is no HTTP");
+    Require(!isFirst || line.view.starts_with("HTTP/"), "a head begins with a version");
     Require(!reply.IsHeadIn() || line.view[0] == '\r' || line.view[0] == '\n', "an empty line ends a head");
   }
   if (!reply.IsHeadIn())
@@ -57,10 +59,11 @@ void CheckReply(std::string_view text, long status) {
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {
-  Input input = Of(data, size);
-  long const status = static_cast<long>(input.Byte()) * 4 + 1;
+FUZZ_TARGET(input) {
+  unsigned const choice = input.Byte();
   CheckRequest(input.rest);
-  CheckReply(std::string("HTTP/1.1 000\r\n").append(input.rest), status);
+  bool const isStatusGiven = choice % 2 == 0; // else the input begins with the status line
+  CheckReply(isStatusGiven ? std::string("HTTP/1.1 000\r\n").append(input.rest) : std::string(input.rest),
+             static_cast<long>(choice) * 4 + 1);
   return 0;
 }

@@ -32,8 +32,8 @@ long long Read(std::string_view text) {
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {
-  std::string const text(Of(data, size).rest);
+FUZZ_TARGET(input) {
+  std::string const text(input.rest);
   long long const value = Read(text);
   if (text.starts_with("\xFF\xFE") || text.starts_with("\xFE\xFF") || text.starts_with("\xEF\xBB\xBF"))
     return 0;

@@ -36,8 +36,8 @@ void CheckWireHost(std::string_view text) {
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {
-  std::string_view const text = Of(data, size).rest;
+FUZZ_TARGET(input) {
+  std::string_view const text = input.rest;
   Exact<char> const url(text.substr(0, text.find('\0')));
   UrlParts parts;
   DWORD const error = SplitUrl(url.view, parts);

@@ -2,8 +2,7 @@
 #include "reply/UrlText.h"
 #include "tests/fuzz/fuzz.h"
 
-int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {
-  Input input = Of(data, size);
+FUZZ_TARGET(input) {
   std::wstring const text = input.Wide((input.Byte() & 1) != 0);
   std::wstring_view const given = text.c_str();
   std::wstring const decoded = DecodeURLText(Exact<wchar_t>(given, 1).units.get());

@@ -9,17 +9,15 @@ namespace {
 
 constexpr WCHAR kBlanks[] = L" \t\r\n";
 
-std::wstring TextOf(IXMLDOMNode *node) {
+std::wstring Get(IXMLDOMNode *node, HRESULT (IXMLDOMNode::*get)(BSTR *)) {
   CComBSTR text;
-  Require(node->get_text(&text) == S_OK && text, "a node has a text");
+  Require((node->*get)(&text) == S_OK && text, "a node has a name and a text");
   return static_cast<WCHAR const *>(text);
 }
 
-std::wstring NameOf(IXMLDOMNode *node) {
-  CComBSTR name;
-  Require(node->get_nodeName(&name) == S_OK && name, "a node has a name");
-  return static_cast<WCHAR const *>(name);
-}
+std::wstring TextOf(IXMLDOMNode *node) { return Get(node, &IXMLDOMNode::get_text); }
+
+std::wstring NameOf(IXMLDOMNode *node) { return Get(node, &IXMLDOMNode::get_nodeName); }
 
 std::wstring WithoutBlanks(std::wstring text) {
   std::erase_if(text, [](WCHAR c) { return std::wcschr(kBlanks, c); });
@@ -51,14 +49,11 @@ std::wstring Markup(IXMLDOMNode *node, std::wstring &text) {
   std::wstring const name = NameOf(node), own = value.vt == VT_BSTR ? value.bstrVal : L"";
   Require(NodeNameIs(node, name.c_str()) == (type != NODE_COMMENT), "a node has its own name");
   text += type == NODE_TEXT || type == NODE_CDATA_SECTION ? own : L"";
-  if (type == NODE_TEXT)
-    return Escaped(own);
-  if (type == NODE_CDATA_SECTION)
-    return L"<![CDATA[" + own + L"]]>";
-  if (type == NODE_COMMENT)
-    return L"<!--" + own + L"-->";
-  if (type == NODE_PROCESSING_INSTRUCTION)
-    return L"<?" + name + L" " + own + L"?>";
+  if (type != NODE_ELEMENT && type != NODE_DOCUMENT)
+    return type == NODE_TEXT            ? Escaped(own)
+           : type == NODE_CDATA_SECTION ? L"<![CDATA[" + own + L"]]>"
+           : type == NODE_COMMENT       ? L"<!--" + own + L"-->"
+                                        : L"<?" + name + L" " + own + L"?>";
   std::wstring markup, inner;
   std::set<std::wstring> names;
   CComPtr<IXMLDOMNode> child, found;
@@ -80,8 +75,8 @@ std::wstring Markup(IXMLDOMNode *node, std::wstring &text) {
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {
-  CComPtr<IXMLDOMDocument> const document = LoadReply(std::string(Of(data, size).rest));
+FUZZ_TARGET(input) {
+  CComPtr<IXMLDOMDocument> const document = LoadReply(std::string(input.rest));
   CString text(L"untouched");
   ElementState const state = ReadElement(document, L"result/code", text);
   Require(state == ElementState::Found || text == CString(L"untouched"), "a missing element leaves the text alone");

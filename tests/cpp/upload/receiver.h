@@ -27,28 +27,24 @@ struct Receiver : BackgroundUploadProgress {
   void OnResponseReceived(DWORD bytes) override { Note(L"received ", std::to_wstring(bytes)); }
   void OnClosingConnection() override { Note(L"closing"); }
   void OnConnectionClosed() override { Note(L"closed"); }
-  void OnFileBegin(WCHAR const *path) override {
-    Note(L"begin ", path);
-    files += "begin ";
-  }
+  void OnFileBegin(WCHAR const *path) override { Note(L"begin ", path, "begin "); }
   void OnFileProgress(WCHAR const *path, DWORD a, DWORD b, DWORD c, DWORD d, DWORD e, DWORD f, DWORD g) override {
     std::wstring numbers = path;
     for (DWORD const number : {a, b, c, d, e, f, g})
       numbers += L" " + std::to_wstring(number);
-    Note(L"progress ", numbers);
-    files += std::to_string(a) + "/" + std::to_string(b) + " ";
+    Note(L"progress ", numbers, std::to_string(a) + "/" + std::to_string(b) + " ");
   }
   void OnFileComplete(WCHAR const *path, HRESULT hr) override {
-    Note(L"complete ", path + std::to_wstring(hr));
-    files += hr == 0 ? "done " : "failed ";
+    Note(L"complete ", path + std::to_wstring(hr), hr == 0 ? "done " : "failed ");
   }
   bool IsCancelled() override { return nQueriesBeforeStop-- == 0; }
   void OnBackgroundUploadBegin() override { Note(L"upload begin"); }
   void OnBackgroundUploadComplete(long hr) override { Note(L"upload complete ", std::to_wstring(hr)); }
 
 private:
-  void Note(std::wstring const &call, std::wstring const &argument = L"") {
+  void Note(std::wstring const &call, std::wstring const &argument = L"", std::string const &file = "") {
     calls += (std::this_thread::get_id() == m_owner ? call + argument : L"on another thread") + L"; ";
+    files += file;
   }
   std::thread::id m_owner = std::this_thread::get_id();
 };

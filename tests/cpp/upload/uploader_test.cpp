@@ -1,5 +1,5 @@
 // A whole transfer against a scripted peer: the bytes on the wire, the chunks, and how it ends when a call fails.
-#include "platform/text/CodePages.h"
+#include "framework/ComTypes.h"
 #include "tests/cpp/platform/TestHooks.h"
 #include "tests/cpp/platform/http/http_peer.h"
 #include "tests/cpp/upload/receiver.h"
@@ -16,34 +16,34 @@ constexpr HRESULT HResult(DWORD dwError) { return static_cast<HRESULT>(0x8007000
 
 class UploaderTest : public ::testing::Test {
 protected:
-  void SetUp() override {
+  UploaderTest() {
     m_hooks.sleep = [this](DWORD ms) { m_dwSlept += ms; };
     job.SetUrl("https://good.test/servlet/uploadTemplate");
   }
-  void TearDown() override { SetPlatformTestHooks(nullptr); }
+  ~UploaderTest() override { SetPlatformTestHooks(nullptr); }
 
   void AddFile(std::string const &name, std::string const &contents) {
-    std::string const strPath = Folder() + "/" + name;
-    WCHAR wszPath[_MAX_PATH];
-    MultiByteToWideChar(CP_UTF8, 0, strPath.c_str(), -1, wszPath, _MAX_PATH);
-    std::ofstream(strPath, std::ios::binary) << contents;
-    job.AddFile(L"f", wszPath, L"t");
+    std::string const path = Folder() + "/" + name;
+    std::ofstream(path, std::ios::binary) << contents;
+    job.AddFile(L"f", CComBSTR(path.c_str()), L"t");
   }
+  // Gathers what the receiver sees of the files, and status and reply in `answer`.
   HRESULT Post() {
+    receiver.files.clear();
     SessionHandle session;
     Uploader uploader(&receiver, &job, &result, session);
     SetPlatformTestHooks(&m_hooks);
     HRESULT const hr = uploader.Post();
     SetPlatformTestHooks(nullptr);
     EXPECT_EQ(result.m_hr, hr);
-    reply = uploader.m_strReply;
+    answer = std::to_string(result.m_nHttpStatus) + uploader.m_strReply;
     return hr;
   }
 
   UploadJob job;
   UploadResult result;
   Receiver receiver;
-  std::string reply;
+  std::string answer;
   PlatformTestHooks m_hooks;
   DWORD m_dwSlept = 0;
 };
@@ -55,25 +55,19 @@ TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheReply) {
   AddFile("\xC3\xA4\"", "abcd");
   AddFile("none", "");
   EXPECT_EQ(Post(), S_OK);
-  EXPECT_EQ(result.m_nHttpStatus, 500);
-  EXPECT_EQ(reply, "<a/>");
+  EXPECT_EQ(answer, "500<a/>");
   EXPECT_EQ(receiver.files, "begin 0/4 4/4 done begin 0/0 0/0 done ");
   EXPECT_EQ(m_dwSlept, 50U) << "one chunk";
-
   std::string const sent = peer.Received();
-  std::size_t const at = sent.find("boundary=");
-  ASSERT_NE(at, std::string::npos);
-  std::string const boundary = sent.substr(at + 9, 39);
-  std::string const dash = "--" + boundary;
-  std::string const file = "Content-Disposition: form-data; name=\"f\"; filename=\"" + Folder();
-  std::string const body = dash + "\r\nContent-Disposition: form-data; name=\"empty\"\r\n\r\n\r\n" + dash +
-                           "\r\nContent-Disposition: form-data; name=\"title\"\r\n\r\nabc\r\n" + dash + "\r\n" + file +
-                           "/\xC3\xA4\"\"\r\nContent-Type: t\r\n\r\nabcd\r\n" + dash + "\r\n" + file +
-                           "/none\"\r\nContent-Type: t\r\n\r\n\r\n" + dash + "--\r\n";
-  EXPECT_EQ(sent,
-            "POST /servlet/uploadTemplate HTTP/1.1\r\nHost: good.test\r\nContent-Type: multipart/form-data; boundary=" +
-                boundary + "\r\nUser-Agent: WinInetPost/0.0.4\r\nCache-Control: no-cache\r\nContent-Length: " +
-                std::to_string(body.size()) + "\r\n\r\n" + body);
+  std::string const boundary = sent.substr(sent.find("boundary=") + 9, 39);
+  std::string const part = "--" + boundary + "\r\nContent-Disposition: form-data; name=\"";
+  std::string const file = part + "f\"; filename=\"" + Folder();
+  std::string const body = part + "empty\"\r\n\r\n\r\n" + part + "title\"\r\n\r\nabc\r\n" + file +
+                           "/\xC3\xA4\"\"\r\nContent-Type: t\r\n\r\nabcd\r\n" + file +
+                           "/none\"\r\nContent-Type: t\r\n\r\n\r\n--" + boundary + "--\r\n";
+  std::string head = "POST /servlet/uploadTemplate HTTP/1.1\r\nHost: good.test\r\nContent-Type: multipart/form-data; ";
+  head += "boundary=" + boundary + "\r\nUser-Agent: WinInetPost/0.0.4\r\nCache-Control: no-cache\r\nContent-Length: ";
+  EXPECT_EQ(sent, head + std::to_string(body.size()) + "\r\n\r\n" + body);
   EXPECT_TRUE(receiver.calls.starts_with(L"resolving good.test; resolved 127.0.0.1; connecting 127.0.0.1; connected "
                                          L"127.0.0.1; sending; sent " +
                                          std::to_wstring(sent.size() - body.size()) + L"; sending; sent "));
@@ -99,9 +93,8 @@ TEST_F(UploaderTest, AdaptsTheChunkSizeToTheDurationOfTheLastWrite) {
   std::vector<DWORD> expected;
   for (auto const &[ms, units] : chunks)
     expected.push_back(units * 0x8000);
-  DWORD const dwTotal = std::accumulate(expected.begin(), expected.end(), 0U);
   AddFile("chunks", "");
-  std::filesystem::resize_file(Folder() + "/chunks", dwTotal);
+  std::filesystem::resize_file(Folder() + "/chunks", std::accumulate(expected.begin(), expected.end(), 0U));
   EXPECT_EQ(Post(), S_OK);
   std::erase_if(receiver.writes, [](DWORD dwBytes) { return dwBytes < 0x8000; });
   EXPECT_EQ(receiver.writes, expected);
@@ -111,49 +104,39 @@ TEST_F(UploaderTest, AdaptsTheChunkSizeToTheDurationOfTheLastWrite) {
 
 TEST_F(UploaderTest, EndsTheUploadAtTheFirstFailedCall) {
   using enum FaultPoint;
-  constexpr char kNone[] = "", kBegun[] = "begin 0/4 failed ", kOne[] = "begin 0/4 4/4 done ",
-                 kBoth[] = "begin 0/4 4/4 done begin 0/4 4/4 done ";
+  std::string const failed = "begin 0/4 failed ", one = "begin 0/4 4/4 done ", both = one + one;
   // The call, which of its kind, and what the receiver sees of the two files. Writes: field head, value and line end;
   // then head, contents and line end of each file; the closing line. Two files are opened to learn their sizes.
-  struct Case {
-    FaultPoint call;
-    int nth;
-    char const *szCalls;
-  };
-  Case const cases[] = {{InternetOpenW, 1, kNone},      {InternetConnectA, 1, kNone},
-                        {HttpOpenRequestA, 1, kNone},   {HttpAddRequestHeadersA, 1, kNone},
-                        {HttpSendRequestExW, 1, kNone}, {InternetWriteFile, 1, kNone},
-                        {InternetWriteFile, 4, kNone},  {CreateFileW, 3, kNone},
-                        {ReadFile, 1, kBegun},          {InternetWriteFile, 5, kBegun},
-                        {ReadFile, 2, kBegun},          {InternetWriteFile, 6, kOne},
-                        {CreateFileW, 4, kOne},         {InternetWriteFile, 10, kBoth},
-                        {HttpEndRequestW, 1, kBoth}};
+  std::tuple<FaultPoint, int, std::string> const rows[] = {
+      {InternetOpenW, 1, ""},          {InternetConnectA, 1, ""},     {HttpOpenRequestA, 1, ""},
+      {HttpAddRequestHeadersA, 1, ""}, {HttpSendRequestExW, 1, ""},   {InternetWriteFile, 1, ""},
+      {InternetWriteFile, 4, ""},      {CreateFileW, 3, ""},          {ReadFile, 1, failed},
+      {InternetWriteFile, 5, failed},  {ReadFile, 2, failed},         {InternetWriteFile, 6, one},
+      {CreateFileW, 4, one},           {InternetWriteFile, 10, both}, {HttpEndRequestW, 1, both}};
   Peer const peer("reply --tls good --body ok");
   job.AddField("a", "b");
   AddFile("one", "abcd");
   AddFile("two", "abcd");
-  for (Case const &c : cases) {
-    receiver.files.clear();
-    m_hooks.fault = [&c, n = c.nth](FaultPoint call, DWORD *pdwError) mutable {
+  for (auto const &row : rows) {
+    m_hooks.fault = [&row, n = std::get<int>(row)](FaultPoint call, DWORD *pdwError) mutable {
       *pdwError = 1450;
-      return call == c.call && --n == 0;
+      return call == std::get<FaultPoint>(row) && --n == 0;
     };
     EXPECT_EQ(Post(), HResult(1450));
-    EXPECT_EQ(receiver.files + reply + std::to_string(result.m_nHttpStatus), c.szCalls + std::string("-1")) << c.nth;
+    EXPECT_EQ(receiver.files + answer, std::get<std::string>(row) + "-1") << std::get<int>(row);
   }
-  for (Case const &c :
-       {Case{HttpQueryInfoW, -1, "ok"}, {InternetQueryDataAvailable, 200, ""}, {InternetReadFile, 200, ""}}) {
-    m_hooks.fault = [&c](FaultPoint call, DWORD *) { return call == c.call; };
+  std::pair<FaultPoint, char const *> const answers[] = {
+      {HttpQueryInfoW, "-1ok"}, {InternetQueryDataAvailable, "200"}, {InternetReadFile, "200"}};
+  for (auto const &row : answers) {
+    m_hooks.fault = [&row](FaultPoint call, DWORD *) { return call == row.first; };
     EXPECT_EQ(Post(), S_OK);
-    EXPECT_EQ(reply + std::to_string(result.m_nHttpStatus), c.szCalls + std::to_string(c.nth));
+    EXPECT_EQ(answer, row.second);
   }
   m_hooks.fault = nullptr;
-  std::pair<int, char const *> const stops[] = {{0, kBegun}, {1, kBegun}, {2, "begin 0/4 4/4 done begin 0/4 failed "}};
-  for (auto const &[nQuery, szCalls] : stops) { // the query that asks to stop
-    receiver.files.clear();
+  for (int nQuery = 0; nQuery < 3; ++nQuery) { // the query that asks to stop
     receiver.nQueriesBeforeStop = nQuery;
     EXPECT_EQ(Post(), UPLOAD_E_CANCELLED);
-    EXPECT_EQ(receiver.files, szCalls) << nQuery;
+    EXPECT_EQ(receiver.files, nQuery < 2 ? failed : one + failed) << nQuery;
   }
   job.ClearFiles();
   receiver.nQueriesBeforeStop = 0;
@@ -161,18 +144,19 @@ TEST_F(UploaderTest, EndsTheUploadAtTheFirstFailedCall) {
 }
 
 TEST_F(UploaderTest, StopsSendingAndReadsAnEarlyReply) {
-  std::string const refusal = " --status 413 --body 'too large'";
   AddFile("large", std::string(8'000'000, 'x'));
-  for (std::string const &scenario :
-       {"early-keep" + refusal, "early-hold" + refusal, "early-keep --length chunked" + refusal,
-        "early-keep --length none" + refusal, // the peer closes when it sees the end of our data
-        "early-keep --header 'Connection: close'" + refusal,
-        std::string("early-keep --header 'Connection: close' --body ok"),
-        std::string("early-keep --raw 'HTTP/1.0 200 OK\\r\\nContent-Length: 2\\r\\n\\r\\nok'")}) {
-    Peer const peer(scenario + " --tls good");
+  std::pair<std::string, char const *> const rows[] = {
+      {"hold --status 413 --body no", "413no"},
+      {"keep --status 413 --body no", "413no"},
+      {"keep --status 413 --body no --length chunked", "413no"},
+      {"keep --status 413 --body no --length none", "413no"}, // the peer closes when it sees the end of our data
+      {"keep --status 413 --body no --header 'Connection: close'", "413no"},
+      {"keep --body ok --header 'Connection: close'", "200ok"},
+      {"keep --raw 'HTTP/1.0 200 OK\\r\\nContent-Length: 2\\r\\n\\r\\nok'", "200ok"}};
+  for (auto const &[scenario, wanted] : rows) {
+    Peer const peer("early-" + scenario + " --tls good");
     EXPECT_EQ(Post(), S_OK) << scenario;
-    bool const isRefusal = scenario.ends_with(refusal);
-    EXPECT_EQ(std::to_string(result.m_nHttpStatus) + reply, isRefusal ? "413too large" : "200ok") << scenario;
+    EXPECT_EQ(answer, wanted) << scenario;
   }
 }
 

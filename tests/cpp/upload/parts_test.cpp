@@ -1,0 +1,87 @@
+// What an upload is made of: the addresses that it accepts, the parts of its body, the arithmetic of its reports.
+#include "upload/MultipartBody.h"
+#include "upload/ProgressMeter.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+namespace {
+
+TEST(UploadJob, AcceptsOnlyPlainHttpsAddressesOnPort443) {
+  std::string const longest(259, 'h');
+  UploadJob job;
+  for (std::string const &host : {std::string("h.example"), longest})
+    for (std::string const port : {"", ":443"}) {
+      EXPECT_TRUE(job.SetUrl(("https://" + host + port + "/servlet/p").c_str())) << host << port;
+      EXPECT_EQ(job.m_strHost + job.m_strPath + job.m_strUrl, host + "/servlet/phttps://" + host + "/servlet/p");
+    }
+  std::string const refused[] = {"https://" + longest + "h/p",
+                                 "https://h/" + longest,
+                                 "https://h:8443/p",
+                                 "",
+                                 "https://h:4294967739/p",
+                                 "https://[::1/p",
+                                 "h/p",
+                                 "http://h/p",
+                                 "HTTPS://h/p",
+                                 "https://h/p?a=b",
+                                 "https://h/p#a",
+                                 "https://user@h/p",
+                                 "https://:secret@h/p",
+                                 "https:///p",
+                                 "https://h\r\nX: y/p"};
+  for (std::string const &url : refused) {
+    EXPECT_FALSE(job.SetUrl(url.c_str())) << url;
+    EXPECT_EQ(job.m_strHost + job.m_strPath, longest + "/servlet/p") << "the earlier address stays: " << url;
+  }
+}
+
+TEST(MultipartBody, HasABoundaryOfItsOwnAndCountsAFileThatDoesNotOpenAsTheInvalidSize) {
+  std::string const first = MakeBoundary();
+  EXPECT_TRUE(std::regex_match(first, std::regex("-{27}[0-9A-F]{12}"))) << first;
+  EXPECT_NE(MakeBoundary(), first);
+  UploadFile const file = {L"n", L"/no/such/file", L"t"};
+  DWORD dwFiles = 10;
+  EXPECT_EQ(FilePartLength("b", file, dwFiles), MakeFileHead("b", file).size() + 1); // -1 and the line end
+  EXPECT_EQ(dwFiles, 9U);
+}
+
+TEST(ProgressMeter, ReportsTwoFilesAtTheInitialRate) {
+  DWORD dwAllSent = 0;
+  ProgressMeter first(5600, 10'250, 56'000, 112'000, dwAllSent);
+  EXPECT_EQ(first.First(), (ProgressReport{0, 56'000, 10, 0, 112'000, 20, 5600}));
+  ProgressReport report = {};
+  first.AddSent(28'000);
+  EXPECT_FALSE(first.Periodic(10'499, report)) << "the tick has not changed";
+  ASSERT_TRUE(first.Periodic(11'000, report)); // two ticks: 14,000 a tick
+  EXPECT_EQ(report, (ProgressReport{28'000, 56'000, 2, 28'000, 112'000, 6, 14'000}));
+  EXPECT_FALSE(first.Periodic(11'499, report)) << "only one report a tick";
+  first.AddSent(28'000);
+  ASSERT_TRUE(first.Periodic(15'000, report)); // ten ticks: 5,600 a tick
+  EXPECT_EQ(report, (ProgressReport{56'000, 56'000, 0, 56'000, 112'000, 10, 5600}));
+  EXPECT_EQ(first.Last(), report);
+  ProgressMeter second(first.Rate(), 15'000, 56'000, 112'000, dwAllSent);
+  EXPECT_EQ(second.First(), (ProgressReport{0, 56'000, 10, 56'000, 112'000, 20, 5600})) << "of the whole total";
+  second.AddSent(11'200);
+  ASSERT_TRUE(second.Periodic(16'000, report));
+  EXPECT_EQ(report, (ProgressReport{11'200, 56'000, 8, 67'200, 112'000, 8, 5600}));
+}
+
+TEST(ProgressMeter, MeetsShrunkFilesAZeroRateAndAClockThatWraps) {
+  ProgressReport report = {};
+  DWORD dwAllSent[3] = {};
+  ProgressMeter shrunk(5600, 0, 11'200, 11'200, dwAllSent[0]);
+  shrunk.First();
+  shrunk.AddSent(5'000);
+  EXPECT_EQ(shrunk.Last(), (ProgressReport{11'200, 11'200, 2, 5'000, 11'200, 2, 5600})) << "the latest times again";
+  ProgressMeter slow(0, 0, 100, 100, dwAllSent[1]);
+  EXPECT_EQ(slow.First(), (ProgressReport{0, 100, 100, 0, 100, 100, 0})) << "divides by 1";
+  slow.AddSent(3);
+  ASSERT_TRUE(slow.Periodic(5'000, report));
+  EXPECT_EQ(report, (ProgressReport{3, 100, 97, 3, 100, 97, 0}));
+  ProgressMeter wrapped(5600, 0xFFFFFFFF, 100, 100, dwAllSent[2]);
+  EXPECT_TRUE(wrapped.Periodic(0, report) && wrapped.Periodic(0xFFFFFFFF, report)) << "back at the start tick";
+}
+
+} // namespace

@@ -7,13 +7,10 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 namespace {
 
 TEST(ProgressProxy, RetriesOnlyTheCompletionWhenOutOfMemory) {
-  int nFailures = 0;
-  int nSlept = 0, nYielded = 0;
+  int nFailures = 0, nSlept = 0, nYielded = 0;
   DWORD dwFailure = ERROR_NOT_ENOUGH_MEMORY;
   PlatformTestHooks hooks;
   hooks.sleep = [&](DWORD ms) { ++(ms > 0 ? nSlept : nYielded); };
@@ -43,10 +40,6 @@ TEST(ProgressProxy, RetriesOnlyTheCompletionWhenOutOfMemory) {
 
 TEST(PresetForm, ChecksEachPathOnceAndAddsFieldsAndFilesByTheirRules) {
   PresetFile const files[] = {{L"/", L"one"}, {L"/.", L"two", L"three"}};
-  PresetField const fields[] = {{"bytes", "b"},
-                                {"text", L"\u00E4", TextRule::Utf8},
-                                {"null", nullptr, TextRule::Utf8},
-                                {"left out", nullptr, TextRule::Utf8UnlessEmpty}};
   int nChecked = 0;
   PlatformTestHooks hooks;
   hooks.fault = [&nChecked](FaultPoint, DWORD *) { return ++nChecked > 2; };
@@ -54,6 +47,10 @@ TEST(PresetForm, ChecksEachPathOnceAndAddsFieldsAndFilesByTheirRules) {
   EXPECT_TRUE(PresetFilesExist(files) && nChecked == 2);
   EXPECT_FALSE(PresetFilesExist(files));
   SetPlatformTestHooks(nullptr);
+  PresetField const fields[] = {{"bytes", "b"},
+                                {"text", L"\u00E4", TextRule::Utf8},
+                                {"null", nullptr, TextRule::Utf8},
+                                {"left out", nullptr, TextRule::Utf8UnlessEmpty}};
   UploadJob job;
   FillPresetForm(job, fields, files);
   EXPECT_EQ(job.m_mapFields, (UploadFields{{"bytes", "b"}, {"text", "\xC3\xA4"}, {"null", ""}}));

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
 #include <thread>
 
 namespace {
@@ -29,10 +28,6 @@ void MakeEveryCall(BackgroundUploadProgress &progress) {
   progress.OnBackgroundUploadComplete(E_FAIL);
 }
 
-constexpr wchar_t kBefore[] = L"resolving h; resolved 1; connecting 2; connected 3; ";
-constexpr wchar_t kAfter[] = L"receiving; received 4; closing; closed; begin /a; progress /a 1 2 3 4 5 6 7; "
-                             L"complete /a-2147467259; upload begin; upload complete -2147467259; ";
-
 TEST(ProgressProxy, CarriesEveryCallToTheOwnerThreadInOrder) {
   for (DWORD const dwMask : {0xFFFFFFFFU, 0x00000003U, 0xFFFFFFFCU, 0xFFFFFFFDU}) {
     Receiver receiver;
@@ -42,15 +37,17 @@ TEST(ProgressProxy, CarriesEveryCallToTheOwnerThreadInOrder) {
     std::thread([&proxy] { MakeEveryCall(proxy); }).join();
     EXPECT_TRUE(receiver.calls.empty()) << "nothing runs before the pump";
     PumpMessages(64);
-    std::wstring const sending = dwMask & NOTIFY_SENDING_REQUEST ? L"sending; " : L"";
-    std::wstring const sent = dwMask & NOTIFY_REQUEST_SENT ? L"sent 4294967295; " : L"";
-    EXPECT_EQ(receiver.calls, kBefore + sending + sent + kAfter) << dwMask;
+    EXPECT_EQ(receiver.calls, std::wstring(L"resolving h; resolved 1; connecting 2; connected 3; ") +
+                                  (dwMask & NOTIFY_SENDING_REQUEST ? L"sending; " : L"") +
+                                  (dwMask & NOTIFY_REQUEST_SENT ? L"sent 4294967295; " : L"") +
+                                  L"receiving; received 4; closing; closed; begin /a; progress /a 1 2 3 4 5 6 7; "
+                                  L"complete /a-2147467259; upload begin; upload complete -2147467259; ")
+        << dwMask;
   }
 }
 
 TEST(ProgressProxy, DropsAndFreesQueuedCommandsWhenDestroyed) { // LeakSanitizer reports those that are not freed
-  Receiver receiver;
-  Receiver other;
+  Receiver receiver, other;
   CUploadProgressProxyWindow survivor(&other);
   survivor.CreateProxyWindow();
   {

@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <thread>
-#include <vector>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,17 +17,16 @@ namespace {
 
 class TraceTest : public ::testing::Test {
 protected:
-  void TearDown() override {
+  ~TraceTest() override {
     SetPlatformTestHooks(nullptr);
-    Switches("\"DumpMsg\"=dword:0\n\"DumpInETW\"=dword:0");
+    Switches("0", "0");
     TraceInit(nullptr); // off again for the next test
     std::filesystem::remove(m_registry);
   }
-  void Switches(char const *szValues) const {
+  void Switches(std::string const &dump, std::string const &etw = "") const {
     setenv("SKIFFPORT_REGISTRY", m_registry.c_str(), 1);
-    std::ofstream(m_registry) << "Windows Registry Editor Version 5.00\n\n"
-                                 "[HKEY_LOCAL_MACHINE\\software\\QUILLON\\Tintwright]\n"
-                              << szValues << "\n";
+    std::ofstream(m_registry) << "[HKEY_LOCAL_MACHINE\\software\\QUILLON\\Tintwright]\n\"dumpMsg\"=dword:" + dump
+                              << (etw.empty() ? "\n" : "\n\"DumpInETW\"=dword:" + etw + "\n");
   }
   template <class Work> static std::string Lines(Work work) {
     ::testing::internal::CaptureStderr();
@@ -36,30 +34,29 @@ protected:
     return ::testing::internal::GetCapturedStderr();
   }
 
-  std::filesystem::path m_registry =
-      std::filesystem::temp_directory_path() / ("trace_test." + std::to_string(getpid()) + ".reg");
+  std::filesystem::path m_registry = testing::TempDir() + "trace_test." + std::to_string(getpid()) + ".reg";
   PlatformTestHooks m_hooks;
 };
 
 TEST_F(TraceTest, WritesLinesOnlyWhenSwitchedOn) {
   m_hooks.fault = [](FaultPoint call, DWORD *) { return call == FaultPoint::LoadLibraryA; }; // no event-trace library
   SetPlatformTestHooks(&m_hooks);
-  for (auto const &[szValues, bOn] : {std::pair("\"DumpMsg\"=dword:00000000\n\"DumpInETW\"=dword:00000001", false),
-                                      std::pair("\"dumpmsg\"=dword:00000001", true),
-                                      std::pair("\"DumpMsg\"=dword:ffffffff\n\"DumpInETW\"=dword:00000001", true)}) {
-    Switches(szValues);
-    EXPECT_EQ(Lines([] {
-                TraceInit("Case");
-                TraceMsgA("n %d", 5);
-                TraceMsgW(L"w %s %S %s", L"\u00e4", "narrow", static_cast<wchar_t const *>(nullptr));
-              }),
-              bOn ? "[Case] n 5\n[Case] w \xC3\xA4 narrow (null)\n" : "")
-        << szValues;
+  char const *const rows[][3] = {{"00000000", "1", ""}, // the switch for lines, that for events, what is written
+                                 {"00000001", "", "[Case] n 5\n[Case] w \xC3\xA4 narrow (null)\n"},
+                                 {"ffffffff", "1", "[Case] n 5\n[Case] w \xC3\xA4 narrow (null)\n"}};
+  for (auto const &[szDump, szEtw, szLines] : rows) {
+    Switches(szDump, szEtw);
+    std::string const lines = Lines([] {
+      TraceInit("Case");
+      TraceMsgA("n %d", 5);
+      TraceMsgW(L"w %s %S %s", L"\u00e4", "narrow", static_cast<wchar_t const *>(nullptr));
+    });
+    EXPECT_EQ(lines, szLines) << szDump << szEtw;
   }
 }
 
 TEST_F(TraceTest, KeepsSwitchesAndPrefixAndCutsOrEscapesTexts) {
-  Switches("\"DumpMsg\"=dword:1");
+  Switches("1");
   TraceInit("First");
   std::filesystem::remove(m_registry); // no key: the switches stay
   EXPECT_EQ(Lines([] {
@@ -74,29 +71,34 @@ TEST_F(TraceTest, KeepsSwitchesAndPrefixAndCutsOrEscapesTexts) {
             "[First] a\n[First] b\n[T] c\t\\u000d\\u000a[T] \\u001b[m\\u007f\xC3\xA4\n\n"
             "[T] d\t\\u000d\\u000a[T] \\u0085\\u009b\xC2\xA0\\u202e\\u2028\xF0\x9F\x98\x80\n\n");
   std::string const y(1017, 'y');
-  for (auto const &[text, shown] :
-       {std::pair(y + std::string(99, 'z'), y + "zzzzzz"), std::pair(y + "\1", y + "\\u0001"),
-        std::pair(y + "z\1z", y + "z")}) { // an escape is never cut
-    char const *const szText = text.c_str();
-    EXPECT_EQ(Lines([szText] { TraceMsgA("%s", szText); }), "[T] " + shown + "\n");
-    EXPECT_EQ(Lines([szText] { TraceMsgW(L"%S", szText); }), "[T] " + shown + "\n");
+  char const *const rows[][2] = {{"zzzzzzz", "zzzzzz"}, {"\1", "\\u0001"}, {"z\1z", "z"}}; // an escape is never cut
+  for (auto const &[szText, szShown] : rows) {
+    std::string const text = y + szText, line = "[T] " + y + szShown + "\n";
+    EXPECT_EQ(Lines([&text] { TraceMsgA("%s", text.c_str()); }), line);
+    EXPECT_EQ(Lines([&text] { TraceMsgW(L"%S", text.c_str()); }), line);
   }
 }
 
-TEST_F(TraceTest, WorksInAForkedChildWhateverTheParentsThreadsWereDoing) {
-  Switches("\"DumpMsg\"=dword:1\n\"DumpInETW\"=dword:1");
-  std::atomic<bool> bInside = false, bDone = false;
-  m_hooks.fault = [&](FaultPoint call, DWORD *) {
-    bool const bFirst = call == FaultPoint::LoadLibraryA && !bInside.exchange(true); // holds the lock
-    auto const end = std::chrono::steady_clock::now() + std::chrono::milliseconds(bFirst ? 200 : 0);
-    while (std::chrono::steady_clock::now() < end) // leaves time for the fork, which must wait for the lock
+// Lets a thread hold the trace's lock for a while. What it uses is static, since it may never end.
+std::atomic<bool> s_bInside = false, s_bDone = false;
+PlatformTestHooks s_hooks;
+void HoldTheLock(std::chrono::milliseconds time) {
+  s_hooks.fault = [time](FaultPoint call, DWORD *) {
+    bool const bHolds = call == FaultPoint::LoadLibraryA && !s_bInside.exchange(true);
+    auto const end = std::chrono::steady_clock::now() + time;
+    while (bHolds && std::chrono::steady_clock::now() < end)
       std::this_thread::yield();
     return call == FaultPoint::LoadLibraryA;
   };
-  SetPlatformTestHooks(&m_hooks);
-  std::thread([&bDone] { TraceInit("T"), bDone = true; }).detach(); // a sanitizer would have the child join it
-  while (!bInside)
+  SetPlatformTestHooks(&s_hooks);
+  std::thread([] { TraceInit("T"), s_bDone = true; }).detach(); // a sanitizer would have a forked child join it
+  while (!s_bInside)
     std::this_thread::yield();
+}
+
+TEST_F(TraceTest, WorksInAForkedChildWhateverTheParentsThreadsWereDoing) {
+  Switches("1", "1");
+  HoldTheLock(std::chrono::milliseconds(200)); // leaves time for the fork, which must wait for the lock
   pid_t const child = fork();
   if (child == 0) {
     alarm(20);
@@ -105,41 +107,25 @@ TEST_F(TraceTest, WorksInAForkedChildWhateverTheParentsThreadsWereDoing) {
   }
   int nStatus = -1;
   EXPECT_TRUE(waitpid(child, &nStatus, 0) == child && nStatus == 0);
-  while (!bDone)
+  while (!s_bDone)
     std::this_thread::yield();
 }
 
 TEST_F(TraceTest, LetsTheProcessEndWhateverTheOtherThreadsHold) {
-  Switches("\"DumpMsg\"=dword:1\n\"DumpInETW\"=dword:1");
-  static std::atomic<bool> bInside = false;
-  static PlatformTestHooks hooks; // static, like the flag: the thread never ends
-  hooks.fault = [](FaultPoint call, DWORD *) {
-    bInside = call == FaultPoint::LoadLibraryA;
-    while (bInside) // stands for a thread that is gone while it held the lock
-      pause();
-    return false;
-  };
-  auto const end = [] {
-    alarm(20);
-    SetPlatformTestHooks(&hooks);
-    std::thread([] { TraceInit("T"); }).detach();
-    while (!bInside)
-      std::this_thread::yield();
-    std::exit(0);
-  };
-  EXPECT_EXIT(end(), testing::ExitedWithCode(0), "");
+  Switches("1", "1");
+  s_bInside = false;
+  EXPECT_EXIT((alarm(20), HoldTheLock(std::chrono::hours(1)), std::exit(0)), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(TraceTest, DoesNotMixTheLinesOfThreads) {
-  Switches("\"DumpMsg\"=dword:1");
+  Switches("1");
   TraceInit("T");
   std::string const lines = Lines([] {
-    std::vector<std::jthread> threads;
-    for (wchar_t c = L'a'; c < L'e'; ++c)
-      threads.emplace_back([c] {
-        for (int n = 0; n < 100; ++n)
-          TraceMsgW(L"%s", std::wstring(200, c).c_str());
-      });
+    auto const write = [](wchar_t c) {
+      for (int n = 0; n < 100; ++n)
+        TraceMsgW(L"%s", std::wstring(200, c).c_str());
+    };
+    std::jthread const a(write, L'a'), b(write, L'b'), c(write, L'c'), d(write, L'd');
   });
   ASSERT_EQ(lines.size(), 400 * 205U);
   for (std::size_t at = 0; at < lines.size(); at += 205)

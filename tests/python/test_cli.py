@@ -25,18 +25,22 @@ from skiffhost.presetfiles import FILES, SENT
 
 FIELDS = ["--title", "Ü & 🌇", "--category", "2", "--tags", "a,b", "--description", 'x "y"', "--collections", "",
           "--pip-type", "colour", "--template-key", "K-1"]
-
 COMMAND = ("-m", "skiffhost")
 INTERRUPTED = (str(fixtures.REPOSITORY / "tests" / "support" / "interrupted.py"), "skiffhost")
-# Programs that run the command with something changed first.
-MAIN = "; from skiffhost.__main__ import main; sys.exit(main())"
-SLOW_CANCEL = ("-c", "import sys, Skiffport; Skiffport.PyPresetUploader.CancelUpload = lambda uploader: None" + MAIN)
-INTERRUPTED_START = ("-c", "import sys, signal, Skiffport; uploader = Skiffport.PyPresetUploader; "
-                     "real = uploader.SetCallback; uploader.SetCallback = "
-                     "lambda *how: real(*how) and how[1] and signal.raise_signal(2)" + MAIN)
-INTERRUPTED_IMPORT = ("-c", "import sys, signal; sys.addaudithook(lambda event, values: event == 'import' and "
-                      "values[0] == 'skiffhost.commands' and signal.raise_signal(2))" + MAIN)
-NOT_BUILT = ("-c", "import sys; sys.modules['_Skiffport'] = None" + MAIN)
+
+
+def changed(change):
+    """A program that runs the command with something changed first."""
+    return ("-c", f"import signal, sys; {change}; from skiffhost.__main__ import main; sys.exit(main())")
+
+
+UPLOADER = "import Skiffport; uploader = Skiffport.PyPresetUploader; real = uploader.SetCallback; "
+SLOW_CANCEL = changed(UPLOADER + "uploader.CancelUpload = lambda uploader: None")
+INTERRUPTED_START = changed(UPLOADER + "uploader.SetCallback = "
+                            "lambda *how: real(*how) and how[1] and signal.raise_signal(2)")
+INTERRUPTED_IMPORT = changed("sys.addaudithook(lambda event, values: event == 'import' and "
+                             "values[0] == 'skiffhost.commands' and signal.raise_signal(2))")
+NOT_BUILT = changed("sys.modules['_Skiffport'] = None")
 
 
 class CommandLineCase(common.StandinCase):
@@ -46,7 +50,7 @@ class CommandLineCase(common.StandinCase):
         cls.env = {**cls.standin.env, "SKIFFHOST_PASSWORD": launch.PASSWORD, "TERM": "xterm"}
         cls.env.pop("SKIFFHOST_USER", None)
         cls.preset = fixtures.write_preset(cls.scratch / "small", {"cover_after": 300000})
-        cls.large = fixtures.write_preset(cls.scratch / "large", dict.fromkeys(FILES, 3 << 20))
+        cls.publish = ["publish", launch.USER, str(cls.preset), *FIELDS]
 
     def start(self, *arguments, program=COMMAND, prepare=None, **env):
         process = subprocess.Popen([sys.executable, *program, *arguments], env={**self.env, **env}, encoding="utf-8",
@@ -84,14 +88,20 @@ class AccountTest(CommandLineCase):
         code, output, errors = self.run_cli("login", "--verbose", SKIFFHOST_USER=launch.USER)
         self.assertIn("[KHLoginData] TWR Revision API = ", errors)
         self.assertEqual((code, "Mika Ångström" in output, re.search(r"\b[0-9a-f]{32}\b", output)), (0, True, None))
-        closed = ",".join(f"{name}.kestrelhub.example:443:127.0.0.1:1" for name in ("detect", "www", "stage"))
-        for code, text, env in [
-                (1, "the user name or the password is wrong", {"SKIFFHOST_PASSWORD": "wrong"}),
-                (3, "no answer to the login", {"SKIFFPORT_CONNECT_TO": closed}),
-                (3, "no answer to the login", {"SSL_CERT_FILE": str(self.preset / "effect.bin")}),
-                (2, "SSL_CERT_FILE names no file that can be read: /\n", {"SSL_CERT_FILE": "/"})]:
-            with self.subTest(env=env):
-                found, output, errors = self.run_cli("login", launch.USER, "--json", **env)
+        closed = ",".join(f"{host}:443:127.0.0.1:1" for host in (DETECT, DEFAULT, STAGE))
+        failed = "no answer to the login: the "
+        with Network() as network:
+            network.reply(DEFAULT, "", tls="expired")
+            expired = {name: os.environ[name] for name in ("SKIFFPORT_CONNECT_TO", "SSL_CERT_FILE")}
+            for code, text, env in [
+                    (1, "the user name or the password is wrong, or ", {"SKIFFHOST_PASSWORD": "wrong"}),
+                    (3, failed + "server could not be reached", {"SKIFFPORT_CONNECT_TO": closed}),
+                    (3, failed + "service can be reached, but its certificate has expired", expired),
+                    (3, failed + "host was not found (error 12007)\n", {"host": "no-host.invalid"}),
+                    (3, failed, {"SSL_CERT_FILE": str(self.preset / "effect.bin")}),
+                    (2, "SSL_CERT_FILE names no file that can be read: /\n", {"SSL_CERT_FILE": "/"})]:
+                host = env.pop("host", DEFAULT)
+                found, output, errors = self.run_cli("login", launch.USER, "--json", "--host", host, **env)
                 self.assertEqual((found, json.loads(output)["exit_code"]), (code, code), errors)
                 self.assertTrue(errors.startswith("skiffhost: " + text), errors)
 
@@ -137,17 +147,15 @@ class AccountTest(CommandLineCase):
             for program, keys, code, text in ((COMMAND, b"\x03", 130, "cancelled"), (INTERRUPTED_IMPORT, b"", -2, ""),
                                               (COMMAND, b"\n", 2, "the password is empty")):
                 found, shown = self.run_on_terminal("login", "m", program=program, keys=keys)
-                self.assertNotIn("Traceback", shown)
-                self.assertEqual((found, "skiffhost: " + text in shown), (code, bool(text)), shown)
+                self.assertEqual((found, "Traceback" in shown, "skiffhost: " + text in shown),
+                                 (code, False, bool(text)), shown)
 
 
 class PublishTest(CommandLineCase):
     def test_publishes_all_files_and_fields_and_prints_few_progress_lines(self):
-        replaced = ("--curve-r", str(self.preset / "curve_b.bin"))
-        code, output, errors = self.run_cli("publish", str(self.preset), *replaced, *FIELDS, SKIFFHOST_USER=launch.USER)
-        self.assertEqual(code, 0, errors)
+        code, output, errors = self.run_cli(*self.publish, "--curve-r", str(self.preset / "curve_b.bin"))
         record = self.standin.presets()[-1]
-        self.assertEqual(output, f"published {record['address']}\n")
+        self.assertEqual((code, output), (0, f"published {record['address']}\n"), errors)
         names = ["curve_b" if name == "curve_r" else name for name in SENT]
         digests = [hashlib.sha256((self.preset / f"{name}.bin").read_bytes()).hexdigest() for name in names]
         self.assertEqual([file["sha256"] for file in record["files"]], digests)
@@ -158,16 +166,14 @@ class PublishTest(CommandLineCase):
         percents = list(map(int, re.findall(r"(\d+)%", errors)))
         self.assertEqual((percents, percents[12:]), (sorted(percents), []))
         self.assertIn("finishing 100%", errors.splitlines()[-1])
-
-    def test_prints_the_service_s_own_message_on_refusal(self):
-        found = self.run_cli("publish", launch.USER, str(self.preset), "--json", "--title", "\u00a0")
-        text = "A preset needs a title."
-        self.assertEqual(found, (1, json.dumps({"ok": False, "error": text, "exit_code": 1}) + "\n",
-                                 f"skiffhost: {text}\n"))
+        text = "A preset needs a title."  # the service's own message
+        self.assertEqual(self.run_cli(*self.publish, "--json", "--title", "\u00a0"), (
+            1, json.dumps({"ok": False, "error": text, "exit_code": 1}) + "\n", f"skiffhost: {text}\n"))
 
     def test_signals_cancel_the_upload_unless_they_are_ignored(self):
         """An upload whose start is interrupted must not go on; one that is told to ignore signals must."""
         ignored = [signal.SIGHUP, signal.SIGINT]
+        large = fixtures.write_preset(self.scratch / "large", dict.fromkeys(FILES, 3 << 20))
         for program, label, numbers, prepare, code in [
                 (COMMAND, "uploading", [signal.SIGINT], None, 130),
                 (COMMAND, "uploading", [signal.SIGTERM], None, 130),
@@ -176,7 +182,7 @@ class PublishTest(CommandLineCase):
                 (COMMAND, "uploading", ignored, lambda: [signal.signal(each, signal.SIG_IGN) for each in ignored], 0)]:
             with self.subTest(program=program, numbers=numbers):
                 published = len(self.standin.presets())
-                process = self.start("publish", launch.USER, str(self.large), *FIELDS, program=program, prepare=prepare,
+                process = self.start("publish", launch.USER, str(large), *FIELDS, program=program, prepare=prepare,
                                      INTERRUPTS="1")
                 errors = process.stderr.readline()
                 self.assertRegex(errors, label)
@@ -191,8 +197,7 @@ class PublishTest(CommandLineCase):
 
     def test_a_second_interrupt_ends_a_cancelled_upload(self):
         """The service gets everything but answers nothing, and the upload does not notice the cancel."""
-        process = self.start("publish", launch.USER, str(self.preset), "--json", "--progress", "lines", *FIELDS,
-                             program=SLOW_CANCEL)
+        process = self.start(*self.publish, "--json", "--progress", "lines", program=SLOW_CANCEL)
         service = self.standin._process.pid
         self.addCleanup(os.kill, service, signal.SIGCONT)
         for label, target, number in (("uploading", service, signal.SIGSTOP), ("finishing", process.pid, signal.SIGINT),
@@ -205,8 +210,7 @@ class PublishTest(CommandLineCase):
 
     def test_narrow_terminals_show_percent_and_bar(self):
         for columns, encoding, bar in ((40, "utf-8", r" █+"), (40, "ascii", " #+"), (18, "utf-8", "")):
-            code, shown = self.run_on_terminal("publish", launch.USER, str(self.preset), *FIELDS, columns=columns,
-                                               PYTHONIOENCODING=encoding)
+            code, shown = self.run_on_terminal(*self.publish, columns=columns, PYTHONIOENCODING=encoding)
             rows = re.split(r"[\r\n]+", shown)
             self.assertTrue(any(re.match(f"published *{bar} *100%", row) for row in rows), shown)
             self.assertEqual((code, [row for row in rows[:-2] if len(row) > columns]), (0, []))
@@ -252,9 +256,8 @@ class ArgumentsTest(CommandLineCase):
                 ("categories >/dev/full", 4), ("categories <&- >&- 2>&-", 0), ("bogus 2>&-", 2),
                 ("bogus --json >/dev/full 2>&1", 2), (publish + " 2>&-", 0),
                 (publish + " --progress bar 2>/dev/full", 0), (publish + " --quiet 2>&1", 0)]:
-            with self.subTest(command=command):
-                done = subprocess.run(["bash", "-c", f"{sys.executable} -m skiffhost {command}; exit $?"], env=self.env,
-                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE, pass_fds=[gone], check=False)
-                lines = done.stdout.count(b"\n")
-                self.assertEqual((done.returncode, lines), (code, command.startswith("publish")), done)
-                self.assertNotRegex(done.stderr.decode(), "Traceback|Exception ignored|skiffhost: .*Broken pipe")
+            done = subprocess.run(["bash", "-c", f"{sys.executable} -m skiffhost {command}; exit $?"], env=self.env,
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, pass_fds=[gone], check=False)
+            lines = done.stdout.count(b"\n")
+            self.assertEqual((done.returncode, lines), (code, command.startswith("publish")), (command, done))
+            self.assertNotRegex(done.stderr.decode(), "Traceback|Exception ignored|skiffhost: .*Broken pipe")

@@ -1,4 +1,4 @@
-"""The helpers for hosts: they interpret events, explain failed logins, find files, and release uploaders."""
+"""The helpers for hosts: they interpret events, find files, and release uploaders."""
 
 import gc
 import io
@@ -7,22 +7,19 @@ import pathlib
 import weakref
 
 import common
-from scripted import DEFAULT, DETECT
 
 import Skiffport
 import skiffhost
-from skiffhost import completion, login, loop, progress, views
+from skiffhost import completion, loop, progress, views
 
-PRODUCT = ("10.5", "retail", "uuid-1")
-NO_SERVICE = "no-host:1"  # an invalid address: the upload fails at once with one event
+NO_SERVICE = ("no-host:1", "", "10.5", "retail", "uuid-1")  # an invalid address: an upload fails with one event
 
 
 class EventsTest(common.Case):
     def test_estimates_come_from_the_whole_upload(self):
         now, stream = [0.0], io.StringIO()
         tracker = progress.Tracker(lambda: now[0])
-        view = views.LineView(tracker, stream, lambda: now[0])
-        phases = [tracker.phase]
+        view, phases = views.LineView(tracker, stream, lambda: now[0]), [tracker.phase]
         # A file of 20 bytes that takes a tick makes the event's own rate useless.
         for seconds, sent, rate, shown in ((0.0, 0, 5600, (0, None, None)), (0.1, 20, 5600, (0, None, None)),
                                            (2.0, 26000, 20, (10, 18.0, 13000.0)), (8, 260000, 20, (100, 0.0, 32500.0))):
@@ -55,41 +52,20 @@ class EventsTest(common.Case):
         folder = pathlib.Path(self.preset()[0]).parent
         paths = skiffhost.find_files(folder, {"curve_r": folder / "curve_b.bin"})
         self.assertEqual((len(paths), paths[6]), (13, os.path.join(folder, "curve_b.bin")))
-        large = folder / "large"
-        large.touch()
-        os.truncate(large, 2**32 - 2**20)
+        (folder / "large").touch()
+        os.truncate(folder / "large", 2**32 - 2**20)
+        (folder / "levels_r.old").touch()
+        os.unlink(folder / "levels_g.bin")
+        incomplete = (f"several files could be levels_r: levels_r.bin, levels_r.old; no file levels_g in {folder}")
+        whole = {"levels_r": paths[0], "levels_g": paths[0]}
         for given, faults in (
-                ({"effect": folder, "curve_g": folder / "gone"}, f"not a file: {folder}; no such file: {folder}/gone"),
-                ({"effect": large}, "the files exceed the upload limit of 4 GiB in total"),
-                ({"effect": "\n", "b": "c"}, r"no such file of a preset: b; control character in the file name '\n'")):
+                ({"effect": folder, "curve_g": "/gone", **whole}, f"not a file: {folder}; no such file: /gone"),
+                ({"effect": folder / "large", **whole}, "the files exceed the upload limit of 4 GiB in total"),
+                ({"effect": "\n", "b": "c", **whole}, r"no such file of a preset: b; control character in the file "
+                 r"name '\n'"), ({}, incomplete)):
             with self.subTest(given), self.assertRaises(skiffhost.PresetFilesError) as caught:
                 skiffhost.find_files(folder, given)
             self.assertEqual(str(caught.exception), faults)
-        (folder / "effect.old").touch()
-        list(map(os.unlink, paths[7:9]))
-        with self.assertRaisesRegex(ValueError, "effect: effect.bin, effect.old; no file curve_g, curve_b in "):
-            skiffhost.find_files(folder)
-
-
-class LoginTest(common.NetworkCase):
-    def test_says_why_a_login_failed(self):
-        self.network.lead(f"{DETECT}:443:127.0.0.1:1")
-        for certificate, body, text, refused in (
-                (None, "", "the server could not be reached", False),
-                ("unknown-issuer", "", "issuer is not trusted", False), ("expired", "", "has expired", False),
-                ("good", "<info/>", "the user name or the password is wrong", True),
-                ("good", "<info><tokenid>t</tokenid></info>", "", False)):
-            self.network.lead(f"{DEFAULT}:443:127.0.0.1:1")
-            if certificate:
-                self.network.reply(DEFAULT, body, tls=certificate)
-            session = Skiffport.KHLoginData(*PRODUCT)
-            session.SetKHURLAsReg(DEFAULT)
-            result = session.LoginKestrelhub("user", "password")
-            found = skiffhost.explain_login(session, result)
-            with self.subTest(text):
-                self.assertIn(text, found)
-                self.assertEqual((bool(found), login.was_refused(session, result)), (bool(text), refused))
-        self.assertIn("(error 12007)", skiffhost.explain_login(session, 12007))
 
 
 class UploaderTest(common.Case):
@@ -99,7 +75,7 @@ class UploaderTest(common.Case):
                 self.event = event
 
         host, files = Host(), [pathlib.Path(path) for path in self.preset()]
-        with skiffhost.Uploader(NO_SERVICE, "", *PRODUCT) as host.uploader:
+        with skiffhost.Uploader(*NO_SERVICE) as host.uploader:
             host.uploader.SetCallback(host.on_event)
             host.uploader.start(files, title="Title", number=9)
             self.assertRaises(RuntimeError, host.uploader.start, files, title="while the first one runs")

@@ -32,15 +32,14 @@ class RequestCase(common.NetworkCase):
 class CategoriesTest(RequestCase):
     def test_collects_the_categories_by_id(self):
         peer = self.plain("<!-- c --><categories><!-- c --><category categoryid='7'>A &amp; B</category><other/>"
-                          "<CATEGORY categoryid='8'> x </CATEGORY><category CategoryID='9'>no</category>"
-                          "<category>no</category><category categoryid=''>no</category>"
-                          "<category categoryid='7'>later</category></categories>")
-        self.assertEqual(self.data.GetPresetCategory("en us"), {"7": "later", "8": "x"})
-        self.assertEqual(peer.received(), post("/servlet/getPresetCategory?ap=TWR&Locid=en%20us&version=10.5"))
-        peer = self.plain("<Categories><category categoryid='8'>y</category>"
+                          "<CATEGORY categoryid='8'> x </CATEGORY><category CategoryID='9'>no</category><category>no"
+                          "</category><category categoryid=''>no</category><category categoryid='7'>later</category>"
+                          "</categories>", "--then", "<Categories><category categoryid='8'>y</category>"
                           "<category categoryid='ä'>z</category></Categories>")
+        self.assertEqual(self.data.GetPresetCategory("en us"), {"7": "later", "8": "x"})
         self.assertEqual(self.data.GetPresetCategory(None), {"7": "later", "8": "y", "ä": "z"})
-        self.assertIn(b"Locid=(null)&", peer.received())
+        target = "/servlet/getPresetCategory?ap=TWR&Locid={}&version=10.5"
+        self.assertEqual(peer.received(), post(target.format("en%20us")) + post(target.format("(null)")))
         self.data.LogoutKestrelhub()
         self.data.SetKHURLAsReg(HOST)
         self.plain("<categories><category categoryid='71'/></categories>")  # counts, but ends the copy, in order of ids
@@ -84,8 +83,8 @@ class LookUpTest(RequestCase):
         peer = self.plain(self.ID)
         self.assertEqual(self.data.SetRelateVideo("", "", ""), " ", "nobody is logged in")
         self.log_in()
-        for arguments in ((None, "", ""), ("", None, ""), ("", "", None)):
-            self.assertEqual(self.data.SetRelateVideo(*arguments), " ")
+        nulls = ((None, "", ""), ("", None, ""), ("", "", None))
+        self.assertEqual([self.data.SetRelateVideo(*arguments) for arguments in nulls], [" "] * 3)
         self.assertEqual(peer.received(), b"")
         for body, scenario, requests, answer in (
                 (self.ID, "reply", 2, "https://h/%41"), ("", "reply", 1, " "), ("<info/>", "reply", 1, " "),

@@ -43,13 +43,11 @@ class DiscoveryTest(common.NetworkCase):
             self.assertEqual((data.GetServerUrl(), data.GetVideoGalleryURL()), (HOST, ("/vg", "")))
             paths = "/su?a=A+b", "/fp?x", "/tu?x", "/ap?x"
             self.assertEqual(pages(data), tuple(f"https://{HOST}{path}&uuid=uuid-1" for path in paths))
-
-    def test_falls_back_but_keeps_what_was_read(self):
         self.network.reply(DETECT, f"<INFO><APIUrl></APIUrl>{PAGES}</INFO>",
                            "--header", "Content-Type: text/xml; charset=GB2312")  # which counts for nothing
         data = session()
         data.InitKHServerURL()
-        self.assertEqual((data.GetServerUrl(), data.GetVideoGalleryURL()[0]), (STAGE, "/vg"))
+        self.assertEqual((data.GetServerUrl(), data.GetVideoGalleryURL()[0]), (STAGE, "/vg"), "what was read stays")
 
     def test_calls_that_block_release_the_gil(self):
         self.network.play(DETECT, '("read", ("pause", 0.5))')
@@ -74,64 +72,59 @@ class LoginTest(common.NetworkCase):
         self.network.reply(DEFAULT, "")  # for the probe
         self.data = session(host=HOST)
 
-    def state(self):
-        data = self.data
-        return data.GetLoginTokenID(), data.GetUserName(), data.GetVideoGalleryURL()[1], data.GetRevisionAPI()
+    def log_in(self, reply, *options):
+        """Returns the result of a login that gets this reply, the texts that it leaves, and the peer."""
+        peer, data = self.network.reply(HOST, reply, *options), self.data
+        result = data.LoginKestrelhub("m&u=%", "päss\U0001F600")
+        return result, f"{data.GetLoginTokenID()} {data.GetUserName()} {data.GetVideoGalleryURL()[1]} " + \
+            data.GetRevisionAPI(), peer
 
     def test_logs_in_reads_the_addresses_and_logs_out(self):
-        peer = self.network.reply(HOST, GOOD_LOGIN)
-        self.assertEqual(self.data.LoginKestrelhub("m&u=%", "päss\U0001F600"), 1)
+        *found, peer = self.log_in(GOOD_LOGIN)
+        self.assertEqual((found, self.data.GetUserProfileURL()), ([1, "tok%41 Mika vg 2"], "p"))
         body = "account=m&u=%&pwd=päss\U0001F600&AP=TWR&Version=10.5&versionType=retail&uuid=uuid-1".encode()
-        self.assertEqual(peer.received(), (
-            "POST /servlet/memLogin HTTP/1.1\r\nHost: good.test\r\nUser-Agent: Tintwright\r\nContent-Type: "
-            f"application/x-www-form-urlencoded\r\nContent-Length: {len(body)}\r\n\r\n").encode() + body)
-        self.assertEqual((self.state(), self.data.GetUserProfileURL()), (("tok%41", "Mika", "vg", "2"), "p"))
+        sent = ("POST /servlet/memLogin HTTP/1.1\r\nHost: good.test\r\nUser-Agent: Tintwright\r\nContent-Type: "
+                f"application/x-www-form-urlencoded\r\nContent-Length: {len(body)}\r\n\r\n").encode() + body
+        self.assertEqual(peer.received(), sent)
         self.assertEqual(pages(self.data)[2:], ("https://tu", "https://ap/A"))
         self.assertEqual((self.data.m_bServerReachable, self.data.m_szChkServerUrl), (1, f"https://{DEFAULT}"))
+        for arguments in ((None, "p"), ("u", None)):
+            self.assertEqual((self.data.LoginKestrelhub(*arguments), self.data.GetLoginTokenID()), (0, "tok%41"))
+            self.assertEqual(self.data.GetTutorialURL(), f"https://{HOST}https://tu&uuid=uuid-1", "logged out by that")
+            self.assertEqual(self.data.LoginKestrelhub("m&u=%", "päss\U0001F600"), 1)
+        self.network.lead(f"{DEFAULT}:443:127.0.0.1:1")
+        self.assertEqual((self.data.LoginKestrelhub("u", "p"), self.data.m_bServerReachable), (0, 0))
+        self.assertEqual(peer.received(), sent * 3, "nothing for a null argument or an unreachable host")
         for _ in range(2):
             self.data.LogoutKestrelhub()
-            self.assertEqual((self.state(), self.data.GetServerUrl(), self.data.GetUserProfileURL(),
-                              self.data.m_bServerReachable), (("", "", "", ""), "", "", 0))
+            self.assertEqual((self.data.GetLoginTokenID(), self.data.GetUserName(), self.data.GetVideoGalleryURL()[1],
+                              self.data.GetRevisionAPI(), self.data.GetServerUrl(), self.data.GetUserProfileURL(),
+                              self.data.m_bServerReachable), ("",) * 6 + (0,))
             self.data.SetKHURLAsReg(HOST)
             self.assertEqual(set(pages(self.data)), {f"https://{HOST}&uuid=uuid-1"})
             self.data.SetKHURLAsReg("")
 
     def test_the_elements_of_the_reply_decide(self):
-        for name, document, options, result, state in (
-                ("an empty token", GOOD_LOGIN.replace("tok%41", ""), (), 1, ("", "Mika", "vg", "2")),
-                ("the longest token", GOOD_LOGIN.replace("tok%41", "t" * 259), (), 1, ("t" * 259, "Mika", "vg", "2")),
-                ("a token too long", GOOD_LOGIN.replace("tok%41", "t" * 260), (), 0, ("old", "Mika", "vg", "2")),
-                ("no token", GOOD_LOGIN.replace("tokenid", "token"), (), 0, ("old", "Mika", "vg", "2")),
-                ("an error text", "<info><username>New</username><errMsg>no</errMsg></info>", (), 0,
-                 ("old", "New", "old", "old")),
-                ("a bare token", "<info><tokenid>new</tokenid></info>", (), 1, ("new", "old", "old", "old")),
-                ("an error status", GOOD_LOGIN, ("--status", "401"), 1, ("tok%41", "Mika", "vg", "2")),
-                ("another root", GOOD_LOGIN.replace("info", "INFO"), (), 0, ("old", "old", "old", "old")),
-                ("an empty reply", "", (), 0, ("old", "old", "old", "old"))):
-            with self.subTest(name):
-                self.network.reply(HOST, "<info><tokenid>old</tokenid><username>old</username>"
-                                         "<VideoGallery>old</VideoGallery><RevisionAPI>old</RevisionAPI></info>")
-                self.assertEqual(self.data.LoginKestrelhub("", ""), 1)
-                self.network.reply(HOST, document, *options)
-                self.assertEqual((self.data.LoginKestrelhub("u", "p"), self.state()), (result, state))
-
-    def test_sends_nothing_for_a_null_argument_or_an_unreachable_default_host(self):
-        peer = self.network.reply(HOST, GOOD_LOGIN)
-        self.assertEqual(self.data.LoginKestrelhub("u", "p"), 1)
-        sent = peer.received()
-        for arguments in ((None, "p"), ("u", None)):
-            self.assertEqual(self.data.LoginKestrelhub(*arguments), 0)
-            self.assertEqual(self.data.GetLoginTokenID(), "tok%41")
-            self.assertEqual(self.data.GetTutorialURL(), f"https://{HOST}https://tu&uuid=uuid-1", "logged out by that")
-        self.network.lead(f"{DEFAULT}:443:127.0.0.1:1")
-        self.assertEqual((self.data.LoginKestrelhub("u", "p"), self.data.m_bServerReachable), (0, 0))
-        self.assertEqual(peer.received(), sent)
+        for document, options, expected in (
+                (GOOD_LOGIN.replace("tok%41", ""), (), (1, " Mika vg 2")),
+                (GOOD_LOGIN.replace("tok%41", "t" * 259), (), (1, "t" * 259 + " Mika vg 2")),
+                (GOOD_LOGIN.replace("tok%41", "t" * 260), (), (0, "old Mika vg 2")),
+                (GOOD_LOGIN.replace("tokenid", "token"), (), (0, "old Mika vg 2")),
+                ("<info><username>New</username><errMsg>no</errMsg></info>", (), (0, "old New old old")),
+                ("<info><tokenid>new</tokenid></info>", (), (1, "new old old old")),
+                (GOOD_LOGIN, ("--status", "401"), (1, "tok%41 Mika vg 2")),
+                (GOOD_LOGIN.replace("info", "INFO"), (), (0, "old old old old")),
+                ("", (), (0, "old old old old"))):
+            with self.subTest(document[:60], options=options):
+                self.assertEqual(self.log_in("<info><tokenid>old</tokenid><username>old</username><VideoGallery>old"
+                                             "</VideoGallery><RevisionAPI>old</RevisionAPI></info>")[0], 1)
+                self.assertEqual(self.log_in(document, *options)[:2], expected)
 
     def test_a_first_login_fails_but_keeps_what_was_read(self):
         before = fixtures.threads()
         with browser() as opened_pages:
-            self.network.reply(HOST, GOOD_LOGIN.replace("<info>", "<info><firstloginUrl>https://h/1</firstloginUrl>"))
-            self.assertEqual((self.data.LoginKestrelhub("u", "p"), self.state()), (0, ("", "Mika", "vg", "2")))
+            document = GOOD_LOGIN.replace("<info>", "<info><firstloginUrl>https://h/1</firstloginUrl>")
+            self.assertEqual(self.log_in(document)[:2], (0, " Mika vg 2"))
             # The opener ends before its thread does.
             fixtures.wait_for_threads(before, "end of the opener's thread")
             self.assertIsNone(os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOHANG | os.WNOWAIT), "a zombie opener")

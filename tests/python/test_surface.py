@@ -53,8 +53,7 @@ class SurfaceTest(common.Case):
     def setUp(self):
         super().setUp()
         import Skiffport  # the proxy registers the classes, without which objects leak
-        self.proxy = Skiffport
-        self.data = Skiffport.KHLoginData("10.5", "retail", "uuid")
+        self.proxy, self.data = Skiffport, Skiffport.KHLoginData("10.5", "retail", "uuid")
 
     def test_the_module_has_exactly_the_documented_functions(self):
         functions = {name: value.__doc__ for name, value in vars(_Skiffport).items() if not name.startswith("__")}
@@ -63,21 +62,18 @@ class SurfaceTest(common.Case):
 
     def test_wrong_arguments_raise(self):
         data, uploader = self.data, self.proxy.PyPresetUploader("h", "t", "1", "r", "u")
-        null, where = "invalid null reference in method", "in method"
+        null, where = "invalid null reference in method '{}', argument ", "in method '{}', argument "
         for exception, text, name, arguments in (
                 (TypeError, "{} expected 3 arguments, got 2", "KHLoginData_LoginKestrelhub", (data, "a")),
-                (TypeError, where + " '{}', argument 2 of type 'WCHAR const *'", "KHLoginData_LoginKestrelhub",
-                 (data, b"a", 1)),
-                (ValueError, null + " '{}', argument 1 of type 'KHLoginData *'", "KHLoginData_LoginKestrelhub",
-                 (None, 1, 2)),
-                (OverflowError, where + " '{}', argument 22 of type 'int'", "PyPresetUploader_StartUpload",
+                (TypeError, where + "2 of type 'WCHAR const *'", "KHLoginData_LoginKestrelhub", (data, b"a", 1)),
+                (ValueError, null + "1 of type 'KHLoginData *'", "KHLoginData_LoginKestrelhub", (None, 1, 2)),
+                (OverflowError, where + "22 of type 'int'", "PyPresetUploader_StartUpload",
                  (uploader, *[""] * 20, 2**31)),
-                (TypeError, where + " '{}', argument 2 of type 'char [_MAX_PATH]'", "KHLoginData_m_szChkServerUrl_set",
+                (TypeError, where + "2 of type 'char [_MAX_PATH]'", "KHLoginData_m_szChkServerUrl_set",
                  (data, "x" * 260)),
-                (ValueError, null + " '{}', argument 2 of type 'HINTERNET'", "KHLoginData_m_hInternet_set",
-                 (data, None)),
-                (TypeError, where + " '{}', argument 2 of type 'std::map< unsigned int,int >'",
-                 "PyPresetUploader_m_mapTID2KHID_set", (uploader, {}))):
+                (ValueError, null + "2 of type 'HINTERNET'", "KHLoginData_m_hInternet_set", (data, None)),
+                (TypeError, where + "2 of type 'std::map< unsigned int,int >'", "PyPresetUploader_m_mapTID2KHID_set",
+                 (uploader, {}))):
             with self.subTest(text), self.assertRaises(exception) as caught:
                 getattr(_Skiffport, name)(*arguments)
             self.assertEqual(str(caught.exception), text.format(name))
@@ -86,17 +82,15 @@ class SurfaceTest(common.Case):
         data = self.data
         data.m_bServerReachable = 7
         self.assertEqual(data.m_bServerReachable, 7)
-        for text in ("https://h", "ä" * 129, "x" * 259):
+        for text in ("https://h", "ä" * 129, "x" * 259, None):
             data.m_szChkServerUrl = text
-            self.assertEqual(data.m_szChkServerUrl, text)
-        data.m_szChkServerUrl = None
-        self.assertEqual(data.m_szChkServerUrl, "")
+            self.assertEqual(data.m_szChkServerUrl, text or "")
         data.SetKHURLAsReg("h\U0001F600\ud800x")
         self.assertEqual(data.GetServerUrl(), "h\U0001F600\ud800x")
         # A default address is complete, but without a login the host is prepended all the same.
         data.SetKHURLAsReg("h")
-        self.assertEqual(data.GetSignUpURL(), "https://hhttps://www.kestrelhub.example/signUp&uuid=uuid")
-        self.assertEqual(data.GetTutorialURL(), "https://h&uuid=uuid")
+        self.assertEqual((data.GetSignUpURL(), data.GetTutorialURL()),
+                         ("https://hhttps://www.kestrelhub.example/signUp&uuid=uuid", "https://h&uuid=uuid"))
         self.assertEqual(self.proxy.KHLoginData(None, None, None).GetUserName(), "")
 
     @unittest.skipIf("asan" in os.environ.get("LD_PRELOAD", ""), "ASan exceeds the limit and never throws")

@@ -28,7 +28,8 @@ class EventsTest(common.Case):
             self.assertEqual((tracker.percent, tracker.seconds_left, tracker.bytes_per_second), shown)
             phases.append(tracker.phase)
             view.draw()
-        self.assertIn("\nuploading 10% (26.0 KB of 260.0 KB, 13.0 KB/s, 0:18 left)\n", stream.getvalue())
+        self.assertTrue(stream.getvalue().endswith("\nuploading 10% (26.0 KB of 260.0 KB, 13.0 KB/s, 0:18 left)\n"
+                                                   "finishing 100% (260.0 KB of 260.0 KB)\n"), stream.getvalue())
         tracker.cancel()
         phases.append(tracker.phase)
         tracker.feed("PROGRESS", "UploadComplete", 100, 0, "", "", 5, 7)
@@ -42,7 +43,7 @@ class EventsTest(common.Case):
 
     def test_completions_have_an_outcome(self):
         for accepted, address, error, cancelled, outcome, problem in (
-                (1, "a", "", False, "published", ""), (1, "", "", True, "published", ""),
+                (1, "a", "no", False, "published", ""), (1, "", "", True, "published", ""),
                 (1, "", "no", False, "refused", "no"), (0, "", "no", True, "refused", "no"),
                 (0, "", "", True, "cancelled", "cancelled"), (0, "", "", False, "failed", completion.NO_ANSWER)):
             ended = skiffhost.Completion(100, accepted, address, error, 5, 7)

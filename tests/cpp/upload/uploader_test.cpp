@@ -49,7 +49,7 @@ protected:
 };
 
 TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheReply) {
-  Peer const peer("reply --tls good --status 500 --body '<a/>'");
+  Peer const peer("pieces --tls good --status 500 --body '<a/>'");
   job.AddField("title", "abc");
   job.AddField("empty", "");
   AddFile("\xC3\xA4\"", "abcd");

@@ -48,8 +48,8 @@ sys.exit(qt_publish.main())"""
 def make_asyncio():
     made = asyncio.new_event_loop()
     made.set_exception_handler(lambda *_: None)
-    later = functools.partial(made.call_later, TICK_MILLISECONDS / 1000)
-    return functools.partial(loop.attach_asyncio, made), later, made.run_forever, made.stop, lambda: None
+    return (functools.partial(loop.attach_asyncio, made), functools.partial(made.call_later, TICK_MILLISECONDS / 1000),
+            made.run_forever, made.stop, lambda: None)
 
 
 def make_qt(binding):
@@ -103,7 +103,6 @@ def run(tick):
 
 class Working(Publication):
     """A publication whose events do some work."""
-
     work = staticmethod(lambda: None)
 
     def on_event(self, *event):
@@ -148,17 +147,15 @@ class LoopTest(common.StandinCase):
                                                for each in publications))
             for publication in publications:
                 *progress, completion = publication.events
-                sent = [event[3] for event in progress]
-                self.assertEqual({event[0] for event in progress}, {"ProgressChanged"})
-                self.assertEqual((sent, sent[-1]), (sorted(sent), progress[-1][4]))
+                sent = [event[3] for event in progress if event[0] == "ProgressChanged"]
+                self.assertEqual((len(sent), sent, sent[-1]), (len(progress), sorted(sent), progress[-1][4]))
                 self.assertEqual((completion[2], completion[4]), (1, ""))
                 publication.uploader = None
         return found
 
     def test_the_timer_keeps_running_during_an_upload(self):
         ticks, gap = self.publish(sizes={"effect": 40_000_000, "cover_before": 8_000_000})
-        self.assertGreater(ticks, 20)
-        self.assertLess(gap, LONGEST_GAP_SECONDS)
+        self.assertTrue(ticks > 20 and gap < LONGEST_GAP_SECONDS, (ticks, gap))
 
     def test_queued_events_arrive_in_slices_and_may_run_the_loop(self):
         depths = [0]
@@ -174,8 +171,7 @@ class LoopTest(common.StandinCase):
                     mock.patch.object(Working, "work", staticmethod(work)):
                 self.assertLess(self.publish(WAITING_UPLOADS)[1], longest)
             self.assertGreater(sum(ran), WAITING_COMMANDS)
-        self.assertEqual(depths[-1], 0)
-        self.assertLess(max(depths), 20)
+        self.assertTrue(depths[-1] == 0 and max(depths) < 20, depths)
 
     def test_an_event_may_end_the_attachment_or_raise(self):
         def handle(*_):

@@ -21,7 +21,6 @@
 namespace {
 
 constexpr DWORD kDeadline = 30'000; // ms
-constexpr int kFiles = 13;
 
 /// Bytes as they are and wide text in UTF-8, so that it does not matter how many units a character takes.
 template <class Value> std::string Show(Value const &value) {
@@ -52,9 +51,9 @@ std::wstring Wide(char const *ascii) { return {ascii, ascii + std::strlen(ascii)
 // it is not "-", and says yes to the query with the number CANCEL whether to stop.
 void Upload(char **arguments) {
   std::wstring const folder = Wide(arguments[2]) + L"/";
-  std::wstring paths[kFiles], names[kFiles];
-  PresetFile files[kFiles];
-  for (int n = 0; n < kFiles; ++n) {
+  std::wstring paths[13], names[13];
+  PresetFile files[13];
+  for (int n = 0; n < 13; ++n) {
     paths[n] = folder + std::to_wstring(n) + (n == 6 ? L"Gr\u00F6\u00DFe \u4E2D \U0001F600.bin" : L".bin");
     names[n] = L"PIPimg_" + std::to_wstring(n);
     files[n] = {paths[n].c_str(), names[n].c_str(), n == 1 ? L"PIPimg" : nullptr};

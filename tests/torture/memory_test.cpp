@@ -68,7 +68,8 @@ TEST(Memory, AnUploadEndsWithItsErrorNumber) {
            7, [&job] {
              Receiver receiver;
              UploadResult result;
-             Uploader uploader(&receiver, &job, &result);
+             SessionHandle session;
+             Uploader uploader(&receiver, &job, &result, session);
              return static_cast<DWORD>(uploader.Post());
            });
   SetPlatformTestHooks(nullptr);

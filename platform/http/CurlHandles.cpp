@@ -10,7 +10,6 @@
 #include <utility>
 
 #include <openssl/crypto.h>
-#include <pthread.h>
 #include <sys/stat.h>
 
 namespace {
@@ -25,31 +24,6 @@ IdleHandles &Idle() {
   static IdleHandles &idle = *new IdleHandles; // never destroyed: a thread may still send at exit
   return idle;
 }
-
-/// Frees what OpenSSL has for a thread that ends. OpenSSL itself would do it without keeping forks out meanwhile. A
-/// key's destructor, because the C library ends the process if it has no memory to register a thread_local object's;
-/// those of keys run in the order of their creation, so this one is created when the library is loaded. That is before
-/// OpenSSL's, unless the program has used OpenSSL already, as Python's ssl module does.
-class ThreadCleanUp {
-public:
-  ThreadCleanUp() : m_isCreated(pthread_key_create(&m_key, Run) == 0) {}
-  /// For the calling thread. Where it fails, OpenSSL's own clean-up runs.
-  void Arrange() const {
-    if (m_isCreated)
-      pthread_setspecific(m_key, this);
-  }
-
-private:
-  static void Run(void * /*self*/) {
-    NoForkScope const scope;
-    OPENSSL_thread_stop();
-  }
-
-  pthread_key_t m_key = 0;
-  bool const m_isCreated;
-};
-
-ThreadCleanUp const g_threadCleanUp;
 
 /// May throw std::bad_alloc; the next call then tries again.
 void InitializeCurl() {
@@ -85,9 +59,13 @@ bool IsKeyLogRegular() {
   return !path || stat(path, &status) != 0 || S_ISREG(status.st_mode);
 }
 
+void FreeThreadState() {
+  NoForkScope const scope;
+  OPENSSL_thread_stop();
+}
+
 CurlHandles MakeCurlHandles(bool mayReuse) {
   InitializeCurl();
-  g_threadCleanUp.Arrange();
   CurlHandles handles;
   if (mayReuse)
     handles.multi = TakeIdle();

@@ -33,6 +33,10 @@ CurlHandles MakeCurlHandles(bool mayReuse);
 /// Takes back a multi handle whose only transfer is over and was removed. Cannot fail; a surplus handle is freed.
 void KeepMultiHandle(CurlHandles::Multi multi) noexcept;
 
+/// Frees what OpenSSL has for the calling thread. For the end of a transfer: what is left at the thread's end, OpenSSL
+/// frees without keeping forks out meanwhile, and a child could find one of its locks taken. Cannot fail.
+void FreeThreadState();
+
 /// Errors: throws std::bad_alloc, which is all that can fail: libcurl knows every option used here.
 template <class Value> void SetCurlOption(CURL *easy, CURLoption option, Value value) {
   if (curl_easy_setopt(easy, option, value) != CURLE_OK)

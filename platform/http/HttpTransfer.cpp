@@ -40,6 +40,7 @@ HttpTransfer::~HttpTransfer() {
     KeepMultiHandle(std::move(m_curl.multi));
   m_curl.easy.reset(); // here, while no fork can happen
   m_curl.multi.reset();
+  FreeThreadState();
 }
 
 // --- Driving libcurl

@@ -1,7 +1,7 @@
 // Header lines: those that a caller adds to a request, and those of a reply.
 #include "platform/http/HandleTree.h"
-#include "platform/http/HttpRequest.h"
 #include "platform/http/HttpReply.h"
+#include "platform/http/HttpRequest.h"
 #include "platform/http/WinInet.h"
 #include "tests/fuzz/fuzz.h"
 

@@ -57,15 +57,13 @@ class LifecycleTest(common.NetworkCase):
         runs += dice.sample(deck, min(int(os.environ.get("LIFECYCLE_ROUNDS", "24")), len(deck)))
         runs += [("storm", "fast", "", 0), ("pump_on_threads", "fast", "", 0)]
         if not PRELOAD:  # the locks of a sanitizer do not survive a fork while other threads allocate
-            runs.append(("fork_often", "fast", "", 0))
+            runs += [("fork_often", "fast", "", 0)] * len(FIRST)
         shared = {phase: phases.open_place(self.network, phase) for phase in phases.PHASES}
         with futures.ThreadPoolExecutor(8) as pool:
             started = []
             for number, (case, phase, way, status) in enumerate(runs):
                 place = phases.open_place(self.network, phase) if case == "fork_and_kill" else shared[phase]
-                # Where another uses OpenSSL first, a fork may meet OpenSSL's own clean-up of a thread.
-                first = "sys" if case == "fork_often" else FIRST[number % len(FIRST)]
-                run = (case, phase, place, way, first, str(dice.randrange(10**9)))
+                run = (case, phase, place, way, FIRST[number % len(FIRST)], str(dice.randrange(10**9)))
                 network = f"{place.host}:443:127.0.0.1:{place.port},{os.environ['SKIFFPORT_CONNECT_TO']}"
                 environment = {**os.environ, **self.env, "SKIFFPORT_CONNECT_TO": network}
                 started.append((pool.submit(self.run_program, environment, *run), status, run))

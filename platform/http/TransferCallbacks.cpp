@@ -25,9 +25,9 @@ CURLcode HttpTransfer::SetUpTls(void *context) {
     X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(tls), X509_V_FLAG_NO_CHECK_TIME);
   SSL_CTX_set_app_data(tls, this);
   SSL_CTX_set_info_callback(tls, [](SSL const *ssl, int event, int) {
-    if (!(event & SSL_CB_HANDSHAKE_START))
+    BIO *const connection = SSL_get_rbio(ssl); // null if libcurl had no memory for it
+    if (!connection || !(event & SSL_CB_HANDSHAKE_START))
       return;
-    BIO *const connection = SSL_get_rbio(ssl);
     BIO_set_callback_arg(connection, static_cast<char *>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(ssl))));
     BIO_set_callback_ex(connection, BeforeTlsRead);
   });

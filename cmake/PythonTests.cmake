@@ -27,6 +27,10 @@ file(GLOB _modules CONFIGURE_DEPENDS ${_tests}/python/test_*.py)
 foreach(_tag IN LISTS SKIFFPORT_PYTHON_TAGS)
   foreach(_module IN LISTS _modules)
     cmake_path(GET _module STEM _name)
+    if(_name STREQUAL "test_memory" AND (SKIFFPORT_SANITIZE
+        OR NOT SKIFFPORT_PYTHON_${_tag}_EXECUTABLE STREQUAL SKIFFPORT_BUILD_PYTHON))
+      continue() # sanitizers have allocators, and other interpreters faults, of their own
+    endif()
     string(REGEX REPLACE "^cpython-3([0-9]+).*" "python3.\\1-${_name}" _name ${_tag})
     if(NOT SKIFFPORT_SANITIZE MATCHES "thread")
       add_test(NAME ${_name} WORKING_DIRECTORY ${_tests}/python

@@ -27,9 +27,9 @@ Settings = Optional[Mapping[str, Any]]
 Table = Dict[str, Union[str, List[str]]]
 
 # What a source distribution holds: all but the folder build and the names that start with a dot.
-SOURCES = ("CHANGELOG.md", "CMakeLists.txt", "CMakePresets.json", "CONTRIBUTING.md", "README.md", "SECURITY.md", "bench",
-           "cmake", "docs", "examples", "framework", "host", "packaging", "platform", "publish", "pyproject.toml",
-           "reply", "scripts", "service", "shell", "standin", "tests", "trace", "upload")
+SOURCES = ("CHANGELOG.md", "CMakeLists.txt", "CMakePresets.json", "CONTRIBUTING.md", "README.md", "SECURITY.md",
+           "bench", "cmake", "docs", "examples", "framework", "host", "packaging", "platform", "publish",
+           "pyproject.toml", "reply", "scripts", "service", "shell", "standin", "tests", "trace", "upload")
 # Debian's package of each tool and header that a build needs.
 TOOLS = {"cmake": "cmake", "ninja": "ninja-build", "swig": "swig", "pkg-config": "pkg-config",
          os.environ.get("CXX", "c++"): "g++"}

@@ -48,7 +48,9 @@ TEST(Threads, SuspendedThreadRunsOnceResumedAndEachHandleClosesOnce) {
   EXPECT_TRUE(id != 0 && WaitForSingleObject(thread, 20) == WAIT_TIMEOUT);
   EXPECT_TRUE(GetExitCodeThread(thread, &code) && code == STILL_ACTIVE);
   EXPECT_TRUE(ResumeThread(thread) == 1 && WaitForSingleObject(thread, INFINITE) == WAIT_OBJECT_0);
-  EXPECT_TRUE(CloseHandle(thread) && !CloseHandle(thread) && WaitForSingleObject(thread, 0) == WAIT_FAILED);
+  EXPECT_TRUE(CloseHandle(thread));
+  EXPECT_FALSE(CloseHandle(thread));
+  EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(thread, 0));
   EXPECT_TRUE(GetExitCodeThread(second, &code) && code == 0x80040301U) << "the other handle is open";
   EXPECT_TRUE(CloseHandle(second));
 }

@@ -32,12 +32,14 @@ inline std::wstring TextOf(IXMLDOMNode *parent) {
 /// "name|name|" of the children along the siblings.
 inline std::wstring ChildrenOf(IXMLDOMNode *parent) {
   std::wstring names;
-  CComPtr<IXMLDOMNode> child, next;
-  for (HRESULT hr = parent->get_firstChild(&child); hr == S_OK; child = std::move(next)) {
+  CComPtr<IXMLDOMNode> child;
+  for (HRESULT hr = parent->get_firstChild(&child); hr == S_OK;) {
     CComBSTR name;
     EXPECT_EQ(child->get_nodeName(&name), S_OK);
     names.append(name).append(L"|");
+    CComPtr<IXMLDOMNode> next;
     hr = child->get_nextSibling(&next);
+    child = std::move(next);
   }
   return names;
 }

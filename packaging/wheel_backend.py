@@ -122,14 +122,10 @@ def read_project() -> Dict[str, Table]:
 
 def describe() -> str:
     """Returns the core metadata, with the README as its body."""
-    tables = read_project()
-    project = tables["project"]
+    project = read_project()["project"]
     lines = ["Metadata-Version: 2.1", f"Name: {project['name']}", f"Version: {find_version()}",
              f"Summary: {project['description']}", f"Requires-Python: {project['requires-python']}",
              *(f"Classifier: {classifier}" for classifier in project["classifiers"])]
-    for extra, requirements in tables["project.optional-dependencies"].items():
-        lines += [f"Provides-Extra: {extra}"]
-        lines += [f'Requires-Dist: {requirement}; extra == "{extra}"' for requirement in requirements]
     readme = pathlib.Path(SOURCE, str(project["readme"])).read_text("utf-8")
     return "\n".join([*lines, "Description-Content-Type: text/markdown; charset=UTF-8", "", readme])
 

@@ -45,7 +45,7 @@ expect 'files of the source distribution' "$({ git ls-files | grep -v '^\.' && e
 while read -r interpreter; do
   environment=$(mktemp -d -p "$work")
   quietly "$interpreter" -m venv "$environment"
-  quietly "$environment/bin/python" -m pip install "$work/skiffport-$version.tar.gz[bar]" --no-deps
+  quietly "$environment/bin/python" -m pip install "$work/skiffport-$version.tar.gz" --no-deps
   check_installed "the wheel for $interpreter" "$environment/lib" env -u PYTHONPATH "$environment/bin/skiffhost"
   quietly "$environment/bin/python" -m pip uninstall -y skiffport
   expect 'what is left of it' '' "$(find "$environment/lib" "$environment/bin" -iname '*skiff*')"

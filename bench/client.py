@@ -4,7 +4,7 @@
                            a login, as in every program, since it needs the token
     first-upload PATH...   the same as the process's first use of the network and its libraries
     uploads COUNT PATH...  the same of that many uploads at once, and the longest time that one turn of the pump took
-    login COUNT            seconds per login: of the first, with address discovery and a cold trust store, and of COUNT
+    login COUNT            seconds per login: of the first, with address discovery and no roots read yet, and of COUNT
     logins THREADS COUNT   logins per second of COUNT sessions on so many threads
 """
 
@@ -72,7 +72,7 @@ def logins(threads: int, count: int) -> dict[str, float]:
 
 
 def login(count: int) -> dict[str, Any]:
-    """Logs in once with address discovery and a cold trust store, then `count` times without."""
+    """Logs in once with address discovery and no roots read yet, then `count` times without."""
     session = Skiffport.KHLoginData("1.0", "bench", UUID)
 
     def exchange(times: int) -> tuple[float, float]:

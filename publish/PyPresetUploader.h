@@ -26,7 +26,7 @@ public:
   /// the upload's session, so that its network call fails. No event follows.
   ~PyPresetUploader() override;
   /// Destroys the object, or deliberately leaks it while a thread that cannot be waited for still uses it: in a forked
-  /// child, after the exit hook has run, or when a suspended thread can't be resumed. SWIG's wrapper destroys with a
+  /// child, or after the exit hook has run. SWIG's wrapper destroys with a
   /// generated `delete arg1`, so only a destroying operator delete can decide this before the destructor runs.
   static void operator delete(PyPresetUploader *pUploader, std::destroying_delete_t);
 

@@ -23,7 +23,8 @@ CURLcode HttpTransfer::SetUpTls(void *context) {
   SSL_CTX_set_options(tls, SSL_OP_IGNORE_UNEXPECTED_EOF); // an end without TLS's own counts, as without TLS
   if (m_ignoresDate)
     X509_VERIFY_PARAM_set_flags(SSL_CTX_get0_param(tls), X509_V_FLAG_NO_CHECK_TIME);
-  SSL_CTX_set_app_data(tls, this);
+  if (!SSL_CTX_set_app_data(tls, this))
+    return CURLE_OUT_OF_MEMORY;
   SSL_CTX_set_info_callback(tls, [](SSL const *ssl, int event, int) {
     BIO *const connection = SSL_get_rbio(ssl); // null if libcurl had no memory for it
     if (!connection || !(event & SSL_CB_HANDSHAKE_START))

@@ -2,13 +2,24 @@
 
 from __future__ import annotations
 
+import sys
 import threading
-from concurrent.futures import Future
-from typing import Any, Callable, TypeVar
+from concurrent.futures import Future, wait
+from typing import Any, Callable, Optional, TypeVar
 
 __all__ = ["in_background"]
 
+# How long a wait for a result may keep a Ctrl-C from its handler where it does not end the wait.
+TURN_SECONDS = 0.1
+
 T = TypeVar("T")
+
+
+class _Future(Future):  # type: ignore[type-arg]
+    def result(self, timeout: Optional[float] = None) -> Any:
+        while sys.platform == "win32" and timeout is None and not self.done():
+            wait([self], TURN_SECONDS)
+        return super().result(timeout)
 
 
 def in_background(function: Callable[..., T], *arguments: Any) -> "Future[T]":
@@ -19,7 +30,7 @@ def in_background(function: Callable[..., T], *arguments: Any) -> "Future[T]":
     """
     from .loop import initialize_thread
 
-    future: "Future[T]" = Future()
+    future: "Future[T]" = _Future()
 
     def run() -> None:
         future.set_running_or_notify_cancel()  # from now on a cancelled waiter leaves it alone

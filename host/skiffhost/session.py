@@ -41,8 +41,6 @@ class Session(NamedTuple):
 
 def open_session(arguments: argparse.Namespace) -> Session:
     """Creates a session object with the command's product identity, for the calling thread. Sends no request."""
-    if sys.platform == "win32" and (arguments.connect_to, arguments.ca_file) != (None, None):
-        raise Failure(EXIT_USAGE, "--connect-to and --ca-file have no effect on Windows, where the system decides")
     if arguments.connect_to is not None:
         os.environ["SKIFFPORT_CONNECT_TO"] = arguments.connect_to
     if arguments.ca_file is not None:
@@ -57,8 +55,10 @@ def open_session(arguments: argparse.Namespace) -> Session:
         from .loop import initialize_thread
     except ModuleNotFoundError as error:
         version = ".".join(map(str, sys.version_info[:2]))
-        raise Failure(EXIT_USAGE, f"Skiffport is not built for this CPython {version}: set SKIFFPORT_PYTHONS="
-                      f"{sys.executable} and build again ({error})") from error
+        advice = (f"set SKIFFPORT_PYTHONS={sys.executable} and build again" if sys.platform != "win32" else
+                  "install the wheel for this version of 64-bit CPython")
+        raise Failure(EXIT_USAGE,
+                      f"Skiffport is not built for this CPython {version}: {advice} ({error})") from error
     except ImportError as error:
         raise Failure(EXIT_USAGE, f"cannot import Skiffport: {error}") from error
     initialize_thread()
@@ -145,6 +145,8 @@ def native_interrupts() -> ContextManager[None]:
 def tracing_registry() -> str:
     """Returns the path of a registry file that switches the trace on. It is in memory: whatever ends the process, no
     file is left."""
+    if sys.platform == "win32":
+        raise NotImplementedError  # the option is refused there
     descriptor = os.memfd_create("registry")
     os.write(descriptor, TRACING_REGISTRY)
     return f"/proc/self/fd/{descriptor}"

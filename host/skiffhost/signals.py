@@ -1,10 +1,17 @@
-"""Signal handlers for the duration of a block. Main thread only."""
+"""What stops a command, and signal handlers for the duration of a block. Main thread only."""
 
 from __future__ import annotations
 
 import contextlib
 import signal
+import sys
 from typing import Any, Iterator, Tuple
+
+# On Windows, Ctrl-Break and the end of the console arrive as SIGBREAK.
+if sys.platform == "win32":
+    STOPPING: Tuple[signal.Signals, ...] = (signal.SIGINT, signal.SIGTERM, signal.SIGBREAK)
+else:
+    STOPPING = (signal.SIGINT, signal.SIGTERM)
 
 
 @contextlib.contextmanager

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import sys
 import time
 from typing import Any, Callable, TextIO
 
@@ -123,5 +124,5 @@ def choose_view(kind: str, tracker: Tracker, stream: TextIO, environment: Any) -
     """Returns a view of the given kind ("auto", "bar", "lines" or "none") on the stream."""
     if kind == "none":
         return View(tracker)
-    able = stream.isatty() and environment.get("TERM", "dumb") != "dumb"
+    able = stream.isatty() and (sys.platform == "win32" or environment.get("TERM", "dumb") != "dumb")
     return BarView(tracker, stream) if kind == "bar" or (kind == "auto" and able) else LineView(tracker, stream)

@@ -6,7 +6,8 @@ import argparse
 import os
 import re
 import shlex
-from typing import Any, Callable, Dict, Mapping, Sequence
+import sys
+from typing import Any, Callable, Dict, Mapping, NoReturn, Sequence
 
 from ..outcome import Result
 from ..parser import Parser
@@ -25,9 +26,26 @@ DEFAULTS: Dict[str, Any] = {
     "verbose": False,
 }
 
+# Whether the trace can be switched on for one process.
+TRACES = sys.platform != "win32"
+
 # host:port:address:port; each may be empty, and an IPv6 address stands in brackets.
 _NAME = r"(?:\[[0-9A-Fa-f:.]+\]|[^\s:\[\]/]*)"
 RULE = re.compile(f"{_NAME}:([0-9]{{0,5}}):{_NAME}:([0-9]{{0,5}})")
+
+
+REFUSED_ON_WINDOWS = {
+    "--connect-to": "not available on Windows, which connects to a host's own address",
+    "--ca-file": "not available on Windows, which has its own store of trusted CAs",
+    "--verbose": "not available on Windows, where the registry switches the trace on (see docs/tracing.md)",
+}
+
+
+class Refusal(argparse.Action):
+    """Refuses an option, with or without a value, for the reason in ``const``."""
+
+    def __call__(self, *_arguments: Any) -> NoReturn:
+        raise argparse.ArgumentError(self, self.const)
 
 
 def add_common_options(parser: argparse.ArgumentParser, takes_host: bool = True) -> None:
@@ -36,11 +54,16 @@ def add_common_options(parser: argparse.ArgumentParser, takes_host: bool = True)
     if takes_host:
         group.add_argument("--host", type=host_name,
                            help="host of the service, e.g. www.kestrelhub.example (default: found by detection)")
-    group.add_argument("--connect-to", metavar="LIST", type=connect_rules,
-                       help="redirect connections: comma-separated rules host:port:address:port, "
-                       "e.g. www.kestrelhub.example:443:127.0.0.1:8443")
-    group.add_argument("--ca-file", metavar="FILE", type=certificates_file,
-                       help="PEM file of trusted CAs, e.g. company-ca.pem (default: the system's)")
+    if sys.platform == "win32":
+        for name, reason in REFUSED_ON_WINDOWS.items():
+            group.add_argument(name, action=Refusal, const=reason, nargs="?", help=argparse.SUPPRESS)
+    else:
+        group.add_argument("--connect-to", metavar="LIST", type=connect_rules,
+                           help="redirect connections: comma-separated rules host:port:address:port, "
+                           "e.g. www.kestrelhub.example:443:127.0.0.1:8443")
+        group.add_argument("--ca-file", metavar="FILE", type=certificates_file,
+                           help="PEM file of trusted CAs, e.g. company-ca.pem (default: the system's)")
+        group.add_argument("--verbose", action="store_true", help="print the module's trace on standard error")
     group.add_argument("--version-name", metavar="TEXT",
                        help=f"product version to report, e.g. 10.5 (default: {DEFAULTS['version_name']})")
     group.add_argument("--version-type", metavar="TEXT",
@@ -49,7 +72,6 @@ def add_common_options(parser: argparse.ArgumentParser, takes_host: bool = True)
                        "(default: derived from the host name)")
     group.add_argument("--json", action="store_true", help="print the result, or the failure, as one JSON object")
     group.add_argument("--quiet", action="store_true", help="print no progress on standard error, only failures")
-    group.add_argument("--verbose", action="store_true", help="print the module's trace on standard error")
 
 
 def add_command(subparsers: Any, name: str, run: Command, text: str, examples: Sequence[str],

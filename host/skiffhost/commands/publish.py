@@ -7,7 +7,6 @@ from __future__ import annotations
 
 import argparse
 import os
-import signal
 import sys
 import uuid
 from typing import Any, List
@@ -17,9 +16,9 @@ from ..outcome import EXIT_CANCELLED, EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, 
 from ..presetfiles import FILES, PresetFilesError, find_files
 from ..progress import Tracker
 from ..session import USER_VARIABLE, Session, account_of, log_in, open_session
-from ..signals import handling
+from ..signals import STOPPING, handling
 from ..views import View, choose_view
-from .options import add_command, add_login_options
+from .options import TRACES, add_command, add_login_options
 
 PUMP_SECONDS = 0.2
 UPLOAD_ID = 1
@@ -86,7 +85,8 @@ def publish(arguments: argparse.Namespace) -> Result:
     try:
         address = completion.address_of(ended, tracker.cancelled)
     except completion.NotPublished as error:
-        advice = "; --verbose shows why" if error.outcome == completion.FAILED and not arguments.verbose else ""
+        traceable = TRACES and error.outcome == completion.FAILED and not arguments.verbose
+        advice = "; --verbose shows why" if traceable else ""
         whereabouts = "" if error.outcome == completion.REFUSED else upload.whereabouts()
         raise Failure(EXIT_CODES[error.outcome], f"{error}{whereabouts}{advice}") from error
     line = f"published {address}" if address else "published, but the service named no address"
@@ -141,8 +141,8 @@ class Upload:
             data.GetServerUrl(), data.GetLoginTokenID(), session.version, session.version_type, session.installation)
 
     def run(self, paths: List[str], fields: List[str]) -> completion.Completion:
-        """Uploads and pumps until the completion arrives. SIGINT and SIGTERM cancel; a second one ends the process."""
-        with handling((signal.SIGINT, signal.SIGTERM), self._cancel):
+        """Uploads and pumps until the completion arrives. A signal of STOPPING cancels; a second one ends the process."""
+        with handling(STOPPING, self._cancel):
             try:
                 self._uploader.SetCallback(self._on_event)
                 if self._uploader.StartUpload(*paths, *fields, UPLOAD_ID) == 0:

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Checks the types: the stubs against the built modules and their docstrings, the host package against the stubs and
-# Python 3.8, the snippets of the docs, and that a type checker reports a wrong call to an installed copy.
+# Python 3.8, here and on Windows, the snippets of the docs, and that a type checker reports a wrong call to an
+# installed copy.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
 scripts/setup --for full
@@ -16,7 +17,10 @@ mv "$(dirname "$(find "$work/installed" -name Skiffport.py)")"/* "$site"
 
 PYTHONPATH=$site MYPYPATH=$site:shell/stubs /usr/bin/python3 -m mypy.stubtest \
   _Skiffport Skiffport skiffhost._messageloop
-(cd "$site" && MYPYPATH=$OLDPWD/shell/stubs /usr/bin/python3 -m mypy --strict --python-version 3.8 -p skiffhost)
+for platform in linux win32; do
+  (cd "$site" && MYPYPATH=$OLDPWD/shell/stubs /usr/bin/python3 -m mypy --strict --python-version 3.8 \
+    --platform "$platform" -p skiffhost)
+done
 mkdir "$work/snippets"
 printf '%s\n' '[mypy]' '[mypy-gi.*]' 'ignore_missing_imports = True' '[mypy-skiffhost.*]' 'follow_imports = silent' \
   >"$work/mypy.ini"

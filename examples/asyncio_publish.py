@@ -7,7 +7,6 @@ scripts/with-standin /usr/bin/python3 examples/asyncio_publish.py FOLDER TITLE
 
 import asyncio
 import os
-import signal
 import sys
 from typing import Any, List
 
@@ -30,8 +29,7 @@ def log_in(user: str, password: str) -> Skiffport.KHLoginData:
 
 async def upload(session: Skiffport.KHLoginData, paths: List[str], title: str) -> str:
     """Uploads and shows the progress. Returns the published address. Raises NotPublished."""
-    running = asyncio.get_running_loop()
-    done: "asyncio.Future[Completion]" = running.create_future()
+    done: "asyncio.Future[Completion]" = asyncio.get_running_loop().create_future()
     tracker = Tracker()
 
     def show() -> None:
@@ -52,12 +50,9 @@ async def upload(session: Skiffport.KHLoginData, paths: List[str], title: str) -
             show()
 
         uploader.SetCallback(on_event)
-        running.add_signal_handler(signal.SIGINT, cancel)
-        try:
+        with loop.on_interrupt(cancel):
             uploader.start(paths, title=title)
             completion = await done
-        finally:
-            running.remove_signal_handler(signal.SIGINT)
     return address_of(completion, tracker.cancelled)
 
 

@@ -9,8 +9,9 @@ An uploader and a callable that reaches it keep each other alive: use ``skiffhos
 call SetCallback(None) when you are done.
 
 An exception in an uploader's callable is printed and dropped, even one that a signal handler raises inside it. No loop
-sees that KeyboardInterrupt, so a SIGINT handler should not raise but call ``CancelUpload`` or set a flag. SystemExit in
-the callable ends the process at once and skips every ``finally`` of its callers.
+sees that KeyboardInterrupt, so a SIGINT handler should not raise but call ``CancelUpload`` or set a flag; in asyncio,
+``on_interrupt`` installs one. SystemExit in the callable ends the process at once and skips every ``finally`` of its
+callers.
 
 Where a queue has no descriptor (Windows), Qt and Tk run its messages by themselves and asyncio polls it; their
 attachments are used as elsewhere. ``fileno`` raises OSError there.
@@ -30,7 +31,7 @@ from ._messageloop import fileno, initialize_thread, pump, wait
 from ._messageloop import release as _release
 
 __all__ = ["Attachment", "attach_asyncio", "attach_glib", "attach_qt", "attach_tk", "fileno", "initialize_thread",
-           "pump", "release", "wait"]
+           "on_interrupt", "pump", "release", "wait"]
 
 # How long events may keep the loop from its timers and windows, however many are waiting.
 SLICE_SECONDS = 0.01
@@ -47,7 +48,7 @@ TYPE_CHECKING = False  # as typing's, whose import takes longer than that of thi
 if TYPE_CHECKING:
     import asyncio
     from types import ModuleType
-    from typing import Any, Callable, List, Optional, Set
+    from typing import Any, Callable, ContextManager, List, Optional, Set
 
     # Takes a descriptor, -1 if the queue has none, and the function to call while it is readable. Returns the function
     # that ends the watch.
@@ -150,6 +151,19 @@ def attach_asyncio(loop: Optional[asyncio.AbstractEventLoop] = None) -> Attachme
         return lambda: target.remove_reader(descriptor)
 
     return Attachment(watch)
+
+
+def on_interrupt(call: Callable[[], object]) -> ContextManager[None]:
+    """Lets the running asyncio loop call the function for each Ctrl-C during a ``with`` block, on any system.
+
+    It is called between events, never inside an uploader's callable, and there is no KeyboardInterrupt. Main thread
+    only. On Windows a Ctrl-C does not wake every loop, but an attachment does.
+    """
+    import asyncio
+
+    from .signals import interrupts_for
+
+    return interrupts_for(asyncio.get_running_loop(), call)
 
 
 def attach_qt(core: Optional[ModuleType] = None) -> Attachment:

@@ -5,7 +5,10 @@ from __future__ import annotations
 import contextlib
 import signal
 import sys
-from typing import Any, Iterator, Tuple
+from typing import TYPE_CHECKING, Any, Callable, Iterator, Tuple
+
+if TYPE_CHECKING:
+    import asyncio
 
 # On Windows, Ctrl-Break and the end of the console arrive as SIGBREAK.
 if sys.platform == "win32":
@@ -26,3 +29,18 @@ def handling(numbers: Tuple[signal.Signals, ...], handler: Any) -> Iterator[None
     finally:
         for number in changed:
             signal.signal(number, previous[number])
+
+
+@contextlib.contextmanager
+def interrupts_for(running: asyncio.AbstractEventLoop, call: Callable[[], object]) -> Iterator[None]:
+    """Lets the loop call the function for each Ctrl-C, unless that is ignored."""
+    ignored = signal.getsignal(signal.SIGINT) == signal.SIG_IGN
+    with handling((signal.SIGINT,), lambda *_: running.call_soon_threadsafe(call)):
+        with contextlib.suppress(NotImplementedError):  # as on Windows
+            if not ignored:
+                running.add_signal_handler(signal.SIGINT, call)  # wakes the loop, too
+        try:
+            yield
+        finally:
+            with contextlib.suppress(NotImplementedError):
+                running.remove_signal_handler(signal.SIGINT)

@@ -49,3 +49,15 @@ class WindowsTest(common.StandinCase):
             code, output = self.run_command(*option, "login", "mika", "--json")
             text = f"{option[0].split('=')[0]}: not available on Windows"
             self.assertEqual((code, json.loads(output.splitlines()[1])["error"].startswith(text)), (2, True), output)
+
+    def test_a_ctrl_c_is_for_the_loop(self):
+        code, output = self.run_python(AS_ON_WINDOWS + """
+async def program():
+    interrupted = asyncio.Event()
+    with loop.on_interrupt(interrupted.set):
+        in_background(signal.raise_signal, signal.SIGINT).result()
+        await asyncio.wait_for(interrupted.wait(), 60)
+asyncio.run(program())
+print(signal.getsignal(signal.SIGINT) is signal.default_int_handler)
+""")
+        self.assertEqual((code, output), (0, "True\n"))

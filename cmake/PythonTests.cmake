@@ -64,7 +64,7 @@ add_full_test(demo scripts/demo)
 add_full_test(native scripts/native)
 # Each toolkit's loop, the examples and the snippets of the docs, on a display of their own.
 list(APPEND _environment QT_QPA_PLATFORM=offscreen XDG_RUNTIME_DIR=${CMAKE_CURRENT_BINARY_DIR} SKIFFPORT_TOOLKITS=1)
-foreach(_loop IN ITEMS PyQt6 PyQt6-without-GLib PyQt5 PySide2 GLib GLib-context Tk examples)
+foreach(_loop IN ITEMS PyQt6 PyQt6-without-GLib PyQt5 PySide2 GLib GLib-context GLib-timer Tk examples)
   string(REPLACE "-without-GLib" "" _argument ${_loop})
   add_full_test(${_loop} xvfb-run -a ${SKIFFPORT_BUILD_PYTHON} -B ${_tests}/full/toolkits_test.py ${_argument})
   set_tests_properties(full-${_loop} PROPERTIES ENVIRONMENT "${_environment}")

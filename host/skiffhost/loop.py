@@ -13,7 +13,7 @@ sees that KeyboardInterrupt, so a SIGINT handler should not raise but call ``Can
 ``on_interrupt`` installs one. SystemExit in the callable ends the process at once and skips every ``finally`` of its
 callers.
 
-Where a queue has no descriptor (Windows), Qt and Tk run its messages by themselves and asyncio polls it; their
+Where a queue has no descriptor (Windows), Qt and Tk run its messages by themselves, and asyncio and GLib poll it; their
 attachments are used as elsewhere. ``fileno`` raises OSError there.
 
 Apart from events, every thread that makes a service request calls ``initialize_thread`` before its first one.
@@ -37,7 +37,7 @@ __all__ = ["Attachment", "attach_asyncio", "attach_glib", "attach_qt", "attach_t
 SLICE_SECONDS = 0.01
 # How deeply events may nest, which they do when an event runs the loop itself.
 MOST_NESTED = 8
-# How often asyncio looks for events where it cannot be told of them.
+# How often asyncio and GLib look for events where they cannot be told of them.
 POLL_SECONDS = 0.02
 # Whether a queue has a descriptor.
 HAS_DESCRIPTOR = sys.platform != "win32"
@@ -199,8 +199,6 @@ def attach_glib(context: Any = None) -> Attachment:
 
     As with GLib's own sources, an event that runs the loop itself does not nest others: they wait until it returns.
     """
-    if not HAS_DESCRIPTOR:
-        raise RuntimeError("GLib cannot watch a queue without a descriptor: call pump from a timeout of your own")
     from gi.repository import GLib  # type: ignore[import]
 
     class QueueSource(GLib.Source):  # type: ignore[misc]
@@ -221,8 +219,16 @@ def attach_glib(context: Any = None) -> Attachment:
             return True  # keep the source
 
     def watch(descriptor: int, run: Callable[[], None]) -> Callable[[], object]:
-        source = QueueSource(descriptor, run)
-        source.set_callback(run)  # GLib does not dispatch a source without a callback
+        def run_again(*_: object) -> bool:
+            _report_raised(run)
+            return True
+
+        if descriptor < 0:
+            source = GLib.timeout_source_new(round(POLL_SECONDS * 1000))
+            source.set_callback(run_again)
+        else:
+            source = QueueSource(descriptor, run)
+            source.set_callback(run)  # GLib does not dispatch a source without a callback
         source.attach(context or GLib.MainContext.ref_thread_default())
         return source.destroy  # type: ignore[no-any-return]
 

@@ -81,6 +81,7 @@ def make_tk():
 
 
 LOOPS = {"asyncio": make_asyncio, "GLib": lambda: make_glib(False), "GLib-context": lambda: make_glib(True),
+         "GLib-timer": lambda: setattr(loop, "HAS_DESCRIPTOR", False) or make_glib(False),  # as on Windows
          "Tk": make_tk, **{binding: functools.partial(make_qt, binding) for binding in ("PyQt6", "PyQt5", "PySide2")}}
 
 

@@ -5,8 +5,14 @@ int MessageQueueDescriptor() { return -1; }
 
 int PumpMessages(int nLimit) {
   int ran = 0;
-  for (MSG message; ran < nLimit && PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE); ++ran)
+  for (MSG message; ran < nLimit && PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE); ++ran) {
+    if (message.message == WM_QUIT) { // for the loop outside this call, which must end, too
+      PostQuitMessage(static_cast<int>(message.wParam));
+      break;
+    }
+    TranslateMessage(&message);
     DispatchMessageW(&message);
+  }
   return ran;
 }
 

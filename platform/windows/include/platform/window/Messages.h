@@ -8,7 +8,8 @@
 /// There is no descriptor for a queue. Returns: -1.
 int MessageQueueDescriptor();
 
-/// Runs up to `nLimit` messages, in order, those included that arrive meanwhile. Calls may nest. Returns: how many ran.
+/// Runs up to `nLimit` messages, in order, those included that arrive meanwhile, and makes characters of keys. Stops at
+/// WM_QUIT and leaves it in the queue. Calls may nest. Returns: how many ran.
 int PumpMessages(int nLimit);
 
 /// Waits until the queue holds a message, at most `nMilliseconds` (-1: without limit). Returns: 1 if it holds one, 0 if

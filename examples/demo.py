@@ -19,7 +19,7 @@ import zlib
 from pathlib import Path
 from typing import Any, Callable, Dict, List, Mapping, Sequence, Tuple
 
-# In place of this file's own folder, which holds only skiffhost's sources.
+# Instead of this file's own folder.
 sys.path[:1] = [os.environ["SKIFFPORT_TREE"], str(Path(__file__).resolve().parents[1] / "standin")]
 from kestrelhub_standin.launch import PASSWORD, USER, Standin  # noqa: E402
 from kestrelhub_standin.presets import FILE_PARTS  # noqa: E402

@@ -1,14 +1,14 @@
-"""The program behind scripts/demo: publishes a sample preset to a stand-in and checks every field and byte it stored.
+#!/usr/bin/python3
+"""Publishes a sample preset to a stand-in of the service and checks every field and byte that it stored.
 
-Runs ``python3 -m skiffhost addresses``, ``login`` and ``publish`` as a user would. SKIFFPORT_TREE names the
-built tree.
+Runs ``python3 -m skiffhost addresses``, ``login`` and ``publish`` as a user would. SKIFFPORT_TREE names the built
+tree. scripts/demo starts it.
 """
 
 import hashlib
 import json
 import math
 import os
-import random
 import shlex
 import signal
 import struct
@@ -17,14 +17,14 @@ import sys
 import tempfile
 import zlib
 from pathlib import Path
-from typing import Any, Callable, Dict, List, Mapping, Sequence, Tuple
+from typing import Any, Callable, Dict, List, Mapping, Sequence
 
 # Instead of this file's own folder.
 sys.path[:1] = [os.environ["SKIFFPORT_TREE"], str(Path(__file__).resolve().parents[1] / "standin")]
 from kestrelhub_standin.launch import PASSWORD, USER, Standin  # noqa: E402
 from kestrelhub_standin.presets import FILE_PARTS  # noqa: E402
 
-from skiffhost.presetfiles import FILES, SENT  # noqa: E402
+from skiffhost.presetfiles import SENT  # noqa: E402
 
 PRODUCT = {"version_name": "3.2.1", "version_type": "Retail", "uuid": "4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10"}
 FIELDS = {
@@ -41,79 +41,50 @@ FORM_NAMES = {"pip_type": "PIPtype", "template_key": "templateKey", "version_typ
 FIXED_FIELDS = {"AP": "TWR", "AspectRatio": "1:1", "productName": "Quillon Tintwright", "templatetype": "PRESET",
                 "Version": PRODUCT["version_name"]}
 
-Tone = Callable[[float], float]
-CHANNELS: Dict[str, Tuple[int, int, int]] = {"rgb": (230, 230, 230), "r": (230, 60, 60), "g": (60, 200, 60),
-                                             "b": (70, 90, 240)}
+CURVES: Dict[str, Callable[[float], float]] = {  # of a preset that warms a picture up; levels go from 0 to 1
+    "rgb": lambda level: level + 0.08 * math.sin(2 * math.pi * (level - 0.5)),
+    "r": lambda level: level ** 0.85,
+    "g": lambda level: level,
+    "b": lambda level: level ** 1.2,
+}
 
 
-def png(width: int, rows: List[bytes]) -> bytes:
-    """Returns a PNG file of 8-bit RGB rows."""
-
-    def chunk(kind: bytes, data: bytes) -> bytes:
-        return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data))
-
-    head = struct.pack(">IIBBBBB", width, len(rows), 8, 2, 0, 0, 0)
-    pixels = zlib.compress(b"".join(b"\0" + row for row in rows), 6)
-    return b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", head) + chunk(b"IDAT", pixels) + chunk(b"IEND", b"")
+def png(width: int, rows: Sequence[bytes]) -> bytes:
+    """Returns a PNG file of rows of 8-bit grey levels, or of RGB colours if a row has three bytes for each column."""
+    chunks = [(b"IHDR", struct.pack(">IIBBBBB", width, len(rows), 8, 2 if len(rows[0]) > width else 0, 0, 0, 0)),
+              (b"IDAT", zlib.compress(b"".join(b"\0" + row for row in rows), 0)), (b"IEND", b"")]
+    return b"\x89PNG\r\n\x1a\n" + b"".join(struct.pack(">I", len(data)) + kind + data
+                                         + struct.pack(">I", zlib.crc32(kind + data)) for kind, data in chunks)
 
 
-def photo(width: int, height: int, tones: Sequence[Tone]) -> bytes:
-    """Returns a grainy evening sky, each channel put through its tone curve."""
-    grain = random.Random(width)
-    rows = []
-    for y in range(height):
-        row = bytearray(3 * width)
-        noise = grain.randbytes(width)
-        for channel, tone in enumerate(tones):
-            level = 0.15 + 0.6 * y / height + 0.12 * math.sin(channel + 5 * y / height)
-            row[channel::3] = noise.translate(bytes(round(255 * tone(level + value / 2550)) for value in range(256)))
-        rows.append(bytes(row))
-    return png(width, rows)
+def sky(width: int, height: int, curves: Sequence[str]) -> bytes:
+    """Returns an evening sky, each of its channels put through the common curve and one of its own."""
+    levels = [[0.15 + 0.6 * y / height + 0.12 * math.sin(channel + 5 * y / height) for channel in range(3)]
+              for y in range(height)]
+    if curves:
+        levels = [[CURVES[name](CURVES["rgb"](level)) for name, level in zip(curves, row)] for row in levels]
+    return png(width, [bytes(round(255 * level) for level in row) * width for row in levels])
 
 
-def graph(colour: Tuple[int, int, int], height_at: Callable[[float], float], filled: bool) -> bytes:
-    """Returns a curve, or the area below it, on black."""
-    size = 256
-    heights = [height_at(x / (size - 1)) * (size - 1) for x in range(size)]
-    return png(size, [
-        b"".join(bytes(colour if (y <= top if filled else abs(y - top) < 2) else (12, 12, 12)) for top in heights)
-        for y in reversed(range(size))])
-
-
-def clamp(value: float) -> float:
-    return min(max(value, 0.0), 1.0)
-
-
-def hill(level: float) -> float:
-    return math.exp(-((level - 0.5) / 0.2) ** 2)
-
-
-def joined(first: Tone, second: Tone) -> Tone:
-    return lambda level: second(first(level))
+def graph(curve: Callable[[float], float], filled: bool) -> bytes:
+    """Returns a curve in white on black, or the levels that it makes of a bell curve."""
+    heights = [255 * (math.exp(-((curve(x / 255) - 0.5) / 0.2) ** 2) if filled else curve(x / 255)) for x in range(256)]
+    return png(256, [bytes(255 * (y <= height if filled else abs(y - height) < 2) for height in heights)
+                     for y in reversed(range(256))])
 
 
 def sample(folder: Path) -> None:
-    """Writes the thirteen files of a preset that warms a picture up."""
-    curves: Dict[str, Tone] = {
-        "rgb": lambda level: clamp(level + 0.08 * math.sin(2 * math.pi * (level - 0.5))),
-        "r": lambda level: clamp(level) ** 0.85,
-        "g": lambda level: clamp(level),
-        "b": lambda level: clamp(level) ** 1.2,
-    }
-    after = [joined(curves["rgb"], curves[name]) for name in "rgb"]
-    before = (clamp, clamp, clamp)
-    pictures = {"cover_after": photo(1280, 854, after), "cover_before": photo(1280, 854, before),
-                "thumbnail_after": photo(240, 160, after), "thumbnail_before": photo(240, 160, before)}
-    for name, curve in curves.items():
-        pictures["curve_" + name] = graph(CHANNELS[name], curve, filled=False)
-        pictures["levels_" + name] = graph(CHANNELS[name], joined(curve, hill), filled=True)
-    folder.mkdir(parents=True)
-    points = {name: [round(curve(x / 16), 4) for x in range(17)] for name, curve in curves.items()}
-    (folder / "effect.tint").write_text(json.dumps({"curves": points}, indent=1) + "\n", "utf-8")
-    for name, data in pictures.items():
-        (folder / f"{name}.png").write_bytes(data)
-    size = sum(file.stat().st_size for file in folder.iterdir())
-    print(f"{len(FILES)} files, {size:,} bytes")
+    """Writes the thirteen files of a preset."""
+    points = {name: [round(curve(x / 16), 4) for x in range(17)] for name, curve in CURVES.items()}
+    files = {"effect.tint": json.dumps({"curves": points}, indent=1).encode()}
+    for when, curves in (("after", "rgb"), ("before", "")):
+        files[f"cover_{when}.png"], files[f"thumbnail_{when}.png"] = sky(1280, 854, curves), sky(240, 160, curves)
+    for name, curve in CURVES.items():
+        files[f"curve_{name}.png"], files[f"levels_{name}.png"] = graph(curve, False), graph(curve, True)
+    folder.mkdir()
+    for file, data in files.items():
+        (folder / file).write_bytes(data)
+    print(f"{len(files)} files, {sum(map(len, files.values())):,} bytes")
 
 
 def expected_fields() -> Dict[str, str]:

@@ -1,4 +1,4 @@
-// Debug output on standard error, and the event-trace functions over the system journal. The journal's library is
+// Debug output, and the event-trace functions over the system journal. The journal's library is
 // looked up at run time and stays loaded: a thread may still write while the process ends. Any thread.
 #include "platform/system/Debug.h"
 
@@ -13,12 +13,14 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <new>
 #include <string>
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -28,12 +30,28 @@ namespace {
 
 using SendToJournal = int (*)(iovec const *, int);
 
+constexpr int kNotOpened = -1;
+
 std::atomic<SendToJournal> g_send = nullptr;
+constinit std::atomic<int> g_output = kNotOpened; // a descriptor, never closed
 
 /// A registered provider: its journal field.
 HandleTable<std::string const> &Providers() {
   static auto &table = *new HandleTable<std::string const>(4);
   return table;
+}
+
+int OutputDescriptor() {
+  int output = g_output;
+  if (output != kNotOpened)
+    return output;
+  char const *const path = std::getenv("SKIFFPORT_DEBUG_OUTPUT");
+  int const fd = path ? open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600) : -1;
+  if (g_output.compare_exchange_strong(output, fd >= 0 ? fd : STDERR_FILENO))
+    return g_output;
+  if (fd >= 0)
+    close(fd); // another thread was first
+  return output;
 }
 
 /// Writes the text in one piece. A pipe takes at most PIPE_BUF bytes atomically; a longer text, which could be mixed
@@ -45,7 +63,7 @@ void WriteDebug(std::string text) {
       --end;
     text.replace(end, text.npos, text.back() == '\n' ? "\n" : "");
   }
-  while (write(STDERR_FILENO, text.data(), text.size()) < 0 && errno == EINTR) {
+  while (write(OutputDescriptor(), text.data(), text.size()) < 0 && errno == EINTR) {
   }
 }
 

@@ -7,27 +7,9 @@ import sys
 import time
 from typing import Any
 
-__all__ = ["NETWORK_ERRORS", "explain_login", "unreadable_roots", "was_refused"]
+from .errors import explain_error
 
-# What the network errors mean that a login returns.
-NETWORK_ERRORS = {
-    8: "there is not enough memory",
-    12002: "it timed out",
-    12005: "the address is invalid",
-    12007: "the host was not found",
-    12017: "the request was cancelled",
-    12029: "the connection failed",
-    12030: "the connection was closed",
-    12031: "the connection was reset",
-    12037: "the certificate has expired or is not valid yet",
-    12038: "the certificate is for another host",
-    12045: "the certificate's issuer is not trusted",
-    12057: "it could not be checked whether the certificate was revoked",
-    12152: "the reply was not valid HTTP, or too long",
-    12157: "the secure connection failed",
-    12170: "the certificate was revoked",
-    12175: "the reply could not be decoded",
-}
+__all__ = ["explain_login", "unreadable_roots", "was_refused"]
 
 # How long the probe before a login waits.
 PROBE_SECONDS = 5.5
@@ -60,9 +42,7 @@ def explain_login(session: Any, result: int) -> str:
     if result == 1:
         return ""
     if result != 0:
-        reason = NETWORK_ERRORS.get(result, "the exchange failed")
-        roots = unreadable_roots()
-        return f"no answer to the login: {reason} (error {result})" + (f"; {roots}" if roots else "")
+        return f"no answer to the login: {unreadable_roots() or explain_error(result)}"
     if session.m_bServerReachable:
         return ("the user name or the password is wrong, or a first login must be completed on the page that the "
                 "browser shows, or the service's reply could not be read")

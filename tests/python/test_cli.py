@@ -97,7 +97,7 @@ class AccountTest(CommandLineCase):
                     (1, "the user name or the password is wrong, or ", {"SKIFFHOST_PASSWORD": "wrong"}),
                     (3, failed + "server could not be reached", {"SKIFFPORT_CONNECT_TO": closed}),
                     (3, failed + "service can be reached, but its certificate has expired", expired),
-                    (3, failed + "host was not found (error 12007)\n", {"host": "no-host.invalid"}),
+                    (3, failed + "server's name could not be found (12007)\n", {"host": "no-host.invalid"}),
                     (3, failed, {"SSL_CERT_FILE": str(self.preset / "effect.bin")}),
                     (2, "SSL_CERT_FILE names no file that can be read: /\n", {"SSL_CERT_FILE": "/"})]:
                 host = env.pop("host", DEFAULT)

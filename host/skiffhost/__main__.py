@@ -8,19 +8,24 @@ _on_interrupt = _signal.getsignal(_signal.SIGINT)
 if callable(_on_interrupt):
     _signal.signal(_signal.SIGINT, _signal.SIG_DFL)  # a Ctrl-C during the imports ends the process without a traceback
 
+import argparse
 import signal
 import sys
+import time
 from typing import List, Optional
 
 from . import __version__
 from .commands import GROUPS
 from .commands.options import DEFAULTS, add_common_options
-from .outcome import (EXIT_CANCELLED, EXIT_CODES, EXIT_OK, EXIT_USAGE, Failure, discard_unwritten,
+from .completion import SAFE, UNSAFE
+from .outcome import (EXIT_CANCELLED, EXIT_CODES, EXIT_OK, EXIT_USAGE, Failure, Result, complain, discard_unwritten,
                       open_standard_streams, print_failure, print_lines, print_result)
 from .parser import Information, Parser
 
 if callable(_on_interrupt):
     _signal.signal(_signal.SIGINT, _on_interrupt)
+
+LONGEST_PAUSE_SECONDS = 60
 
 
 def make_parser() -> Parser:
@@ -48,7 +53,7 @@ def main(argv: Optional[List[str]] = None) -> int:
             raise Failure(EXIT_USAGE, "--quiet and --verbose cannot be combined")
         if arguments.host is not None and not arguments.takes_host:
             raise Failure(EXIT_USAGE, "this command has no use for --host")
-        return print_result(arguments.run(arguments), arguments.json)
+        return print_result(_run(arguments), arguments.json)
     except Information as information:
         return print_lines([str(information)], EXIT_OK)
     except Failure as failure:
@@ -59,6 +64,26 @@ def main(argv: Optional[List[str]] = None) -> int:
         discard_unwritten()
         if signal.getsignal(signal.SIGINT) == signal.default_int_handler:
             signal.signal(signal.SIGINT, signal.SIG_DFL)  # nothing is left that a Ctrl-C would leave behind
+
+
+def _run(arguments: argparse.Namespace) -> Result:
+    """Runs the command until it succeeds or may not be tried again."""
+    allowed = (SAFE, UNSAFE) if arguments.retry_sent else (SAFE,)
+    for attempt in range(arguments.retries):
+        result = _attempt(arguments)
+        if result.failure is None or result.failure.retry not in allowed:
+            return result
+        seconds = min(2**attempt, LONGEST_PAUSE_SECONDS)
+        complain(f"{result.failure.text}; trying again in {seconds} s")
+        time.sleep(seconds)
+    return _attempt(arguments)
+
+
+def _attempt(arguments: argparse.Namespace) -> Result:
+    try:
+        return arguments.run(arguments)  # type: ignore[no-any-return]
+    except Failure as failure:
+        return Result([], {}, failure)
 
 
 if __name__ == "__main__":

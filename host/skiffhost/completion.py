@@ -2,12 +2,13 @@
 
 from __future__ import annotations
 
-from typing import NamedTuple
+from typing import NamedTuple, Optional
 
-__all__ = ["CANCELLED", "FAILED", "PUBLISHED", "REFUSED", "Completion", "NotPublished", "address_of"]
+__all__ = ["CANCELLED", "FAILED", "PUBLISHED", "REFUSED", "SAFE", "UNSAFE", "Completion", "NotPublished"]
 
 # How an upload can end.
 PUBLISHED, REFUSED, CANCELLED, FAILED = "published", "refused", "cancelled", "failed"
+SAFE, UNSAFE = "safe", "unsafe"  # to try again
 
 NO_ANSWER = "the network or a file failed before the service answered, or it refused without a reason"
 
@@ -41,19 +42,16 @@ class Completion(NamedTuple):
 
 
 class NotPublished(Exception):
-    """An upload that ended without a published preset. ``outcome`` is REFUSED, CANCELLED or FAILED."""
+    """An upload that ended without a published preset. Its text says why, for a refusal in the service's words.
 
-    def __init__(self, outcome: str, text: str) -> None:
+    ``outcome`` is REFUSED, CANCELLED or FAILED. ``error_number`` says why an upload failed, as in
+    ``errors.ErrorNumber``, or is None if that is not known (see ``causes.record_causes``). ``retry`` says of a failure
+    whether it is SAFE to try again, or UNSAFE: the service may have the preset.
+    """
+
+    def __init__(self, outcome: str, text: str, error_number: Optional[int] = None,
+                 retry: Optional[str] = None) -> None:
         super().__init__(text)
         self.outcome = outcome
-
-
-def address_of(completion: Completion, cancelled: bool = False) -> str:
-    """Returns the published item's address, which is empty if the service names none. Raises NotPublished.
-
-    Don't call it in an uploader's callable, where an exception is printed and dropped.
-    """
-    outcome = completion.outcome(cancelled)
-    if outcome != PUBLISHED:
-        raise NotPublished(outcome, completion.problem(cancelled))
-    return completion.address
+        self.error_number = error_number
+        self.retry = retry

@@ -23,15 +23,23 @@ EXIT_CODES = {
 
 
 class Failure(Exception):
-    """Ends a command with a message for the user and an exit code."""
+    """Ends a command with a message for the user and an exit code.
 
-    def __init__(self, exit_code: int, text: str) -> None:
+    ``retry`` is completion.SAFE, or UNSAFE if the service may have done what was asked; None if it is of no use.
+    """
+
+    def __init__(self, exit_code: int, text: str, retry: Optional[str] = None,
+                 error_number: Optional[int] = None) -> None:
         super().__init__(text)
         self.exit_code = exit_code
         self.text = text
+        self.retry = retry
+        self.error_number = error_number
 
     def values(self) -> Dict[str, Any]:
-        return {"ok": False, "error": self.text, "exit_code": self.exit_code}
+        further = {"retry": self.retry, "error_number": self.error_number}
+        return {"ok": False, "error": self.text, "exit_code": self.exit_code,
+                **{name: value for name, value in further.items() if value is not None}}
 
 
 class Result(NamedTuple):
@@ -77,7 +85,7 @@ def _is_control(character: str) -> bool:
 def print_result(result: Result, as_json: bool) -> int:
     """Writes the result to standard output, and what is wrong with it to standard error. Returns the exit code."""
     if result.failure is not None:
-        _complain(result.failure)
+        complain(result.failure.text)
     state: Dict[str, Any] = {"ok": True} if result.failure is None else result.failure.values()
     lines = [json.dumps({**state, **result.values})] if as_json else [printable(line) for line in result.lines]
     return print_lines(lines, EXIT_OK if result.failure is None else result.failure.exit_code)
@@ -85,7 +93,7 @@ def print_result(result: Result, as_json: bool) -> int:
 
 def print_failure(failure: Failure, as_json: bool) -> int:
     """Writes the failure to standard error and, as JSON, to standard output. Returns the exit code."""
-    _complain(failure)
+    complain(failure.text)
     return print_lines([json.dumps(failure.values())] if as_json else [], failure.exit_code)
 
 
@@ -101,7 +109,7 @@ def print_lines(lines: List[str], exit_code: int) -> int:
             os.kill(os.getpid(), signal.SIGPIPE)  # ends the process as it would have ended one that is not Python's
         return exit_code or EXIT_NOT_WRITTEN
     except OSError as error:
-        _complain(Failure(EXIT_NOT_WRITTEN, f"cannot write the output: {error.strerror}"))
+        complain(f"cannot write the output: {error.strerror}")
         return exit_code or EXIT_NOT_WRITTEN
     return exit_code
 
@@ -118,6 +126,7 @@ def end_at_once(failure: Failure, as_json: bool, terminal_reset: str) -> NoRetur
     os._exit(failure.exit_code)
 
 
-def _complain(failure: Failure) -> None:
+def complain(text: str) -> None:
+    """Writes the text to standard error, if that can be written."""
     with contextlib.suppress(OSError):
-        print(f"skiffhost: {printable(failure.text)}", file=sys.stderr, flush=True)
+        print(f"skiffhost: {printable(text)}", file=sys.stderr, flush=True)

@@ -8,7 +8,9 @@ from __future__ import annotations
 import time
 from typing import Any, Callable, NamedTuple, Optional
 
-from .completion import Completion
+from .causes import take_cause
+from .completion import FAILED, PUBLISHED, REFUSED, SAFE, UNSAFE, Completion, NotPublished
+from .errors import explain_error
 
 __all__ = ["Progress", "Tracker", "describe", "format_bytes", "format_seconds", "from_event"]
 
@@ -63,6 +65,7 @@ class Tracker:
         self.progress = Progress(0, 0, None, None)
         self.completion: Optional[Completion] = None
         self.cancelled = False
+        self.error_number: Optional[int] = None  # why it failed, if that is known
         self._clock = clock
         self._start: Optional[float] = None  # the time of the first event
 
@@ -72,10 +75,35 @@ class Tracker:
             self._advance(from_event(*values))
         elif event == "UploadComplete":
             self.completion = Completion(*values)
+            self.error_number = take_cause()
 
     def cancel(self) -> None:
         """Notes that you have called CancelUpload, which the events do not show."""
         self.cancelled = True
+
+    def result(self) -> str:
+        """Returns the published item's address, which is empty if the service names none. Raises NotPublished.
+
+        Don't call it in an uploader's callable, where an exception is printed and dropped.
+        """
+        if self.completion is None:
+            raise RuntimeError("the upload has not ended")
+        outcome = self.completion.outcome(self.cancelled)
+        if outcome == PUBLISHED:
+            return self.completion.address
+        text = self.completion.problem(self.cancelled) + ("" if outcome == REFUSED else self.doubt)
+        if outcome != FAILED:
+            raise NotPublished(outcome, text)
+        if self.error_number is not None:
+            text = explain_error(self.error_number) + self.doubt
+        if self._start is None:
+            text += "; none of the files was sent, so it is safe to try again"
+        raise NotPublished(outcome, text, self.error_number, SAFE if self._start is None else UNSAFE)
+
+    @property
+    def doubt(self) -> str:
+        """What to add to a failure: once everything is sent, the service may have it, whatever comes next."""
+        return "; the service may have it" if self.percent == 100 else ""
 
     @property
     def phase(self) -> str:

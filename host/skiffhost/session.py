@@ -15,18 +15,13 @@ import uuid
 from types import ModuleType
 from typing import Any, ContextManager, NamedTuple
 
+from .causes import record_causes, tracing_registry
+from .completion import SAFE
 from .login import explain_login, unreadable_roots, was_refused
 from .outcome import EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, Failure, printable
 from .signals import handling
 
 USER_VARIABLE, PASSWORD_VARIABLE = "SKIFFHOST_USER", "SKIFFHOST_PASSWORD"
-
-TRACING_REGISTRY = b"""Windows Registry Editor Version 5.00
-
-[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright]
-"DumpMsg"=dword:00000001
-"DumpInETW"=dword:00000000
-"""
 
 
 class Session(NamedTuple):
@@ -49,6 +44,8 @@ def open_session(arguments: argparse.Namespace) -> Session:
         raise Failure(EXIT_USAGE, unreadable_roots())
     if arguments.verbose:
         os.environ["SKIFFPORT_REGISTRY"] = tracing_registry()
+    else:
+        record_causes()
     try:  # here, since the documents are made of the parser without a built module
         import Skiffport
 
@@ -82,7 +79,9 @@ def log_in(session: Session, account: Account) -> None:
         result = session.data.LoginKestrelhub(*account)
         reason = explain_login(session.data, result)  # may ask the service once more
     if reason:
-        raise Failure(EXIT_REFUSED if was_refused(session.data, result) else EXIT_NO_ANSWER, reason)
+        if was_refused(session.data, result):
+            raise Failure(EXIT_REFUSED, reason)
+        raise Failure(EXIT_NO_ANSWER, reason, SAFE, result or None)
 
 
 class Account(NamedTuple):
@@ -101,8 +100,14 @@ def user_of(arguments: argparse.Namespace) -> str:
 def account_of(arguments: argparse.Namespace) -> Account:
     """Returns who is to log in, and the password from a file, the environment or a prompt. Raises Failure.
 
-    Takes the password out of the environment, which the member's browser inherits.
+    Takes the password out of the environment, which the member's browser inherits. Asks only once.
     """
+    if "account" not in arguments:
+        arguments.account = _ask_account(arguments)
+    return arguments.account  # type: ignore[no-any-return]
+
+
+def _ask_account(arguments: argparse.Namespace) -> Account:
     inherited = os.environ.pop(PASSWORD_VARIABLE, None)
     user = user_of(arguments)
     if not user:
@@ -140,13 +145,3 @@ def _first_line(path: str) -> str:
 def native_interrupts() -> ContextManager[None]:
     """Lets Ctrl-C end the process: a service call blocks the thread that would run Python's handlers."""
     return handling((signal.SIGINT,), signal.SIG_DFL)
-
-
-def tracing_registry() -> str:
-    """Returns the path of a registry file that switches the trace on. It is in memory: whatever ends the process, no
-    file is left."""
-    if sys.platform == "win32":
-        raise NotImplementedError  # the option is refused there
-    descriptor = os.memfd_create("registry")
-    os.write(descriptor, TRACING_REGISTRY)
-    return f"/proc/self/fd/{descriptor}"

@@ -5,6 +5,7 @@ from __future__ import annotations
 import argparse
 from typing import Any, Dict, Optional
 
+from ..completion import SAFE
 from ..outcome import EXIT_NO_ANSWER, Failure, Result
 from ..session import account_of, find_service, log_in, open_session
 from .options import add_command, add_login_options
@@ -49,9 +50,9 @@ def addresses(arguments: argparse.Namespace) -> Result:
     found = {name: page if page.startswith(start + "/") else "" for name, page in pages.items()}
     failure = None
     if not data.m_bServerReachable:
-        failure = Failure(EXIT_NO_ANSWER, "no answer from the detection host: the server is a fallback")
+        failure = Failure(EXIT_NO_ANSWER, "no answer from the detection host: the server is a fallback", SAFE)
     elif not any(found.values()):
-        failure = Failure(EXIT_NO_ANSWER, "the detection host named no pages")
+        failure = Failure(EXIT_NO_ANSWER, "the detection host named no pages", SAFE)
     return _listing({"server": server, **found}, failure)
 
 

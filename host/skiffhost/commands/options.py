@@ -24,10 +24,10 @@ DEFAULTS: Dict[str, Any] = {
     "json": False,
     "quiet": False,
     "verbose": False,
+    "retries": 0,
+    "retry_sent": False,
 }
 
-# Whether the trace can be switched on for one process.
-TRACES = sys.platform != "win32"
 
 # host:port:address:port; each may be empty, and an IPv6 address stands in brackets.
 _NAME = r"(?:\[[0-9A-Fa-f:.]+\]|[^\s:\[\]/]*)"
@@ -71,6 +71,8 @@ def add_common_options(parser: argparse.ArgumentParser, takes_host: bool = True)
     group.add_argument("--uuid", help="installation UUID to report, e.g. 4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10 "
                        "(default: derived from the host name)")
     group.add_argument("--json", action="store_true", help="print the result, or the failure, as one JSON object")
+    group.add_argument("--retries", metavar="N", type=_count, help="try again up to N times, after 1, 2, 4... s, if that "
+                       "can do nothing twice, e.g. --retries 5 (default: 0)")
     group.add_argument("--quiet", action="store_true", help="print no progress on standard error, only failures")
 
 
@@ -95,6 +97,12 @@ def add_login_options(parser: argparse.ArgumentParser, positional: bool = False)
     parser.add_argument("--user", help="account of the member, e.g. mika (default: $SKIFFHOST_USER)")
     parser.add_argument("--password-file", metavar="FILE", help="file whose first line is the password, e.g. "
                         "~/.skiffhost-password; - is standard input (default: $SKIFFHOST_PASSWORD, or a prompt)")
+
+
+def _count(text: str) -> int:
+    if not re.fullmatch("[0-9]{1,6}", text):
+        raise argparse.ArgumentTypeError(f"not a number of times: {shlex.quote(text)}")
+    return int(text)
 
 
 def host_name(text: str) -> str:

@@ -18,7 +18,7 @@ from ..progress import Tracker
 from ..session import USER_VARIABLE, Session, account_of, log_in, open_session
 from ..signals import STOPPING, handling
 from ..views import View, choose_view
-from .options import TRACES, add_command, add_login_options
+from .options import add_command, add_login_options
 
 PUMP_SECONDS = 0.2
 UPLOAD_ID = 1
@@ -60,6 +60,8 @@ def register(subparsers: Any) -> None:
     for name, (text, default) in FIELDS.items():
         fields.add_argument("--" + name, default=default, required=default is None, metavar="TEXT", help=text,
                             type=_not_empty if default is None else str)
+    parser.add_argument("--retry-sent", action="store_true", help="with --retries, also try again after files were sent, "
+                        "though the service may then have the preset twice")
     parser.add_argument("--progress", choices=("auto", "bar", "lines", "none"), default="auto",
                         help="progress on standard error, e.g. --progress lines (default: auto, a bar on a terminal; "
                         "elsewhere lines; none with --quiet, or with --json elsewhere)")
@@ -72,23 +74,19 @@ def publish(arguments: argparse.Namespace) -> Result:
     account = account_of(arguments)
     session = open_session(arguments)
     log_in(session, account)
-    key = arguments.template_key or str(uuid.uuid4()).upper()
+    arguments.template_key = key = arguments.template_key or str(uuid.uuid4()).upper()
     fields = [key, arguments.title, arguments.category, arguments.tags, arguments.description, arguments.collections,
               arguments.pip_type]
     tracker = Tracker()
     view = choose_view(_kind_of_view(arguments), tracker, sys.stderr, os.environ)
     try:
-        upload = Upload(session, tracker, view, arguments.json)
-        ended = upload.run(paths, fields)
+        Upload(session, tracker, view, arguments.json).run(paths, fields)
     finally:
         view.close()
     try:
-        address = completion.address_of(ended, tracker.cancelled)
+        address = tracker.result()
     except completion.NotPublished as error:
-        traceable = TRACES and error.outcome == completion.FAILED and not arguments.verbose
-        advice = "; --verbose shows why" if traceable else ""
-        whereabouts = "" if error.outcome == completion.REFUSED else upload.whereabouts()
-        raise Failure(EXIT_CODES[error.outcome], f"{error}{whereabouts}{advice}") from error
+        raise Failure(EXIT_CODES[error.outcome], str(error), error.retry, error.error_number) from error
     line = f"published {address}" if address else "published, but the service named no address"
     return Result([line], {"address": address, "template_key": key})
 
@@ -140,7 +138,7 @@ class Upload:
         self._uploader = session.module.PyPresetUploader(
             data.GetServerUrl(), data.GetLoginTokenID(), session.version, session.version_type, session.installation)
 
-    def run(self, paths: List[str], fields: List[str]) -> completion.Completion:
+    def run(self, paths: List[str], fields: List[str]) -> None:
         """Uploads and pumps until the completion arrives. A signal of STOPPING cancels; a second one ends the process."""
         with handling(STOPPING, self._cancel):
             try:
@@ -149,29 +147,24 @@ class Upload:
                     raise Failure(EXIT_NO_ANSWER, "the upload could not be started")
                 if self._tracker.cancelled:  # before the start, which forgets that
                     self._uploader.CancelUpload()
-                return self._wait()
+                self._wait()
             finally:
                 self._uploader.SetCallback(None)  # breaks a reference cycle that the garbage collector cannot see
 
-    def _wait(self) -> completion.Completion:
+    def _wait(self) -> None:
         from .. import loop  # here, so that the parser can be made without a built module
 
         while self._tracker.completion is None:
             loop.wait(PUMP_SECONDS)
             if loop.pump() == 0:
                 self._view.draw()
-        return self._tracker.completion
-
-    def whereabouts(self) -> str:
-        """Returns what to add to a failure: once everything is sent, the service may have it, whatever comes next."""
-        return "; the service may have it" if self._tracker.percent == 100 else ""
 
     def _cancel(self, *_signal: Any) -> None:
         """Must not raise: it may run inside ``_on_event``, where an exception is printed and dropped."""
         if self._tracker.completion is not None:
             return
         if self._tracker.cancelled:
-            failure = Failure(EXIT_CANCELLED, "cancelled" + self.whereabouts())
+            failure = Failure(EXIT_CANCELLED, "cancelled" + self._tracker.doubt)
             end_at_once(failure, self._as_json, self._view.terminal_reset)
         self._uploader.CancelUpload()
         self._tracker.cancel()

@@ -10,6 +10,7 @@ import argparse
 from typing import Any
 from urllib.parse import quote
 
+from ..completion import SAFE, UNSAFE
 from ..outcome import EXIT_NO_ANSWER, Failure, Result
 from ..session import Session, account_of, find_service, log_in, native_interrupts, open_session, user_of
 from .options import add_command, add_login_options, host_name
@@ -47,7 +48,7 @@ def categories(arguments: argparse.Namespace) -> Result:
     with native_interrupts():
         names = session.data.GetPresetCategory(_escaped(arguments.location))
     if not names:
-        raise Failure(EXIT_NO_ANSWER, "no categories: the service has none or did not answer")
+        raise Failure(EXIT_NO_ANSWER, "no categories: the service has none or did not answer", SAFE)
     width = max(map(len, names)) + 2
     lines = [f"{number:{width}}{names[number]}" for number in sorted(names, key=lambda number: (len(number), number))]
     return Result(lines, {"categories": names})
@@ -59,7 +60,7 @@ def effect(arguments: argparse.Namespace) -> Result:
         address = session.data.GetEffectByGUID(_escaped(arguments.guid)).strip()
     if not address:
         advice = "" if user_of(arguments) else "; it may need a login (--user)"
-        raise Failure(EXIT_NO_ANSWER, "no such effect, or the service did not answer" + advice)
+        raise Failure(EXIT_NO_ANSWER, "no such effect, or the service did not answer" + advice, SAFE)
     return Result([address], {"address": address})
 
 
@@ -70,9 +71,9 @@ def relate_video(arguments: argparse.Namespace) -> Result:
             address = session.data.SetRelateVideo(_escaped(arguments.video_url), _escaped(arguments.website),
                                                   arguments.info).strip()
         except SystemError as error:  # how the module reports an empty reply
-            raise Failure(EXIT_NO_ANSWER, "no address for the video: the service's reply is empty") from error
+            raise Failure(EXIT_NO_ANSWER, "no address for the video: the service's reply is empty", UNSAFE) from error
     if not address:
-        raise Failure(EXIT_NO_ANSWER, "no address for the video: the service refused it or did not answer")
+        raise Failure(EXIT_NO_ANSWER, "no address for the video: the service refused it or did not answer", UNSAFE)
     return Result([address], {"address": address})
 
 
@@ -86,9 +87,9 @@ def request(arguments: argparse.Namespace) -> Result:
             reply = connection.SyncSendHttpRequest(*target, "")
     data = reply.get("data", "")
     if not reply.get("bSucc") or "errMsg" in reply:
-        raise Failure(EXIT_NO_ANSWER, f"no answer: {reply.get('errMsg', 'the request could not be sent')}")
+        raise Failure(EXIT_NO_ANSWER, f"no answer: {reply.get('errMsg', 'the request could not be sent')}", UNSAFE)
     if not data:
-        raise Failure(EXIT_NO_ANSWER, "the reply is empty or has no Content-Length")
+        raise Failure(EXIT_NO_ANSWER, "the reply is empty or has no Content-Length", UNSAFE)
     return Result(data.splitlines(), {"data": data})
 
 

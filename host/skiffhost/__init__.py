@@ -1,10 +1,11 @@
 """Runs the Skiffport module without its application: helpers for hosts, and a command line (``python3 -m skiffhost``).
 
-For hosts: ``loop`` delivers an uploader's events through any event loop; ``Uploader`` is an uploader for a ``with``
-block; ``Tracker`` and ``Completion`` put the events into everyday terms (``progress``, ``completion``);
-``in_background`` runs a login on a thread of its own (``background``); ``explain_login`` says why it failed
-(``login``); ``find_files`` finds and checks a preset's files (``presetfiles``). Everything else
-belongs to the command line and may change.
+For hosts: ``log_in`` logs a member in (``member``), and ``in_background`` runs it on a thread of its own
+(``background``); ``find_files`` finds and checks a preset's files (``presetfiles``); ``Uploader`` publishes them, for a
+``with`` block (``uploads``); ``loop`` delivers its events through any event loop, and ``aio`` does all of it in asyncio.
+``Tracker`` and ``Completion`` put the events into everyday terms (``progress``, ``completion``); ``explain_login`` says
+why a login failed (``login``), ``record_causes`` makes failed uploads say why (``causes``), and ``errors`` has the
+error numbers. Everything else belongs to the command line and may change.
 """
 
 from ._version import __version__
@@ -14,8 +15,13 @@ if TYPE_CHECKING:
     from typing import Any, List
 
     from .background import in_background as in_background
+    from .causes import record_causes as record_causes
     from .completion import Completion as Completion
+    from .completion import NotPublished as NotPublished
     from .login import explain_login as explain_login
+    from .member import LoginFailed as LoginFailed
+    from .member import Member as Member
+    from .member import log_in as log_in
     from .presetfiles import PresetFilesError as PresetFilesError
     from .presetfiles import find_files as find_files
     from .progress import Tracker as Tracker
@@ -24,16 +30,21 @@ if TYPE_CHECKING:
 # Imported when they are first used: a host that only pumps needs none of them.
 _HOMES = {
     "Completion": "completion",
+    "LoginFailed": "member",
+    "Member": "member",
+    "NotPublished": "completion",
     "PresetFilesError": "presetfiles",
     "Tracker": "progress",
     "Uploader": "uploads",
     "explain_login": "login",
     "find_files": "presetfiles",
     "in_background": "background",
+    "log_in": "member",
+    "record_causes": "causes",
 }
 
-__all__ = ["Completion", "PresetFilesError", "Tracker", "Uploader", "__version__", "explain_login", "find_files",
-           "in_background"]
+__all__ = ["Completion", "LoginFailed", "Member", "NotPublished", "PresetFilesError", "Tracker", "Uploader",
+           "__version__", "explain_login", "find_files", "in_background", "log_in", "record_causes"]
 
 
 def __getattr__(name: str) -> "Any":

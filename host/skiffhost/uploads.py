@@ -5,9 +5,12 @@ from __future__ import annotations
 import os
 import uuid as uuids
 from _thread import get_ident
+from concurrent.futures import Future
 from typing import Any, Callable, Optional, Sequence, Union
 
+from .completion import CANCELLED, NotPublished
 from .presetfiles import FILES, Path
+from .progress import Tracker
 
 __all__ = ["Uploader"]
 
@@ -20,7 +23,7 @@ class Uploader:
     waits for its thread**, for 5 s before it closes the connection, without its completion event; so pump until that
     event before you leave the block, unless you give up.
 
-    It has the methods of PyPresetUploader, takes path objects too, and has ``start``. Everything but CancelUpload after
+    It has the methods of PyPresetUploader, takes path objects too, and has ``start``, whose upload ``tracker`` follows. Everything but CancelUpload after
     the end raises RuntimeError. It belongs to the thread that creates it.
     """
 
@@ -29,10 +32,16 @@ class Uploader:
 
         self._thread = get_ident()
         self._native: Optional[Any] = Skiffport.PyPresetUploader(host, token, version, version_type, uuid)
+        self._callback: Optional[Callable[..., object]] = None
+        self._future: Optional["Future[str]"] = None  # of the upload that runs
+        self._on_progress: Optional[Callable[[Tracker], object]] = None
+        self.tracker: Optional[Tracker] = None
 
     def SetCallback(self, callback: Optional[Callable[..., object]]) -> int:
         """Sets what is called with each event's arguments; None for nothing. Returns 1."""
-        return self._open().SetCallback(callback)  # type: ignore[no-any-return]
+        native = self._open()
+        self._callback = callback
+        return native.SetCallback(callback if self._future is None else self._on_event)  # type: ignore[no-any-return]
 
     def StartUpload(self, *arguments: Union[Path, int, None]) -> int:
         """Starts an upload: thirteen paths, seven texts and your number. Returns its thread's id, 0 if refused."""
@@ -41,26 +50,35 @@ class Uploader:
         return self._open().StartUpload(*paths, *arguments[count:])  # type: ignore[no-any-return]
 
     def start(self, files: Sequence[Path], *, title: str, template_key: Optional[str] = None, category: str = "",
-              tags: str = "", description: str = "", collections: str = "", pip_type: str = "",
-              number: int = 0) -> int:
-        """Starts an upload of the thirteen files, in the order of ``presetfiles.FILES``. Returns its thread's id.
+              tags: str = "", description: str = "", collections: str = "", pip_type: str = "", number: int = 0,
+              on_progress: Optional[Callable[[Tracker], object]] = None) -> "Future[str]":
+        """Starts an upload of the thirteen files, in the order of ``presetfiles.FILES``.
 
-        Without a template key the preset gets a new one. Raises ValueError for another number of files, and
-        RuntimeError if the upload is refused: a file is missing, or an upload of this object still runs.
+        Returns a future, which is completed on the uploader's own thread, by the upload's last event: with the address
+        that the preset was published at, or with NotPublished. So pump, and do not wait for it on that thread.
+        ``on_progress`` is called with ``tracker`` after each event, before that. The future cannot be cancelled: call
+        CancelUpload. Without a template key the preset gets a new one. Raises ValueError for another number of files,
+        and RuntimeError if the upload is refused: a file is missing, or an upload of this object still runs.
         """
         if len(files) != len(FILES):
             raise ValueError(f"a preset has {len(FILES)} files, not {len(files)}")
+        if self._future is not None:
+            raise RuntimeError("an upload of this object still runs")
         key = str(uuids.uuid4()).upper() if template_key is None else template_key
         texts = (key, title, category, tags, description, collections, pip_type)
-        thread = self.StartUpload(*files, *texts, number)
-        if thread == 0:
+        if self.StartUpload(*files, *texts, number) == 0:
             raise RuntimeError("the upload was not started: a file is missing, or an upload of this object still runs")
-        return thread
+        self.tracker, self._on_progress, self._future = Tracker(), on_progress, Future()
+        self._future.set_running_or_notify_cancel()
+        self._open().SetCallback(self._on_event)  # its events arrive when this thread pumps
+        return self._future
 
     def CancelUpload(self) -> None:
         """Asks the upload to stop; its completion event still comes. Does nothing after the end of the block."""
         if self._native is not None:
             self._native.CancelUpload()
+            if self.tracker is not None:
+                self.tracker.cancel()
 
     def GetUploadedFileUrl(self) -> str:
         """Returns the address that the last upload was published at, or an empty text."""
@@ -74,6 +92,9 @@ class Uploader:
         if native is not None:
             # Cancels, waits and drops the callable, even if the traceback of an exception still refers to the object.
             native.__swig_destroy__(native)
+        future, self._future = self._future, None
+        if future is not None:
+            future.set_exception(NotPublished(CANCELLED, "cancelled"))
 
     def __enter__(self) -> Uploader:
         return self
@@ -81,7 +102,33 @@ class Uploader:
     def __exit__(self, *_exception: object) -> None:
         self.close()
 
+    def _on_event(self, *event: Any) -> None:
+        future, tracker = self._future, self.tracker
+        if future is None or tracker is None or self._native is None:
+            return
+        tracker.feed(*event)
+        if tracker.completion is not None:
+            self._future = None  # before the calls, which may start the next upload
+            self._native.SetCallback(self._callback)
+        try:
+            if self._callback is not None:
+                self._callback(*event)
+        finally:
+            try:
+                if self._on_progress is not None:
+                    self._on_progress(tracker)
+            finally:
+                if tracker.completion is not None:
+                    _complete(future, tracker)
+
     def _open(self) -> Any:
         if self._native is None:
             raise RuntimeError("the uploader is closed")
         return self._native
+
+
+def _complete(future: "Future[str]", tracker: Tracker) -> None:
+    try:
+        future.set_result(tracker.result())
+    except NotPublished as error:
+        future.set_exception(error)

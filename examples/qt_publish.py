@@ -9,7 +9,6 @@ import html
 import os
 import signal
 import sys
-import threading
 
 try:
     from PyQt6 import QtCore, QtWidgets
@@ -18,10 +17,14 @@ except ImportError:
     from PySide2 import QtCore, QtWidgets
     Signal = QtCore.Signal
 
-import Skiffport
-from skiffhost import Tracker, Uploader, explain_login, find_files, loop
+from skiffhost import find_files, in_background, log_in, loop, record_causes
 
-PRODUCT = ("10.5", "retail", "4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10")  # version, its type, this installation
+PRODUCT = {"version": "10.5", "version_type": "retail", "uuid": "4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10"}
+AFTER_REFUSED_LOGIN = "Correct the user name or the password, then publish again."
+AFTER_FAILURE = "Check the connection, then publish again."
+# By the outcome of an upload, and whether it is safe to try again.
+ADVICE = {("refused", None): "Correct that, then publish again.", ("failed", "safe"): AFTER_FAILURE,
+          ("failed", "unsafe"): "Look for the preset on your page at the service before you publish again."}
 SIGNAL_MILLISECONDS = 200  # upper bound on the delay of Ctrl-C
 
 
@@ -32,9 +35,9 @@ def dropped_folder(event):
 
 
 class PublishWindow(QtWidgets.QDialog):
-    """Enter publishes, Escape cancels, a folder can be dropped. All but ``_log_in`` runs on the window's thread."""
+    """Enter publishes, Escape cancels, a folder can be dropped. All of it runs on the window's thread."""
 
-    login_ended = Signal(object, object)  # the session, and why the login failed
+    login_ended = Signal(object)  # the login's future
 
     def __init__(self, folder=""):
         super().__init__()
@@ -69,6 +72,7 @@ class PublishWindow(QtWidgets.QDialog):
         self._form = QtWidgets.QWidget()
         form = QtWidgets.QFormLayout(self._form)
         form.setContentsMargins(0, 0, 0, 0)
+        form.setRowWrapPolicy(QtWidgets.QFormLayout.RowWrapPolicy.WrapLongRows)  # in a narrow window
         for label, field in (("&User", self.user), ("Pass&word", self.password), (folder_label, folder_row),
                              ("&Title", self.title)):
             form.addRow(label, field)
@@ -99,7 +103,8 @@ class PublishWindow(QtWidgets.QDialog):
         layout.addWidget(self.bar)
         layout.addLayout(status_row)
         layout.addLayout(buttons)
-        self.resize(layout.sizeHint().expandedTo(QtCore.QSize(40 * self.fontMetrics().averageCharWidth() * 2, 0)))
+        size = layout.sizeHint().expandedTo(QtCore.QSize(80 * self.fontMetrics().averageCharWidth(), 0))
+        self.resize(size.boundedTo(self.screen().availableSize()))
 
     def _choose_folder(self):
         folder = QtWidgets.QFileDialog.getExistingDirectory(self, "Folder with the preset's files", self.folder.text())
@@ -149,63 +154,62 @@ class PublishWindow(QtWidgets.QDialog):
             return
         self._settings.setValue("folder", os.path.abspath(self.folder.text()))
         self._show("Logging in …", busy=True, percent=None)
-        arguments = (self.user.text(), self.password.text())
-        threading.Thread(target=self._log_in, args=arguments, daemon=True).start()
+        login = in_background(log_in, self.user.text(), self.password.text(), **PRODUCT)
+        login.add_done_callback(self.login_ended.emit)  # on the login's thread
 
-    def _log_in(self, user, password):
-        loop.initialize_thread()
-        session = Skiffport.KHLoginData(*PRODUCT)
-        outcome = session.LoginKestrelhub(user, password)
-        self.login_ended.emit(session, "" if outcome == 1 else explain_login(session, outcome))
-
-    def _on_login(self, session, failure):
+    def _on_login(self, login):
+        failure = login.exception()
         if self._cancelled:
             self._end(failure="cancelled")
         elif failure:
-            self._end(failure=failure)
+            refused = getattr(failure, "refused", False)
+            self._end(failure=str(failure), advice=AFTER_REFUSED_LOGIN if refused else AFTER_FAILURE)
         else:
-            self._start(session)
+            self._start(login.result())
 
-    def _start(self, session):
-        self._uploader = Uploader(session.GetServerUrl(), session.GetLoginTokenID(), *PRODUCT)
-        self._uploader.SetCallback(self._on_event)
-        self._tracker = Tracker()
+    def _start(self, member):
+        self._uploader = member.uploader()
         try:
-            self._uploader.start(self._paths, title=self.title.text())
+            published = self._uploader.start(self._paths, title=self.title.text(), on_progress=self._on_progress)
         except RuntimeError as error:
             self._end(failure=str(error))
+        else:
+            published.add_done_callback(self._on_end)
 
-    def _on_event(self, *event):
-        self._tracker.feed(*event)
-        if self._tracker.completion:
-            self._on_completion(self._tracker.completion)
-        elif self._tracker.phase == "finishing":
+    def _on_progress(self, tracker):
+        if tracker.phase == "finishing":
             text = "Finishing: everything is sent, waiting for the service."
             self._show(text, busy=True, percent=None, may_cancel=False)
-        elif self._tracker.phase == "uploading":
-            self._show(self._tracker.describe(), busy=True, percent=self._tracker.percent)
+        elif tracker.phase == "uploading":
+            self._show(tracker.describe(), busy=True, percent=tracker.percent)
 
-    def _on_completion(self, completion):
-        shown = html.escape(completion.address)
-        self._end(text=f'Published: <a href="{shown}">{shown}</a>' if shown else "Published.",
-                  failure=completion.problem(self._cancelled))
+    def _on_end(self, published):
+        failure = published.exception()
+        if failure:
+            self._end(failure=str(failure), advice=ADVICE.get((failure.outcome, failure.retry), ""))
+            return
+        address = published.result()
+        width = self.status.width() - self.fontMetrics().horizontalAdvance("Published: ")
+        shown = self.fontMetrics().elidedText(address, QtCore.Qt.TextElideMode.ElideMiddle, width)
+        link = f'Published: <a href="{html.escape(address)}">{html.escape(shown)}</a>'
+        self._end(text=link if address else "Published.", details=address)
 
     def cancel(self):
         """The login cannot be interrupted. A cancelled upload still ends with its completion event."""
         self._cancelled = True
         if self._uploader is not None:
             self._uploader.CancelUpload()
-            self._tracker.cancel()
         self._show("Cancelling …", busy=True, percent=None)
 
-    def _end(self, text="", failure="", details=""):
+    def _end(self, text="", failure="", advice="", details=""):
         if self._uploader is not None:
             self._uploader.close()
             self._uploader = None
         if failure:
-            self._show(f"Not published: {failure}", details=details, failed=failure != "cancelled")
+            text = f"Not published: {failure}" + (f"\n{advice}" if advice else "")
+            self._show(text, details=details, failed=failure != "cancelled")
         else:
-            self._show(text, percent=100, link=True)
+            self._show(text, percent=100, link=True, details=details)
         if self._closing:
             self.close()
 
@@ -225,6 +229,7 @@ class PublishWindow(QtWidgets.QDialog):
 
 
 def main():
+    record_causes()
     application = QtWidgets.QApplication(sys.argv)
     window = PublishWindow(*application.arguments()[1:2])
     window.show()

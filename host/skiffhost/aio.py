@@ -19,7 +19,7 @@ async def log_in(user: str, password: str, **product: Any) -> Member:
 
     Cancelling the task ends the wait; the login goes on, and its result is dropped.
     """
-    return await asyncio.wrap_future(in_background(lambda: _log_in(user, password, **product)))
+    return await asyncio.wrap_future(in_background(_log_in, user, password, **product))
 
 
 async def publish(member: Member, files: Sequence[Path], **preset: Any) -> str:

@@ -22,7 +22,7 @@ class _Future(Future):  # type: ignore[type-arg]
         return super().result(timeout)
 
 
-def in_background(function: Callable[..., T], *arguments: Any) -> "Future[T]":
+def in_background(function: Callable[..., T], *arguments: Any, **named: Any) -> "Future[T]":
     """Calls the function on a thread of its own that may make service requests. Returns its future.
 
     It is a daemon thread: the program can end while the call blocks, which an executor's threads prevent. In asyncio,
@@ -36,7 +36,7 @@ def in_background(function: Callable[..., T], *arguments: Any) -> "Future[T]":
         future.set_running_or_notify_cancel()  # from now on a cancelled waiter leaves it alone
         initialize_thread()
         try:
-            future.set_result(function(*arguments))
+            future.set_result(function(*arguments, **named))
         except BaseException as error:
             future.set_exception(error)
 

@@ -54,7 +54,7 @@ class SnippetsTest(common.StandinCase):
                                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                           timeout=fixtures.DEADLINE_SECONDS)
                     found = (done.returncode, len(self.standin.presets()) - published, b"Traceback" in done.stdout)
-                    publishes = "Publication(" in code or "uploader" in code
+                    publishes = "publish(" in code or "uploader" in code
                     self.assertEqual(found, (0, publishes, False), done)
                     count += 1
         self.assertGreaterEqual(count, 6)

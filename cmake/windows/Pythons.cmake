@@ -1,25 +1,48 @@
-# The interpreters that the native build makes modules for. Sets SKIFFPORT_PYTHON_TAGS (such as "cp38-win_amd64") and,
-# for each tag, SKIFFPORT_PYTHON_<tag>_INCLUDE and _LIBRARY, the import library of its DLL.
+# The interpreters that the build for Windows makes modules for. Sets SKIFFPORT_PYTHON_TAGS (such as "cp38-win_amd64")
+# and, for each tag, SKIFFPORT_PYTHON_<tag>_INCLUDE and _LIBRARY, the import library of its DLL.
 #
 # With SKIFFPORT_WINDOWS_PYTHON: a CPython for Windows, with its own headers and import library. Without: the headers of
 # each interpreter of the building system, which are the same but for pyconfig.h, and an import library made of the
 # symbols that the modules want.
 set(SKIFFPORT_WINDOWS_PYTHON "" CACHE PATH "Folder of a 64-bit CPython for Windows; empty: headers of this system's")
 
+set(_platform win_amd64) # as Python names it
+if(NOT CMAKE_SIZEOF_VOID_P EQUAL 8)
+  message(FATAL_ERROR "Windows: the compiler is not for 64-bit Windows")
+endif()
+
 set(_windows_tags "")
 if(SKIFFPORT_WINDOWS_PYTHON)
+  if(NOT EXISTS ${SKIFFPORT_WINDOWS_PYTHON}/include/patchlevel.h)
+    message(FATAL_ERROR "Python: no CPython for Windows in ${SKIFFPORT_WINDOWS_PYTHON}: it has no include/patchlevel.h")
+  endif()
   file(STRINGS ${SKIFFPORT_WINDOWS_PYTHON}/include/patchlevel.h _lines REGEX "define PY_M(AJOR|INOR)_VERSION")
   string(REGEX MATCHALL "[0-9]+" _version "${_lines}")
   list(JOIN _version "" _version)
-  set(_windows_tags cp${_version}-win_amd64)
+  set(_windows_tags cp${_version}-${_platform})
   set(SKIFFPORT_PYTHON_${_windows_tags}_INCLUDE ${SKIFFPORT_WINDOWS_PYTHON}/include)
-  set(SKIFFPORT_PYTHON_${_windows_tags}_LIBRARY ${SKIFFPORT_WINDOWS_PYTHON}/libs/python${_version}.lib)
+  set(_library ${SKIFFPORT_WINDOWS_PYTHON}/libs/python${_version}.lib)
+  if(NOT EXISTS ${_library})
+    message(FATAL_ERROR "Python: no import library ${_library}")
+  endif()
+  # The DLL's machine stands 4 bytes after its signature, which stands where the 60th byte says.
+  set(_dll ${SKIFFPORT_WINDOWS_PYTHON}/python${_version}.dll)
+  if(EXISTS ${_dll})
+    file(READ ${_dll} _at OFFSET 60 LIMIT 2 HEX)
+    string(REGEX REPLACE "(..)(..)" "0x\\2\\1" _at ${_at})
+    math(EXPR _at "${_at} + 4")
+    file(READ ${_dll} _machine OFFSET ${_at} LIMIT 2 HEX)
+    if(_machine STREQUAL "4c01")
+      message(FATAL_ERROR "Python: a 32-bit CPython in ${SKIFFPORT_WINDOWS_PYTHON}; build for a 64-bit one")
+    endif()
+  endif()
+  set(SKIFFPORT_PYTHON_${_windows_tags}_LIBRARY ${_library})
   find_program(SKIFFPORT_BUILD_PYTHON NAMES python3 python REQUIRED)
 else()
   include(${PROJECT_SOURCE_DIR}/cmake/Pythons.cmake)
   foreach(_tag IN LISTS SKIFFPORT_PYTHON_TAGS)
     string(REGEX MATCH "[0-9]+" _version ${_tag})
-    set(_windows_tag cp${_version}-win_amd64)
+    set(_windows_tag cp${_version}-${_platform})
     # A copy, since Python.h finds the pyconfig.h beside it first.
     set(_folder ${PROJECT_BINARY_DIR}/cpython/${_version})
     file(COPY ${SKIFFPORT_PYTHON_${_tag}_INCLUDE}/ DESTINATION ${_folder} PATTERN pyconfig.h EXCLUDE)

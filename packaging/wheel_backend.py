@@ -1,4 +1,5 @@
-"""A PEP 517 and PEP 660 backend: packs what CMake installs into a wheel for the interpreter that runs it.
+"""A PEP 517 and PEP 660 backend: packs what CMake installs into a wheel for the interpreter that runs it. Also packs
+what was built for Windows.
 
 Needs cmake, ninja, swig, pkg-config and a compiler on the PATH, and only the standard library. A config setting whose
 name starts with SKIFFPORT_ becomes a CMake option:
@@ -90,10 +91,51 @@ def build_sdist(sdist_directory: str, _config_settings: Settings = None) -> str:
 
 def prepare_metadata_for_build_wheel(metadata_directory: str, _config_settings: Settings = None) -> str:
     """Writes what a wheel would say of itself, without a build. Returns the name of the folder."""
-    return write_info(pathlib.Path(metadata_directory)).name
+    return write_info(pathlib.Path(metadata_directory), find_tag()).name
 
 
 prepare_metadata_for_build_editable = prepare_metadata_for_build_wheel
+
+
+def build_windows_wheels(tree: pathlib.Path, wheel_directory: pathlib.Path, objcopy: str) -> List[str]:
+    """Writes a wheel for each CPython for Windows whose modules are in an importable tree. Returns the file names.
+
+    The modules are stripped. An archive beside each wheel has their debug information: the debugger finds a file of it
+    that lies beside its module.
+    """
+    wheels = []
+    for module in sorted(tree.glob("_Skiffport.*.pyd")):
+        suffix = module.name.partition(".")[2]  # cp38-win_amd64.pyd
+        python, platform = suffix[:-len(".pyd")].split("-")
+        with tempfile.TemporaryDirectory(prefix="skiffport-") as scratch:
+            staged, debug = pathlib.Path(scratch, "staged"), pathlib.Path(scratch, "debug")
+            for file in (path for path in tree.rglob("*") if path.is_file()):
+                target = staged / file.relative_to(tree)
+                if file.name.endswith(suffix):
+                    split_debug(file, target, debug / target.relative_to(staged), objcopy)
+                elif is_installed(target.relative_to(staged)):
+                    target.parent.mkdir(parents=True, exist_ok=True)
+                    shutil.copy(file, target)
+            wheels.append(write_wheel(staged, wheel_directory, f"{python}-{python}-{platform}"))
+            shutil.make_archive(str(wheel_directory / f"{wheels[-1][:-len('.whl')]}-debug"), "zip", debug)
+    return wheels
+
+
+def is_installed(name: pathlib.Path) -> bool:
+    """Returns whether a Python file of the tree goes into a wheel: no types beside the modules, which have packages of
+    their own, and nothing that an earlier build left."""
+    if name.parts[0] == "skiffhost":
+        return name.name == "_version.py" or name.suffix != ".pyc" and (SOURCE / "host" / name).exists()
+    return name.suffix == ".py" or name.parts[0].endswith("-stubs")
+
+
+def split_debug(module: pathlib.Path, target: pathlib.Path, debug: pathlib.Path, objcopy: str) -> None:
+    """Copies a module without its debug information, which goes into a file of its own with ``.debug`` appended."""
+    debug = debug.with_name(debug.name + ".debug")
+    for folder in (target.parent, debug.parent):
+        folder.mkdir(parents=True, exist_ok=True)
+    subprocess.run([objcopy, "--only-keep-debug", module, debug], check=True)
+    subprocess.run([objcopy, "--strip-all", f"--add-gnu-debuglink={debug}", module, target], check=True)
 
 
 def find_version() -> str:
@@ -166,21 +208,23 @@ def install(folder: pathlib.Path, prefix: pathlib.Path, options: List[str], **en
                    env={**os.environ, **environment})
 
 
-def write_info(folder: pathlib.Path) -> pathlib.Path:
+def write_info(folder: pathlib.Path, tag: str) -> pathlib.Path:
     """Makes the folder of metadata in that folder and returns its path."""
     info = folder / f"skiffport-{find_version()}.dist-info"
     info.mkdir()
     commands = "".join(f"{name} = {entry}\n" for name, entry in read_project()["project.scripts"].items())
     (info / "METADATA").write_text(describe(), "utf-8")
-    (info / "WHEEL").write_text(WHEEL.format(generator=__name__, tag=find_tag()), "utf-8")
+    (info / "WHEEL").write_text(WHEEL.format(generator=__name__, tag=tag), "utf-8")
     (info / "entry_points.txt").write_text(f"[console_scripts]\n{commands}", "utf-8")
     return info
 
 
-def write_wheel(staged: pathlib.Path, wheel_directory: pathlib.Path) -> str:
-    """Writes every file of the folder into a wheel, then the list of them, as the format requires."""
-    record = write_info(staged) / "RECORD"
-    wheel = f"skiffport-{find_version()}-{find_tag()}.whl"
+def write_wheel(staged: pathlib.Path, wheel_directory: pathlib.Path, tag: str = "") -> str:
+    """Writes every file of the folder into a wheel, by default for this interpreter, then the list of them, as the
+    format requires."""
+    tag = tag or find_tag()
+    record = write_info(staged, tag) / "RECORD"
+    wheel = f"skiffport-{find_version()}-{tag}.whl"
     lines = []
     with zipfile.ZipFile(wheel_directory / wheel, "w", zipfile.ZIP_DEFLATED) as archive:
         for file in sorted(path for path in staged.rglob("*") if path.is_file()):

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Checks that the packages are in order and work without this tree: the Debian package, unpacked, and the source
-# distribution, installed by pip into a virtual environment of each interpreter, publish a preset to a stand-in.
+# distribution, installed by pip into a virtual environment of each interpreter, publish a preset to a stand-in. The
+# wheels for Windows can only be installed and looked at.
 set -euo pipefail
 export LC_ALL=C.UTF-8 PIP_NO_INDEX=1 PIP_NO_CACHE_DIR=1 PIP_DISABLE_PIP_VERSION_CHECK=1
 cd "$(dirname "$0")/../.."
@@ -50,6 +51,31 @@ while read -r interpreter; do
   quietly "$environment/bin/python" -m pip uninstall -y skiffport
   expect 'what is left of it' '' "$(find "$environment/lib" "$environment/bin" -iname '*skiff*')"
 done <build/release/pythons.txt
+
+quietly scripts/package windows
+list_debug() { x86_64-w64-mingw32-objdump -h "$1" | grep -o '\.gnu_debuglink\|\.debug_info'; }
+libraries='advapi32|gdi32|kernel32|msvcrt|ole32|oleaut32|shell32|shlwapi|user32|wininet' # those of Windows
+for wheel in build/wheels/*.whl; do
+  tag=$(sed 's/.*-\(cp3[0-9]*\)-win_amd64.whl/\1/' <<<"$wheel") target=$(mktemp -d -p "$work")
+  quietly twine check --strict "$wheel"
+  quietly /usr/bin/python3 -m pip install "$wheel" --target "$target" --no-deps --no-compile --only-binary :all: \
+    --platform win_amd64 --python-version "${tag#cp}"
+  info=skiffport-$version.dist-info modules=("_Skiffport.$tag-win_amd64.pyd" "skiffhost/_messageloop.$tag-win_amd64.pyd")
+  expect "files of the wheel for Windows and $tag" "$(
+    { (cd host && git ls-files skiffhost) && printf '%s\n' bin/skiffhost {,_}Skiffport-stubs/__init__.pyi Skiffport.py \
+      skiffhost/_version.py "${modules[@]}" \
+      "$info"/{INSTALLER,METADATA,RECORD,REQUESTED,WHEEL,direct_url.json,entry_points.txt}; } | sort
+  )" "$(cd "$target" && find . -type f -printf '%P\n' | sort)"
+  for module in "${modules[@]}"; do
+    expect "libraries of $module" "python${tag#cp}.dll" "$(x86_64-w64-mingw32-objdump -p "$target/$module" |
+      sed -n 's/.*DLL Name: //p' | grep -viE "^($libraries)\.dll$")"
+    expect 'its description' "$(sed -n 's/^description = "\(.*\)"/\1/p' pyproject.toml)" \
+      "$(strings -el "$target/$module" | sed -n '/^FileDescription/{n;p}')"
+    expect 'its debug information' ' .gnu_debuglink .debug_info' "$(
+      /usr/bin/python3 -m zipfile -e "${wheel%.whl}-debug.zip" "$work/debug"
+      printf ' %s' "$(list_debug "$target/$module")" "$(list_debug "$work/debug/$module.debug")")"
+  done
+done
 
 quietly "$environment/bin/python" -m pip install -e .
 expect 'source of an editable installation' "$PWD/host/skiffhost/loop.py" \

@@ -1,10 +1,26 @@
-// Holders of COM objects, strings and values. Thin and portable: written over the functions of XmlDom.h alone. Thread:
-// any; a holder belongs to one thread at a time.
+// COM for a scope, and holders of its objects, strings and values. Thin and portable: written over the functions of
+// XmlDom.h and Com.h alone. Thread: any; an object belongs to one thread at a time.
 #pragma once
 
+#include "platform/base/Com.h"
 #include "platform/xml/XmlDom.h"
 
 #include <utility>
+
+/// Initialises COM for a scope; where that fails, the scope goes on without it.
+class ComScope {
+public:
+  ComScope() : m_hr(CoInitialize(nullptr)) {}
+  ComScope(ComScope const &) = delete;
+  ComScope &operator=(ComScope const &) = delete;
+  ~ComScope() {
+    if (SUCCEEDED(m_hr))
+      CoUninitialize();
+  }
+
+private:
+  HRESULT m_hr;
+};
 
 /// Holds one reference to a COM object.
 template <class T> class CComPtr {

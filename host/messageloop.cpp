@@ -5,8 +5,8 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
+#include "platform/base/Com.h"
 #include "platform/window/Messages.h"
-#include "platform/xml/XmlDom.h"
 
 #include <climits>
 #include <cmath>

@@ -3,7 +3,6 @@
 #include "publish/PyPresetUploader.h"
 
 #include "platform/text/Text.h"
-#include "platform/xml/XmlDom.h"
 #include "reply/Document.h"
 #include "reply/UrlText.h"
 #include "trace/Trace.h"
@@ -22,21 +21,6 @@ int RoundedPercent(DWORD dwSent, DWORD dwTotal) {
 int EventPercent(DWORD dwSent, DWORD dwTotal) {
   return dwTotal ? static_cast<int>(static_cast<float>(dwSent) / static_cast<float>(dwTotal) * 100) : 0;
 }
-
-// Initialises COM for a scope; where that fails, the scope goes on without it.
-class ComScope {
-public:
-  ComScope() : m_hr(CoInitialize(nullptr)) {}
-  ComScope(ComScope const &) = delete;
-  ComScope &operator=(ComScope const &) = delete;
-  ~ComScope() {
-    if (SUCCEEDED(m_hr))
-      CoUninitialize();
-  }
-
-private:
-  HRESULT m_hr;
-};
 
 } // namespace
 

@@ -218,16 +218,7 @@ HRESULT StoreNode(Place place, IXMLDOMNode **ppNode) {
 
 bool IsSame(GUID const &a, GUID const &b) { return std::memcmp(&a, &b, sizeof a) == 0; }
 
-thread_local int t_initialisations = 0;
-
 } // namespace
-
-HRESULT CoInitialize(void * /*pReserved*/) { return t_initialisations++ == 0 ? S_OK : S_FALSE; }
-
-void CoUninitialize() {
-  if (t_initialisations > 0)
-    --t_initialisations;
-}
 
 HRESULT CoCreateInstance(CLSID const &clsid, IUnknown *pOuter, DWORD /*dwContext*/, IID const &iid, void **ppObject) {
   if (!ppObject)

@@ -1,6 +1,6 @@
-// The parts of the XML document object model that reading replies needs, and the COM calls that go with them. Thread:
-// any, for every function here; a document and its nodes belong to one thread at a time, different documents are
-// independent. Knows nothing of what the documents say.
+// The parts of the XML document object model that reading replies needs, and the calls of COM that go with them.
+// Thread: any, for every function here; a document and its nodes belong to one thread at a time, different documents
+// are independent. Knows nothing of what the documents say.
 #pragma once
 
 #include "platform/base/Types.h"
@@ -80,9 +80,6 @@ protected:
 extern SKIFFPORT_PLATFORM_API CLSID const CLSID_DOMDocument;
 extern SKIFFPORT_PLATFORM_API IID const IID_IXMLDOMDocument;
 
-/// Returns: S_OK, or S_FALSE if the calling thread had called it before. Differs: only counts.
-SKIFFPORT_PLATFORM_API HRESULT CoInitialize(void *pReserved);
-SKIFFPORT_PLATFORM_API void CoUninitialize();
 /// Creates an empty document. Differs: CLSID_DOMDocument with IID_IXMLDOMDocument only; no prior CoInitialize is
 /// needed.
 SKIFFPORT_PLATFORM_API HRESULT CoCreateInstance(CLSID const &clsid, IUnknown *pOuter, DWORD dwContext, IID const &iid,

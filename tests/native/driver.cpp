@@ -117,7 +117,7 @@ int main(int count, char **arguments) {
 #ifdef _WIN32
   AddVectoredExceptionHandler(1, ShowDebugOutput);
 #endif
-  CoInitialize(nullptr);
+  ComScope const com;
   TraceInit("Driver");
   if (count == 7 && arguments[1] == std::string("upload"))
     Upload(arguments + 2);

@@ -1,7 +1,7 @@
 // Runs the tests that need no seam on the native platform, where a thread that reads replies initialises COM; and the
 // pump of that platform alone.
+#include "framework/ComTypes.h"
 #include "platform/window/Messages.h"
-#include "platform/xml/XmlDom.h"
 
 #include <gtest/gtest.h>
 
@@ -32,7 +32,7 @@ TEST(Pump, RunsAtMostSoManyMessagesAndReturnsTheirNumber) {
 } // namespace
 
 int main(int count, char **arguments) {
-  CoInitialize(nullptr);
+  ComScope const com;
   testing::InitGoogleTest(&count, arguments);
   return RUN_ALL_TESTS();
 }

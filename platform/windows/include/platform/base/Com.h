@@ -1,0 +1,6 @@
+// See Types.h: CoInitialize and CoUninitialize.
+#pragma once
+
+#include "platform/base/Types.h"
+
+#include <objbase.h>

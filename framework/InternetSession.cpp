@@ -58,27 +58,26 @@ BOOL CInternetException::GetErrorMessage(WCHAR *wszText, UINT cchText) const {
   return TRUE;
 }
 
-CInternetFile::~CInternetFile() { InternetCloseHandle(m_hFile); }
-
 BOOL CInternetFile::SetOption(DWORD dwOption, void *pValue, DWORD dwLength, DWORD /*dwFlags*/) {
-  return InternetSetOptionW(m_hFile, dwOption, pValue, dwLength);
+  return InternetSetOptionW(m_hFile.get(), dwOption, pValue, dwLength);
 }
 
 std::uint64_t CInternetFile::GetLength() const {
   DWORD dwAvailable = 0;
-  return InternetQueryDataAvailable(m_hFile, &dwAvailable, 0, 0) ? dwAvailable : 0;
+  return InternetQueryDataAvailable(m_hFile.get(), &dwAvailable, 0, 0) ? dwAvailable : 0;
 }
 
 UINT CInternetFile::Read(void *pBuffer, UINT nCount) {
   DWORD dwRead = 0;
-  if (!InternetReadFile(m_hFile, pBuffer, nCount, &dwRead))
+  if (!InternetReadFile(m_hFile.get(), pBuffer, nCount, &dwRead))
     ThrowLastError();
   return dwRead;
 }
 
 BOOL CHttpFile::SendRequest(WCHAR const *wszHeaders, DWORD dwHeadersLength, void const *pBody, DWORD dwBodyLength) {
   // Only read, although the native platform's declaration does not say so.
-  BOOL const bSent = HttpSendRequestW(m_hFile, wszHeaders, dwHeadersLength, const_cast<void *>(pBody), dwBodyLength);
+  BOOL const bSent =
+      HttpSendRequestW(m_hFile.get(), wszHeaders, dwHeadersLength, const_cast<void *>(pBody), dwBodyLength);
   if (!bSent && GetLastError() != ERROR_SUCCESS)
     ThrowLastError();
   return bSent;
@@ -87,27 +86,26 @@ BOOL CHttpFile::SendRequest(WCHAR const *wszHeaders, DWORD dwHeadersLength, void
 BOOL CHttpFile::QueryInfo(DWORD dwInfoLevel, CString &strText) const {
   strText.Empty();
   DWORD dwLength = 0;
-  if (HttpQueryInfoW(m_hFile, dwInfoLevel, nullptr, &dwLength, nullptr) || GetLastError() != ERROR_INSUFFICIENT_BUFFER)
+  if (HttpQueryInfoW(m_hFile.get(), dwInfoLevel, nullptr, &dwLength, nullptr) ||
+      GetLastError() != ERROR_INSUFFICIENT_BUFFER)
     return FALSE;
   std::vector<WCHAR> text(dwLength / sizeof(WCHAR) + 1);
-  if (!HttpQueryInfoW(m_hFile, dwInfoLevel, text.data(), &dwLength, nullptr))
+  if (!HttpQueryInfoW(m_hFile.get(), dwInfoLevel, text.data(), &dwLength, nullptr))
     return FALSE;
   strText = CString(text.data());
   return TRUE;
 }
-
-CHttpConnection::~CHttpConnection() { InternetCloseHandle(m_hConnection); }
 
 CHttpFile *CHttpConnection::OpenRequest(int nVerb, WCHAR const *wszObject, WCHAR const *wszReferrer,
                                         DWORD_PTR dwContext, WCHAR const **pwszAcceptTypes, WCHAR const *wszVersion,
                                         DWORD dwFlags) {
   if (m_nPort == INTERNET_DEFAULT_HTTPS_PORT)
     dwFlags |= INTERNET_FLAG_SECURE;
-  HINTERNET const hRequest = HttpOpenRequestW(m_hConnection, kVerbs[nVerb], wszObject, wszVersion, wszReferrer,
-                                              pwszAcceptTypes, dwFlags, dwContext);
+  InternetHandle hRequest(HttpOpenRequestW(m_hConnection.get(), kVerbs[nVerb], wszObject, wszVersion, wszReferrer,
+                                           pwszAcceptTypes, dwFlags, dwContext));
   if (!hRequest)
     ThrowLastError();
-  return new CHttpFile(hRequest);
+  return new CHttpFile(std::move(hRequest));
 }
 
 CInternetSession::CInternetSession(WCHAR const *wszAgent, DWORD_PTR /*dwContext*/, DWORD dwAccessType,
@@ -118,23 +116,15 @@ CInternetSession::CInternetSession(WCHAR const *wszAgent, DWORD_PTR /*dwContext*
     ThrowLastError();
 }
 
-CInternetSession::~CInternetSession() { Close(); }
-
 BOOL CInternetSession::SetOption(DWORD dwOption, DWORD dwValue, DWORD /*dwFlags*/) {
-  return InternetSetOptionW(m_hSession, dwOption, &dwValue, sizeof dwValue);
+  return InternetSetOptionW(m_hSession.get(), dwOption, &dwValue, sizeof dwValue);
 }
 
 CHttpConnection *CInternetSession::GetHttpConnection(WCHAR const *wszServer, INTERNET_PORT nPort, WCHAR const *wszUser,
                                                      WCHAR const *wszPassword) {
-  HINTERNET const hConnection =
-      InternetConnectW(m_hSession, wszServer, nPort, wszUser, wszPassword, INTERNET_SERVICE_HTTP, 0, 1);
+  InternetHandle hConnection(
+      InternetConnectW(m_hSession.get(), wszServer, nPort, wszUser, wszPassword, INTERNET_SERVICE_HTTP, 0, 1));
   if (!hConnection)
     ThrowLastError();
-  return new CHttpConnection(hConnection, nPort);
-}
-
-void CInternetSession::Close() {
-  if (m_hSession)
-    InternetCloseHandle(m_hSession);
-  m_hSession = nullptr;
+  return new CHttpConnection(std::move(hConnection), nPort);
 }

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "framework/CString.h"
-#include "platform/http/WinInet.h"
+#include "framework/Handles.h"
 
 /// The module's state: the application name is the agent of a session that is given none. Set once, before it is read.
 struct AFX_MODULE_STATE {
@@ -32,7 +32,7 @@ class CInternetFile {
 public:
   CInternetFile(CInternetFile const &) = delete;
   CInternetFile &operator=(CInternetFile const &) = delete;
-  virtual ~CInternetFile();
+  virtual ~CInternetFile() = default;
   BOOL SetOption(DWORD dwOption, void *pValue, DWORD dwLength, DWORD dwFlags = 0);
   /// How many bytes can be read without waiting; waits for the first one. 0 at the end and on failure. Does not throw.
   std::uint64_t GetLength() const;
@@ -40,8 +40,8 @@ public:
   UINT Read(void *pBuffer, UINT nCount);
 
 protected:
-  explicit CInternetFile(HINTERNET hFile) : m_hFile(hFile) {}
-  HINTERNET m_hFile;
+  explicit CInternetFile(InternetHandle hFile) : m_hFile(std::move(hFile)) {}
+  InternetHandle m_hFile;
 };
 
 class CHttpFile : public CInternetFile {
@@ -63,15 +63,16 @@ public:
   enum Verb { HTTP_VERB_POST = 0, HTTP_VERB_GET = 1 };
   CHttpConnection(CHttpConnection const &) = delete;
   CHttpConnection &operator=(CHttpConnection const &) = delete;
-  virtual ~CHttpConnection();
+  virtual ~CHttpConnection() = default;
   /// Creates a request, which the caller owns. Adds INTERNET_FLAG_SECURE at port 443. Throws on failure.
   CHttpFile *OpenRequest(int nVerb, WCHAR const *wszObject, WCHAR const *wszReferrer, DWORD_PTR dwContext,
                          WCHAR const **pwszAcceptTypes, WCHAR const *wszVersion, DWORD dwFlags);
 
 private:
   friend class CInternetSession;
-  CHttpConnection(HINTERNET hConnection, INTERNET_PORT nPort) : m_hConnection(hConnection), m_nPort(nPort) {}
-  HINTERNET m_hConnection;
+  CHttpConnection(InternetHandle hConnection, INTERNET_PORT nPort)
+      : m_hConnection(std::move(hConnection)), m_nPort(nPort) {}
+  InternetHandle m_hConnection;
   INTERNET_PORT m_nPort;
 };
 
@@ -82,13 +83,13 @@ public:
                    WCHAR const *wszBypass, DWORD dwFlags);
   CInternetSession(CInternetSession const &) = delete;
   CInternetSession &operator=(CInternetSession const &) = delete;
-  virtual ~CInternetSession();
+  virtual ~CInternetSession() = default;
   BOOL SetOption(DWORD dwOption, DWORD dwValue, DWORD dwFlags = 0);
   /// Creates a connection to the server, which the caller owns; connects to nothing yet. Throws on failure.
   CHttpConnection *GetHttpConnection(WCHAR const *wszServer, INTERNET_PORT nPort, WCHAR const *wszUser,
                                      WCHAR const *wszPassword);
-  void Close();
+  void Close() { m_hSession.reset(); }
 
 private:
-  HINTERNET m_hSession;
+  InternetHandle m_hSession;
 };

@@ -3,9 +3,9 @@
 
 #include "publish/ExitHook.h"
 
+#include "framework/Handles.h"
 #include "framework/SlimLock.h"
 #include "platform/base/Clock.h"
-#include "platform/base/Handles.h"
 #include "shell/ScopedGILRelease.h"
 
 #include <cstddef>
@@ -26,23 +26,19 @@ class RunningUpload {
 public:
   /// If the handle can't be duplicated, the upload is cancelled but not waited for.
   RunningUpload(CancelFlag pCancel, HANDLE hThread) : m_pCancel(std::move(pCancel)) {
-    DuplicateHandle(GetCurrentProcess(), hThread, GetCurrentProcess(), &m_hThread, 0, FALSE, DUPLICATE_SAME_ACCESS);
-  }
-  RunningUpload(RunningUpload const &) = delete;
-  RunningUpload &operator=(RunningUpload const &) = delete;
-  ~RunningUpload() {
-    if (m_hThread)
-      CloseHandle(m_hThread);
+    HANDLE hCopy = nullptr;
+    DuplicateHandle(GetCurrentProcess(), hThread, GetCurrentProcess(), &hCopy, 0, FALSE, DUPLICATE_SAME_ACCESS);
+    m_hThread.reset(hCopy);
   }
   void Cancel() const { *m_pCancel = 1; }
   void Wait(DWORD dwMilliseconds) const {
     if (m_hThread)
-      WaitForSingleObject(m_hThread, dwMilliseconds);
+      WaitForSingleObject(m_hThread.get(), dwMilliseconds);
   }
 
 private:
   CancelFlag m_pCancel;
-  HANDLE m_hThread = nullptr;
+  KernelHandle m_hThread;
 };
 
 // The innermost lock: while it is held, nothing runs Python code, waits for the GIL or calls the platform.

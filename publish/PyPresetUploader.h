@@ -77,7 +77,7 @@ private:
   void RecordUpload(UINT uThreadId, int nKHID);
   std::string EndThread(UINT &uThreadId, int &nKHID);
   void ReadUploadReply(std::string strReply, WCHAR *wszError, std::size_t cchError);
-  HANDLE UploadThread() const { return m_pUploadThread ? m_pUploadThread->m_hThread : nullptr; }
+  HANDLE UploadThread() const { return m_pUploadThread ? m_pUploadThread->m_hThread.get() : nullptr; }
   bool UploadIsOver();
   bool EnsureThreadWillEnd();
 

@@ -2,6 +2,7 @@
 // their own.
 #include "service/KHLoginData.h"
 
+#include "framework/Handles.h"
 #include "framework/InternetSession.h"
 #include "reply/Document.h"
 #include "reply/UrlText.h"
@@ -11,21 +12,6 @@
 
 #include <cstring>
 #include <new>
-
-namespace {
-
-class SectionLock {
-public:
-  explicit SectionLock(CRITICAL_SECTION &section) : m_section(section) { EnterCriticalSection(&m_section); }
-  SectionLock(SectionLock const &) = delete;
-  SectionLock &operator=(SectionLock const &) = delete;
-  ~SectionLock() { LeaveCriticalSection(&m_section); }
-
-private:
-  CRITICAL_SECTION &m_section;
-};
-
-} // namespace
 
 KHLoginData::KHLoginData(WCHAR const *wszProdVersion, WCHAR const *wszVersionType, WCHAR const *wszUUID)
     : m_strProdVersion(wszProdVersion), m_strVersionType(wszVersionType),

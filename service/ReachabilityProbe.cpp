@@ -2,6 +2,7 @@
 // and the waiter never both close it.
 #include "service/ReachabilityProbe.h"
 
+#include "framework/Handles.h"
 #include "platform/system/Threads.h"
 
 #include <cstring>
@@ -32,19 +33,18 @@ BOOL ReachabilityProbe::CheckServerReachable(char const *szUrl) {
     return FALSE;
   m_szUrl = szUrl;
   unsigned uThreadId = 0;
-  auto const hThread =
-      reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ReachabilityThreadProc, this, 0, &uThreadId));
+  KernelHandle const hThread(
+      reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ReachabilityThreadProc, this, 0, &uThreadId)));
   if (!hThread)
     return m_bServerReachable;
   int nWaits = 0;
-  while (nWaits < kWaits && WaitForSingleObject(hThread, kWait) == WAIT_TIMEOUT)
+  while (nWaits < kWaits && WaitForSingleObject(hThread.get(), kWait) == WAIT_TIMEOUT)
     ++nWaits;
   if (nWaits == kWaits) {
     m_connect.Close(); // ends the call in which the thread is blocked
     m_internet.Close();
-    WaitForSingleObject(hThread, INFINITE);
+    WaitForSingleObject(hThread.get(), INFINITE);
   }
-  CloseHandle(hThread);
   return m_bAnswer;
 }
 

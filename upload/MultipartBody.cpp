@@ -2,8 +2,6 @@
 #include "upload/MultipartBody.h"
 
 #include "framework/CW2A.h"
-#include "platform/base/Handles.h"
-#include "platform/system/Files.h"
 #include "platform/text/Text.h"
 
 #include <cstdlib>
@@ -16,16 +14,11 @@ std::string MakeDelimiter(std::string const &boundary) { return "--" + boundary 
 
 DWORD Length(std::string const &text) { return static_cast<DWORD>(text.size()); }
 
-// The low 32 bits of the file's size; INVALID_FILE_SIZE if it can't be opened.
-DWORD FileSize(std::wstring const &path) {
-  HANDLE const hFile = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
-  DWORD const dwSize = GetFileSize(hFile, nullptr);
-  if (hFile != INVALID_HANDLE_VALUE)
-    CloseHandle(hFile);
-  return dwSize;
-}
-
 } // namespace
+
+KernelHandle OpenForReading(std::wstring const &path) {
+  return KernelHandle(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+}
 
 std::string MakeBoundary() {
   unsigned const first = static_cast<unsigned>(std::rand()) & 0xFFFF;
@@ -59,7 +52,7 @@ DWORD FieldPartLength(std::string const &boundary, std::string const &name, std:
 }
 
 DWORD FilePartLength(std::string const &boundary, UploadFile const &file, DWORD &filesTotal) {
-  DWORD const dwSize = FileSize(file.m_strPath);
+  DWORD const dwSize = GetFileSize(OpenForReading(file.m_strPath).get(), nullptr); // INVALID_FILE_SIZE without one
   filesTotal += dwSize;
   return Length(MakeFileHead(boundary, file)) + dwSize + Length(MakeLineEnd());
 }

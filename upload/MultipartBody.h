@@ -4,6 +4,7 @@
 // Thread: any, in practice the upload thread. Every function here may throw std::bad_alloc.
 #pragma once
 
+#include "framework/Handles.h"
 #include "upload/UploadJob.h"
 
 /// A boundary for one request: 27 hyphens and 12 uppercase hexadecimal digits from rand().
@@ -14,6 +15,8 @@ std::string MakeContentTypeHeader(std::string const &boundary);
 std::string MakeFieldHead(std::string const &boundary, std::string const &name);
 /// Everything before a file's contents: name and content type in the thread's ANSI code page, the full path in UTF-8.
 std::string MakeFileHead(std::string const &boundary, UploadFile const &file);
+/// Opens a file of the job. Returns: INVALID_HANDLE_VALUE if that fails, with the last error set.
+KernelHandle OpenForReading(std::wstring const &path);
 /// Ends a part, after its value or contents.
 std::string MakeLineEnd();
 /// The line that ends the body.

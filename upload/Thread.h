@@ -2,6 +2,7 @@
 // Thread: the owner, for everything but Run.
 #pragma once
 
+#include "framework/Handles.h"
 #include "platform/system/Threads.h"
 
 class Thread {
@@ -10,7 +11,7 @@ public:
   Thread(Thread const &) = delete;
   Thread &operator=(Thread const &) = delete;
   /// Closes the handle without waiting: the owner calls Wait first.
-  virtual ~Thread();
+  virtual ~Thread() = default;
   /// The thread's body, which must not throw. Returns: the exit code. Thread: the new one.
   virtual unsigned Run() = 0;
 
@@ -24,8 +25,8 @@ public:
   /// Blocks for at most that many ms. Returns: false if the thread still runs; Wait then blocks.
   bool EndsWithin(DWORD dwMilliseconds) const;
 
-  HANDLE m_hThread = nullptr; ///< Null until Start, and again after Wait. Owned.
-  unsigned m_uThreadId = 0;   ///< The system's id; 0 until Start.
+  KernelHandle m_hThread;   ///< Null until Start, and again after Wait.
+  unsigned m_uThreadId = 0; ///< The system's id; 0 until Start.
 
 private:
   static unsigned __stdcall Entry(void *pArg);

@@ -2,10 +2,9 @@
 // reply. A failed stage abandons the request; nothing is retried.
 #include "upload/Uploader.h"
 
+#include "framework/Handles.h"
 #include "platform/base/Clock.h"
-#include "platform/base/Handles.h"
 #include "platform/base/LastError.h"
-#include "platform/system/Files.h"
 #include "upload/MultipartBody.h"
 #include "upload/ProgressMeter.h"
 
@@ -30,38 +29,6 @@ HRESULT HResultFromLastError() {
     return error;
   return static_cast<HRESULT>((static_cast<DWORD>(error) & 0xFFFF) | 0x80070000U);
 }
-
-class InternetHandle {
-public:
-  explicit InternetHandle(HINTERNET h) : m_h(h) {}
-  InternetHandle(InternetHandle const &) = delete;
-  InternetHandle &operator=(InternetHandle const &) = delete;
-  ~InternetHandle() {
-    if (m_h)
-      InternetCloseHandle(m_h);
-  }
-  operator HINTERNET() const { return m_h; }
-
-private:
-  HINTERNET m_h;
-};
-
-class FileHandle {
-public:
-  explicit FileHandle(std::wstring const &path)
-      : m_h(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr)) {}
-  FileHandle(FileHandle const &) = delete;
-  FileHandle &operator=(FileHandle const &) = delete;
-  ~FileHandle() { Close(); }
-  void Close() {
-    if (m_h != INVALID_HANDLE_VALUE)
-      CloseHandle(std::exchange(m_h, INVALID_HANDLE_VALUE));
-  }
-  operator HANDLE() const { return m_h; }
-
-private:
-  HANDLE m_h;
-};
 
 // The chunk loop's buffer, which grows after fast writes and shrinks after slow ones.
 class Chunk {
@@ -97,16 +64,14 @@ bool Write(HINTERNET hRequest, std::string const &bytes) {
 } // namespace
 
 void SessionHandle::Set(HINTERNET hInternet) {
-  EnterCriticalSection(&m_section);
+  SectionLock const lock(m_section);
   m_hInternet = hInternet;
-  LeaveCriticalSection(&m_section);
 }
 
 void SessionHandle::Close() {
-  EnterCriticalSection(&m_section);
+  SectionLock const lock(m_section);
   if (m_hInternet)
     InternetCloseHandle(std::exchange(m_hInternet, nullptr));
-  LeaveCriticalSection(&m_section);
 }
 
 HRESULT Uploader::Post() {
@@ -126,12 +91,13 @@ HRESULT Uploader::Post() {
 HRESULT Uploader::Transfer(HINTERNET hInternet) {
   auto const dwContext = reinterpret_cast<DWORD_PTR>(this);
   InternetSetStatusCallbackW(hInternet, StatusCallback);
-  InternetHandle const hConnect(InternetConnectA(hInternet, m_pJob->m_strHost.c_str(), INTERNET_DEFAULT_HTTPS_PORT,
-                                                 nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, dwContext));
-  if (!hConnect)
+  InternetHandle const connection(InternetConnectA(hInternet, m_pJob->m_strHost.c_str(), INTERNET_DEFAULT_HTTPS_PORT,
+                                                   nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, dwContext));
+  if (!connection)
     return HResultFromLastError();
-  InternetHandle const hRequest(HttpOpenRequestA(hConnect, "POST", m_pJob->m_strPath.c_str(), nullptr, nullptr, nullptr,
-                                                 kRequestFlags, dwContext));
+  InternetHandle const request(HttpOpenRequestA(connection.get(), "POST", m_pJob->m_strPath.c_str(), nullptr, nullptr,
+                                                nullptr, kRequestFlags, dwContext));
+  HINTERNET const hRequest = request.get();
   if (!hRequest)
     return HResultFromLastError();
 
@@ -179,18 +145,18 @@ HRESULT Uploader::SendFile(HINTERNET hRequest, std::string const &boundary, Uplo
                            DWORD dwFilesTotal) {
   if (!Write(hRequest, MakeFileHead(boundary, file)))
     return HResultFromLastError();
-  FileHandle hFile(file.m_strPath);
-  if (hFile == INVALID_HANDLE_VALUE)
+  KernelHandle hFile = OpenForReading(file.m_strPath);
+  if (hFile.get() == INVALID_HANDLE_VALUE)
     return HResultFromLastError();
   m_pProgress->OnFileBegin(file.m_strPath.c_str());
-  HRESULT const hr = SendChunks(hRequest, file, hFile, dwAllSent, dwFilesTotal);
+  HRESULT const hr = SendChunks(hRequest, file, hFile.get(), dwAllSent, dwFilesTotal);
   if (FAILED(hr)) {
-    hFile.Close();
+    hFile.reset();
     m_pProgress->OnFileComplete(file.m_strPath.c_str(), hr);
     return hr;
   }
   m_pProgress->OnFileComplete(file.m_strPath.c_str(), S_OK);
-  hFile.Close();
+  hFile.reset();
   return Write(hRequest, MakeLineEnd()) ? S_OK : HResultFromLastError();
 }
 

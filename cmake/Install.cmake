@@ -42,12 +42,9 @@ install(FILES examples/asyncio_publish.py examples/qt_publish.py DESTINATION ${C
   COMPONENT doc)
 
 install(PROGRAMS ${PROJECT_BINARY_DIR}/skiffhost TYPE BIN COMPONENT command)
-if(TARGET skiffhost_documents) # made from the command's parser
-  set(_made ${PROJECT_BINARY_DIR}/host)
-  set(_share ${CMAKE_INSTALL_DATADIR})
-  install(FILES ${_made}/skiffhost.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)
-  install(FILES ${_made}/skiffhost.bash DESTINATION ${_share}/bash-completion/completions RENAME skiffhost
-    COMPONENT command)
-  install(FILES ${_made}/_skiffhost DESTINATION ${_share}/zsh/vendor-completions COMPONENT command)
-  install(FILES ${_made}/skiffhost.fish DESTINATION ${_share}/fish/vendor_completions.d COMPONENT command)
-endif()
+set(_made ${PROJECT_BINARY_DIR}/host) # from the command's parser
+set(_share ${CMAKE_INSTALL_DATADIR})
+install(FILES ${_made}/skiffhost.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT command)
+install(FILES ${_made}/skiffhost.bash DESTINATION ${_share}/bash-completion/completions RENAME skiffhost
+  COMPONENT command)
+install(FILES ${_made}/_skiffhost DESTINATION ${_share}/zsh/vendor-completions COMPONENT command)

@@ -35,7 +35,7 @@ public:
 };
 
 /// True if the bytes, as they go out, hold no control character of ASCII, such as a line end, which would begin another
-/// header line or another request. The native platform's functions send what they are given.
+/// header line or another request. Windows's functions send what they are given.
 inline bool HasNoControlCharacter(std::string_view bytes) {
   return std::none_of(bytes.begin(), bytes.end(), [](char c) {
     auto const byte = static_cast<unsigned char>(c);

@@ -75,7 +75,7 @@ UINT CInternetFile::Read(void *pBuffer, UINT nCount) {
 }
 
 BOOL CHttpFile::SendRequest(WCHAR const *wszHeaders, DWORD dwHeadersLength, void const *pBody, DWORD dwBodyLength) {
-  // Only read, although the native platform's declaration does not say so.
+  // Only read, although Windows's declaration does not say so.
   BOOL const bSent =
       HttpSendRequestW(m_hFile.get(), wszHeaders, dwHeadersLength, const_cast<void *>(pBody), dwBodyLength);
   if (!bSent && GetLastError() != ERROR_SUCCESS)

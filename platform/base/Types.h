@@ -1,4 +1,4 @@
-// The basic types and constants of the native platform, under their own names.
+// The basic types and constants of Windows, under their own names.
 // Types only, no functions to call: any file may include it.
 #pragma once
 
@@ -43,7 +43,7 @@ struct GUID {
 using CLSID = GUID;
 using IID = GUID;
 
-// The calling conventions of the native platform: of window procedures and callbacks, of functions looked up at run
+// The calling conventions of Windows: of window procedures and callbacks, of functions looked up at run
 // time, and of thread entries. There is one convention only here.
 #define CALLBACK
 #define WINAPI

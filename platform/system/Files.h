@@ -30,6 +30,6 @@ SKIFFPORT_PLATFORM_API BOOL ReadFile(HANDLE hFile, void *pBuffer, DWORD dwBytes,
 SKIFFPORT_PLATFORM_API DWORD GetFileSize(HANDLE hFile, DWORD *pdwHigh);
 
 /// TRUE if the path names a file, a directory or any other object. FALSE for null, and for a path that holds a control
-/// character: no such name exists on the native platform, and a line end would break a part's head.
+/// character: no such name exists on Windows, and a line end would break a part's head.
 /// Errors (last error): as CreateFileW.
 SKIFFPORT_PLATFORM_API BOOL PathFileExistsW(WCHAR const *wszPath);

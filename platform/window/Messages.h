@@ -83,7 +83,7 @@ SKIFFPORT_PLATFORM_API BOOL PostMessageW(HWND hWnd, UINT uMessage, WPARAM wParam
 /// if there is none, and with 87 or 1400. Differs: a window must be given, PM_REMOVE only; works from any thread.
 SKIFFPORT_PLATFORM_API BOOL PeekMessageW(MSG *pMessage, HWND hWnd, UINT uFirst, UINT uLast, UINT uRemove);
 
-// What the host's event loop needs instead of the native platform's message loop. Thread: each function acts on the
+// What the host's event loop needs instead of Windows's message loop. Thread: each function acts on the
 // calling thread's queue.
 
 /// A descriptor that is readable while the calling thread's queue holds messages. The queue owns it; do not read, write

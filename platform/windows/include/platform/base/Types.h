@@ -1,4 +1,4 @@
-// The native platform's own types. What stands in this folder comes before platform/ in the include path of the native
+// Windows's own types. What stands in this folder comes before platform/ in the include path of the native
 // build, under the same names: each header hands on the original ones.
 #pragma once
 

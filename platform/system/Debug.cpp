@@ -2,6 +2,7 @@
 // looked up at run time and stays loaded: a thread may still write while the process ends. Any thread.
 #include "platform/system/Debug.h"
 
+#include "platform/base/Fork.h"
 #include "platform/base/HandleTable.h"
 #include "platform/base/LastError.h"
 #include "platform/base/Seam.h"
@@ -30,10 +31,7 @@ namespace {
 
 using SendToJournal = int (*)(iovec const *, int);
 
-constexpr int kNotOpened = -1;
-
 std::atomic<SendToJournal> g_send = nullptr;
-constinit std::atomic<int> g_output = kNotOpened; // a descriptor, never closed
 
 /// A registered provider: its journal field.
 HandleTable<std::string const> &Providers() {
@@ -42,16 +40,13 @@ HandleTable<std::string const> &Providers() {
 }
 
 int OutputDescriptor() {
-  int output = g_output;
-  if (output != kNotOpened)
-    return output;
-  char const *const path = std::getenv("SKIFFPORT_DEBUG_OUTPUT");
-  int const fd = path ? open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600) : -1;
-  if (g_output.compare_exchange_strong(output, fd >= 0 ? fd : STDERR_FILENO))
-    return g_output;
-  if (fd >= 0)
-    close(fd); // another thread was first
-  return output;
+  NoForkScope const scope; // in the child, a half-initialised variable would block for ever
+  static int const s_output = [] {
+    char const *const path = std::getenv("SKIFFPORT_DEBUG_OUTPUT");
+    int const fd = path ? open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600) : -1;
+    return fd >= 0 ? fd : STDERR_FILENO;
+  }();
+  return s_output;
 }
 
 /// Writes the text in one piece. A pipe takes at most PIPE_BUF bytes atomically; a longer text, which could be mixed

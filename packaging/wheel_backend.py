@@ -98,25 +98,23 @@ prepare_metadata_for_build_editable = prepare_metadata_for_build_wheel
 
 
 def build_windows_wheels(tree: pathlib.Path, wheel_directory: pathlib.Path, objcopy: str) -> List[str]:
-    """Writes a wheel for each CPython for Windows whose modules are in an importable tree. Returns the file names.
+    """Writes a wheel for each CPython for Windows that an importable tree was built for. Returns the file names.
 
     The modules are stripped. An archive beside each wheel has their debug information: the debugger finds a file of it
     that lies beside its module.
     """
     wheels = []
-    for module in sorted(tree.glob("_Skiffport.*.pyd")):
-        suffix = module.name.partition(".")[2]  # cp38-win_amd64.pyd
-        python, platform = suffix[:-len(".pyd")].split("-")
+    for tag in (tree.parent / "tags.txt").read_text("utf-8").split():  # cp38-win_amd64
         with tempfile.TemporaryDirectory(prefix="skiffport-") as scratch:
             staged, debug = pathlib.Path(scratch, "staged"), pathlib.Path(scratch, "debug")
             for file in (path for path in tree.rglob("*") if path.is_file()):
                 target = staged / file.relative_to(tree)
-                if file.name.endswith(suffix):
+                if file.name.endswith(f".{tag}.pyd"):
                     split_debug(file, target, debug / target.relative_to(staged), objcopy)
                 elif is_installed(target.relative_to(staged)):
                     target.parent.mkdir(parents=True, exist_ok=True)
                     shutil.copy(file, target)
-            wheels.append(write_wheel(staged, wheel_directory, f"{python}-{python}-{platform}"))
+            wheels.append(write_wheel(staged, wheel_directory, f"{tag.partition('-')[0]}-{tag}"))
             shutil.make_archive(str(wheel_directory / f"{wheels[-1][:-len('.whl')]}-debug"), "zip", debug)
     return wheels
 

@@ -55,6 +55,7 @@ endif()
 set(SKIFFPORT_PYTHON_TAGS ${_windows_tags})
 list(JOIN SKIFFPORT_PYTHON_TAGS " " _list)
 message(STATUS "Python for Windows: ${_list}")
+file(WRITE ${PROJECT_BINARY_DIR}/tags.txt "${_list}") # for what packs the modules
 
 # add_python_imports(): the import libraries, after every module has been added.
 function(add_python_imports)

@@ -60,7 +60,8 @@ for wheel in build/wheels/*.whl; do
   quietly twine check --strict "$wheel"
   quietly /usr/bin/python3 -m pip install "$wheel" --target "$target" --no-deps --no-compile --only-binary :all: \
     --platform win_amd64 --python-version "${tag#cp}"
-  info=skiffport-$version.dist-info modules=("_Skiffport.$tag-win_amd64.pyd" "skiffhost/_messageloop.$tag-win_amd64.pyd")
+  info=skiffport-$version.dist-info
+  modules=("_Skiffport.$tag-win_amd64.pyd" "skiffhost/_messageloop.$tag-win_amd64.pyd")
   expect "files of the wheel for Windows and $tag" "$(
     { (cd host && git ls-files skiffhost) && printf '%s\n' bin/skiffhost {,_}Skiffport-stubs/__init__.pyi Skiffport.py \
       skiffhost/_version.py "${modules[@]}" \

@@ -139,7 +139,7 @@ class Upload:
             data.GetServerUrl(), data.GetLoginTokenID(), session.version, session.version_type, session.installation)
 
     def run(self, paths: List[str], fields: List[str]) -> None:
-        """Uploads and pumps until the completion arrives. A signal of STOPPING cancels; a second one ends the process."""
+        """Uploads and pumps until the completion arrives. STOPPING cancels; a second one ends the process."""
         with handling(STOPPING, self._cancel):
             try:
                 self._uploader.SetCallback(self._on_event)

@@ -1,4 +1,4 @@
-"""Prints Python code that appends the docstrings of the stub to the proxy's: proxydocs.py Skiffport.pyi.
+"""Prints Python code that appends the docstrings of the stub to the proxy's: stubs.py Skiffport.pyi.
 
 SWIG gives the flat functions and the proxy the same docstrings, and those of the flat functions are fixed.
 """

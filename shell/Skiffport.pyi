@@ -1,5 +1,5 @@
 # Types and docstrings of the proxy module, which offers the native module's functions as classes. None for a str passes
-# a null pointer. The build appends the docstrings to those of the proxy (shell/proxydocs.py).
+# a null pointer. The build appends the docstrings to those of the proxy (shell/stubs.py).
 from typing import Callable, Dict, Optional, Tuple
 
 from _Skiffport import _Pointer, _Reply, _Self

@@ -32,7 +32,8 @@ install(DIRECTORY host/skiffhost DESTINATION ${_site} COMPONENT python
   FILES_MATCHING PATTERN "*.py" PATTERN "*.pyi" PATTERN "py.typed" PATTERN "__pycache__" EXCLUDE)
 # For a module that is not a package, type checkers look for a stub package of its own.
 foreach(_module IN ITEMS Skiffport _Skiffport)
-  install(FILES shell/${_module}.pyi DESTINATION ${_site}/${_module}-stubs RENAME __init__.pyi COMPONENT python)
+  install(FILES ${SKIFFPORT_TREE}/${_module}.pyi DESTINATION ${_site}/${_module}-stubs RENAME __init__.pyi
+    COMPONENT python)
 endforeach()
 
 # Documents keep the layout of the sources, so that the links between them hold.

@@ -15,10 +15,12 @@ cmake --install build/release --prefix "$work/installed" --component python >/de
 site=$(echo "$work"/environment/lib/python3*/site-packages)
 mv "$(dirname "$(find "$work/installed" -name Skiffport.py)")"/* "$site"
 
-PYTHONPATH=$site MYPYPATH=$site:shell /usr/bin/python3 -m mypy.stubtest \
+mkdir "$work/stubs"
+cp "$tree"/*.pyi "$work/stubs"
+PYTHONPATH=$site MYPYPATH=$site:$work/stubs /usr/bin/python3 -m mypy.stubtest \
   _Skiffport Skiffport skiffhost._messageloop
 for platform in linux win32; do
-  (cd "$site" && MYPYPATH=$OLDPWD/shell /usr/bin/python3 -m mypy --strict --python-version 3.8 \
+  (cd "$site" && MYPYPATH=$work/stubs /usr/bin/python3 -m mypy --strict --python-version 3.8 \
     --platform "$platform" -p skiffhost)
 done
 mkdir "$work/snippets"
@@ -41,7 +43,7 @@ POINTER = ("KHLoginData", "KHConnectUtil", "PyPresetUploader", "HINTERNET", "std
 GIVEN = {**dict.fromkeys(TEXT, "str"), **dict.fromkeys(NUMBER, "int"), **dict.fromkeys(POINTER, "_Pointer"), "": "None"}
 TAKEN = {**GIVEN, **dict.fromkeys(TEXT, "Optional[str]"), "CString &": "_Self",
          "PyObject *": "Optional[Callable[..., object]]"}
-for stub in ast.parse(pathlib.Path("shell/_Skiffport.pyi").read_text("utf-8")).body:
+for stub in ast.parse(pathlib.Path(_Skiffport.__file__).with_name("_Skiffport.pyi").read_text("utf-8")).body:
     documentation = isinstance(stub, ast.FunctionDef) and getattr(_Skiffport, stub.name).__doc__
     if documentation:
         inside, result = re.fullmatch(r"\w+\((.*)\)(?: -> (.*))?", documentation).groups("")

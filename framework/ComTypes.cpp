@@ -1,4 +1,3 @@
-// See ComTypes.h.
 #include "framework/ComTypes.h"
 
 #include "platform/text/CodePages.h"

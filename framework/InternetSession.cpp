@@ -1,5 +1,5 @@
-// See InternetSession.h. Holds the sentences of GetErrorMessage, in which a blocking request reports its error number;
-// the host's helpers put those of a login into words of their own.
+// Holds the sentences of GetErrorMessage, in which a blocking request reports its error number; the host's helpers put
+// those of a login into words of their own.
 #include "framework/InternetSession.h"
 
 #include "platform/base/LastError.h"

@@ -1,4 +1,4 @@
-// See Wnd.h. A window's user data points to its object; it is set and cleared on the window's own thread.
+// A window's user data points to its object; it is set and cleared on the window's own thread.
 #include "framework/Wnd.h"
 
 #include "platform/base/ForcedUnwind.h"

@@ -1,4 +1,3 @@
-// See CUploadProgressProxyWindow.h.
 #include "publish/CUploadProgressProxyWindow.h"
 
 #include "platform/base/Clock.h"

@@ -1,4 +1,3 @@
-// See ExitHook.h.
 #include <Python.h>
 
 #include "publish/ExitHook.h"

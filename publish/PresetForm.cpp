@@ -1,4 +1,3 @@
-// See PresetForm.h.
 #include "publish/PresetForm.h"
 
 #include "framework/CW2A.h"

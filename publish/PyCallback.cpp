@@ -1,4 +1,3 @@
-// See PyCallback.h.
 #include "publish/PyCallback.h"
 
 PyCallback::~PyCallback() {

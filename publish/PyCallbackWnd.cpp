@@ -1,4 +1,3 @@
-// See PyCallbackWnd.h.
 #include "publish/PyCallbackWnd.h"
 
 namespace {

@@ -1,5 +1,4 @@
-// See PyPresetUploader.h. Construction, start, cancel and destruction; UploadEvents.cpp handles the transfer's calls.
-// Thread: the owner thread.
+// Construction, start, cancel and destruction; UploadEvents.cpp handles the transfer's calls. Thread: the owner thread.
 #include "publish/PyPresetUploader.h"
 
 #include "framework/CW2A.h"

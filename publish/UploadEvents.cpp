@@ -1,5 +1,5 @@
-// See PyPresetUploader.h. How it handles the transfer's calls: the two events that Python sees, and reading the
-// service's reply. Thread: the owner thread, called by the proxy's window; only IsCancelled runs on the upload thread.
+// How an uploader handles the transfer's calls: the two events that Python sees, and reading the service's reply.
+// Thread: the owner thread, called by the proxy's window; only IsCancelled runs on the upload thread.
 #include "publish/PyPresetUploader.h"
 
 #include "platform/text/Text.h"

@@ -1,4 +1,3 @@
-// See Document.h.
 #include "reply/Document.h"
 
 #include <algorithm>

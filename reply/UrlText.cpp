@@ -1,4 +1,3 @@
-// See UrlText.h.
 #include "reply/UrlText.h"
 
 namespace {

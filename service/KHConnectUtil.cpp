@@ -1,4 +1,3 @@
-// See KHConnectUtil.h.
 #include "service/KHConnectUtil.h"
 
 #include "framework/CW2A.h"

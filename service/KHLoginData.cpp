@@ -1,5 +1,4 @@
-// See KHLoginData.h: lifetime, lock, getters, and the reading of reply elements. Each topic's requests have a file of
-// their own.
+// Lifetime, lock, getters, and the reading of reply elements. Each topic's requests have a file of their own.
 #include "service/KHLoginData.h"
 
 #include "framework/Handles.h"

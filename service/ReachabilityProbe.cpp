@@ -1,5 +1,5 @@
-// See ReachabilityProbe.h. A handle is taken out by an atomic exchange before it is closed, so that the helper thread
-// and the waiter never both close it.
+// A handle is taken out by an atomic exchange before it is closed, so that the helper thread and the waiter never both
+// close it.
 #include "service/ReachabilityProbe.h"
 
 #include "framework/Handles.h"

@@ -1,4 +1,3 @@
-// See ServiceExchange.h.
 #include "service/ServiceExchange.h"
 
 #include "framework/CW2A.h"

@@ -1,4 +1,3 @@
-// See WebAddress.h.
 #include "service/WebAddress.h"
 
 #include <algorithm>

@@ -1,4 +1,3 @@
-// See MultipartBody.h.
 #include "upload/MultipartBody.h"
 
 #include "framework/CW2A.h"

@@ -1,4 +1,3 @@
-// See ProgressMeter.h.
 #include "upload/ProgressMeter.h"
 
 namespace {

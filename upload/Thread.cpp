@@ -1,4 +1,3 @@
-// See Thread.h.
 #include "upload/Thread.h"
 
 unsigned __stdcall Thread::Entry(void *pArg) { return static_cast<Thread *>(pArg)->Run(); }

@@ -1,4 +1,3 @@
-// See UploadJob.h.
 #include "upload/UploadJob.h"
 
 #include "framework/CW2A.h"

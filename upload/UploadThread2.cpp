@@ -1,4 +1,3 @@
-// See UploadThread2.h.
 #include "upload/UploadThread2.h"
 
 unsigned UploadThread2::Run() {

@@ -1,5 +1,5 @@
-// See Uploader.h. The stages follow the wire: open, declare the length, text parts, file parts, closing line, status,
-// reply. A failed stage abandons the request; nothing is retried.
+// The stages follow the wire: open, declare the length, text parts, file parts, closing line, status, reply. A failed
+// stage abandons the request; nothing is retried.
 #include "upload/Uploader.h"
 
 #include "framework/Handles.h"

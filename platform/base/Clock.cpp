@@ -1,4 +1,3 @@
-// See Clock.h.
 #include "platform/base/Clock.h"
 
 #include "platform/base/Seam.h"

@@ -1,4 +1,3 @@
-// See Fork.h.
 #include "platform/base/Fork.h"
 
 #include "platform/base/Seam.h"

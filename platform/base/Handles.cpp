@@ -1,4 +1,3 @@
-// See Handles.h and KernelObject.h.
 #include "platform/base/Handles.h"
 
 #include "platform/base/KernelObject.h"

@@ -1,4 +1,3 @@
-// See LastError.h.
 #include "platform/base/LastError.h"
 
 namespace {

@@ -1,4 +1,4 @@
-// See Seam.h. The product's definitions: nothing fails on purpose, and time is the system's.
+// The product's definitions: nothing fails on purpose, and time is the system's.
 #include "platform/base/Seam.h"
 
 #include <thread>

@@ -1,4 +1,3 @@
-// See ConnectionStages.h.
 #include "platform/http/ConnectionStages.h"
 
 #include "platform/text/Utf8.h"

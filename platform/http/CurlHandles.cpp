@@ -1,4 +1,3 @@
-// See CurlHandles.h.
 #include "platform/http/CurlHandles.h"
 
 #include "platform/base/Fork.h"

@@ -1,4 +1,3 @@
-// See CurlSetUp.h.
 #include "platform/http/CurlSetUp.h"
 
 #include "platform/http/HttpText.h"

@@ -1,4 +1,3 @@
-// See HandleTree.h.
 #include "platform/http/HandleTree.h"
 
 #include "platform/base/Fork.h"

@@ -1,4 +1,4 @@
-// See HostName.h. libcurl would map the name itself, with the same library, but would not check the result.
+// libcurl would map the name itself, with the same library, but would not check the result.
 #include "platform/http/HostName.h"
 
 #include "platform/http/HttpText.h"

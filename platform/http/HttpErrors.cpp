@@ -1,4 +1,3 @@
-// See HttpErrors.h.
 #include "platform/http/HttpErrors.h"
 
 #include <cerrno>

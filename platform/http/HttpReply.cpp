@@ -1,4 +1,3 @@
-// See HttpReply.h.
 #include "platform/http/HttpReply.h"
 
 #include "platform/base/LastError.h"

@@ -1,5 +1,5 @@
-// See HttpTransfer.h. One CURLM and one CURL per transfer: curl_multi_poll can be woken from another thread, which no
-// blocking call of libcurl can.
+// One CURLM and one CURL per transfer: curl_multi_poll can be woken from another thread, which no blocking call of
+// libcurl can.
 #include "platform/http/HttpTransfer.h"
 
 #include "platform/base/Fork.h"

@@ -1,4 +1,3 @@
-// See SocketTuning.h.
 #include "platform/http/SocketTuning.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// See UrlSplit.h; InternetCrackUrlA copies the parts into the caller's buffers.
+// InternetCrackUrlA copies the parts into the caller's buffers.
 #include "platform/http/UrlSplit.h"
 
 #include "platform/base/LastError.h"

@@ -1,4 +1,3 @@
-// See WaitLimits.h.
 #include "platform/http/WaitLimits.h"
 
 #include "platform/base/Seam.h"

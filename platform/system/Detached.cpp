@@ -1,4 +1,3 @@
-// See Detached.h.
 #include "platform/system/Detached.h"
 
 #include <exception>

@@ -1,4 +1,3 @@
-// See Locks.h.
 #include "platform/system/Locks.h"
 
 #include "platform/base/Fork.h"

@@ -1,4 +1,3 @@
-// See RegularFile.h.
 #include "platform/system/RegularFile.h"
 
 #include <cerrno>

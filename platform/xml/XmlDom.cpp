@@ -1,4 +1,4 @@
-// See XmlDom.h. Each object keeps the tree that it points into alive, so that a node outlives its document.
+// Each object keeps the tree that it points into alive, so that a node outlives its document.
 #include "platform/xml/XmlDom.h"
 
 #include "platform/base/LastError.h"

@@ -1,5 +1,5 @@
-// See XmlTree.h. Builds the tree from expat's events. Expat takes time in proportion to the document, whatever it
-// holds, and limits neither nesting nor the length of a text; the memory that it may use is limited here. Any thread.
+// Builds the tree from expat's events. Expat takes time in proportion to the document, whatever it holds, and limits
+// neither nesting nor the length of a text; the memory that it may use is limited here. Any thread.
 
 #include "platform/text/Utf8.h"
 #include "platform/xml/XmlTree.h"

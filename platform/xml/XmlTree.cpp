@@ -1,4 +1,3 @@
-// See XmlTree.h.
 #include "platform/xml/XmlTree.h"
 
 #include "platform/text/Characters.h"

@@ -48,9 +48,8 @@ class Standin:
     def __enter__(self) -> "Standin":
         with contextlib.ExitStack() as stack:
             scratch = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="standin-")))
-            self.folder = scratch / "service"
-            command = [PYTHON, "-B", "-m", "kestrelhub_standin", "--until-stdin-closes", "--folder", str(self.folder),
-                       "--cert-folder", str(scratch / "certificates")]
+            self.folder = scratch / "presets"
+            command = [PYTHON, "-B", "-m", "kestrelhub_standin", str(scratch)]
             self._process: Any = stack.enter_context(subprocess.Popen(
                 command, env=standin_environment(), stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                 start_new_session=True))  # Ctrl-C is for the client

@@ -18,18 +18,15 @@ FILE_PARTS = ("PIPfile", "PIPimg") + tuple(f"PIPimg_{number}" for number in rang
 
 
 class PresetStore:
-    """All published presets of one folder, including those of earlier runs."""
+    """The published presets, in a folder that it makes."""
 
     def __init__(self, folder: Path) -> None:
-        folder.mkdir(parents=True, exist_ok=True)
+        folder.mkdir()
         self._folder = folder
         self._records: Dict[str, Record] = {}
-        for file in sorted(folder.glob("[!.]*/preset.json")):
-            record = json.loads(file.read_text("utf-8"))
-            self._records[record["id"]] = record
 
     def all(self) -> List[Record]:
-        """Returns the records, those of this run oldest first."""
+        """Returns the records, oldest first."""
         return list(self._records.values())
 
     def get(self, preset_id: str) -> Optional[Record]:

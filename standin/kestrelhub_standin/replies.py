@@ -5,7 +5,7 @@ Documents are ASCII with character references, so they read the same in any code
 
 import re
 import xml.etree.ElementTree as ElementTree
-from typing import Mapping, Optional
+from typing import Mapping
 
 from aiohttp import web
 
@@ -33,10 +33,9 @@ def document(root: ElementTree.Element, status: int = 200) -> web.Response:
     return web.Response(status=status, body=ElementTree.tostring(root), content_type="text/xml", charset="us-ascii")
 
 
-def flat_document(root: str, children: Mapping[str, Optional[str]], status: int = 200) -> web.Response:
-    """Returns a reply with a root and one level of text elements, in order; None leaves an element out."""
+def flat_document(root: str, children: Mapping[str, str], status: int = 200) -> web.Response:
+    """Returns a reply with a root and one level of text elements, in order."""
     element = ElementTree.Element(root)
     for name, text in children.items():
-        if text is not None:
-            add_element(element, name, text)
+        add_element(element, name, text)
     return document(element, status)

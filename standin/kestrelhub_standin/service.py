@@ -13,13 +13,14 @@ from typing import Any, Awaitable, Callable, Deque, Dict, List
 
 from aiohttp import ClientPayloadError, web
 
-from .members import Members
+from .members import NAME, Members
 from .presets import PresetStore
 from .replies import Refusal, add_element, document, flat_document
 from .upload import receive_preset
 
 Handler = Callable[[web.Request], Awaitable[web.StreamResponse]]
 
+HOST = "www.kestrelhub.example"  # which detection returns
 REQUESTS_KEPT = 1000
 
 # Page addresses for visitors who are not logged in: the part after the host, with the start of a query.
@@ -44,11 +45,9 @@ _LOGIN_BODY = re.compile(r"account=(.*?)&pwd=(.*)&AP=TWR&Version=(.*?)&versionTy
 class Service:
     """Both ports of the service, which share one set of members and presets."""
 
-    def __init__(self, members: Members, presets: PresetStore, api_host: str, max_upload: int) -> None:
-        self._members = members
+    def __init__(self, presets: PresetStore) -> None:
+        self._members = Members()
         self._presets = presets
-        self._api_host = api_host
-        self._max_upload = max_upload
         self._videos: Dict[str, str] = {}
         self._requests: Deque[Dict[str, Any]] = collections.deque(maxlen=REQUESTS_KEPT)
 
@@ -103,7 +102,7 @@ class Service:
     async def _addresses(self, request: web.Request) -> web.Response:
         if request.query.get("ap") != "tintwright" or "version" not in request.query:
             return flat_document("INFO", {"errMsg": "Unknown product."}, status=400)
-        return flat_document("INFO", {"APIUrl": self._api_host, **PAGES})
+        return flat_document("INFO", {"APIUrl": HOST, **PAGES})
 
     async def _log_in(self, request: web.Request) -> web.Response:
         if request.content_type != "application/x-www-form-urlencoded":
@@ -116,12 +115,11 @@ class Service:
         token = self._members.log_in(account, password)
         if token is None:
             raise Refusal(401, "The account or the password is wrong.")
-        member = self._members.details(account)
-        site = f"https://{self._api_host}"
-        reply = {
+        site = f"https://{HOST}"
+        return flat_document("info", {
             "firstloginUrl": "",
             "tokenid": token,
-            "username": member["username"],
+            "username": NAME,
             "profileURL": f"{site}/members/{urllib.parse.quote(account)}",
             "VideoGallery": f"{site}/videos?member=1",
             "AdjustmentPreset": f"{site}/presets?member=1",
@@ -129,16 +127,13 @@ class Service:
             "search": f"{site}/search",
             "RevisionAPI": "2",
             "errMsg": "",
-        }
-        return flat_document("info", {**reply, **member.get("reply", {})})
+        })
 
     async def _upload(self, request: web.Request) -> web.Response:
         if request.content_length is None:
             raise Refusal(411, "The upload has no Content-Length.")
-        if request.content_length > self._max_upload:
-            raise Refusal(413, f"An upload may have at most {self._max_upload} bytes.")
         with self._presets.incoming() as preset:
-            address = await receive_preset(request, self._members, preset, self._api_host)
+            address = await receive_preset(request, self._members, preset, HOST)
         return flat_document("uploadTemplate", {"templateUrl": urllib.parse.quote(address, safe="")})
 
     async def _categories(self, request: web.Request) -> web.Response:
@@ -168,7 +163,7 @@ class Service:
             raise Refusal(404, "Unknown video.")
         if not _only(request, "videoURL"):
             raise Refusal(422, "A video needs an address.")
-        return flat_document("info", {"videoUrl": f"https://{self._api_host}/videos/{video}"})
+        return flat_document("info", {"videoUrl": f"https://{HOST}/videos/{video}"})
 
     def _member_of(self, token: str) -> str:
         account = self._members.account_of(token)

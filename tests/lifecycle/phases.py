@@ -1,5 +1,5 @@
 """Phases in which an upload or a login stays until something ends it: the peer that holds it there, and how to tell
-that it has come there. Used by the lifecycle tests, by scripts/soak and by the cancel benchmark.
+that it has come there. Used by the lifecycle tests and by the cancel benchmark.
 """
 
 import contextlib

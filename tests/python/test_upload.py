@@ -66,6 +66,7 @@ class UploadTest(common.StandinCase):
     def publication(self, paths=None, **changes):
         """Returns a new publication, started if there are paths."""
         publication = Publication(**{"host": self.host, "token": self.token, **changes})
+        self.addCleanup(setattr, publication, "uploader", None)  # breaks a cycle with its callable
         if paths:
             self.assertNotEqual(publication.start(paths), 0)
         return publication

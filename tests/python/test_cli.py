@@ -41,9 +41,12 @@ INTERRUPTED_START = changed(UPLOADER + "uploader.SetCallback = "
 INTERRUPTED_IMPORT = changed("sys.addaudithook(lambda event, values: event == 'import' and "
                              "values[0] == 'skiffhost.commands' and signal.raise_signal(2))")
 NOT_BUILT = changed("sys.modules['_Skiffport'] = None")
+LOGIN, VIDEO = ["--user", launch.USER], ["relate-video", "https://v.example/?a=1&b=2", "w e b", "x=y"]
+PATH = "/servlet/getPresetCategory"
+REQUEST = ["request", DEFAULT, PATH, "--port", "80", "--params", "ap=TWR&Locid=en"]
 
 
-class CommandLineCase(common.StandinCase):
+class CommandLineTest(common.StandinCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
@@ -82,8 +85,6 @@ class CommandLineCase(common.StandinCase):
         status = os.waitpid(child, 0)[1]
         return -os.WTERMSIG(status) or os.WEXITSTATUS(status), shown.decode()
 
-
-class AccountTest(CommandLineCase):
     def test_logins_print_the_member_or_the_reason_but_not_the_token(self):
         code, output, errors = self.run_cli("login", "--verbose", SKIFFHOST_USER=launch.USER)
         self.assertIn("[KHLoginData] TWR Revision API = ", errors)
@@ -150,8 +151,6 @@ class AccountTest(CommandLineCase):
                 self.assertEqual((found, "Traceback" in shown, "skiffhost: " + text in shown),
                                  (code, False, bool(text)), shown)
 
-
-class PublishTest(CommandLineCase):
     def test_publishes_all_files_and_fields_and_prints_few_progress_lines(self):
         code, output, errors = self.run_cli(*self.publish, "--curve-r", str(self.preset / "curve_b.bin"))
         record = self.standin.presets()[-1]
@@ -215,8 +214,6 @@ class PublishTest(CommandLineCase):
             self.assertTrue(any(re.match(f"published *{bar} *100%", row) for row in rows), shown)
             self.assertEqual((code, [row for row in rows[:-2] if len(row) > columns]), (0, []))
 
-
-class ArgumentsTest(CommandLineCase):
     def test_mistakes_take_one_line_and_nothing_is_sent(self):
         publish, address = f"publish mika {self.preset} ", "--connect-to: not a rule host:port:address:port: "
         asked = self.standin.requests()
@@ -261,3 +258,41 @@ class ArgumentsTest(CommandLineCase):
             lines = done.stdout.count(b"\n")
             self.assertEqual((done.returncode, lines), (code, command.startswith("publish")), (command, done))
             self.assertNotRegex(done.stderr.decode(), "Traceback|Exception ignored|skiffhost: .*Broken pipe")
+
+    def test_requests_print_their_answers_or_what_failed(self):
+        self.assertEqual(self.run_cli(*self.publish, "--template-key", "{K-9}")[0], 0)
+        address = self.standin.presets()[-1]["address"]
+        # A text to find in each stream, or nothing for an empty stream, and a pattern of the last request's target.
+        for arguments, code, output, errors, target in (
+                (["categories", "de"], 0, "1  Porträt\n2  Landschaft\n3  Nacht\n4  Essen & Trinken\n5  S", "", "=de&"),
+                (["categories", "a&b"], 0, "Portrait", "", "Locid=a%26b&"),
+                (["categories", "--json"], 0, '"2": "Landscape"', "", "Locid=en&"),
+                (["categories", "--host", "no-host.invalid"], 3, "", "no categories", "."),
+                (["effect", "{k-9}", *LOGIN], 0, address + "\n", "", "&guid={k-9}$"),
+                (["effect", "{k-9}", *LOGIN, "--json"], 0, f'"address": "{address}"', "", "&guid={k-9}$"),
+                (["effect", "{k-9}"], 3, "", "it may need a login", "/GetEffectByGUIDForTWR.token=&guid={k-9}$"),
+                (["effect", "unknown", *LOGIN], 3, "", "no such effect", "guid=unknown$"),
+                ([*VIDEO, *LOGIN], 0, f"https://{DEFAULT}/videos/", "",
+                 "&videoURL=https://v.example/%3Fa%3D1%26b%3D2&website=w%20e%20b&.*&x=y$"),
+                (["relate-video", "", "web", *LOGIN], 3, "", "refused it", "setRelateVideo"),
+                (VIDEO, 2, "", "--user", "."),
+                (["request", "no-host.invalid", "/"], 3, "", "name could not be found", "."),
+                (REQUEST, 0, '<category categoryid="3">Night</category>', "", "ap=TWR&Locid=en$"),
+                ([*REQUEST, "--form"], 0, "Unknown product.", "", PATH + "$"),
+                (["request", DEFAULT, "/servlet/memLogin", "--form", "--params", "pwd=x", "--json"], 0, "form is damaged.",
+                 "", "/servlet/memLogin$")):
+            with self.subTest(arguments=arguments):
+                found = self.run_cli(*arguments)
+                self.assertEqual((found[0], bool(found[1]), bool(found[2])), (code, bool(output), bool(errors)), found)
+                self.assertEqual((output in found[1], errors in found[2]), (True, True), found)
+                self.assertRegex(self.standin.requests()[-1]["target"], target)
+
+    def test_what_a_service_may_also_answer(self):
+        with Network() as network:
+            network.reply(DEFAULT, "a\x1b[2J\x9b\u202e\u2066\ufeffä\u200d", tls="")
+            self.assertEqual(self.run_cli(*REQUEST, **os.environ), (0, "a?[2J????ä\u200d\n", ""))
+            network.lead(self.env["SKIFFPORT_CONNECT_TO"])
+            network.reply(DEFAULT, "<info><videoId>v</videoId></info>", "--then", "", tls="")
+            env = {**os.environ, "SSL_CERT_FILE": self.env["SSL_CERT_FILE"]}
+            code, output, errors = self.run_cli(*VIDEO, *LOGIN, **env)
+            self.assertEqual((code, output, "reply is empty" in errors), (3, "", True), errors)

@@ -17,6 +17,8 @@ import argparse
 import ast
 import contextlib
 import ctypes
+import datetime
+import ipaddress
 import os
 import re
 import signal
@@ -30,8 +32,16 @@ import threading
 from pathlib import Path
 from typing import Any, Callable, Sequence
 
-from certificates import KINDS, make_certificates
-
+NAMES = ("good.test", "*.kestrelhub.example", "127.0.0.1", "::1", "localhost")
+DAY = datetime.timedelta(days=1)
+PAST, FUTURE = datetime.datetime(2020, 1, 1), datetime.datetime.utcnow() + 3650 * DAY
+# What sets each kind of certificate apart; "issuer" names another kind, "self" or "stranger", not the authority.
+KINDS = {
+    "good": {}, "expired": {"until": PAST}, "not-yet-valid": {"since": FUTURE - DAY},
+    "wrong-name": {"names": ("other.test",)}, "expired-wrong-name": {"until": PAST, "names": ("other.test",)},
+    "unknown-issuer": {"issuer": "stranger"}, "self-signed": {"issuer": "self"}, "no-issuer-right": {"issuer": "good"},
+    "client-only": {"purpose": "CLIENT_AUTH"}, "weak-key": {"bits": 1024}, "common-name-only": {"names": ()},
+}
 LENGTHS = {"right": "Content-Length: {0}", "none": "", "short": "Content-Length: {1}", "long": "Content-Length: 999999",
            "negative": "Content-Length: -1", "garbage": "Content-Length: abc", "chunked": "Transfer-Encoding: chunked"}
 
@@ -45,11 +55,15 @@ class Exchange:
         self.body, self.half = options.body, len(options.body) // 2
 
     def play(self) -> None:
-        if self.context and "tls" not in self.options.scenario:
-            self.tls()
-        for step in self.options.scenario:
-            name, *arguments = ("send", step) if isinstance(step, bytes) else [step] if isinstance(step, str) else step
-            getattr(self, name.replace("-", "_"))(*arguments)
+        """Plays the scenario and closes the connection."""
+        with contextlib.suppress(OSError):  # the other side goes away, or refuses the certificate
+            self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+            if self.context and "tls" not in self.options.scenario:
+                self.tls()
+            for step in self.options.scenario:
+                name, *arguments = {bytes: ("send", step), str: (step,)}.get(type(step), step)
+                getattr(self, name.replace("-", "_"))(*arguments)
+        self.connection.close()
 
     def head(self) -> bytes:
         """Returns the reply's head."""
@@ -74,9 +88,9 @@ class Exchange:
         with contextlib.suppress(OSError):
             self.connection.unwrap()
 
-    def receive(self) -> bytes:
+    def receive(self, size: int = 1 << 18) -> bytes:
         """Returns the next bytes after recording them; none at the end."""
-        data = self.connection.recv(1 << 18)
+        data = self.connection.recv(size)
         if data and self.options.record:
             with open(self.options.record, "ab") as record:
                 record.write(data)
@@ -114,13 +128,6 @@ class Exchange:
     def rest(self) -> None:
         self.send(self.framed(self.body[self.half:], b"0\r\n\r\n"))
 
-    def slow_reply(self) -> None:
-        """Sends the reply with a pause before each byte of the body."""
-        self.send(self.head())
-        for position in range(len(self.body)):
-            self.pause()
-            self.send(self.body[position:position + 1])
-
     def flood(self, data: bytes, pause: float = 0) -> None:
         """Sends the same bytes without end."""
         while not self.stop.wait(pause):
@@ -128,11 +135,6 @@ class Exchange:
 
     def repeat(self, data: bytes, count: int) -> None:
         self.send(data * count)
-
-    def sip(self, size: int = 4096) -> None:
-        """Reads on slowly until the other side closes."""
-        while self.connection.recv(size):
-            self.pause()
 
     def flood_messages(self, call: str, argument: int) -> None:
         """Makes OpenSSL send a message after the handshake over and over: bytes flow, but no reply."""
@@ -153,10 +155,10 @@ class Exchange:
         """Keeps the connection open, without reading, until the peer exits."""
         self.stop.wait()
 
-    def drain(self) -> None:
-        """Reads until the other side closes."""
-        while self.receive():
-            pass
+    def drain(self, size: int = 1 << 18, pause: float | None = 0) -> None:
+        """Reads until the other side ends its sending."""
+        while self.receive(size):
+            self.pause(pause)
 
     def shut(self) -> None:
         """Ends the sending, but keeps the connection."""
@@ -173,32 +175,20 @@ SCENARIOS = {
     "reply": ("read", "reply"),
     "keep": ("read", "reply", "drain"),
     "pieces": ("read", "half-reply", "pause", "rest"),
-    "trickle": ("read", "slow-reply"),
     "interim": ("read", b"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Hints\r\nContent-Length: 77\r\n\r\n", "reply"),
     "early-keep": ("read-some", "reply", "drain"),
     "early-hold": ("read-some", "reply", "hold"),
-    "first-bytes": ("receive", "reply", "drain"),
     "reset-send": ("read-some", "reset"),
     "reset-reply": ("read", "half-reply", "pause", "reset"),
     "silent-connect": (),  # the connection is never established
     "silent-tls": ("hold",),
     "silent-reply": ("read", "hold"),
     "silent-body": ("read", "half-reply", "hold"),
-    "sip": ("read-some", "sip"),
+    "sip": ("read-some", ("drain", 4096, None)),
     "stall": ("read-some", "hold"),
     "close": ("read",),
     "garbage": ("receive", b"\x00\x01\x02 this is no reply\r\n\r\n"),
-    "flood-headers": ("read", b"HTTP/1.1 200 OK\r\n", ("flood", b"X-Line: flood\r\n" * 64)),
 }
-
-
-def play(*exchange: Any) -> None:
-    """Plays the scenario on one connection."""
-    playing = Exchange(*exchange)
-    with contextlib.suppress(OSError):  # the other side goes away, or refuses the certificate
-        playing.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        playing.play()
-    playing.connection.close()
 
 
 def accept(listener: socket.socket, options: argparse.Namespace, stop: threading.Event) -> None:
@@ -206,13 +196,14 @@ def accept(listener: socket.socket, options: argparse.Namespace, stop: threading
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER) if options.tls else None
     if context:
         context.set_ciphers("DEFAULT:@SECLEVEL=0")  # for weak keys, too
+        context.options |= ssl.OP_IGNORE_UNEXPECTED_EOF  # a peer can go on when the other side has ended its sending
         context.load_cert_chain(os.path.join(options.certs, options.tls + ".pem"))
     bodies = [options.body, *options.then]
     while True:
         connection = listener.accept()[0]
         options.body = bodies.pop(0) if bodies else options.body
-        arguments = (connection, argparse.Namespace(**vars(options)), context, stop)
-        threading.Thread(target=play, args=arguments, daemon=True).start()
+        exchange = Exchange(connection, argparse.Namespace(**vars(options)), context, stop)
+        threading.Thread(target=exchange.play, daemon=True).start()
 
 
 def serve(options: argparse.Namespace, wait: Callable[[], Any]) -> None:
@@ -235,6 +226,48 @@ def serve(options: argparse.Namespace, wait: Callable[[], Any]) -> None:
     os._exit(0)
 
 
+def make_certificates(folder: str) -> None:
+    """Writes ca.pem and, for each kind of certificate, KIND.pem (chain and key) into the folder."""
+    # only here: these take a while to load, and no peer needs them
+    from cryptography import x509
+    from cryptography.hazmat.primitives import hashes, serialization
+    from cryptography.hazmat.primitives.asymmetric import ec, rsa
+    from cryptography.x509.oid import ExtendedKeyUsageOID, NameOID
+
+    def make(name: str, issuer: Any = None, names: Any = NAMES, since: datetime.datetime = PAST,
+             until: datetime.datetime = FUTURE, purpose: str = "SERVER_AUTH", bits: int = 0) -> Any:
+        """Returns a chain and its key; one without an issuer is its own, and a good.test without one no authority."""
+        key: Any = rsa.generate_private_key(65537, bits) if bits else ec.generate_private_key(ec.SECP256R1())
+        subject = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, name)])
+        chain, issuer_key = issuer or ([], key)
+        is_authority = name != "good.test"
+        extensions = [x509.BasicConstraints(is_authority, None)]
+        if not is_authority:
+            extensions.append(x509.ExtendedKeyUsage([getattr(ExtendedKeyUsageOID, purpose)]))
+            if names:
+                extensions.append(x509.SubjectAlternativeName([
+                    x509.DNSName(name) if name[-1].isalpha() else x509.IPAddress(ipaddress.ip_address(name))
+                    for name in names]))
+        builder = x509.CertificateBuilder(chain[0].subject if chain else subject, subject, key.public_key(),
+                                          x509.random_serial_number(), min(since, until - DAY), until)
+        for extension in extensions:
+            builder = builder.add_extension(extension, critical=False)
+        return [builder.sign(issuer_key, hashes.SHA256()), *chain], key
+
+    def pem(certificates: Any) -> bytes:
+        return b"".join(each.public_bytes(serialization.Encoding.PEM) for each in certificates)
+
+    made = {name: make(name) for name in ("authority", "stranger")}
+    root = made["authority"][0]
+    Path(folder, "ca.pem").write_bytes(pem(root))
+    for kind, faults in KINDS.items():
+        issuer = made.get(faults.get("issuer", "authority"))  # None for itself
+        chain, key = made[kind] = make("good.test", **{**faults, "issuer": issuer})
+        secret = key.private_bytes(serialization.Encoding.PEM, serialization.PrivateFormat.PKCS8,
+                                   serialization.NoEncryption())
+        Path(folder, kind + ".pem").write_bytes(secret + pem(each for each in chain if each not in root))
+
+
 def parse(arguments: Sequence[str] | None = None) -> argparse.Namespace:
     """Parses the command line."""
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -247,7 +280,6 @@ def parse(arguments: Sequence[str] | None = None) -> argparse.Namespace:
     add("--header", action="append", default=[], metavar="LINE", help="header line of the reply")
     add("--body", type=os.fsencode, default=b"", help="body of the reply")
     add("--then", type=os.fsencode, action="append", default=[], metavar="BODY", help="body of the next reply, and on")
-    add("--fill", type=int, metavar="BYTES", help="use a reply body of that many bytes instead")
     add("--length", default="right", choices=LENGTHS, help="the reply's Content-Length (default: %(default)s)")
     add("--raw", type=lambda text: ast.literal_eval(f"b'{text}'"), help="the whole reply, as in a bytes literal")
     add("--pause", type=float, default=0.2, help="seconds of a pause (default: %(default)s)")
@@ -258,8 +290,6 @@ def parse(arguments: Sequence[str] | None = None) -> argparse.Namespace:
     if options.scenario != "certificates":
         known = options.scenario in SCENARIOS
         options.scenario = SCENARIOS[options.scenario] if known else ast.literal_eval(options.scenario)
-    if options.fill is not None:
-        options.body = bytes(position % 251 for position in range(options.fill))
     return options
 
 

@@ -2,6 +2,7 @@
 the examples as a user runs them: ``toolkits_test.py examples``."""
 
 import asyncio
+import contextlib
 import ctypes
 import functools
 import importlib
@@ -41,21 +42,21 @@ del sys.argv[1]
 sys.exit(qt_publish.main())"""
 
 
-# Each function makes a loop: what attaches, calls a function 10 ms later, runs the loop, ends that, and what an event
-# may call to run the loop itself.
+# Each function makes a loop: what attaches, calls a function some milliseconds later, runs the loop, ends that, and
+# what an event may call to run the loop itself.
 
 
 def make_asyncio():
     made = asyncio.new_event_loop()
     made.set_exception_handler(lambda *_: None)
-    return (functools.partial(loop.attach_asyncio, made), functools.partial(made.call_later, TICK_MILLISECONDS / 1000),
+    return (functools.partial(loop.attach_asyncio, made), lambda after, function: made.call_later(after / 1000, function),
             made.run_forever, made.stop, lambda: None)
 
 
 def make_qt(binding):
     application = importlib.import_module(binding + ".QtWidgets").QApplication([])
-    later = functools.partial(importlib.import_module(binding + ".QtCore").QTimer.singleShot, TICK_MILLISECONDS)
-    main = application.exec if hasattr(application, "exec") else application.exec_
+    later = importlib.import_module(binding + ".QtCore").QTimer.singleShot
+    main = getattr(application, "exec", None) or application.exec_
     return loop.attach_qt, later, main, application.quit, application.processEvents
 
 
@@ -64,8 +65,8 @@ def make_glib(has_own_context):
     context = GLib.MainContext() if has_own_context else GLib.MainContext.default()
     main_loop = GLib.MainLoop(context)
 
-    def later(function):
-        timer = GLib.timeout_source_new(TICK_MILLISECONDS)
+    def later(after, function):
+        timer = GLib.timeout_source_new(after)
         timer.set_callback(lambda *_: function())
         timer.attach(context)
 
@@ -76,8 +77,7 @@ def make_glib(has_own_context):
 def make_tk():
     import tkinter
     root = tkinter.Tk()
-    return (functools.partial(loop.attach_tk, root), functools.partial(root.after, TICK_MILLISECONDS), root.mainloop,
-            root.quit, root.update)
+    return functools.partial(loop.attach_tk, root), root.after, root.mainloop, root.quit, root.update
 
 
 LOOPS = {"asyncio": make_asyncio, "GLib": lambda: make_glib(False), "GLib-context": lambda: make_glib(True),
@@ -91,15 +91,13 @@ def run(tick):
         if tick():
             done.append(quit_loop())
         else:
-            later(again)
+            later(TICK_MILLISECONDS, again)
 
     done = []
-    later(again)
+    later(TICK_MILLISECONDS, again)
     while not done:
-        try:
+        with contextlib.suppress(RuntimeError):  # the signal handler's
             main()
-        except RuntimeError:  # the signal handler's
-            pass
 
 
 class Working(Publication):
@@ -109,6 +107,9 @@ class Working(Publication):
     def on_event(self, *event):
         super().on_event(*event)
         self.work()
+
+    def completed(self):
+        return self.events[-1:] and self.events[-1][0] == "UploadComplete"
 
 
 class LoopTest(common.StandinCase):
@@ -140,25 +141,8 @@ class LoopTest(common.StandinCase):
         self.assertTrue(condition())
         return len(times), max(end - start for start, end in zip(times, times[1:]))
 
-    def publish(self, count=1, sizes=None):
-        """Uploads while the loop runs. Expects growing numbers, then one accepted completion. Returns as run_until."""
-        publications = self.start(count, sizes, self.session)
-        with attach():
-            found = self.run_until(lambda: all(each.events[-1:] and each.events[-1][0] == "UploadComplete"
-                                               for each in publications))
-            for publication in publications:
-                *progress, completion = publication.events
-                sent = [event[3] for event in progress if event[0] == "ProgressChanged"]
-                self.assertEqual((len(sent), sent, sent[-1]), (len(progress), sorted(sent), progress[-1][4]))
-                self.assertEqual((completion[2], completion[4]), (1, ""))
-                publication.uploader = None
-        return found
-
-    def test_the_timer_keeps_running_during_an_upload(self):
-        ticks, gap = self.publish(sizes={"effect": 40_000_000, "cover_before": 8_000_000})
-        self.assertTrue(ticks > 20 and gap < LONGEST_GAP_SECONDS, (ticks, gap))
-
-    def test_queued_events_arrive_in_slices_and_may_run_the_loop(self):
+    def test_events_arrive_in_slices_between_ticks_and_may_run_the_loop(self):
+        """The numbers of each upload grow, and one accepted completion follows."""
         depths = [0]
 
         def nested():
@@ -166,12 +150,23 @@ class LoopTest(common.StandinCase):
             run_inside()
             depths.append(depths[-1] - 1)
 
-        for work, longest in ((lambda: sum(range(20_000)), LONGEST_GAP_SECONDS), (nested, 60)):  # some 0.5 ms; any
-            ran = []
+        busy, large = (lambda: sum(range(20_000))), {"effect": 40_000_000, "cover_before": 8_000_000}  # some 0.5 ms
+        for count, sizes, work, most, least_ticks, least_ran in (
+                (1, large, lambda: None, LONGEST_GAP_SECONDS, 20, 0),
+                (WAITING_UPLOADS, None, busy, LONGEST_GAP_SECONDS, 0, WAITING_COMMANDS),
+                (WAITING_UPLOADS, None, nested, 60, 0, WAITING_COMMANDS)):
+            ran, publications = [], self.start(count, sizes, self.session)
             with mock.patch.object(loop, "pump", lambda limit, pump=loop.pump: ran.append(pump(limit)) or ran[-1]), \
-                    mock.patch.object(Working, "work", staticmethod(work)):
-                self.assertLess(self.publish(WAITING_UPLOADS)[1], longest)
-            self.assertGreater(sum(ran), WAITING_COMMANDS)
+                    mock.patch.object(Working, "work", staticmethod(work)), attach():
+                ticks, gap = self.run_until(lambda: all(each.completed() for each in publications))
+            self.assertTrue(ticks > least_ticks and sum(ran) > least_ran and gap < most, (ticks, sum(ran), gap))
+            for publication in publications:
+                *progress, completion = publication.events
+                sent = [event[3] for event in progress if event[0] == "ProgressChanged"]
+                self.assertEqual((len(sent), sent, sent[-1]), (len(progress), sorted(sent), progress[-1][4]))
+                self.assertEqual((completion[2], completion[4]), (1, ""))
+                publication.uploader = None
+            loop.release()
         self.assertTrue(depths[-1] == 0 and max(depths) < 20, depths)
 
     def test_an_event_may_end_the_attachment_or_raise(self):

@@ -43,12 +43,6 @@ class LifecycleTest(common.NetworkCase):
         self.env = {"PYTHONPATH": os.pathsep.join([*common.PATH, str(PROGRAM.parent)]), "PYTHONFAULTHANDLER": "1",
                     "SKIFFPORT_REGISTRY": str(registry), "LD_PRELOAD": PRELOAD}
 
-    def run_program(self, environment, case, phase, place, way, first, seed):
-        """Returns its exit status and what it printed."""
-        words = [str(PROGRAM), first, case, seed, str(self.scratch), phase, json.dumps(place), way]
-        seconds = EXIT_SECONDS if case == "leave" else common.fixtures.DEADLINE_SECONDS
-        return common.fixtures.run([sys.executable, "-B", *words], environment, seconds)
-
     def test_every_case_ends_well(self):
         dice = random.Random(SEED)
         runs = [("fork_and_kill", phase, "upload", 0) for phase in phases.PHASES]
@@ -63,16 +57,18 @@ class LifecycleTest(common.NetworkCase):
             started = []
             for number, (case, phase, way, status) in enumerate(runs):
                 place = phases.open_place(self.network, phase) if case == "fork_and_kill" else shared[phase]
-                run = (case, phase, place, way, FIRST[number % len(FIRST)], str(dice.randrange(10**9)))
+                run = json.dumps((case, phase, place, way, str(dice.randrange(10**9)), str(self.scratch)))
                 network = f"{place.host}:443:127.0.0.1:{place.port},{os.environ['SKIFFPORT_CONNECT_TO']}"
-                environment = {**os.environ, **self.env, "SKIFFPORT_CONNECT_TO": network}
-                started.append((pool.submit(self.run_program, environment, *run), status, run))
+                started.append((pool.submit(
+                    common.fixtures.run, [sys.executable, "-B", str(PROGRAM), FIRST[number % len(FIRST)], run],
+                    {**os.environ, **self.env, "SKIFFPORT_CONNECT_TO": network},
+                    EXIT_SECONDS if case == "leave" else common.fixtures.DEADLINE_SECONDS), status, run))
             for program, status, run in started:
                 with self.subTest(run):
                     found, printed = program.result()
                     bad = re.search(DISALLOWED.get(found, DISALLOWED[0]), printed)
                     self.assertEqual((found, bad), (status, None), printed[bad.start() if bad else -4000:][:8000])
-                    if run[0] == "fork_and_kill":
+                    if "fork_and_kill" in run:
                         self.assertEqual(printed.count("TWR version = version of the child"), 1)
 
 

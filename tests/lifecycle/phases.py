@@ -85,4 +85,4 @@ def open_place(network: Any, name: str) -> Place:
     phase, host = PHASES[name], f"{name}.kestrelhub.example"
     peer = network.play(host, phase.scenario, *phase.options, tls=phase.tls)
     network.lead(f"{host}:443:127.0.0.1:{peer.port}")
-    return Place(host, peer.port, peer._process.pid, peer._record)
+    return Place(host, peer.port, peer.process.pid, str(peer.record))

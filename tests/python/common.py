@@ -53,7 +53,7 @@ class NetworkCase(Case):
     def setUp(self):
         super().setUp()
         self.network = Network().__enter__()
-        self.addCleanup(self.network.__exit__)
+        self.addCleanup(self.network.close)
 
 
 class StandinCase(Case):

@@ -2,10 +2,7 @@
 
 Prints "port N" once it listens, and exits when standard input closes. With --tls it speaks TLS with one of several
 certificates that "peer.py certificates" has written, with their authority (ca.pem), to the folder given by --certs.
-`Peer` runs it as a child process:
-
-    with Peer("reply", "--body", "hello", tls="good", certs=folder) as peer:
-        ...  # peer.port, peer.received()
+scripted.py runs it as a child process.
 
 A scenario is a sequence of steps: bytes to send, the name of a method of `Exchange`, or a name with arguments. One that
 has no name of its own is given as a Python literal: peer.py '("read", b"HTTP/1.1 200 OK\\r\\n\\r\\n", "reset")'.
@@ -25,9 +22,7 @@ import signal
 import socket
 import ssl
 import struct
-import subprocess
 import sys
-import tempfile
 import threading
 from pathlib import Path
 from typing import Any, Callable, Sequence
@@ -287,35 +282,9 @@ def parse(arguments: Sequence[str] | None = None) -> argparse.Namespace:
     add("--longest", type=int, default=120, metavar="SECONDS", help="end after that (default: %(default)s)")
     add("--window", type=int, metavar="BYTES", help="receive buffer, for a peer that reads slowly")
     options = parser.parse_args(arguments)
-    if options.scenario != "certificates":
-        known = options.scenario in SCENARIOS
-        options.scenario = SCENARIOS[options.scenario] if known else ast.literal_eval(options.scenario)
+    known = {"certificates": "certificates", **SCENARIOS}
+    options.scenario = known[options.scenario] if options.scenario in known else ast.literal_eval(options.scenario)
     return options
-
-
-class Peer:
-    """Runs the peer as a child process for the duration of a `with` block."""
-
-    def __init__(self, scenario: str, *arguments: str, tls: str = "", certs: str = "") -> None:
-        self._folder = tempfile.TemporaryDirectory()
-        self._record = os.path.join(self._folder.name, "received")
-        Path(self._record).touch()
-        self._command = ["/usr/bin/python3", os.path.abspath(__file__), scenario, "--record", self._record, *arguments,
-                         *(["--tls", tls, "--certs", certs] if tls else [])]
-
-    def __enter__(self) -> Peer:
-        env = {name: value for name, value in os.environ.items() if name != "LD_PRELOAD"}  # a sanitizer's runtime
-        self._process = subprocess.Popen(self._command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=env)
-        self.port = int(self._process.stdout.readline().split()[1])
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self._process.communicate()
-        self._folder.cleanup()
-
-    def received(self) -> bytes:
-        """Returns everything received so far."""
-        return Path(self._record).read_bytes()
 
 
 if __name__ == "__main__":

@@ -8,13 +8,13 @@ import os
 import pathlib
 import subprocess
 import tempfile
-from typing import Any, Iterator, List
+from typing import Any, Iterator, List, NamedTuple
 from unittest import mock
 
-import peer
 from kestrelhub_standin import launch
 
 DETECT, DEFAULT, STAGE = "detect.kestrelhub.example", "www.kestrelhub.example", "stage.kestrelhub.example"
+COMMAND = (launch.PYTHON, str(pathlib.Path(__file__).with_name("peer.py")))
 
 
 @functools.lru_cache(maxsize=None)
@@ -23,41 +23,53 @@ def certificates() -> str:
     folder = tempfile.TemporaryDirectory()
     atexit.register(folder.cleanup)
     # in its own process, since making certificates would show up in this one's leak check
-    subprocess.run(["/usr/bin/python3", peer.__file__, "certificates", "--certs", folder.name], check=True,
-                   env=launch.standin_environment())
+    subprocess.run([*COMMAND, "certificates", "--certs", folder.name], check=True, env=launch.standin_environment())
     return folder.name
 
 
-class Network:
+class Peer(NamedTuple):
+    """A peer that runs as a child process, and the file to which it writes what it receives."""
+
+    process: "subprocess.Popen[bytes]"
+    port: int
+    record: pathlib.Path
+
+    def received(self) -> bytes:
+        """Returns everything received so far."""
+        return self.record.read_bytes()
+
+
+class Network(contextlib.ExitStack):
     """Where hosts lead. All peers share one folder of certificates, whose authority every request trusts."""
 
-    def __init__(self) -> None:
-        self._stack = contextlib.ExitStack()
-        self._rules: List[str] = []
-        self.certificates = certificates()
-
     def __enter__(self) -> "Network":
+        self.rules: List[str] = []
+        self.certificates = certificates()
+        self.folder = self.enter_context(tempfile.TemporaryDirectory())
         env = {**launch.clean_environment(), "SSL_CERT_FILE": os.path.join(self.certificates, "ca.pem")}
-        self._stack.enter_context(mock.patch.dict(os.environ, env, clear=True))
+        self.enter_context(mock.patch.dict(os.environ, env, clear=True))
         return self
 
-    def __exit__(self, *_exception: Any) -> None:
-        self._stack.close()
-
-    def play(self, host: str, scenario: str, *options: str, tls: str = "good") -> peer.Peer:
+    def play(self, host: str, scenario: str, *options: str, tls: str = "good") -> Peer:
         """Directs a host's connections on port 443, or 80 with tls="", to a new scripted peer."""
-        running = self._stack.enter_context(peer.Peer(scenario, *options, tls=tls, certs=self.certificates))
-        self.lead(f"{host}:{443 if tls else 80}:127.0.0.1:{running.port}")
-        return running
+        descriptor, record = tempfile.mkstemp(dir=self.folder)
+        os.close(descriptor)
+        process = subprocess.Popen([*COMMAND, scenario, "--record", record, "--certs", self.certificates, *options,
+                                    *(["--tls", tls] if tls else [])], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                   env=launch.standin_environment())
+        self.callback(process.communicate)
+        port = int(process.stdout.readline().split()[1])
+        self.lead(f"{host}:{443 if tls else 80}:127.0.0.1:{port}")
+        return Peer(process, port, pathlib.Path(record))
 
-    def reply(self, host: str, body: str, *options: str, tls: str = "good") -> peer.Peer:
+    def reply(self, host: str, body: str, *options: str, tls: str = "good") -> Peer:
         """Does the same with a peer that answers every request with this body."""
         return self.play(host, "reply", "--body", body, *options, tls=tls)
 
     def lead(self, rule: str) -> None:
         """Adds a rule, which overrides earlier ones."""
-        self._rules.insert(0, rule)
-        os.environ["SKIFFPORT_CONNECT_TO"] = ",".join(self._rules)
+        self.rules.insert(0, rule)
+        os.environ["SKIFFPORT_CONNECT_TO"] = ",".join(self.rules)
 
 
 @contextlib.contextmanager

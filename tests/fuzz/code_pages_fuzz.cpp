@@ -2,7 +2,7 @@
 #include "platform/text/AnsiText.h"
 #include "platform/text/CodePages.h"
 #include "platform/text/Utf8.h"
-#include "tests/cpp/platform/text/thread_locale.h"
+#include "tests/cpp/platform/helpers.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace {

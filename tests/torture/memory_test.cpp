@@ -8,7 +8,6 @@
 #include "tests/torture/allocator.h"
 #include "upload/Uploader.h"
 
-#include <gtest/gtest.h>
 #include <openssl/err.h>
 
 #include <set>
@@ -53,8 +52,7 @@ TEST(Memory, AReplyIsReadOrNot) {
 }
 
 TEST(Memory, AnUploadEndsWithItsErrorNumber) {
-  PlatformTestHooks const hooks{{}, [](DWORD) {}, {}};
-  SetPlatformTestHooks(&hooks);
+  ScopedTestHooks const hooks({.sleep = [](DWORD) {}});
   Peer const peer("reply --tls good --body '<a/>'");
   std::string const path = Folder() + "/file";
   std::ofstream(path) << std::string(70'000, 'x');
@@ -72,7 +70,6 @@ TEST(Memory, AnUploadEndsWithItsErrorNumber) {
              Uploader uploader(&receiver, &job, &result, session);
              return static_cast<DWORD>(uploader.Post());
            });
-  SetPlatformTestHooks(nullptr);
 }
 
 } // namespace

@@ -5,13 +5,11 @@
 #include "platform/system/Registry.h"
 #include "platform/system/Threads.h"
 #include "tests/cpp/platform/http/http_peer.h"
-#include "tests/cpp/platform/text/thread_locale.h"
 #include "tests/cpp/platform/xml/xml_dom.h"
 
 #include <fcntl.h>
 #include <malloc.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 
 namespace {
 
@@ -106,26 +104,21 @@ void UseWindow(HWND hWnd) { EXPECT_TRUE(PostMessageW(hWnd, WM_APP, 0, 0) && Dest
 /// Runs an exchange up to a point, and looks at the descriptors in its stages.
 void Exchange(bool isStreamed) {
   Client client(443);
-  client.stages.onStage = [](DWORD) { Descriptors(); };
+  client.onStage = [](DWORD) { Descriptors(); };
   std::string reply;
   EXPECT_EQ(0u, isStreamed ? client.Begin(99) : client.Send());
   EXPECT_EQ(0u, isStreamed ? client.Write("some") : client.Read(reply, 2));
 }
 
 /// What is made and closed, so often that what stays each time is seen.
-struct Cycle {
-  char const *what;
-  int often;
-  void (*run)();
-};
-Cycle const kCycles[] = {
+std::tuple<char const *, int, void (*)()> const kCycles[] = {
     {"file", 100, [] { CloseTwice(OpenFile()); }},
     {"thread", 100, [] { CloseTwice(Begin()); }},
     {"window", 100, [] { UseWindow(Create(AfxRegisterWndClass(0, nullptr, nullptr, nullptr))); }},
     {"queue", 100, [] { std::thread([] { EXPECT_TRUE(MessageQueueDescriptor() >= 0 && Descriptors()); }).join(); }},
     {"registry key", 100, [] { EXPECT_EQ(0, RegCloseKey(OpenKey(HKEY_LOCAL_MACHINE))); }},
     {"text", 100, [] { EXPECT_STREQ(CComBSTR("\xD6\xD0"), L"\u4E2D"); }},
-    {"document", 100, [] { ExpectContent(L"<r a='b'><c/>t</r>", L"t", L"c|#text|"); }},
+    {"document", 100, [] { EXPECT_EQ(Loaded(L"<r a='b'><c/>t</r>"), L"t|c|#text|"); }},
     {"connection", 1000, [] { CloseWithin(Connect(Session())); }},
     {"refused connection", 50, [] { EXPECT_FALSE(OpenUrl("http://127.0.0.1:1/")); }},
     {"exchange", 20, [] { Exchange(false); }},
@@ -141,28 +134,24 @@ TEST(Handles, WhatIsClosedLeavesNothing) {
   Peer const peer("keep --tls good --body ok");
   std::ofstream(Folder() + "/registry") << "[HKEY_LOCAL_MACHINE\\Key]\n";
   setenv("SKIFFPORT_REGISTRY", (Folder() + "/registry").c_str(), 1);
-  for (Cycle const &cycle : kCycles) {
-    auto const run = [&, ansi = uselocale(nullptr)](int often) { // on a thread, whose caches end with it
+  for (auto const &[what, often, cycle] : kCycles) {
+    auto const repeat = [run = cycle, ansi = uselocale(nullptr)](int count) { // on a thread, whose caches end with it
       std::thread([=]() mutable {
-        for (uselocale(ansi); often > 0; --often)
-          cycle.run();
+        for (uselocale(ansi); count > 0; --count)
+          run();
       }).join();
     };
-    run(5);
+    repeat(5);
     std::size_t const fds = Descriptors(), bytes = mallinfo2().uordblks;
-    run(cycle.often);
-    EXPECT_TRUE(WaitFor([=] { return Descriptors() == fds && mallinfo2().uordblks < bytes + 2'000; })) << cycle.what;
+    repeat(often);
+    EXPECT_TRUE(WaitFor([=] { return Descriptors() == fds && mallinfo2().uordblks < bytes + 2'000; })) << what;
   }
 }
 
 TEST(Handles, OfTheParentAreNotUsedInAForkedChild) {
   auto const use = [] { return Error(InternetSetOptionW(Session(), INTERNET_OPTION_SEND_TIMEOUT, &g_value, 4)); };
   Session();
-  pid_t const child = fork();
-  if (child == 0)
-    _exit(use() == 6 && InternetCloseHandle(Session()) ? 0 : 1);
-  int status = -1;
-  EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0) << status;
+  EXPECT_TRUE(HoldsInChild([&] { return use() == 6 && InternetCloseHandle(Session()); }));
   EXPECT_EQ(0u, use());
 }
 

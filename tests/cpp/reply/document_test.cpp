@@ -12,12 +12,11 @@ TEST(ReplyDocument, KeepsAMissingElementApartFromAFailedQuery) {
   EXPECT_EQ(ReadElement(pDocument, L"info/d", strText), ElementState::Missing);
   EXPECT_EQ(ReadElement(nullptr, L"info/a", strText), ElementState::Missing);
   EXPECT_EQ(ReadElement(LoadReply("<info><a>"), L"info/a", strText), ElementState::Missing) << "does not parse";
-  PlatformTestHooks hooks;
-  hooks.fault = [](FaultPoint, DWORD *) { return true; };
-  SetPlatformTestHooks(&hooks);
-  EXPECT_EQ(ReadElement(pDocument, L"info/a", strText), ElementState::QueryFailed);
-  EXPECT_EQ(LoadReply("<info/>"), nullptr);
-  SetPlatformTestHooks(nullptr);
+  {
+    ScopedTestHooks const hooks({.fault = [](FaultPoint, DWORD *) { return true; }});
+    EXPECT_EQ(ReadElement(pDocument, L"info/a", strText), ElementState::QueryFailed);
+    EXPECT_EQ(LoadReply("<info/>"), nullptr);
+  }
   EXPECT_STREQ(strText, L"old") << "changes only when the element was found";
   EXPECT_EQ(ReadElement(pDocument, L"info/a", strText), ElementState::Found);
   EXPECT_STREQ(strText, L"") << "an empty element is an element";

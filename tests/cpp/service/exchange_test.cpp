@@ -3,33 +3,24 @@
 #include "service/ServiceExchange.h"
 #include "tests/cpp/platform/TestHooks.h"
 #include "tests/cpp/platform/http/http_peer.h"
-#include "tests/cpp/platform/text/thread_locale.h"
-
-#include <gtest/gtest.h>
 
 #include <tuple>
 
 namespace {
 
-// Makes the named call fail while it lives.
-struct Fault {
-  Fault(FaultPoint point, DWORD dwError) {
-    hooks.fault = [=](FaultPoint call, DWORD *pdwError) { return *pdwError = dwError, call == point; };
-    SetPlatformTestHooks(&hooks);
-  }
-  ~Fault() { SetPlatformTestHooks(nullptr); }
-  PlatformTestHooks hooks;
-};
+// Hooks that make the named call fail.
+PlatformTestHooks Fault(FaultPoint point, DWORD dwError) {
+  return {.fault = [=](FaultPoint call, DWORD *pdwError) { return *pdwError = dwError, call == point; }};
+}
 
 // The outcome as text: error number, whether the request was sent, and the reply.
 std::string Exchange(RequestKind kind, std::wstring const &object = L"/x", std::wstring const &host = L"good.test") {
-  BOOL bSent = FALSE;
-  std::string strReply;
+  std::string strReply = " 0 ";
   DWORD const dwError = RunExchange(kind, [&](ServiceExchange &exchange) {
-    bSent = exchange.Send(host.c_str(), object.c_str(), "");
-    strReply = exchange.ReadReply();
+    strReply = exchange.Send(host.c_str(), object.c_str(), "") ? " 1 " : " 0 ";
+    strReply += exchange.ReadReply();
   });
-  return std::to_string(dwError) + " " + std::to_string(bSent) + " " + strReply;
+  return std::to_string(dwError) + strReply;
 }
 
 TEST(ServiceExchange, DistinguishesItsOutcomes) {
@@ -45,7 +36,7 @@ TEST(ServiceExchange, DistinguishesItsOutcomes) {
       {HttpSendRequestW, 0, "12019 0 "},     {InternetQueryDataAvailable, 12002, "0 1 "},
       {InternetReadFile, 12031, "12031 1 "}};
   for (auto const &[call, dwError, szOutcome] : rows) {
-    Fault const fault(call, dwError);
+    ScopedTestHooks const hooks(Fault(call, dwError));
     EXPECT_EQ(Exchange(RequestKind::PresetCategories), szOutcome) << static_cast<int>(call);
   }
 }
@@ -73,10 +64,10 @@ TEST(ReachabilityProbe, CountsAnyAnswerAsReachable) {
   }
   EXPECT_FALSE(probe("https://" + std::string(260, 'h')));
   {
-    Fault const fault(FaultPoint::_beginthreadex, 8);
+    ScopedTestHooks const hooks(Fault(FaultPoint::_beginthreadex, 8));
     EXPECT_TRUE(probe("https://good.test")) << "the previous result stands";
   }
-  Fault const fault(FaultPoint::InternetOpenA, 8);
+  ScopedTestHooks const hooks(Fault(FaultPoint::InternetOpenA, 8));
   EXPECT_FALSE(probe("https://good.test") || bReachable);
 }
 

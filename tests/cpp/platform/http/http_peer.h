@@ -1,28 +1,13 @@
-// What the tests of the HTTP layer share: a scripted peer as a child process, and a client for a whole
-// exchange.
+// What the tests of the HTTP layer share: a scripted peer as a child process, and a client for a whole exchange.
 #pragma once
 
 #include "platform/base/LastError.h"
 #include "platform/http/WinInet.h"
+#include "tests/cpp/platform/helpers.h"
 
-#include <chrono>
+#include <atomic>
 #include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
 #include <iterator>
-#include <map>
-#include <mutex>
-#include <string>
-#include <thread>
-
-/// Waits for a condition. Returns: false if it is still not met after ten seconds.
-inline bool WaitFor(std::function<bool()> const &condition) {
-  for (int n = 0; n < 5000 && !condition(); ++n)
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  return condition();
-}
 
 inline std::string Content(std::string const &path) {
   std::ifstream file(path, std::ios::binary);
@@ -52,41 +37,19 @@ public:
     std::string const command = kPeerCommand + arguments + " --certs " + Folder() + " --record " + Folder() +
                                 "/received > " + Folder() + "/port";
     m_pipe = popen(command.c_str(), "we");
-    char end = 0;
-    if (!WaitFor([&] { return std::sscanf(Content(Folder() + "/port").c_str(), "port %d%c", &m_port, &end) == 2; }))
+    std::string port;
+    if (!WaitFor([&] { return (port = Content(Folder() + "/port")).ends_with('\n'); }))
       std::abort();
-    setenv("SKIFFPORT_CONNECT_TO", ("good.test::127.0.0.1:" + std::to_string(m_port)).c_str(), 1);
+    setenv("SKIFFPORT_CONNECT_TO", ("good.test::127.0.0.1:" + port.substr(5, port.size() - 6)).c_str(), 1);
     setenv("SSL_CERT_FILE", (Folder() + "/ca.pem").c_str(), 1);
   }
   ~Peer() { pclose(m_pipe); }
   Peer(Peer const &) = delete;
 
-  int Port() const { return m_port; }
   std::string Received() const { return Content(Folder() + "/received"); }
 
 private:
   FILE *m_pipe = nullptr;
-  int m_port = 0;
-};
-
-/// Counts the status callbacks of its request.
-struct Stages {
-  static void Callback(HINTERNET, DWORD_PTR dwContext, DWORD dwStatus, void *, DWORD) {
-    auto &self = *reinterpret_cast<Stages *>(dwContext);
-    std::lock_guard<std::mutex> const lock(self.mutex);
-    ++self.counts[dwStatus];
-    if (self.onStage)
-      self.onStage(dwStatus);
-  }
-  /// How often the status was reported.
-  int Count(DWORD dwStatus) {
-    std::lock_guard<std::mutex> const lock(mutex);
-    return counts[dwStatus];
-  }
-
-  std::mutex mutex;
-  std::map<DWORD, int> counts;
-  std::function<void(DWORD)> onStage;
 };
 
 /// The error number of a call, 0 for none.
@@ -98,18 +61,23 @@ struct Options {
   DWORD dwFlags = 0;
 };
 
-/// A session, a connection and a request. The calls return their error number.
+/// A session, a connection and a request, whose status callbacks it counts. The calls return their error number.
 struct Client {
   explicit Client(INTERNET_PORT nPort, Options const &options = {})
       : session(Prepare()),
         connection(InternetConnectA(session, options.szHost, nPort, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 1)),
         request(HttpOpenRequestA(connection, "POST", options.object.c_str(), nullptr, nullptr, nullptr, options.dwFlags,
-                                 reinterpret_cast<DWORD_PTR>(&stages))) {}
+                                 reinterpret_cast<DWORD_PTR>(this))) {}
   ~Client() { InternetCloseHandle(session); } // and its connection and request
 
   static HINTERNET Prepare() {
     HINTERNET const hSession = InternetOpenW(nullptr, 0, nullptr, nullptr, 0);
-    InternetSetStatusCallbackW(hSession, Stages::Callback);
+    InternetSetStatusCallbackW(hSession, [](HINTERNET, DWORD_PTR dwContext, DWORD dwStatus, void *, DWORD) {
+      auto &self = *reinterpret_cast<Client *>(dwContext);
+      ++self.stages[dwStatus];
+      if (self.onStage)
+        self.onStage(dwStatus);
+    });
     return hSession;
   }
   DWORD Begin(DWORD dwDeclared) {
@@ -134,7 +102,8 @@ struct Client {
     return dwError;
   }
 
-  Stages stages;
+  std::atomic<int> stages[64]; // how often each status was reported
+  std::function<void(DWORD)> onStage;
   HINTERNET const session;
   HINTERNET const connection;
   HINTERNET const request;

@@ -1,15 +1,7 @@
 // Windows, queues and the descriptor: order, nesting, ends of windows and threads, and what a forked child sees.
 #include "platform/base/LastError.h"
 #include "platform/window/Messages.h"
-
-#include <gtest/gtest.h>
-
-#include <functional>
-#include <memory>
-#include <thread>
-
-#include <sys/wait.h>
-#include <unistd.h>
+#include "tests/cpp/platform/helpers.h"
 
 namespace {
 
@@ -102,17 +94,14 @@ TEST(Messages, ForkedChildLeavesTheParentsQueueAloneAndCanHaveItsOwn) {
   int ranCount = 0;
   TestWindow const window([&](WPARAM) { ++ranCount; });
   window.Post(1);
-  pid_t const child = fork();
-  if (child == 0) {
+  EXPECT_TRUE(HoldsInChild([&] {
     MSG message;
     bool const isLeftAlone = PumpMessages(kAll) == 0 && WaitForMessages(-1) == 0 && !window.Post(2) &&
                              !PeekMessageW(&message, window.hWnd, 0, WM_APP, PM_REMOVE) && !DestroyWindow(window.hWnd);
     bool const hasQueue = MessageQueueDescriptor() != -1 && WaitForMessages(0) == 0; // before there is a window
     TestWindow const own([](WPARAM) {});
-    _exit(isLeftAlone && hasQueue && own.Post(3) && WaitForMessages(0) == 1 && PumpMessages(kAll) == 1 ? 0 : 1);
-  }
-  int status = -1;
-  EXPECT_TRUE(waitpid(child, &status, 0) == child && status == 0) << status;
+    return isLeftAlone && hasQueue && own.Post(3) && WaitForMessages(0) == 1 && PumpMessages(kAll) == 1;
+  }));
   EXPECT_TRUE(PumpMessages(kAll) == 1 && ranCount == 1);
 }
 

@@ -8,67 +8,45 @@
 #include <string>
 #include <utility>
 
-inline CComPtr<IXMLDOMDocument> NewDocument() {
+/// A document, with what loading the text says.
+inline CComPtr<IXMLDOMDocument> Load(WCHAR const *xml, HRESULT &hr) {
   CComPtr<IXMLDOMDocument> document;
   EXPECT_EQ(CoCreateInstance(CLSID_DOMDocument, nullptr, CLSCTX_INPROC_SERVER, IID_IXMLDOMDocument,
                              reinterpret_cast<void **>(&document)),
             S_OK);
+  VARIANT_BOOL isSuccess = 1;
+  EXPECT_EQ(document->loadXML(CComBSTR(L"<old/>"), &isSuccess), S_OK);
+  hr = document->loadXML(CComBSTR(xml), &isSuccess);
+  EXPECT_EQ(isSuccess, hr == S_OK ? -1 : 0) << "the flag says what the result says";
   return document;
 }
 
-inline HRESULT Load(IXMLDOMDocument *dom, WCHAR const *xml) {
-  VARIANT_BOOL isSuccess = 1;
-  HRESULT const hr = dom->loadXML(CComBSTR(xml), &isSuccess);
-  EXPECT_EQ(isSuccess, hr == S_OK ? -1 : 0) << "the flag says what the result says";
-  return hr;
-}
-
-inline std::wstring TextOf(IXMLDOMNode *parent) {
+/// "text|name|name|": the text of a document's root, which outlives it, and the names of the root's children; else the
+/// number that loading returns.
+inline std::wstring Loaded(WCHAR const *xml) {
+  HRESULT hr = S_OK;
+  CComPtr<IXMLDOMNode> root, child;
+  if (Load(xml, hr)->get_firstChild(&root) != S_OK)
+    return std::to_wstring(hr);
   CComBSTR text;
-  EXPECT_EQ(parent->get_text(&text), S_OK);
-  return static_cast<BSTR>(text);
-}
-
-/// "name|name|" of the children along the siblings.
-inline std::wstring ChildrenOf(IXMLDOMNode *parent) {
-  std::wstring names;
-  CComPtr<IXMLDOMNode> child;
-  for (HRESULT hr = parent->get_firstChild(&child); hr == S_OK;) {
+  EXPECT_EQ(root->get_text(&text), S_OK);
+  std::wstring shown = static_cast<BSTR>(text);
+  for (hr = root->get_firstChild(&child); hr == S_OK;) {
     CComBSTR name;
     EXPECT_EQ(child->get_nodeName(&name), S_OK);
-    names.append(name).append(L"|");
+    shown.append(L"|").append(name);
     CComPtr<IXMLDOMNode> next;
     hr = child->get_nextSibling(&next);
     child = std::move(next);
   }
-  return names;
+  return shown + L"|";
 }
 
-/// Loads over an older document, which a failed load empties, too.
-inline void ExpectLoad(HRESULT hr, WCHAR const *xml) {
-  auto const document = NewDocument();
-  ASSERT_EQ(Load(document, L"<old/>"), S_OK);
-  EXPECT_EQ(Load(document, xml), hr) << testing::PrintToString(xml);
-  EXPECT_EQ(ChildrenOf(document).empty(), hr != S_OK) << testing::PrintToString(xml);
-}
-
-/// The text and the children of a root, which outlives its document.
-inline void ExpectContent(WCHAR const *xml, WCHAR const *text, WCHAR const *children) {
-  CComPtr<IXMLDOMNode> root;
-  auto document = NewDocument();
-  ASSERT_EQ(Load(document, xml), S_OK) << testing::PrintToString(xml);
-  ASSERT_EQ(document->get_firstChild(&root), S_OK);
-  document = {};
-  EXPECT_EQ(TextOf(root), text) << testing::PrintToString(xml);
-  EXPECT_EQ(ChildrenOf(root), children) << testing::PrintToString(xml);
-}
-
-/// What a path finds: the text of an element, or none.
-inline void ExpectFound(IXMLDOMDocument *document, WCHAR const *path, HRESULT hr, WCHAR const *text = nullptr) {
+/// The text of the element that a path finds; else the number that the query returns.
+inline std::wstring Find(IXMLDOMDocument *document, WCHAR const *path) {
   CComPtr<IXMLDOMNode> node;
-  EXPECT_EQ(document->selectSingleNode(CComBSTR(path), &node), hr) << testing::PrintToString(path);
-  ASSERT_EQ(node != nullptr, text != nullptr) << testing::PrintToString(path);
-  if (text) {
-    EXPECT_EQ(TextOf(node), text);
-  }
+  CComBSTR text;
+  HRESULT const hr = document->selectSingleNode(CComBSTR(path), &node);
+  EXPECT_EQ(node != nullptr, hr == S_OK);
+  return node && node->get_text(&text) == S_OK ? static_cast<BSTR>(text) : std::to_wstring(hr);
 }

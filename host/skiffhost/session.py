@@ -15,7 +15,7 @@ import uuid
 from types import ModuleType
 from typing import Any, ContextManager, NamedTuple
 
-from .causes import record_causes, tracing_registry
+from .causes import tracing_registry
 from .completion import SAFE
 from .login import explain_login, unreadable_roots, was_refused
 from .outcome import EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, Failure, printable
@@ -44,8 +44,6 @@ def open_session(arguments: argparse.Namespace) -> Session:
         raise Failure(EXIT_USAGE, unreadable_roots())
     if arguments.verbose:
         os.environ["SKIFFPORT_REGISTRY"] = tracing_registry()
-    else:
-        record_causes()
     try:  # here, since the documents are made of the parser without a built module
         import Skiffport
 

@@ -12,6 +12,7 @@ import uuid
 from typing import Any, List
 
 from .. import completion
+from ..causes import record_causes
 from ..outcome import EXIT_CANCELLED, EXIT_NO_ANSWER, EXIT_REFUSED, EXIT_USAGE, Failure, Result, end_at_once
 from ..presetfiles import FILES, PresetFilesError, find_files
 from ..progress import Tracker
@@ -72,6 +73,8 @@ def publish(arguments: argparse.Namespace) -> Result:
         arguments.named, arguments.folder = None, arguments.named  # the only argument
     paths = _find_preset(arguments)
     account = account_of(arguments)
+    if not arguments.verbose:
+        record_causes()
     session = open_session(arguments)
     log_in(session, account)
     arguments.template_key = key = arguments.template_key or str(uuid.uuid4()).upper()

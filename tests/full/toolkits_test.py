@@ -21,7 +21,6 @@ import fixtures  # noqa: E402
 from kestrelhub_standin import launch  # noqa: E402
 from publication import Publication  # noqa: E402
 
-import Skiffport  # noqa: E402
 from skiffhost import loop  # noqa: E402
 
 TICK_MILLISECONDS = 10
@@ -49,7 +48,7 @@ sys.exit(qt_publish.main())"""
 def make_asyncio():
     made = asyncio.new_event_loop()
     made.set_exception_handler(lambda *_: None)
-    return (functools.partial(loop.attach_asyncio, made), lambda after, function: made.call_later(after / 1000, function),
+    return (functools.partial(loop.attach_asyncio, made), lambda after, call: made.call_later(after / 1000, call),
             made.run_forever, made.stop, lambda: None)
 
 
@@ -116,9 +115,7 @@ class LoopTest(common.StandinCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        session = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
-        assert session.LoginKestrelhub(launch.USER, launch.PASSWORD) == 1
-        cls.session = session.GetServerUrl(), session.GetLoginTokenID()
+        cls.session = cls.log_in()
         run(lambda: True)  # opens the loop's own descriptors
 
     def setUp(self):

@@ -18,13 +18,15 @@ import fixtures  # noqa: E402
 from kestrelhub_standin import launch  # noqa: E402
 from scripted import Network  # noqa: E402
 
-from skiffhost.presetfiles import FILES  # noqa: E402
+import Skiffport  # noqa: E402
 
 signal.signal(signal.SIGINT, signal.default_int_handler)  # a child would inherit one that is ignored
 
 
 class Case(unittest.TestCase):
     """Has one folder, ``scratch``, for all its tests, none of which may leak descriptors."""
+
+    KEPT = 8  # descriptors that a first use opens for good
 
     @classmethod
     def setUpClass(cls):
@@ -33,13 +35,12 @@ class Case(unittest.TestCase):
         cls.scratch = pathlib.Path(scratch.name)
 
     def setUp(self):
-        most = len(os.listdir("/proc/self/fd")) + 8  # what a first use opens for good
+        most = len(os.listdir("/proc/self/fd")) + self.KEPT
         self.addCleanup(fixtures.wait_until, lambda: len(os.listdir("/proc/self/fd")) <= most, "end of descriptors")
 
     def preset(self, sizes=None):
         """Writes the files of a preset into a new folder. Returns their paths."""
-        folder = fixtures.write_preset(pathlib.Path(tempfile.mkdtemp(dir=self.scratch), "preset"), sizes)
-        return [str(folder / f"{name}.bin") for name in FILES]
+        return fixtures.preset_paths(pathlib.Path(tempfile.mkdtemp(dir=self.scratch), "preset"), sizes)
 
     def run_python(self, script, *arguments, **env):
         """Runs a script in another interpreter. Returns its exit status and everything that it printed."""
@@ -67,3 +68,10 @@ class StandinCase(Case):
         patch = mock.patch.dict(os.environ, cls.standin.env, clear=True)
         patch.start()
         cls.addClassCleanup(patch.stop)
+
+    @staticmethod
+    def log_in():
+        """Returns the service's host and the token of a member who has logged in."""
+        session = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
+        assert session.LoginKestrelhub(launch.USER, launch.PASSWORD) == 1
+        return session.GetServerUrl(), session.GetLoginTokenID()

@@ -69,6 +69,13 @@ class CommandLineTest(common.StandinCase):
         streams = process.communicate(timeout=fixtures.DEADLINE_SECONDS)
         return (process.returncode, *streams)
 
+    def check(self, arguments, code, output="", errors="", **how):
+        """Runs the command. Each text must be in its stream, in one line of errors, and no text means nothing."""
+        found = self.run_cli(*arguments, **how)
+        self.assertEqual((found[0], bool(found[1]), found[2].count("\n")), (code, bool(output), bool(errors)),
+                         (arguments, found))
+        self.assertEqual((output in found[1], errors in found[2]), (True, True), (arguments, found))
+
     def run_on_terminal(self, *arguments, program=COMMAND, columns=80, keys=b"", **env):
         """Types the keys when a password is asked for. Returns exit code or -signal, and all that was shown."""
         child, terminal = pty.fork()
@@ -101,10 +108,8 @@ class CommandLineTest(common.StandinCase):
                     (3, failed + "server's name could not be found (12007)\n", {"host": "no-host.invalid"}),
                     (3, failed, {"SSL_CERT_FILE": str(self.preset / "effect.bin")}),
                     (2, "SSL_CERT_FILE names no file that can be read: /\n", {"SSL_CERT_FILE": "/"})]:
-                host = env.pop("host", DEFAULT)
-                found, output, errors = self.run_cli("login", launch.USER, "--json", "--host", host, **env)
-                self.assertEqual((found, json.loads(output)["exit_code"]), (code, code), errors)
-                self.assertTrue(errors.startswith("skiffhost: " + text), errors)
+                self.check(["login", launch.USER, "--json", "--host", env.pop("host", DEFAULT)], code,
+                           f'"exit_code": {code}}}\n', "skiffhost: " + text, **env)
 
     def test_addresses_print_what_was_found(self):
         _, output, _ = self.run_cli("--uuid", "u-1", "addresses", "--json", "--version-name", "7")
@@ -237,9 +242,7 @@ class CommandLineTest(common.StandinCase):
                 ("categories --host https://a/", "--host: not the name of a host: https://a/"),
                 ("addresses --host a", "unknown option: --host"), ("--host a addresses", "no use for --host")]:
             with self.subTest(arguments=arguments):
-                code, output, errors = self.run_cli(*arguments.split(), "--json")
-                self.assertEqual((code, errors.count("\n")), (2, 1), errors)
-                self.assertIn(text, json.loads(output)["error"])
+                self.check([*arguments.split(), "--json"], 2, '"exit_code": 2}\n', text)
         self.assertIn("SKIFFPORT_PYTHONS", self.run_cli("addresses", program=NOT_BUILT)[2])
         self.assertEqual(self.standin.requests(), asked)
 
@@ -282,17 +285,14 @@ class CommandLineTest(common.StandinCase):
                 (["request", DEFAULT, "/servlet/memLogin", "--form", "--params", "pwd=x", "--json"], 0, "form is damaged.",
                  "", "/servlet/memLogin$")):
             with self.subTest(arguments=arguments):
-                found = self.run_cli(*arguments)
-                self.assertEqual((found[0], bool(found[1]), bool(found[2])), (code, bool(output), bool(errors)), found)
-                self.assertEqual((output in found[1], errors in found[2]), (True, True), found)
+                self.check(arguments, code, output, errors)
                 self.assertRegex(self.standin.requests()[-1]["target"], target)
 
     def test_what_a_service_may_also_answer(self):
         with Network() as network:
             network.reply(DEFAULT, "a\x1b[2J\x9b\u202e\u2066\ufeffä\u200d", tls="")
-            self.assertEqual(self.run_cli(*REQUEST, **os.environ), (0, "a?[2J????ä\u200d\n", ""))
+            self.check(REQUEST, 0, "a?[2J????ä\u200d\n", **os.environ)
             network.lead(self.env["SKIFFPORT_CONNECT_TO"])
             network.reply(DEFAULT, "<info><videoId>v</videoId></info>", "--then", "", tls="")
             env = {**os.environ, "SSL_CERT_FILE": self.env["SSL_CERT_FILE"]}
-            code, output, errors = self.run_cli(*VIDEO, *LOGIN, **env)
-            self.assertEqual((code, output, "reply is empty" in errors), (3, "", True), errors)
+            self.check([*VIDEO, *LOGIN], 3, "", "reply is empty", **env)

@@ -2,7 +2,6 @@
 
 import os
 import pathlib
-import socket
 import subprocess
 import sys
 import tempfile
@@ -34,7 +33,7 @@ class TableTest(common.Case):
                     self.assertEqual(played, ("", 0))
 
 
-class ExitTest(common.Case):
+class ExitTest(common.NetworkCase):
     SCRIPT = """
 import ctypes, os, sys, threading, Skiffport
 class Last:
@@ -49,19 +48,17 @@ ctypes.CDLL(None).on_exit(ctypes.CDLL(None).getchar, None)
 """
 
     def test_a_thread_that_returns_after_the_interpreter_ends_quietly(self):
-        with socket.create_server(("127.0.0.1", 0)) as listener:
-            env = {**os.environ, "PYTHONPATH": os.pathsep.join(common.PATH),
-                   "SKIFFPORT_CONNECT_TO": f"slow.test:80:127.0.0.1:{listener.getsockname()[1]}"}
-            with subprocess.Popen([sys.executable, "-B", "-u", "-c", self.SCRIPT], stdin=subprocess.PIPE,
-                                  stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=env) as child:
-                listener.settimeout(fixtures.DEADLINE_SECONDS)
-                connection = listener.accept()[0]
-                child.stdin.write(b"x")
-                child.stdin.flush()
-                self.assertEqual(child.stdout.read(1), b"x")
-                connection.close()
-                if sys.version_info >= (3, 9):  # 3.8 leaves the thread waiting for the GIL until the process ends
-                    fixtures.wait_until(lambda: child.poll() is not None
-                                        or len(os.listdir(f"/proc/{child.pid}/task")) == 1, "end of the thread")
-                self.assertEqual(child.communicate(timeout=fixtures.DEADLINE_SECONDS)[0], b"")
+        peer = self.network.play("slow.test", "silent-reply", tls="")
+        env = {**os.environ, "PYTHONPATH": os.pathsep.join(common.PATH)}
+        with subprocess.Popen([sys.executable, "-B", "-u", "-c", self.SCRIPT], stdin=subprocess.PIPE,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=env) as child:
+            fixtures.wait_until(peer.received, "the request")
+            child.stdin.write(b"x")
+            child.stdin.flush()
+            self.assertEqual(child.stdout.read(1), b"x")
+            peer.process.kill()
+            if sys.version_info >= (3, 9):  # 3.8 leaves the thread waiting for the GIL until the process ends
+                fixtures.wait_until(lambda: child.poll() is not None
+                                    or len(os.listdir(f"/proc/{child.pid}/task")) == 1, "end of the thread")
+            self.assertEqual(child.communicate(timeout=fixtures.DEADLINE_SECONDS)[0], b"")
         self.assertEqual(child.returncode, 0)

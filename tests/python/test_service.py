@@ -123,12 +123,13 @@ class LoginTest(common.NetworkCase):
     def test_a_first_login_fails_but_keeps_what_was_read(self):
         before = fixtures.threads()
         with browser() as opened_pages:
-            document = GOOD_LOGIN.replace("<info>", "<info><firstloginUrl>https://h/1</firstloginUrl>")
-            self.assertEqual(self.log_in(document)[:2], (0, " Mika vg 2"))
-            # The opener ends before its thread does.
-            fixtures.wait_for_threads(before, "end of the opener's thread")
-            self.assertIsNone(os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOHANG | os.WNOWAIT), "a zombie opener")
-            self.assertEqual(opened_pages(), "https://h/1\n")
+            for address, opened in (("https://h/" + "x" * 250, ""), ("ftp://h/1", ""), ("https://h/1", "https://h/1\n")):
+                document = GOOD_LOGIN.replace("<info>", f"<info><firstloginUrl>{address}</firstloginUrl>")
+                self.assertEqual(self.log_in(document)[:2], (0, " Mika vg 2"))
+                # The opener ends before its thread does.
+                fixtures.wait_for_threads(before, "end of the opener's thread")
+                self.assertIsNone(os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOHANG | os.WNOWAIT), "a zombie opener")
+                self.assertEqual(opened_pages(), opened)
 
     def test_other_threads_may_use_the_session_during_logins(self):
         """Under AddressSanitizer a text that is read while it is replaced fails; elsewhere it may crash."""

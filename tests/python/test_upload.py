@@ -9,11 +9,9 @@ import pathlib
 import sys
 
 import common
-from kestrelhub_standin import launch
 from kestrelhub_standin.presets import FILE_PARTS
 from publication import Publication
 
-import Skiffport
 from skiffhost import loop
 
 SLOW = {"effect": 40_000_000}  # about twelve chunks, enough time to interfere
@@ -47,9 +45,7 @@ class UploadTest(common.StandinCase):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        session = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
-        assert session.LoginKestrelhub(launch.USER, launch.PASSWORD) == 1
-        cls.host, cls.token = session.GetServerUrl(), session.GetLoginTokenID()
+        cls.host, cls.token = cls.log_in()
 
     def publication(self, paths=None, **changes):
         """Returns a new publication, started if there are paths."""

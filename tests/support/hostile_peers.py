@@ -82,8 +82,6 @@ GROUPS: Dict[str, List[Row]] = {
         row("trickles a handshake", ("receive", b"\x16\3\3\x40\0", ("flood", b"x", 0.01)), tls="", lu=early(60)),
         row("speaks plain HTTP on port 443", ("receive", GOOD), tls="", lu=12157, d=0),
         row("sends warning alerts without end", ("receive", ("flood", b"\x15\3\3\0\2\1\x5a")), tls="", lu=12157),
-        row("requests new keys", ("read", ("flood-messages", "SSL_key_update", 1)), lu=Late(300)),
-        row("sends tickets", ("read", ("flood-messages", "SSL_new_session_ticket", 0)), lu=Late(300)),
         row("ends TLS instead of a reply", ("read", "end-tls", "drain"), lu=12152),
         row("closes within the body without an end of TLS", lines(b"Content-Length: 99"), lu=1),
     ],

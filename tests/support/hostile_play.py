@@ -52,71 +52,54 @@ def resident(name):
     return int(re.search(rf"{name}:\s+(\d+)", pathlib.Path("/proc/self/status").read_text())[1]) / 1024
 
 
-class Calls:
-    """The calls of the table by their letters."""
-
-    MEMORY = {"U": 20, "f": 60}  # MiB that a call may take, if not 4
-    HAS_TLS = "lsuUd"
-    IS_TRACED = "uUevcd"  # only the trace has the number of a failure
-
-    def __init__(self, folder):
-        small = fixtures.preset_paths(folder / "small")
-        large = fixtures.preset_paths(folder / "large", {"effect": 16_000_000})
-        util, form = Skiffport.KHConnectUtil(), "f" * 8_000_000
-        self.call = {
-            "l": self.login, "u": lambda: self.upload(small), "U": lambda: self.upload(large),
-            "r": lambda: self.blocking(util.SyncSendHttpRequest(HOST, 80, "/x", "", "")),
-            "s": lambda: self.blocking(util.SyncSendHttpRequest(HOST, 443, "/x", "", "")),
-            "f": lambda: self.blocking(util.SyncSendHttpRequestParam(HOST, 80, "/x", form)),
-            "e": lambda: {"": 0, "u": 1}[self.session().GetEffectByGUID("g")],
-            "c": lambda: len(self.session().GetPresetCategory("en")), "d": self.find,
-            "v": lambda: member.SetRelateVideo("v", "w", "i"),
-        }
-        member = self.session()
-        assert member.LoginKestrelhub("u", "p") == 1
-
-    @staticmethod
-    def session(host=HOST):
-        session = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
-        session.SetKHURLAsReg(host)
-        return session
-
-    def login(self):
-        return self.session().LoginKestrelhub("u", "p")
-
-    @staticmethod
-    def blocking(result):
-        data = SENTENCES[result["errMsg"]] if "errMsg" in result else result["data"]
-        return {"": 0, table.BODY.decode(): 1}.get(data, (1, data)) if result["bSucc"] else data
-
-    def upload(self, paths):
-        publication = Publication(HOST)
-        thread = publication.start(paths)
-        percent, *result, by, number = publication.completion()
-        names = [event[0] for event in publication.events]
-        assert thread and (percent, by, number, names.count("UploadComplete")) == (100, thread, 7, 1), names
-        return tuple(result) if any(result[1:]) else result[0]
-
-    def find(self):
-        session = self.session("")
-        session.InitKHServerURL()
-        return {scripted.STAGE: 0, "ho": 1}[session.GetServerUrl()]
+# The calls by their letters, and what is known of them.
+MEMORY = {"U": 20, "f": 60}  # MiB that a call may take, if not 4
+HAS_TLS = "lsuUd"
+IS_TRACED = "uUevcd"  # only the trace has the number of a failure
 
 
-def start(arguments):
-    """Forks a scripted peer. Returns its process and its port."""
-    reader, writer = os.pipe()
-    process = os.fork()
-    if process == 0:
-        os.dup2(writer, sys.stdout.fileno())
-        peer.serve(peer.parse(arguments), signal.pause)
-    os.close(writer)
-    with open(reader) as answer:
-        return process, int(answer.readline().split()[1])
+def session(host=HOST):
+    made = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
+    made.SetKHURLAsReg(host)
+    return made
+
+
+def blocking(result):
+    data = SENTENCES[result["errMsg"]] if "errMsg" in result else result["data"]
+    return {"": 0, table.BODY.decode(): 1}.get(data, (1, data)) if result["bSucc"] else data
+
+
+def upload(paths):
+    publication = Publication(HOST)
+    thread = publication.start(paths)
+    percent, *result, by, number = publication.completion()
+    names = [event[0] for event in publication.events]
+    assert thread and (percent, by, number, names.count("UploadComplete")) == (100, thread, 7, 1), names
+    return tuple(result) if any(result[1:]) else result[0]
+
+
+def find():
+    found = session("")
+    found.InitKHServerURL()
+    return {scripted.STAGE: 0, "ho": 1}[found.GetServerUrl()]
+
+
+def make_calls(folder):
+    small = fixtures.preset_paths(folder / "small")
+    large = fixtures.preset_paths(folder / "large", {"effect": 16_000_000})
+    util, form, member = Skiffport.KHConnectUtil(), "f" * 8_000_000, session()
+    assert member.LoginKestrelhub("u", "p") == 1
+    return {"l": lambda: session().LoginKestrelhub("u", "p"), "u": lambda: upload(small), "U": lambda: upload(large),
+            "r": lambda: blocking(util.SyncSendHttpRequest(HOST, 80, "/x", "", "")),
+            "s": lambda: blocking(util.SyncSendHttpRequest(HOST, 443, "/x", "", "")),
+            "f": lambda: blocking(util.SyncSendHttpRequestParam(HOST, 80, "/x", form)),
+            "e": lambda: {"": 0, "u": 1}[session().GetEffectByGUID("g")],
+            "c": lambda: len(session().GetPresetCategory("en")), "d": find,
+            "v": lambda: member.SetRelateVideo("v", "w", "i")}
 
 
 def direct(network, row, call):
-    """Leads the connections of a call to the row's peer. Returns its process, 0 for none."""
+    """Leads the connections of a call to the row's peer, which it forks. Returns its process, 0 for none."""
     host = scripted.DETECT if call == "d" else HOST
     if row.role == "nobody":
         return network.lead(f"{host}::{row.script}") or 0
@@ -124,9 +107,16 @@ def direct(network, row, call):
                  *shlex.split(row.options.replace("CERTS", network.certificates))]
     if call == "d":
         arguments = [each.replace(table.BODY.decode(), table.FOUND.decode()) for each in arguments]
-    if row.tls and call in Calls.HAS_TLS and row.role == "service":
+    if row.tls and call in HAS_TLS and row.role == "service":
         arguments += ["--tls", row.tls, "--certs", network.certificates]
-    process, port = start(arguments)
+    reader, writer = os.pipe()
+    process = os.fork()
+    if process == 0:
+        os.dup2(writer, sys.stdout.fileno())
+        peer.serve(peer.parse(arguments), signal.pause)
+    os.close(writer)
+    with open(reader) as answer:
+        port = int(answer.readline().split()[1])
     network.lead(f"{host}:{80 if call == 'v' else ''}:127.0.0.1:{port}")
     if row.role == "proxy":
         network.lead(f"{host}::{host}:")
@@ -155,20 +145,20 @@ def play(calls, rules, row, call):
         # "l" begins with a probe of the default host, "d" with one that the row means
         waits = call == "l" or (not limit.early and call != "d")
         ticks = driven.DriveClock(int(limit.seconds * 1000 / LOOKS), waits)
-        outcome = calls.call[call]()
+        outcome = calls[call]()
         seconds, growth = (driven.DriveClock(0, False) - ticks) / 1000, resident("VmHWM") - before
     if process:
         os.kill(process, signal.SIGKILL)
         os.waitpid(process, 0)
     log.seek(0)
     numbers = [int(code) if code else int(result, 16) for code, result in NUMBER.findall(log.read())]
-    if call in Calls.IS_TRACED and numbers and numbers[-1]:
+    if call in IS_TRACED and numbers and numbers[-1]:
         outcome = numbers[-1]
     fault = "" if not IS_KNOWN or fits(outcome, limit.outcome) else str(outcome)[:200]
     least, most = limit.seconds * (0.99 if IS_KNOWN else 0), limit.seconds * 1.4 + limit.slack * LEEWAY
     if limit.seconds and not least <= seconds <= most:
         fault += f" after {seconds:.2f} s"
-    if growth > (row.memory or Calls.MEMORY.get(call, 4)) * LEEWAY and not SANITIZED:
+    if growth > (row.memory or MEMORY.get(call, 4)) * LEEWAY and not SANITIZED:
         fault += f" with {growth:.1f} MiB"
     return fault
 
@@ -180,7 +170,7 @@ def main():
         rules = ["::127.0.0.1:1", *(f"{host}:443:127.0.0.1:{good.port}" for host in (scripted.DEFAULT, HOST))]
         for rule in rules:  # the others lead nowhere
             network.lead(rule)
-        calls = Calls(pathlib.Path(folder))
+        calls = make_calls(pathlib.Path(folder))
         before = len(os.listdir("/proc/self/fd"))
         for group, rows in table.GROUPS.items():
             for row in (row for row in rows if any(word in f"{group}: {row.what}" for word in sys.argv[2:] or [""])):

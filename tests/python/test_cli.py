@@ -282,8 +282,8 @@ class CommandLineTest(common.StandinCase):
                 (["request", "no-host.invalid", "/"], 3, "", "name could not be found", "."),
                 (REQUEST, 0, '<category categoryid="3">Night</category>', "", "ap=TWR&Locid=en$"),
                 ([*REQUEST, "--form"], 0, "Unknown product.", "", PATH + "$"),
-                (["request", DEFAULT, "/servlet/memLogin", "--form", "--params", "pwd=x", "--json"], 0, "form is damaged.",
-                 "", "/servlet/memLogin$")):
+                (["request", DEFAULT, "/servlet/memLogin", "--form", "--params", "pwd=x", "--json"], 0,
+                 "form is damaged.", "", "/servlet/memLogin$")):
             with self.subTest(arguments=arguments):
                 self.check(arguments, code, output, errors)
                 self.assertRegex(self.standin.requests()[-1]["target"], target)
@@ -296,3 +296,8 @@ class CommandLineTest(common.StandinCase):
             network.reply(DEFAULT, "<info><videoId>v</videoId></info>", "--then", "", tls="")
             env = {**os.environ, "SSL_CERT_FILE": self.env["SSL_CERT_FILE"]}
             self.check([*VIDEO, *LOGIN], 3, "", "reply is empty", **env)
+            silent = network.play(DEFAULT, "silent-reply", tls="")
+            process = self.start(*REQUEST, **os.environ)
+            fixtures.wait_until(silent.received, "the request")
+            process.send_signal(signal.SIGINT)  # must not wait for the end of the request
+            self.assertEqual(process.wait(fixtures.DEADLINE_SECONDS / 2), -signal.SIGINT)

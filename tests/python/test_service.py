@@ -123,7 +123,7 @@ class LoginTest(common.NetworkCase):
     def test_a_first_login_fails_but_keeps_what_was_read(self):
         before = fixtures.threads()
         with browser() as opened_pages:
-            for address, opened in (("https://h/" + "x" * 250, ""), ("ftp://h/1", ""), ("https://h/1", "https://h/1\n")):
+            for address, opened in (("https://h/" + "x" * 250, ""), ("ftp://h", ""), ("https://h/1", "https://h/1\n")):
                 document = GOOD_LOGIN.replace("<info>", f"<info><firstloginUrl>{address}</firstloginUrl>")
                 self.assertEqual(self.log_in(document)[:2], (0, " Mika vg 2"))
                 # The opener ends before its thread does.

@@ -18,8 +18,6 @@ import fixtures  # noqa: E402
 from kestrelhub_standin import launch  # noqa: E402
 from scripted import Network  # noqa: E402
 
-import Skiffport  # noqa: E402
-
 signal.signal(signal.SIGINT, signal.default_int_handler)  # a child would inherit one that is ignored
 
 
@@ -72,6 +70,8 @@ class StandinCase(Case):
     @staticmethod
     def log_in():
         """Returns the service's host and the token of a member who has logged in."""
+        import Skiffport  # only here, since the lifecycle tests' own process loads no sanitizer
+
         session = Skiffport.KHLoginData("10.5", "retail", "uuid-1")
         assert session.LoginKestrelhub(launch.USER, launch.PASSWORD) == 1
         return session.GetServerUrl(), session.GetLoginTokenID()

@@ -22,35 +22,24 @@ void UseCharset(std::size_t index) {
   uselocale(locales[index]);
 }
 
-/// What both directions have in common: buffers that just fit, and that do not.
-template <class Unit, class Convert> std::basic_string<Unit> Converted(Convert const &convert, std::size_t mostUnits) {
-  auto const length = static_cast<std::size_t>(convert(nullptr, 0));
-  Require(length > 0 && length <= mostUnits, "the length is bounded");
-  std::basic_string<Unit> const empty(length, Unit{1});
+int Convert(UINT codePage, std::string_view in, WCHAR *out, int room) {
+  return MultiByteToWideChar(codePage, 0, in.data(), static_cast<int>(in.size()), out, room);
+}
+int Convert(UINT codePage, std::wstring_view in, char *out, int room) {
+  return WideCharToMultiByte(codePage, 0, in.data(), static_cast<int>(in.size()), out, room, nullptr, nullptr);
+}
+
+/// Converts to units of the other kind, by buffers that just fit, and that do not.
+template <class Unit, class Text> std::basic_string<Unit> Converted(UINT codePage, Text const &text) {
+  Exact<typename Text::value_type> const in(text);
+  int const length = Convert(codePage, in.view, static_cast<Unit *>(nullptr), 0);
+  Require(length > 0 && static_cast<std::size_t>(length) <= 4 * text.size(), "the length is bounded");
+  std::basic_string<Unit> const empty(static_cast<std::size_t>(length), Unit{1});
   Exact<Unit> const fitting(empty), tight(std::basic_string_view<Unit>(empty).substr(1));
-  Require(convert(fitting.units.get(), static_cast<int>(length)) == static_cast<int>(length), "what is measured fits");
-  bool const fails = length == 1 || convert(tight.units.get(), static_cast<int>(length - 1)) == 0;
+  Require(Convert(codePage, in.view, fitting.units.get(), length) == length, "what is measured fits");
+  bool const fails = length == 1 || Convert(codePage, in.view, tight.units.get(), length - 1) == 0;
   Require(fails && (length == 1 || GetLastError() == ERROR_INSUFFICIENT_BUFFER), "a smaller buffer is refused");
-  return std::basic_string<Unit>(fitting.view);
-}
-
-std::wstring Widened(UINT codePage, std::string_view bytes) {
-  Exact<char> const in(bytes);
-  return Converted<WCHAR>(
-      [&](WCHAR *out, int room) {
-        return MultiByteToWideChar(codePage, 0, in.units.get(), static_cast<int>(bytes.size()), out, room);
-      },
-      4 * bytes.size());
-}
-
-std::string Narrowed(UINT codePage, std::wstring_view wide) {
-  Exact<WCHAR> const in(wide);
-  auto const size = static_cast<int>(wide.size());
-  return Converted<char>(
-      [&](char *out, int room) {
-        return WideCharToMultiByte(codePage, 0, in.units.get(), size, out, room, nullptr, nullptr);
-      },
-      4 * wide.size());
+  return empty.substr(0, 0).append(fitting.view);
 }
 
 } // namespace
@@ -63,15 +52,15 @@ FUZZ_TARGET(input) {
   std::wstring const wide = input.Wide((choice & 0x80) != 0);
   bool isValid = false;
   std::wstring const decoded = WideFromUtf8(Exact<char>(bytes).view, &isValid);
-  Require(decoded == Widened(CP_UTF8, bytes), "both decoders agree");
+  Require(decoded == Converted<WCHAR>(CP_UTF8, bytes), "both decoders agree");
   Require(isValid == (Utf8FromWide(decoded) == bytes), "valid UTF-8, and only that, survives the round trip");
   std::string const encoded = Utf8FromWide(Exact<WCHAR>(wide).view);
-  Require(encoded == Narrowed(CP_UTF8, wide), "both encoders agree");
+  Require(encoded == Converted<char>(CP_UTF8, wide), "both encoders agree");
   Require(Utf8FromWide(WideFromUtf8(encoded, &isValid)) == encoded && isValid, "what was encoded is valid UTF-8");
   UseCharset(choice % std::size(kCharsets));
-  Require(WideFromAnsi(bytes) == Widened(CP_ACP, bytes), "bytes are widened whole");
-  Require(AnsiFromWide(wide) == Narrowed(CP_ACP, wide), "wide text is narrowed whole");
+  Require(WideFromAnsi(bytes) == Converted<WCHAR>(CP_ACP, bytes), "bytes are widened whole");
+  Require(AnsiFromWide(wide) == Converted<char>(CP_ACP, wide), "wide text is narrowed whole");
   std::string const letters(bytes.size(), static_cast<char>('A' + bytes.size() % 26)); // in all these character sets
-  Require(Narrowed(CP_ACP, Widened(CP_ACP, letters)) == letters, "ASCII survives the round trip");
+  Require(Converted<char>(CP_ACP, Converted<WCHAR>(CP_ACP, letters)) == letters, "ASCII survives the round trip");
   return 0;
 }

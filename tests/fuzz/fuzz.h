@@ -1,5 +1,5 @@
-// What the fuzz targets share: invariants, and how the fuzzer's bytes become arguments. A target is one function, whose
-// body follows FUZZ_TARGET(input) and which libFuzzer calls with one input after another.
+// What the fuzz targets share. A target is one function, whose body follows FUZZ_TARGET(input) and which libFuzzer
+// calls with one input after another.
 #pragma once
 
 #include "platform/base/LastError.h"
@@ -12,19 +12,16 @@
 #include <string_view>
 
 /// Ends the run, as a finding, if the invariant does not hold.
-inline void Require(bool isMet, char const *invariant, char const *file = __builtin_FILE(),
-                    int line = __builtin_LINE()) {
-  if (isMet)
-    return;
-  std::fprintf(stderr, "%s:%d: does not hold: %s\n", file, line, invariant);
-  std::abort();
+inline void Require(bool isMet, char const *invariant, int line = __builtin_LINE()) {
+  if (!isMet && std::fprintf(stderr, "line %d: does not hold: %s\n", line, invariant))
+    std::abort();
 }
 
 /// Takes arguments off the front of an input; one that is used up gives zeros.
 struct Input {
   unsigned Byte() {
-    unsigned const byte = rest.empty() ? 0 : static_cast<unsigned char>(rest.front());
-    rest.remove_prefix(rest.empty() ? 0 : 1);
+    unsigned char byte = 0;
+    rest.remove_prefix(rest.copy(reinterpret_cast<char *>(&byte), 1));
     return byte;
   }
   /// Wide text of the rest: a unit for each byte, or for each two, so that many are no character or a surrogate.

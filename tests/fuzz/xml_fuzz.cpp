@@ -7,20 +7,16 @@
 
 namespace {
 
-constexpr WCHAR kBlanks[] = L" \t\r\n";
-
-std::wstring Get(IXMLDOMNode *node, HRESULT (IXMLDOMNode::*get)(BSTR *)) {
+std::wstring TextOf(IXMLDOMNode *node, HRESULT (IXMLDOMNode::*get)(BSTR *) = &IXMLDOMNode::get_text) {
   CComBSTR text;
   Require((node->*get)(&text) == S_OK && text, "a node has a name and a text");
   return static_cast<WCHAR const *>(text);
 }
 
-std::wstring TextOf(IXMLDOMNode *node) { return Get(node, &IXMLDOMNode::get_text); }
-
-std::wstring NameOf(IXMLDOMNode *node) { return Get(node, &IXMLDOMNode::get_nodeName); }
+std::wstring NameOf(IXMLDOMNode *node) { return TextOf(node, &IXMLDOMNode::get_nodeName); }
 
 std::wstring WithoutBlanks(std::wstring text) {
-  std::erase_if(text, [](WCHAR c) { return std::wcschr(kBlanks, c); });
+  std::erase_if(text, [](WCHAR c) { return std::wcschr(L" \t\r\n", c); });
   return text;
 }
 

@@ -14,12 +14,10 @@ TEST(ProgressProxy, RetriesOnlyTheCompletionWhenOutOfMemory) {
   Receiver receiver;
   CUploadProgressProxyWindow proxy(&receiver);
   proxy.CreateProxyWindow();
-  ScopedTestHooks const hooks({.sleep = [&](DWORD ms) { ++(ms > 0 ? nSlept : nYielded); },
-                               .fault =
-                                   [&](FaultPoint call, DWORD *pdwError) {
-                                     *pdwError = dwFailure;
-                                     return call == FaultPoint::PostMessageW && nFailures-- > 0;
-                                   }});
+  auto const fail = [&](FaultPoint call, DWORD *pdwError) {
+    return *pdwError = dwFailure, call == FaultPoint::PostMessageW && nFailures-- > 0;
+  };
+  ScopedTestHooks const hooks({.sleep = [&](DWORD ms) { ++(ms > 0 ? nSlept : nYielded); }, .fault = fail});
   proxy.OnBackgroundUploadComplete(0);
   EXPECT_TRUE(nSlept == 3 && nYielded == 4) << "it yields after every post, even a failed one";
   EXPECT_FALSE(proxy.TakeLostCompletion());

@@ -10,7 +10,6 @@ namespace {
 class TraceTest : public ::testing::Test {
 protected:
   ~TraceTest() override {
-    SetPlatformTestHooks(nullptr);
     Switches("0", "0");
     TraceInit(nullptr); // off again for the next test
     std::filesystem::remove(m_registry);
@@ -67,31 +66,30 @@ TEST_F(TraceTest, KeepsSwitchesAndPrefixAndCutsOrEscapesTexts) {
   }
 }
 
-// Lets a thread hold the trace's lock for a while. What it uses is static, since it may never end.
-std::atomic<bool> s_bInside = false, s_bDone = false;
-void HoldTheLock(std::chrono::milliseconds time) {
-  static PlatformTestHooks s_hooks;
-  s_hooks.fault = [time](FaultPoint call, DWORD *) {
-    if (call == FaultPoint::LoadLibraryA && !s_bInside.exchange(true))
-      std::this_thread::sleep_for(time);
-    return call == FaultPoint::LoadLibraryA;
-  };
+// Lets a thread hold the trace's lock for some ms. It uses only what is static, since it may never end.
+std::atomic<int> s_nTime = 0;
+PlatformTestHooks const s_hooks{nullptr, nullptr, [](FaultPoint call, DWORD *) {
+                                  if (call == FaultPoint::LoadLibraryA)
+                                    std::this_thread::sleep_for(std::chrono::milliseconds(s_nTime.exchange(0)));
+                                  return call == FaultPoint::LoadLibraryA;
+                                }};
+void HoldTheLock(int nTime) {
+  s_nTime = nTime;
   SetPlatformTestHooks(&s_hooks);
-  std::thread([] { TraceInit("T"), s_bDone = true; }).detach(); // a sanitizer would have a forked child join it
-  WaitFor([] { return s_bInside.load(); });
+  std::thread([] { TraceInit("T"); }).detach(); // a sanitizer would have a forked child join it
+  WaitFor([] { return s_nTime == 0; });
 }
 
-TEST_F(TraceTest, WorksInAForkedChildWhateverTheParentsThreadsWereDoing) {
+TEST_F(TraceTest, NeitherAForkNorTheExitMeetsALockThatIsHeld) {
   Switches("1", "1");
-  HoldTheLock(std::chrono::milliseconds(200)); // leaves time for the fork, which must wait for the lock
-  EXPECT_TRUE(HoldsInChild([] { return TraceInit("Child"), Lines([] { TraceMsgA("a"); }) == "[Child] a\n"; }));
-  EXPECT_TRUE(WaitFor([] { return s_bDone.load(); }));
-}
-
-TEST_F(TraceTest, LetsTheProcessEndWhateverTheOtherThreadsHold) {
-  Switches("1", "1");
-  s_bInside = false;
-  EXPECT_EXIT((alarm(20), HoldTheLock(std::chrono::hours(1)), std::exit(0)), testing::ExitedWithCode(0), "");
+  auto const run = [] {
+    alarm(20);
+    HoldTheLock(200); // leaves time for the fork, which must wait for the lock
+    bool const bTraced = HoldsInChild([] { return TraceInit("Child"), TraceMsgA("a"), true; });
+    HoldTheLock(3'600'000);
+    std::exit(bTraced ? 0 : 1);
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "^\\[Child\\] a\n$");
 }
 
 TEST_F(TraceTest, DoesNotMixTheLinesOfThreads) {

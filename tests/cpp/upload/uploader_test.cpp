@@ -5,7 +5,6 @@
 #include "tests/cpp/upload/receiver.h"
 #include "upload/UploadThread2.h"
 
-#include <numeric>
 #include <tuple>
 
 namespace {
@@ -87,10 +86,11 @@ TEST_F(UploaderTest, AdaptsTheChunkSizeToTheDurationOfTheLastWrite) {
     return false;
   };
   std::vector<DWORD> expected;
+  DWORD dwTotal = 0;
   for (auto const &[ms, units] : chunks)
-    expected.push_back(units * 0x8000);
+    dwTotal += expected.emplace_back(units * 0x8000);
   AddFile("chunks", "");
-  std::filesystem::resize_file(Folder() + "/chunks", std::accumulate(expected.begin(), expected.end(), 0U));
+  std::filesystem::resize_file(Folder() + "/chunks", dwTotal);
   EXPECT_EQ(Post(), S_OK);
   std::erase_if(receiver.writes, [](DWORD dwBytes) { return dwBytes < 0x8000; });
   EXPECT_EQ(receiver.writes, expected);
@@ -115,8 +115,7 @@ TEST_F(UploaderTest, EndsTheUploadAtTheFirstFailedCall) {
   AddFile("two", "abcd");
   for (auto const &row : rows) {
     m_hooks.fault = [&row, n = std::get<int>(row)](FaultPoint call, DWORD *pdwError) mutable {
-      *pdwError = 1450;
-      return call == std::get<FaultPoint>(row) && --n == 0;
+      return *pdwError = 1450, call == std::get<FaultPoint>(row) && --n == 0;
     };
     EXPECT_EQ(Post(), HResult(1450));
     EXPECT_EQ(receiver.files + answer, std::get<std::string>(row) + "-1") << std::get<int>(row);

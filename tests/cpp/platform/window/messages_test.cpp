@@ -37,11 +37,9 @@ TEST(Messages, KeepTheOrderOfEachThreadAcrossTwoWindows) {
     for (WPARAM w = start; w < start + kEach; ++w)
       (w % 3 ? first : second).Post(w);
   };
-  std::thread one(post, 0), two(post, kEach);
+  std::jthread const one(post, 0), two(post, kEach);
   while (ran[0].size() + ran[1].size() < 2 * kEach && WaitForMessages(10000) == 1)
     PumpMessages(64);
-  one.join();
-  two.join();
   for (auto const &numbers : ran)
     EXPECT_TRUE(numbers.size() == kEach && std::is_sorted(numbers.begin(), numbers.end()));
   EXPECT_EQ(WaitForMessages(0), 0);

@@ -161,7 +161,10 @@ def main():
         name = f"{number}Größe 中 \U0001F600.bin" if number == 6 else f"{number}.bin"
         (folder / name).write_bytes(((b"\r\n--" + bytes(range(number, 251))) * 500)[:SIZES.get(number, 100 + number)])
     for name in names or CASES:
-        lines = compare(name, [run(name, command, folder) for command in (here, there)])
+        for _ in range(3):  # a process of Wine now and then starts without the trusted roots
+            lines = compare(name, [run(name, command, folder) for command in (here, there)])
+            if not any(re.search(r"^>.*\b(12045|0x80072F0D)\b", line) for line in lines):
+                break
         reasons = "; ".join(entry[3] for entry in EXPECTED if re.fullmatch(entry[0], name))
         print(f"{name:34} {'DIFFERENT' if lines else reasons or 'equal'}", flush=True)
         print(*(f"    {line[:200]}\n" for line in lines), sep="", end="")

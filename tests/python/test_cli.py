@@ -142,7 +142,8 @@ class CommandLineTest(common.StandinCase):
             with self.subTest(named=named, user=user, path=path, env=env), open(os.devnull) as nothing, \
                     mock.patch("sys.stdin", nothing), mock.patch.dict(os.environ, env):
                 if isinstance(expected, str):
-                    self.assertRaisesRegex(outcome.Failure, expected, session.account_of, given)
+                    with self.assertRaisesRegex(outcome.Failure, expected):
+                        session.account_of(given)
                 else:
                     self.assertEqual(session.account_of(given), expected)
                 self.assertNotIn("SKIFFHOST_PASSWORD", os.environ, "the browser would inherit it")

@@ -5,6 +5,8 @@
 #include "tests/cpp/platform/helpers.h"
 #include "tests/fuzz/fuzz.h"
 
+#include <optional>
+
 namespace {
 
 /// The first stands for UTF-8. Some hold a letter back until the next byte, or give several for one byte.
@@ -13,13 +15,10 @@ constexpr char const *kCharsets[] = {"",      "EUC-JP",      "CP1255",         "
 
 /// Makes the character set that of the calling thread's locale, as far as the system has it.
 void UseCharset(std::size_t index) {
-  static std::unique_ptr<ThreadLocale> made[std::size(kCharsets)];
-  static locale_t locales[std::size(kCharsets)] = {LC_GLOBAL_LOCALE};
-  if (!locales[index]) {
-    made[index] = std::make_unique<ThreadLocale>(kCharsets[index]);
-    locales[index] = *made[index] ? uselocale(nullptr) : LC_GLOBAL_LOCALE;
-  }
-  uselocale(locales[index]);
+  static std::optional<std::shared_ptr<void>> made[std::size(kCharsets)];
+  if (!made[index])
+    made[index] = index == 0 ? nullptr : UseLocale(kCharsets[index]);
+  uselocale(*made[index] ? static_cast<locale_t>(made[index]->get()) : LC_GLOBAL_LOCALE);
 }
 
 int Convert(UINT codePage, std::string_view in, WCHAR *out, int room) {

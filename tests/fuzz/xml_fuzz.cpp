@@ -30,10 +30,10 @@ std::wstring Escaped(std::wstring const &text) {
 
 /// The attribute that decides which blanks are nodes; the others can't be listed.
 std::wstring SpaceAttribute(IXMLDOMNode *element) {
-  CComPtr<IXMLDOMNamedNodeMap> attributes;
+  CComPtr<IXMLDOMNamedNodeMap> map;
   CComPtr<IXMLDOMNode> space;
-  Require(element->get_attributes(&attributes) == S_OK, "an element has a map of attributes");
-  Require(SUCCEEDED(attributes->getNamedItem(CComBSTR(L"xml:space"), &space)), "an attribute or none");
+  bool const hasMap = element->get_attributes(&map) == S_OK;
+  Require(hasMap && SUCCEEDED(map->getNamedItem(CComBSTR(L"xml:space"), &space)), "an attribute or none");
   return space ? L" xml:space=\"" + Escaped(TextOf(space)) + L"\"" : L"";
 }
 

@@ -9,57 +9,48 @@
 
 namespace {
 
-std::atomic<PlatformTestHooks const *> g_hooks = nullptr;
+// All hooks that are not a test's own are never destroyed: a thread may still run at exit.
+auto const &g_none = *new PlatformTestHooks;
+std::atomic<PlatformTestHooks const *> g_hooks = &g_none;
 std::atomic<std::uint64_t> g_now = 1'000'000, g_step = 0;
 
-/// Never destroyed: a thread may still run at exit.
-struct DrivenHooks {
-  PlatformTestHooks real{nullptr, [](DWORD) {}, nullptr};
-  PlatformTestHooks driven{[] { return g_now += g_step; }, [](DWORD ms) { g_now += ms; }, nullptr};
-  /// The system's clock until a request is sent whole or the end of an upload's is; no probe does either.
-  PlatformTestHooks waiting{nullptr, [](DWORD) {},
-                            [this](FaultPoint call, DWORD *) {
-                              if (call == FaultPoint::HttpSendRequestW || call == FaultPoint::HttpEndRequestW)
-                                SetPlatformTestHooks(&driven);
-                              return false;
-                            }};
-};
+auto const &g_real = *new PlatformTestHooks{nullptr, [](DWORD) {}, nullptr};
+auto const &g_driven = *new PlatformTestHooks{[] { return g_now += g_step; }, [](DWORD ms) { g_now += ms; }, nullptr};
+/// The system's clock until a request is sent whole or the end of an upload's is; no probe does either.
+bool DriveFrom(FaultPoint call, DWORD *) {
+  if (call == FaultPoint::HttpSendRequestW || call == FaultPoint::HttpEndRequestW)
+    SetPlatformTestHooks(&g_driven);
+  return false;
+}
+auto const &g_waiting = *new PlatformTestHooks{nullptr, [](DWORD) {}, DriveFrom};
 
 } // namespace
 
-void SetPlatformTestHooks(PlatformTestHooks const *hooks) { g_hooks = hooks; }
+void SetPlatformTestHooks(PlatformTestHooks const *hooks) { g_hooks = hooks ? hooks : &g_none; }
 
 bool FaultAt(FaultPoint call) {
-  PlatformTestHooks const *const hooks = g_hooks;
+  auto const &fault = g_hooks.load()->fault;
   DWORD error = 0;
-  bool const isFault = hooks && hooks->fault && hooks->fault(call, &error);
-  return isFault && Fail(error, true);
+  return fault && fault(call, &error) && Fail(error, true);
 }
 
-bool ClockIsDriven() {
-  PlatformTestHooks const *const hooks = g_hooks;
-  return hooks && hooks->now;
-}
+bool ClockIsDriven() { return g_hooks.load()->now != nullptr; }
 
 std::uint64_t SteadyMilliseconds() {
-  PlatformTestHooks const *const hooks = g_hooks;
-  return hooks && hooks->now ? hooks->now() : SystemMilliseconds();
+  auto const &now = g_hooks.load()->now;
+  return now ? now() : SystemMilliseconds();
 }
 
 void SleepMilliseconds(DWORD ms) {
-  PlatformTestHooks const *const hooks = g_hooks;
-  if (hooks && hooks->sleep)
-    hooks->sleep(ms);
-  else
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+  auto const &sleep = g_hooks.load()->sleep;
+  sleep ? sleep(ms) : std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
 /// Moves the clock by that many ms with each look at it, from now on or, if it `waits`, from when a request is sent
 /// or an upload's body is out; 0 returns to the system's clock. Sleeping takes no time either way. Returns: what the
 /// driven clock shows, in ms.
 extern "C" __attribute__((visibility("default"))) std::uint64_t DriveClock(unsigned step, bool waits) {
-  static auto const &hooks = *new DrivenHooks;
   g_step = step;
-  SetPlatformTestHooks(step == 0 ? &hooks.real : waits ? &hooks.waiting : &hooks.driven);
+  SetPlatformTestHooks(step == 0 ? &g_real : waits ? &g_waiting : &g_driven);
   return g_now;
 }

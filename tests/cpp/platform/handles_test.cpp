@@ -13,16 +13,10 @@
 
 namespace {
 
-HINTERNET Session() {
-  static HINTERNET const session = InternetOpenW(L"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0);
-  return session;
-}
 HINTERNET Connect(HINTERNET parent) { return InternetConnectW(parent, L"h.test", 80, nullptr, nullptr, 3, 0, 0); }
 HINTERNET Open(HINTERNET parent) { return HttpOpenRequestA(parent, "GET", "/", nullptr, nullptr, nullptr, 0, 0); }
-HINTERNET Request() {
-  static HINTERNET const request = Open(Connect(Session()));
-  return request;
-}
+HINTERNET const g_session = InternetOpenW(L"agent", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0);
+HINTERNET const g_request = Open(Connect(g_session));
 HANDLE OpenFile() { return CreateFileW(L"/proc/self/maps", GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr); }
 HANDLE Begin() {
   auto const start = [](void *) { return 0U; };
@@ -51,13 +45,13 @@ using Misuse = std::pair<DWORD, bool (*)()>;
 Misuse const kMisuses[] = {
     MISUSE(87, InternetOpenW(L"agent\r\nX: 1", INTERNET_OPEN_TYPE_PRECONFIG, nullptr, nullptr, 0)),
     MISUSE(6, Connect(kNone)),
-    MISUSE(12018, Open(Session())),
-    MISUSE(87, HttpAddRequestHeadersA(Request(), "no colon", 0xFFFFFFFF, HTTP_ADDREQ_FLAG_ADD)),
-    MISUSE(87, HttpSendRequestW(Request(), nullptr, 0, "body", 4)),
-    MISUSE(12019, HttpQueryInfoW(Request(), HTTP_QUERY_STATUS_CODE, nullptr, &g_value, nullptr)),
-    MISUSE(12019, HttpEndRequestW(Request(), nullptr, 0, 0)),
-    MISUSE(87, InternetSetOptionW(Session(), INTERNET_OPTION_SEND_TIMEOUT, &g_value, 3)),
-    MISUSE(12018, InternetSetOptionW(Session(), INTERNET_OPTION_SECURITY_FLAGS, &g_value, sizeof g_value)),
+    MISUSE(12018, Open(g_session)),
+    MISUSE(87, HttpAddRequestHeadersA(g_request, "no colon", 0xFFFFFFFF, HTTP_ADDREQ_FLAG_ADD)),
+    MISUSE(87, HttpSendRequestW(g_request, nullptr, 0, "body", 4)),
+    MISUSE(12019, HttpQueryInfoW(g_request, HTTP_QUERY_STATUS_CODE, nullptr, &g_value, nullptr)),
+    MISUSE(12019, HttpEndRequestW(g_request, nullptr, 0, 0)),
+    MISUSE(87, InternetSetOptionW(g_session, INTERNET_OPTION_SEND_TIMEOUT, &g_value, 3)),
+    MISUSE(12018, InternetSetOptionW(g_session, INTERNET_OPTION_SECURITY_FLAGS, &g_value, sizeof g_value)),
     MISUSE(6, InternetSetStatusCallbackW(kNone, nullptr)),
     MISUSE(1407, Create(L"unheard of")),
     MISUSE(1400, DestroyWindow(kNoWindow)),
@@ -113,17 +107,17 @@ std::tuple<char const *, int, void (*)()> const kCycles[] = {
     {"registry key", 100, [] { EXPECT_EQ(0, RegCloseKey(OpenKey(HKEY_LOCAL_MACHINE))); }},
     {"text", 100, [] { EXPECT_STREQ(CComBSTR("\xD6\xD0"), L"\u4E2D"); }},
     {"document", 100, [] { EXPECT_EQ(Loaded(L"<r a='b'><c/>t</r>"), L"t|c|#text|"); }},
-    {"connection", 1000, [] { CloseWithin(Connect(Session())); }},
+    {"connection", 1000, [] { CloseWithin(Connect(g_session)); }},
     {"refused connection", 50,
-     [] { EXPECT_FALSE(InternetOpenUrlA(Session(), "http://127.0.0.1:1/", nullptr, 0, 0, 0)); }},
+     [] { EXPECT_FALSE(InternetOpenUrlA(g_session, "http://127.0.0.1:1/", nullptr, 0, 0, 0)); }},
     {"exchange", 20, [] { Exchange(false); }},
     {"upload left off", 20, [] { Exchange(true); }},
 };
 
 TEST(Handles, WhatIsClosedLeavesNothing) {
   for (int fd = 3; fd < 256; ++fd)
-    fcntl(fd, F_SETFD, FD_CLOEXEC); // what the program began with
-  ThreadLocale const locale("GBK"); // conversions then need a descriptor of the C library's
+    fcntl(fd, F_SETFD, FD_CLOEXEC);     // what the program began with
+  auto const locale = UseLocale("GBK"); // conversions then need a descriptor of the C library's
   if (!locale)
     GTEST_SKIP() << "no character maps here (Debian package locales)";
   Peer const peer("keep --tls good --body ok");
@@ -144,9 +138,8 @@ TEST(Handles, WhatIsClosedLeavesNothing) {
 }
 
 TEST(Handles, OfTheParentAreNotUsedInAForkedChild) {
-  auto const use = [] { return Error(InternetSetOptionW(Session(), INTERNET_OPTION_SEND_TIMEOUT, &g_value, 4)); };
-  Session();
-  EXPECT_TRUE(HoldsInChild([&] { return use() == 6 && InternetCloseHandle(Session()); }));
+  auto const use = [] { return Error(InternetSetOptionW(g_session, INTERNET_OPTION_SEND_TIMEOUT, &g_value, 4)); };
+  EXPECT_TRUE(HoldsInChild([&] { return use() == 6 && InternetCloseHandle(g_session); }));
   EXPECT_EQ(0u, use());
 }
 

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <functional>
 #include <future>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -35,29 +36,20 @@ inline bool HoldsInChild(std::function<bool()> const &condition) {
   return waitpid(child, &status, 0) == child && status == 0;
 }
 
-/// A locale of another character set, made for a test and the calling thread's while the object lives.
-class ThreadLocale {
-public:
-  /// False afterwards if the system has no character maps (Debian package locales).
-  explicit ThreadLocale(std::string const &charset) {
-    char path[] = "/tmp/skiffport-locale-XXXXXX";
-    std::string const folder = mkdtemp(path), name = "zz." + charset;
-    std::string const make = "localedef -c -i POSIX -f " + charset + " " + folder + "/" + name + " >/dev/null 2>&1";
-    setenv("LOCPATH", path, 1); // setlocale, since newlocale loses memory with it
-    if (std::system(make.c_str()) != -1 && setlocale(LC_CTYPE, name.c_str()))
-      uselocale(m_locale = duplocale(LC_GLOBAL_LOCALE));
-    setlocale(LC_CTYPE, "C");
-    unsetenv("LOCPATH");
-    std::filesystem::remove_all(folder);
-  }
-  ~ThreadLocale() {
-    uselocale(LC_GLOBAL_LOCALE);
-    if (m_locale)
-      freelocale(m_locale);
-  }
-  ThreadLocale(ThreadLocale const &) = delete;
-  explicit operator bool() const { return m_locale; }
-
-private:
-  locale_t m_locale = nullptr;
-};
+/// Makes a locale of another character set and gives it to the calling thread for as long as the result lives. Returns:
+/// null if the system has no character maps (Debian package locales).
+inline std::shared_ptr<void> UseLocale(std::string const &charset) {
+  char path[] = "/tmp/skiffport-locale-XXXXXX";
+  std::string const folder = mkdtemp(path), name = "zz." + charset;
+  std::string const make = "localedef -c -i POSIX -f " + charset + " " + folder + "/" + name + " >/dev/null 2>&1";
+  setenv("LOCPATH", path, 1); // setlocale, since newlocale loses memory with it
+  bool const isMade = std::system(make.c_str()) != -1 && setlocale(LC_CTYPE, name.c_str());
+  locale_t const made = isMade ? duplocale(LC_GLOBAL_LOCALE) : nullptr;
+  setlocale(LC_CTYPE, "C");
+  unsetenv("LOCPATH");
+  std::filesystem::remove_all(folder);
+  if (!made)
+    return nullptr;
+  uselocale(made);
+  return {made, [](void *locale) { uselocale(LC_GLOBAL_LOCALE), freelocale(static_cast<locale_t>(locale)); }};
+}

@@ -47,18 +47,14 @@ TEST(ProgressProxy, CarriesEveryCallToTheOwnerThreadInOrder) {
 }
 
 TEST(ProgressProxy, DropsAndFreesQueuedCommandsWhenDestroyed) { // LeakSanitizer reports those that are not freed
-  Receiver receiver, other;
-  CUploadProgressProxyWindow survivor(&other);
-  survivor.CreateProxyWindow();
+  Receiver receiver;
   {
     CUploadProgressProxyWindow proxy(&receiver);
     proxy.CreateProxyWindow();
     MakeEveryCall(proxy);
-    survivor.OnReceivingResponse();
   }
   PumpMessages(64);
   EXPECT_TRUE(receiver.calls.empty());
-  EXPECT_EQ(other.calls, L"receiving; ");
 }
 
 } // namespace

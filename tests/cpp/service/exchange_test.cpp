@@ -42,7 +42,7 @@ TEST(ServiceExchange, DistinguishesItsOutcomes) {
 }
 
 TEST(ServiceExchange, NarrowsTheObjectNameInTheThreadsCodePage) {
-  ThreadLocale const locale("ISO-8859-1");
+  auto const locale = UseLocale("ISO-8859-1");
   if (!locale)
     GTEST_SKIP() << "no character maps here (Debian package locales)";
   Peer const peer("reply");
@@ -58,10 +58,8 @@ TEST(ReachabilityProbe, CountsAnyAnswerAsReachable) {
     EXPECT_FALSE(hInternet || hConnect) << "both are closed and reset";
     return bAnswer;
   };
-  for (char const *szStatus : {"200", "302", "500"}) {
-    Peer const peer("reply --tls good --status " + std::string(szStatus));
-    EXPECT_TRUE(probe("https://good.test") && bReachable);
-  }
+  Peer const peer("reply --tls good --status 500");
+  EXPECT_TRUE(probe("https://good.test") && bReachable);
   EXPECT_FALSE(probe("https://" + std::string(260, 'h')));
   for (FaultPoint const point : {FaultPoint::_beginthreadex, FaultPoint::InternetOpenA}) { // the first changes nothing
     ScopedTestHooks const hooks(Fault(point, 8));

@@ -55,18 +55,12 @@ private:
 /// The error number of a call, 0 for none.
 inline DWORD Error(BOOL bDone) { return bDone ? ERROR_SUCCESS : GetLastError(); }
 
-struct Options {
-  char const *szHost = "good.test";
-  std::string object = "/x";
-  DWORD dwFlags = 0;
-};
-
 /// A session, a connection and a request, whose status callbacks it counts. The calls return their error number.
 struct Client {
-  explicit Client(INTERNET_PORT nPort, Options const &options = {})
+  explicit Client(INTERNET_PORT nPort, DWORD dwFlags = 0, char const *szHost = "good.test", char const *szObject = "/x")
       : session(Prepare()),
-        connection(InternetConnectA(session, options.szHost, nPort, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 1)),
-        request(HttpOpenRequestA(connection, "POST", options.object.c_str(), nullptr, nullptr, nullptr, options.dwFlags,
+        connection(InternetConnectA(session, szHost, nPort, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 1)),
+        request(HttpOpenRequestA(connection, "POST", szObject, nullptr, nullptr, nullptr, dwFlags,
                                  reinterpret_cast<DWORD_PTR>(this))) {}
   ~Client() { InternetCloseHandle(session); } // and its connection and request
 

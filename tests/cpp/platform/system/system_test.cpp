@@ -1,10 +1,8 @@
-// Files, threads, a fork that waits, the debug output and the registry file.
-#include "framework/SlimLock.h"
+// Files, threads, the debug output and the registry file.
 #include "platform/system/Debug.h"
 #include "platform/system/Files.h"
 #include "platform/system/Registry.h"
 #include "platform/system/Threads.h"
-#include "tests/cpp/platform/TestHooks.h"
 #include "tests/cpp/platform/http/http_peer.h"
 
 #include <fcntl.h>
@@ -40,17 +38,6 @@ TEST(Threads, SuspendedThreadRunsOnceResumed) {
   EXPECT_TRUE(ResumeThread(thread) == 1 && WaitForSingleObject(thread, INFINITE) == WAIT_OBJECT_0);
   EXPECT_TRUE(GetExitCodeThread(thread, &code) && code == 0x80040301U);
   EXPECT_TRUE(CloseHandle(thread) && !CloseHandle(thread));
-}
-
-TEST(Locks, ForkWaitsUntilTheyAreFree) {
-  static SlimLock s_lock;
-  std::atomic<bool> isForkWaiting = false;
-  ScopedTestHooks const hooks({.sleep = [&](DWORD) { isForkWaiting = true; }});
-  s_lock.lock();
-  auto forked = std::async(std::launch::async, [] { return HoldsInChild([] { return s_lock.try_lock(); }); });
-  EXPECT_TRUE(WaitFor([&] { return isForkWaiting.load(); }));
-  s_lock.unlock();
-  EXPECT_TRUE(forked.get());
 }
 
 TEST(DebugOutput, IsOneWriteALineAndCutBetweenCharacters) {

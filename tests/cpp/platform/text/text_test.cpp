@@ -1,4 +1,5 @@
 // The code pages, the wide formatter and the two number functions.
+#include "platform/text/AnsiText.h"
 #include "platform/text/CodePages.h"
 #include "platform/text/Text.h"
 #include "tests/cpp/platform/helpers.h"
@@ -7,50 +8,35 @@
 
 namespace {
 
-std::string Narrow(UINT codePage, std::wstring const &text) {
-  char buffer[64];
-  int const length = static_cast<int>(text.size());
-  int const size = WideCharToMultiByte(codePage, 0, text.data(), length, buffer, sizeof buffer, nullptr, nullptr);
-  EXPECT_EQ(WideCharToMultiByte(codePage, 0, text.data(), length, nullptr, 0, nullptr, nullptr), size);
-  return {buffer, static_cast<std::size_t>(size)};
-}
-
-std::wstring Widen(UINT codePage, std::string const &bytes) {
-  WCHAR buffer[64];
-  int const size = static_cast<int>(bytes.size());
-  int const length = MultiByteToWideChar(codePage, 0, bytes.data(), size, buffer, std::size(buffer));
-  EXPECT_EQ(MultiByteToWideChar(codePage, 0, bytes.data(), size, nullptr, 0), length);
-  return {buffer, static_cast<std::size_t>(length)};
-}
-
 TEST(CodePages, Utf8IsStrictBothWays) {
   std::pair<char const *, WCHAR const *> const texts[] = {
       {"a\xC3\xA4\xE4\xB8\xAD\xF0\x9F\x98\x80", L"a\u00E4\u4E2D\U0001F600"},
       {"\xF4\x8F\xBF\xBF\xED\x9F\xBF\xEF\xBB\xBFx", L"\U0010FFFF\uD7FF\uFEFFx"}};
-  for (auto const &[bytes, wide] : texts)
-    for (UINT const codePage : {CP_UTF8, CP_ACP, CP_THREAD_ACP}) { // the tests run in the C locale
-      EXPECT_EQ(Widen(codePage, bytes), wide);
-      EXPECT_EQ(Narrow(codePage, wide), bytes);
-    }
+  for (auto const &[bytes, wide] : texts) // the tests run in the C locale
+    EXPECT_TRUE(WideFromAnsi(bytes) == wide && AnsiFromWide(wide) == bytes) << bytes;
   std::pair<std::string, std::size_t> const malformed[] = {
       {"\xFF", 1},         {"\xE2\x82", 1},     {"\xF0\x9F\x98", 1},    {"\xC0\x80", 2},
       {"\xED\xA0\xBD", 3}, {"\xE0\x9F\xBF", 3}, {"\xF4\x90\x80\x80", 4}};
   for (auto const &[bytes, count] : malformed)
     for (std::string const tail : {"", "z"})
-      EXPECT_EQ(Widen(CP_UTF8, bytes + tail), std::wstring(count, 0xFFFD).append(tail.size(), 'z'));
-  EXPECT_EQ(Narrow(CP_UTF8, {0xD83D, 0xDE00}), "\xF0\x9F\x98\x80") << "a surrogate pair";
-  EXPECT_EQ(Narrow(CP_UTF8, {0xDE00, 0xD83D, 'x', 0x110000, -1}), "\xEF\xBF\xBD\xEF\xBF\xBDx\xEF\xBF\xBD\xEF\xBF\xBD");
+      EXPECT_EQ(WideFromAnsi(bytes + tail), std::wstring(count, 0xFFFD).append(tail.size(), 'z'));
+  WCHAR const pair[] = {0xD83D, 0xDE00, 0}, lone[] = {0xDE00, 0xD83D, 'x', 0x110000, -1, 0};
+  EXPECT_EQ(AnsiFromWide(pair), "\xF0\x9F\x98\x80");
+  EXPECT_EQ(AnsiFromWide(lone), "\xEF\xBF\xBD\xEF\xBF\xBDx\xEF\xBF\xBD\xEF\xBF\xBD");
   WCHAR wide[8];
   EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, "\xC3\xA4", -1, wide, 8), 2) << "the terminator counts";
   EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, "\xC3\xA4", -1, wide, 1), 0);
 }
 
 TEST(CodePages, TheThreadsLocaleGivesTheAnsiPage) {
-  ThreadLocale const locale("GBK");
+  auto const locale = UseLocale("GBK");
   if (!locale)
     GTEST_SKIP() << "no character maps here (Debian package locales)";
-  EXPECT_EQ(Narrow(CP_THREAD_ACP, L"a\u4E2D\u0E01\U0001F600z"), "a\xD6\xD0??z");
-  EXPECT_EQ(Widen(CP_ACP, "a\xD6\xD0\xFFz\xD6"), L"a\u4E2D\uFFFDz\uFFFD");
+  EXPECT_EQ(AnsiFromWide(L"a\u4E2D\u0E01\U0001F600z"), "a\xD6\xD0??z");
+  EXPECT_EQ(WideFromAnsi("a\xD6\xD0\xFFz\xD6"), L"a\u4E2D\uFFFDz\uFFFD");
+  WCHAR wide[3];
+  EXPECT_EQ(MultiByteToWideChar(CP_ACP, 0, "\xD6\xD0", -1, wide, 3), 2);
+  EXPECT_EQ(MultiByteToWideChar(CP_UTF8, 0, "\xE4\xB8\xAD", -1, wide, 3), 2);
 }
 
 template <class... Arguments> std::wstring Formatted(WCHAR const *format, Arguments... arguments) {

@@ -10,6 +10,7 @@ and `cmake --build` in that folder brings the native code up to date.
 
 import ast
 import base64
+import gzip
 import hashlib
 import os
 import pathlib
@@ -20,6 +21,7 @@ import sys
 import sysconfig
 import tarfile
 import tempfile
+import time
 import zipfile
 from typing import Any, Dict, List, Mapping, Optional, Union
 
@@ -52,6 +54,9 @@ def build_wheel(wheel_directory: str, config_settings: Settings = None,
         staged = pathlib.Path(scratch, "staged")
         build(pathlib.Path(scratch, "build"), config_settings)
         install(pathlib.Path(scratch, "build"), staged, ["--strip"])
+        data = staged / f"skiffport-{find_version()}.data" / "data"  # what pip puts below the environment's prefix
+        install(pathlib.Path(scratch, "build"), data, [], "command")
+        shutil.rmtree(data / "bin")  # the entry point makes that one
         return write_wheel(staged, pathlib.Path(wheel_directory))
 
 
@@ -76,10 +81,12 @@ def build_sdist(sdist_directory: str, _config_settings: Settings = None) -> str:
         if "__pycache__" in member.name:
             return None
         member.uid = member.gid = 0
+        member.mtime, member.mode = find_time(), 0o755 if member.mode & 0o100 else 0o644
         member.uname = member.gname = "root"
         return member
 
-    with tarfile.open(pathlib.Path(sdist_directory, f"{base}.tar.gz"), "w:gz", format=tarfile.PAX_FORMAT) as archive, \
+    with gzip.GzipFile(pathlib.Path(sdist_directory, f"{base}.tar.gz"), "wb", mtime=find_time()) as packed, \
+            tarfile.open(fileobj=packed, mode="w", format=tarfile.PAX_FORMAT) as archive, \
             tempfile.TemporaryDirectory(prefix="skiffport-") as scratch:
         for name in SOURCES:
             archive.add(SOURCE / name, f"{base}/{name}", filter=select)
@@ -115,7 +122,7 @@ def build_windows_wheels(tree: pathlib.Path, wheel_directory: pathlib.Path, objc
                     target.parent.mkdir(parents=True, exist_ok=True)
                     shutil.copy(file, target)
             wheels.append(write_wheel(staged, wheel_directory, f"{tag.partition('-')[0]}-{tag}"))
-            shutil.make_archive(str(wheel_directory / f"{wheels[-1][:-len('.whl')]}-debug"), "zip", debug)
+            write_zip(debug, wheel_directory / f"{wheels[-1][:-len('.whl')]}-debug.zip")
     return wheels
 
 
@@ -141,6 +148,11 @@ def find_version() -> str:
     found = re.search(r"project\(Skiffport VERSION ([0-9.]+)", (SOURCE / "CMakeLists.txt").read_text("utf-8"))
     assert found, "CMakeLists.txt states no version"
     return found.group(1)
+
+
+def find_time() -> int:
+    """Returns the time that the files of an archive bear, in seconds since 1970."""
+    return int(os.environ.get("SOURCE_DATE_EPOCH", time.time()))
 
 
 def find_tag() -> str:
@@ -176,10 +188,13 @@ def build(folder: pathlib.Path, settings: Settings) -> None:
     tools = {tool: package for tool, package in TOOLS.items() if not shutil.which(tool)}
     if tools:
         refuse({**tools, **find_missing_headers()})
+    # So that no file depends on where it was built.
+    names = f"-ffile-prefix-map={folder}=build -ffile-prefix-map={SOURCE}=."
+    environment = {**os.environ, "CXXFLAGS": f"{os.environ.get('CXXFLAGS', '')} {names}"}
     configured = subprocess.run(["cmake", "-S", SOURCE, "-B", folder, "-G", "Ninja",
                                  "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DSKIFFPORT_TESTS=OFF",
                                  f"-DSKIFFPORT_PYTHONS={sys.executable}", "-DSKIFFPORT_INSTALL_PYTHONDIR=.", *options],
-                                check=False)
+                                check=False, env=environment)
     if configured.returncode and find_missing_headers():
         refuse(find_missing_headers())
     configured.check_returncode()
@@ -200,9 +215,10 @@ def refuse(missing: Mapping[str, str]) -> None:
                      f"apt-get install {' '.join(missing.values())}")
 
 
-def install(folder: pathlib.Path, prefix: pathlib.Path, options: List[str], **environment: str) -> None:
-    """Installs what an import needs."""
-    subprocess.run(["cmake", "--install", folder, "--prefix", prefix, "--component", "python", *options], check=True,
+def install(folder: pathlib.Path, prefix: pathlib.Path, options: List[str], component: str = "python",
+            **environment: str) -> None:
+    """Installs what an import needs, or another component."""
+    subprocess.run(["cmake", "--install", folder, "--prefix", prefix, "--component", component, *options], check=True,
                    env={**os.environ, **environment})
 
 
@@ -224,12 +240,21 @@ def write_wheel(staged: pathlib.Path, wheel_directory: pathlib.Path, tag: str = 
     record = write_info(staged, tag) / "RECORD"
     wheel = f"skiffport-{find_version()}-{tag}.whl"
     lines = []
-    with zipfile.ZipFile(wheel_directory / wheel, "w", zipfile.ZIP_DEFLATED) as archive:
-        for file in sorted(path for path in staged.rglob("*") if path.is_file()):
-            name, content = file.relative_to(staged).as_posix(), file.read_bytes()
-            digest = base64.urlsafe_b64encode(hashlib.sha256(content).digest()).rstrip(b"=").decode("ascii")
-            lines.append(f"{name},sha256={digest},{len(content)}\n")
-            archive.write(file, name)
-        name = record.relative_to(staged).as_posix()
-        archive.writestr(name, "".join([*lines, f"{name},,\n"]))
+    for file in sorted(path for path in staged.rglob("*") if path.is_file()):
+        name, content = file.relative_to(staged).as_posix(), file.read_bytes()
+        digest = base64.urlsafe_b64encode(hashlib.sha256(content).digest()).rstrip(b"=").decode("ascii")
+        lines.append(f"{name},sha256={digest},{len(content)}\n")
+    name = record.relative_to(staged).as_posix()
+    record.write_text("".join([*lines, f"{name},,\n"]), "utf-8")
+    write_zip(staged, wheel_directory / wheel)
     return wheel
+
+
+def write_zip(folder: pathlib.Path, archive: pathlib.Path) -> None:
+    """Packs every file of the folder. Nothing but their content and their rights counts."""
+    with zipfile.ZipFile(archive, "w") as packed:
+        for file in sorted(path for path in folder.rglob("*") if path.is_file()):
+            entry = zipfile.ZipInfo(file.relative_to(folder).as_posix(), time.gmtime(find_time())[:6])
+            entry.external_attr = (0o100755 if os.access(file, os.X_OK) else 0o100644) << 16
+            entry.compress_type = zipfile.ZIP_DEFLATED
+            packed.writestr(entry, file.read_bytes())

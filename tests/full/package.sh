@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Checks that the packages are in order and work without this tree: the Debian package, unpacked, and the source
-# distribution, installed by pip into a virtual environment of each interpreter, publish a preset to a stand-in. The
-# wheels for Windows can only be installed and looked at.
+# Checks that what scripts/release makes is in order and works without this tree: the Debian package, unpacked, and the
+# wheel of each interpreter and the source distribution, installed by pip into a virtual environment, publish a preset
+# to a stand-in. The wheels for Windows can only be installed and looked at.
 set -euo pipefail
 export LC_ALL=C.UTF-8 PIP_NO_INDEX=1 PIP_NO_CACHE_DIR=1 PIP_DISABLE_PIP_VERSION_CHECK=1
 cd "$(dirname "$0")/../.."
@@ -24,14 +24,24 @@ check_installed() { # WHAT FOLDER COMMAND...: what lies in that folder is in ord
     "$work/preset" "${@:3}"
 }
 
+install_by_pip() { # WHAT INTERPRETER ARGUMENT...: installs, checks and removes it, in a new environment
+  environment=$(mktemp -d -p "$work")
+  quietly "$2" -m venv "$environment"
+  quietly "$environment/bin/python" -m pip install --no-deps "${@:3}"
+  check_installed "$1" "$environment/lib" env -u PYTHONPATH "$environment/bin/skiffhost"
+  expect 'its man page' 1 "$(grep -c '^.SH EXIT STATUS' "$environment/share/man/man1/skiffhost.1")"
+  quietly "$environment/bin/python" -m pip uninstall -y skiffport
+  expect 'what is left of it' '' "$(find "$environment" -iname '*skiffhost*' -o -iname '*skiffport*')"
+}
+
 quietly scripts/build release
 PYTHONPATH=build/release/python:tests/support /usr/bin/python3 -B -c "import fixtures, pathlib
 fixtures.write_preset(pathlib.Path('$work/preset'))"
 
-quietly scripts/package
-expect 'version in the changelog' "$version" "$(dpkg-deb -f build/package/python3-skiffport_*.deb Version)"
-quietly lintian --allow-root --fail-on error,warning build/package/*.deb
-for package in build/package/*.deb; do dpkg-deb -x "$package" "$work/unpacked"; done
+quietly scripts/release --once
+expect 'version in the changelog' "$version" "$(dpkg-deb -f build/dist/python3-skiffport_*.deb Version)"
+quietly lintian --allow-root --fail-on error,warning build/dist/*.deb
+for package in build/dist/*.deb; do dpkg-deb -x "$package" "$work/unpacked"; done
 site=$work/unpacked/usr/lib/python3/dist-packages
 for library in "$site"/*.so "$site"/skiffhost/*.so; do
   id=$(readelf -n "$library" | sed -n 's/.*Build ID: //p')
@@ -39,25 +49,18 @@ for library in "$site"/*.so "$site"/skiffhost/*.so; do
 done
 check_installed 'the Debian package' "$work/unpacked" env "PYTHONPATH=$site" "$work/unpacked/usr/bin/skiffhost"
 
-quietly /usr/bin/python3 -B -c "import sys; sys.path[:0] = ['packaging']
-__import__('wheel_backend').build_sdist('$work')"
+quietly twine check --strict build/dist/*.whl build/dist/*.tar.gz
 expect 'files of the source distribution' "$({ git ls-files | grep -v '^\.' && echo PKG-INFO; } | sort)" \
-  "$(tar -tzf "$work/skiffport-$version.tar.gz" | grep -v '/$' | sed 's|^[^/]*/||' | sort)"
+  "$(tar -tzf "build/dist/skiffport-$version.tar.gz" | grep -v '/$' | sed 's|^[^/]*/||' | sort)"
 while read -r interpreter; do
-  environment=$(mktemp -d -p "$work")
-  quietly "$interpreter" -m venv "$environment"
-  quietly "$environment/bin/python" -m pip install "$work/skiffport-$version.tar.gz" --no-deps
-  check_installed "the wheel for $interpreter" "$environment/lib" env -u PYTHONPATH "$environment/bin/skiffhost"
-  quietly "$environment/bin/python" -m pip uninstall -y skiffport
-  expect 'what is left of it' '' "$(find "$environment/lib" "$environment/bin" -iname '*skiff*')"
+  install_by_pip "the wheel for $interpreter" "$interpreter" --find-links build/dist --only-binary :all: skiffport
 done <build/release/pythons.txt
+install_by_pip 'the source distribution' /usr/bin/python3 "build/dist/skiffport-$version.tar.gz"
 
-quietly scripts/package windows
 list_debug() { x86_64-w64-mingw32-objdump -h "$1" | grep -o '\.gnu_debuglink\|\.debug_info'; }
 libraries='advapi32|gdi32|kernel32|msvcrt|ole32|oleaut32|shell32|shlwapi|user32|wininet' # those of Windows
-for wheel in build/wheels/*.whl; do
+for wheel in build/dist/*-win_amd64.whl; do
   tag=$(sed 's/.*-\(cp3[0-9]*\)-win_amd64.whl/\1/' <<<"$wheel") target=$(mktemp -d -p "$work")
-  quietly twine check --strict "$wheel"
   quietly /usr/bin/python3 -m pip install "$wheel" --target "$target" --no-deps --no-compile --only-binary :all: \
     --platform win_amd64 --python-version "${tag#cp}"
   info=skiffport-$version.dist-info

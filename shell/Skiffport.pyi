@@ -1,5 +1,11 @@
 # Types and docstrings of the proxy module, which offers the native module's functions as classes. None for a str passes
-# a null pointer. The build appends the docstrings to those of the proxy (shell/stubs.py).
+# a null pointer. The build gives the proxy these docstrings (shell/stubs.py).
+"""Links an application to its community web service.
+
+KHLoginData logs a member in and asks the service, PyPresetUploader publishes presets in the background, and
+KHConnectUtil makes plain requests. The package skiffhost has helpers for all of it: its help tells where to begin.
+"""
+
 from typing import Callable, Dict, Optional, Tuple
 
 from _Skiffport import _Pointer, _Reply, _Self

@@ -1,24 +1,26 @@
 """Makes of the proxy's stub what else describes the modules: stubs.py Skiffport.pyi DOCS TREE.
 
-DOCS is Python code that appends the stub's docstrings to the proxy's: SWIG gives the flat functions and the proxy the
-same ones, and those of the flat functions are fixed. TREE, the importable one, gets the stub and that of the native
+DOCS is Python code that gives the proxy the stub's docstrings and signatures instead of SWIG's: those name types of C++,
+and are fixed for the flat functions alone. TREE, the importable one, gets the stub and that of the native
 module, whose flat functions take what the proxy's methods and attributes take: beside the modules for what searches
 that folder, and as stub packages for what finds the folder as one of installed packages.
 """
 
 import ast
+import inspect
 import pathlib
 import sys
 
 CODE = '''
-# What the classes and their members do.
+# What the module, the classes and their members do.
 def _describe(described):
     for target, text in described:
-        if target.__doc__:  # not with -OO
-            target.__doc__ += "\\n\\n" + text
+        target.__doc__ = text
 
-_describe((
-%s))
+if KHLoginData.__doc__:  # not with -OO
+    __doc__ = %r
+    _describe((
+%s    ))
 del _describe
 '''
 STUB = '''\
@@ -56,18 +58,25 @@ def docstring_of(node):
     return value.value if isinstance(value, ast.Constant) and isinstance(value.value, str) else ""
 
 
-def described(cls):
+def parameters_of(function, source):
+    """Returns a method's parameters after self, with their types. (ast.unparse needs Python 3.9.)"""
+    return [f"{each.arg}: {ast.get_source_segment(source, each.annotation)}" for each in function.args.args[1:]]
+
+
+def described(cls, source):
     """Yields the expression for each documented member of a class, and its text."""
-    name = ""
+    name = head = ""
     for node in cls.body:
         text = docstring_of(node)
         if isinstance(node, ast.FunctionDef):
             name, text = node.name, docstring_of(node.body[0])
+            parameters = ", ".join(["self", *parameters_of(node, source)])
+            head = f"{name}({parameters}) -> {ast.get_source_segment(source, node.returns)}\n\n"
         elif isinstance(node, ast.AnnAssign):
             name = node.target.id
+            head = f"{name}: {ast.get_source_segment(source, node.annotation)}\n\n"
         if text:
-            lines = text.strip().splitlines()
-            yield (f"{cls.name}.{name}" if name else cls.name), "\n".join(line.strip() for line in lines)
+            yield (f"{cls.name}.{name}" if name else cls.name), head + inspect.cleandoc(text)
 
 
 def flat_functions(cls, source):
@@ -78,7 +87,7 @@ def flat_functions(cls, source):
 
     for node in cls.body:
         if isinstance(node, ast.FunctionDef) and node.name != "__swig_destroy__":
-            parameters = [f"{each.arg}: {text_of(each.annotation)}" for each in node.args.args[1:]]
+            parameters = parameters_of(node, source)
             if node.name == "__init__":
                 yield f"new_{cls.name}", parameters, "_Pointer"
                 yield f"delete_{cls.name}", ["self: _Self"], "None"
@@ -95,15 +104,17 @@ def flat_functions(cls, source):
 
 def main():
     source = pathlib.Path(sys.argv[1]).read_text("utf-8")
-    classes = [node for node in ast.parse(source).body if isinstance(node, ast.ClassDef)]
-    pairs = [pair for cls in classes for pair in described(cls)]
-    code = CODE % "".join(f"    ({target}, {text!r}),\n" for target, text in pairs)
+    module = ast.parse(source)
+    classes = [node for node in module.body if isinstance(node, ast.ClassDef)]
+    pairs = [pair for cls in classes for pair in described(cls, source)]
+    members = "".join(f"        ({target}, {text!r}),\n" for target, text in pairs)
+    code = CODE % (ast.get_docstring(module), members)
     pathlib.Path(sys.argv[2]).write_text(code, "utf-8")
     flat = "".join(f"def {name}({', '.join([*parameters, '/'] if parameters else [])}) -> {result}: ...\n"
                    for cls in classes for name, parameters, result in flat_functions(cls, source))
-    for module, stub in (("Skiffport", source), ("_Skiffport", STUB + flat)):
-        for target in (pathlib.Path(sys.argv[3], f"{module}.pyi"),
-                       pathlib.Path(sys.argv[3], f"{module}-stubs", "__init__.pyi")):
+    for name, stub in (("Skiffport", source), ("_Skiffport", STUB + flat)):
+        for target in (pathlib.Path(sys.argv[3], f"{name}.pyi"),
+                       pathlib.Path(sys.argv[3], f"{name}-stubs", "__init__.pyi")):
             target.parent.mkdir(parents=True, exist_ok=True)
             target.write_text(stub, "utf-8")
 

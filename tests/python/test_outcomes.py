@@ -3,6 +3,7 @@
 import asyncio
 import json
 import os
+import re
 import subprocess
 import sys
 
@@ -77,6 +78,14 @@ class FailureTest(common.NetworkCase):
         expected = [errors.explain_error(number) + "; none of the files was sent, so it is safe to try again"
                     for number in (12029, 12007, 12045)]
         self.assertEqual((status, printed.splitlines()), (0, expected))
+
+
+    def test_each_error_has_one_sentence_and_a_row_in_the_reference(self):
+        source, page = ((common.ROOT / name).read_text() for name in ("framework/InternetSession.cpp", "docs/reference.md"))
+        sentences = dict(re.findall(r'\{ERROR_(\w+), L"(.*)"\}', source))
+        self.assertEqual({name: errors.ErrorNumber[name].sentence for name in sentences}, sentences)
+        rows = re.findall(r"^\| ([0-9, ]+) \| `0x8007", page, re.MULTILINE)
+        self.assertEqual(sorted(map(int, ",".join(rows).split(","))), sorted(errors.ErrorNumber))
 
 
 class RetryTest(common.NetworkCase):

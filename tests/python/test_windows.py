@@ -8,7 +8,7 @@ from kestrelhub_standin import launch
 AS_ON_WINDOWS = """
 import _signal, asyncio, importlib, os, pkgutil, signal, sys
 import Skiffport, skiffhost
-names = [module.name for module in pkgutil.walk_packages(skiffhost.__path__, "skiffhost.")]
+names = [module.name for module in pkgutil.walk_packages([os.environ["HOST"]], "skiffhost.")]
 for name in names:
     importlib.import_module(name)
 for name in ["skiffhost", *names]:
@@ -49,7 +49,8 @@ class WindowsTest(common.StandinCase):
                 (run, ["--connect-to", "a:1:b:2", *publish], 2, refused.format("connect-to")),
                 (run, [*publish, "--ca-file=a"], 2, refused.format("ca-file"))]:
             with self.subTest(words=words):
-                found, output = self.run_python(AS_ON_WINDOWS + script, *words, SKIFFHOST_PASSWORD=launch.PASSWORD)
+                found, output = self.run_python(AS_ON_WINDOWS + script, *words, SKIFFHOST_PASSWORD=launch.PASSWORD,
+                                                HOST=str(common.ROOT / "host" / "skiffhost"))
                 self.assertEqual(found, code, output)
                 self.assertRegex(output, text)
         self.assertEqual(len(self.standin.presets()), 1)

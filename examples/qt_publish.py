@@ -137,6 +137,9 @@ class PublishWindow(QtWidgets.QDialog):
         self._form.setDisabled(busy)
         self.publish_button.setDisabled(busy)
         self.cancel_button.setEnabled(busy and may_cancel and not self._cancelled)
+        height = min(self.layout().totalHeightForWidth(self.width()), self.screen().availableSize().height())
+        if height > self.height():  # for a long text
+            self.resize(self.width(), height)
 
     # One publication: the login on its own thread, then the upload and its events
 

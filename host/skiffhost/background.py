@@ -13,9 +13,14 @@ __all__ = ["in_background"]
 TURN_SECONDS = 0.1
 
 T = TypeVar("T")
+TYPE_CHECKING = False
+if TYPE_CHECKING:
+    Base = Future[Any]
+else:
+    Base = Future  # takes no type arguments before Python 3.9
 
 
-class _Future(Future):  # type: ignore[type-arg]
+class _Future(Base):
     def result(self, timeout: Optional[float] = None) -> Any:
         while sys.platform == "win32" and timeout is None and not self.done():
             wait([self], TURN_SECONDS)

@@ -94,6 +94,8 @@ With \-\-json every command prints one object.
 Its field ok is true after success, and the fields named above follow.
 After a failure, wrong arguments included, ok is false, error is the message and exit_code the exit code; addresses
 adds its fields even then.
+Where it is of use to try again, retry is safe, or unsafe if the service may have done what was asked.
+Where the error number is known, error_number is that.
 What was not found is an empty text.
 A Ctrl\-C that ends the process during a request other than an upload leaves no object.
 .SH SIGNALS

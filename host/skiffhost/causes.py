@@ -11,6 +11,7 @@ from .errors import error_of_hresult
 
 __all__ = ["record_causes"]
 
+REGISTRY = "/etc/skiffport/registry.reg"
 TRACING_REGISTRY = b"""Windows Registry Editor Version 5.00
 
 [HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright]
@@ -27,11 +28,11 @@ def record_causes() -> bool:
     """Makes failed uploads of this process know their cause. Returns whether it can.
 
     Call it before the process creates the first object of the module. It switches the trace on for the process, and
-    directs it to memory instead of standard error. It does nothing on Windows, and none where SKIFFPORT_REGISTRY is
-    set: there the user has decided about the trace.
+    directs it to memory instead of standard error. It does nothing on Windows, or where a registry file exists or
+    SKIFFPORT_REGISTRY is set: there the user has decided about the trace.
     """
     global _record
-    if sys.platform == "win32" or "SKIFFPORT_REGISTRY" in os.environ:
+    if sys.platform == "win32" or "SKIFFPORT_REGISTRY" in os.environ or os.path.exists(REGISTRY):
         return _record is not None
     _record = os.memfd_create("trace")
     os.environ["SKIFFPORT_DEBUG_OUTPUT"] = f"/proc/self/fd/{_record}"

@@ -37,7 +37,7 @@ class Publication:
             loop.wait(0.05)
             loop.pump()
 
-    def completion(self) -> Tuple[Any, ...]:
+    def completion(self, seconds: float = DEADLINE_SECONDS) -> Tuple[Any, ...]:
         """Pumps until the upload ends. Returns the arguments that follow the completion's name."""
-        self.pump_until(lambda: self.events and self.events[-1][0] == "UploadComplete")
+        self.pump_until(lambda: self.events and self.events[-1][0] == "UploadComplete", seconds)
         return self.events[-1][1:]

@@ -59,6 +59,8 @@ foreach(_script IN LISTS _scripts)
   cmake_path(GET _script STEM _name)
   add_full_test(${_name} ${_script})
 endforeach()
+add_full_test(fuzz-corpora scripts/fuzz)
+add_full_test(fuzz scripts/fuzz --no-install --jobs 2 all 20)
 add_full_test(demo scripts/demo)
 add_full_test(native scripts/native)
 # Each toolkit's loop, the examples and the snippets of the docs, on a display of their own.

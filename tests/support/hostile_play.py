@@ -166,7 +166,7 @@ def play(calls, rules, row, call):
 def main():
     sys.stderr = sys.stdout
     with tempfile.TemporaryDirectory() as folder, scripted.Network() as network:
-        good = network.reply(scripted.DEFAULT, "<info><tokenid>t</tokenid></info>", "--longest", "900")
+        good = network.reply(scripted.DEFAULT, "<info><tokenid>t</tokenid></info>")
         rules = ["::127.0.0.1:1", *(f"{host}:443:127.0.0.1:{good.port}" for host in (scripted.DEFAULT, HOST))]
         for rule in rules:  # the others lead nowhere
             network.lead(rule)

@@ -36,6 +36,7 @@ KINDS = {
     "unknown-issuer": {"issuer": "stranger"}, "self-signed": {"issuer": "self"}, "no-issuer-right": {"issuer": "good"},
     "client-only": {"purpose": "CLIENT_AUTH"}, "weak-key": {"bits": 1024}, "common-name-only": {"names": ()},
 }
+LONGEST_SECONDS = 900  # for a peer that nobody ends
 LENGTHS = {"right": "Content-Length: {0}", "none": "", "short": "Content-Length: {1}", "long": "Content-Length: 999999",
            "negative": "Content-Length: -1", "garbage": "Content-Length: abc", "chunked": "Transfer-Encoding: chunked"}
 
@@ -190,7 +191,7 @@ def accept(listener: socket.socket, options: argparse.Namespace, stop: threading
 
 def serve(options: argparse.Namespace, wait: Callable[[], Any]) -> None:
     """Listens, and plays until the wait ends."""
-    signal.alarm(options.longest)
+    signal.alarm(LONGEST_SECONDS)
     stop, listener = threading.Event(), socket.socket()
     if options.window:
         listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, options.window)
@@ -266,7 +267,6 @@ def parse(arguments: Sequence[str] | None = None) -> argparse.Namespace:
     add("--raw", type=lambda text: ast.literal_eval(f"b'{text}'"), help="the whole reply, as in a bytes literal")
     add("--pause", type=float, default=0.2, help="seconds of a pause (default: %(default)s)")
     add("--after", type=int, default=0, metavar="BYTES", help="bytes of the body to read first")
-    add("--longest", type=int, default=120, metavar="SECONDS", help="end after that (default: %(default)s)")
     add("--window", type=int, metavar="BYTES", help="receive buffer, for a peer that reads slowly")
     options = parser.parse_args(arguments)
     known = {"certificates": "certificates", **SCENARIOS}

@@ -7,29 +7,27 @@
 
 #include <optional>
 
-namespace {
-
 /// The first stands for UTF-8. Some hold a letter back until the next byte, or give several for one byte.
 constexpr char const *kCharsets[] = {"",      "EUC-JP",      "CP1255",         "BIG5-HKSCS",
                                      "TSCII", "ISO-8859-15", "SHIFT_JISX0213", "CP1258"};
 
 /// Makes the character set that of the calling thread's locale, as far as the system has it.
-void UseCharset(std::size_t index) {
+static void UseCharset(std::size_t index) {
   static std::optional<std::shared_ptr<void>> made[std::size(kCharsets)];
   if (!made[index])
     made[index] = index == 0 ? nullptr : UseLocale(kCharsets[index]);
   uselocale(*made[index] ? static_cast<locale_t>(made[index]->get()) : LC_GLOBAL_LOCALE);
 }
 
-int Convert(UINT codePage, std::string_view in, WCHAR *out, int room) {
+static int Convert(UINT codePage, std::string_view in, WCHAR *out, int room) {
   return MultiByteToWideChar(codePage, 0, in.data(), static_cast<int>(in.size()), out, room);
 }
-int Convert(UINT codePage, std::wstring_view in, char *out, int room) {
+static int Convert(UINT codePage, std::wstring_view in, char *out, int room) {
   return WideCharToMultiByte(codePage, 0, in.data(), static_cast<int>(in.size()), out, room, nullptr, nullptr);
 }
 
 /// Converts to units of the other kind, by buffers that just fit, and that do not.
-template <class Unit, class Text> std::basic_string<Unit> Converted(UINT codePage, Text const &text) {
+template <class Unit, class Text> static std::basic_string<Unit> Converted(UINT codePage, Text const &text) {
   Exact<typename Text::value_type> const in(text);
   int const length = Convert(codePage, in.view, static_cast<Unit *>(nullptr), 0);
   Require(length > 0 && static_cast<std::size_t>(length) <= 4 * text.size(), "the length is bounded");
@@ -41,13 +39,11 @@ template <class Unit, class Text> std::basic_string<Unit> Converted(UINT codePag
   return empty.substr(0, 0).append(fitting.view);
 }
 
-} // namespace
-
 FUZZ_TARGET(input) {
   unsigned const choice = input.Byte();
   std::string_view const bytes = input.rest;
   if (bytes.empty())
-    return 0;
+    return;
   std::wstring const wide = input.Wide((choice & 0x80) != 0);
   bool isValid = false;
   std::wstring const decoded = WideFromUtf8(Exact<char>(bytes).view, &isValid);
@@ -61,5 +57,4 @@ FUZZ_TARGET(input) {
   Require(AnsiFromWide(wide) == Converted<char>(CP_ACP, wide), "wide text is narrowed whole");
   std::string const letters(bytes.size(), static_cast<char>('A' + bytes.size() % 26)); // in all these character sets
   Require(Converted<char>(CP_ACP, Converted<WCHAR>(CP_ACP, letters)) == letters, "ASCII survives the round trip");
-  return 0;
 }

@@ -5,10 +5,8 @@
 #include "platform/http/WinInet.h"
 #include "tests/fuzz/fuzz.h"
 
-namespace {
-
 /// Adds the text's lines to a request.
-void CheckRequest(std::string_view text) {
+static void CheckRequest(std::string_view text) {
   HINTERNET const session = InternetOpenA("x", 0, nullptr, nullptr, 0);
   HINTERNET const server = InternetConnectA(session, "good.test", 80, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 0);
   HINTERNET const request = HttpOpenRequestA(server, "GET", "/", nullptr, nullptr, nullptr, 0, 0);
@@ -25,7 +23,7 @@ void CheckRequest(std::string_view text) {
 }
 
 /// Feeds the reply's lines and then its body as libcurl would; a line that begins with "*" 1024 times.
-void CheckReply(std::string_view text, long status) {
+static void CheckReply(std::string_view text, long status) {
   HttpReply reply;
   std::size_t size = 0;
   while (!text.empty() && !reply.IsHeadIn()) {
@@ -57,13 +55,10 @@ void CheckReply(std::string_view text, long status) {
   Require(body.view.substr(0, half + rest) == text && reply.Buffered() == 0, "the body is given out as it came");
 }
 
-} // namespace
-
 FUZZ_TARGET(input) {
   unsigned const choice = input.Byte();
   CheckRequest(input.rest);
   bool const isStatusGiven = choice % 2 == 0; // else the input begins with the status line
   CheckReply(isStatusGiven ? std::string("HTTP/1.1 000\r\n").append(input.rest) : std::string(input.rest),
              static_cast<long>(choice) * 4 + 1);
-  return 0;
 }

@@ -6,12 +6,10 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-namespace {
-
 constexpr long long kNoKey = -1, kNoValue = -2;
 
 /// The number that a file of this text gives "DumpMsg".
-long long Read(std::string_view text) {
+static long long Read(std::string_view text) {
   static int const fd = [] {
     int const made = memfd_create("registry", MFD_CLOEXEC);
     setenv("SKIFFPORT_REGISTRY", ("/proc/self/fd/" + std::to_string(made)).c_str(), 1);
@@ -30,19 +28,16 @@ long long Read(std::string_view text) {
   return result == ERROR_SUCCESS ? value : kNoValue;
 }
 
-} // namespace
-
 FUZZ_TARGET(input) {
   std::string const text(input.rest);
   long long const value = Read(text);
   if (text.starts_with("\xFF\xFE") || text.starts_with("\xFE\xFF") || text.starts_with("\xEF\xBB\xBF"))
-    return 0;
+    return;
   bool isUtf8 = false;
   WideFromUtf8(text, &isUtf8);
   if (!isUtf8)
-    return Require(value == kNoKey, "a file that does not decode has no key"), 0;
+    return Require(value == kNoKey, "a file that does not decode has no key");
   Require(Read("\xEF\xBB\xBF" + text) == value, "UTF-8 with its mark reads the same");
   std::string const line = "\n[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright]\n\"DumpMsg\"=dword:2a";
   Require(Read(text + line) == 0x2A, "a line counts whatever precedes it");
-  return 0;
 }

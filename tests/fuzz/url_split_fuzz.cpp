@@ -3,19 +3,17 @@
 #include "platform/http/UrlSplit.h"
 #include "tests/fuzz/fuzz.h"
 
-namespace {
-
 /// Puts the URL together again from its parts, which are views of its text.
-void CheckParts(std::string_view url, UrlParts const &parts) {
+static void CheckParts(std::string_view url, UrlParts const &parts) {
   auto const between = [](char const *start, char const *end) { return std::string_view(start, end - start); };
   std::string_view const user = between(parts.scheme.data() + parts.scheme.size() + 3, parts.host.data());
   std::string_view const port = between(parts.host.data() + parts.host.size(), parts.path.data());
   std::string const name(parts.user), password(parts.password);
   bool const isUser = user == name + '@' || user == name + ':' + password + '@';
   Require(user.empty() ? name.empty() && password.empty() : isUser, "user and password precede the host");
-  bool const isPort = port.starts_with(':') && std::stoul(std::string(port.substr(1))) == parts.port;
-  Require(port.empty() || isPort, "the port follows the host");
-  Require(!port.empty() || (parts.schemeNumber == INTERNET_SCHEME_UNKNOWN) == (parts.port == 0), "the scheme's port");
+  Require(port.empty() ? (parts.schemeNumber == INTERNET_SCHEME_UNKNOWN) == (parts.port == 0)
+                       : port[0] == ':' && std::stoul(std::string(port.substr(1))) == parts.port,
+          "the port is the scheme's or follows the host");
   std::string text(parts.scheme);
   text.append("://").append(user).append(parts.host).append(port).append(parts.path).append(parts.extra);
   Require(text == url, "the parts make up the URL");
@@ -23,7 +21,7 @@ void CheckParts(std::string_view url, UrlParts const &parts) {
   Require(parts.path.find_first_of("?#") == url.npos && (parts.path.empty() || parts.path[0] == '/'), "a path");
 }
 
-void CheckWireHost(std::string_view text) {
+static void CheckWireHost(std::string_view text) {
   std::string host(text);
   if (!ToWireHost(host))
     return Require(host == text, "a refused host stays");
@@ -33,8 +31,6 @@ void CheckWireHost(std::string_view text) {
   std::string again = host;
   Require(ToWireHost(again) && again == host, "a host on the wire stays as it is");
 }
-
-} // namespace
 
 FUZZ_TARGET(input) {
   std::string_view const text = input.rest;
@@ -46,5 +42,4 @@ FUZZ_TARGET(input) {
   if (error == ERROR_SUCCESS)
     CheckParts(url.view, parts);
   CheckWireHost(error == ERROR_SUCCESS ? parts.host : text);
-  return 0;
 }

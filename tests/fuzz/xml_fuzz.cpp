@@ -5,23 +5,21 @@
 #include <cwchar>
 #include <set>
 
-namespace {
-
-std::wstring TextOf(IXMLDOMNode *node, HRESULT (IXMLDOMNode::*get)(BSTR *) = &IXMLDOMNode::get_text) {
+static std::wstring TextOf(IXMLDOMNode *node, HRESULT (IXMLDOMNode::*get)(BSTR *) = &IXMLDOMNode::get_text) {
   CComBSTR text;
   Require((node->*get)(&text) == S_OK && text, "a node has a name and a text");
   return static_cast<WCHAR const *>(text);
 }
 
-std::wstring NameOf(IXMLDOMNode *node) { return TextOf(node, &IXMLDOMNode::get_nodeName); }
+static std::wstring NameOf(IXMLDOMNode *node) { return TextOf(node, &IXMLDOMNode::get_nodeName); }
 
-std::wstring WithoutBlanks(std::wstring text) {
+static std::wstring WithoutBlanks(std::wstring text) {
   std::erase_if(text, [](WCHAR c) { return std::wcschr(L" \t\r\n", c); });
   return text;
 }
 
 /// The text with references for what could be markup, or a blank that the parser changes.
-std::wstring Escaped(std::wstring const &text) {
+static std::wstring Escaped(std::wstring const &text) {
   std::wstring escaped;
   for (WCHAR const c : text)
     escaped += std::wcschr(L"<>&\"\t\r\n", c) ? L"&#" + std::to_wstring(c) + L";" : std::wstring(1, c);
@@ -29,7 +27,7 @@ std::wstring Escaped(std::wstring const &text) {
 }
 
 /// The attribute that decides which blanks are nodes; the others can't be listed.
-std::wstring SpaceAttribute(IXMLDOMNode *element) {
+static std::wstring SpaceAttribute(IXMLDOMNode *element) {
   CComPtr<IXMLDOMNamedNodeMap> map;
   CComPtr<IXMLDOMNode> space;
   bool const hasMap = element->get_attributes(&map) == S_OK;
@@ -38,7 +36,7 @@ std::wstring SpaceAttribute(IXMLDOMNode *element) {
 }
 
 /// The node's markup. Appends its text, without what the platform trims, to `text`.
-std::wstring Markup(IXMLDOMNode *node, std::wstring &text) {
+static std::wstring Markup(IXMLDOMNode *node, std::wstring &text) {
   DOMNodeType type = NODE_COMMENT;
   CComVariant value;
   Require(node->get_nodeType(&type) == S_OK && SUCCEEDED(node->get_nodeValue(&value)), "a node has type and value");
@@ -69,8 +67,6 @@ std::wstring Markup(IXMLDOMNode *node, std::wstring &text) {
   return name == L"#document" ? markup : L"<" + name + SpaceAttribute(node) + L">" + markup + L"</" + name + L">";
 }
 
-} // namespace
-
 FUZZ_TARGET(input) {
   CComPtr<IXMLDOMDocument> const document = LoadReply(std::string(input.rest));
   CString text(L"untouched");
@@ -78,12 +74,11 @@ FUZZ_TARGET(input) {
   Require(state == ElementState::Found || text == CString(L"untouched"), "a missing element leaves the text alone");
   CComPtr<IXMLDOMNode> root;
   if (document->get_firstChild(&root) != S_OK)
-    return 0;
+    return;
   std::wstring first, second;
   std::wstring const markup = Markup(document, first), rootText = TextOf(root);
   VARIANT_BOOL isLoaded = 0;
   Require(document->loadXML(CComBSTR(markup.c_str()), &isLoaded) == S_OK && isLoaded, "a document's markup parses");
   Require(TextOf(root) == rootText, "a node outlives its document");
   Require(Markup(document, second) == markup && first == second, "a document's markup gives the same document");
-  return 0;
 }

@@ -9,11 +9,11 @@
 
 namespace {
 
-// All hooks that are not a test's own are never destroyed: a thread may still run at exit.
-auto const &g_none = *new PlatformTestHooks;
-std::atomic<PlatformTestHooks const *> g_hooks = &g_none;
+PlatformTestHooks const g_none{}; // all zeros, even before its initialization and after its end
+constinit std::atomic<PlatformTestHooks const *> g_hooks = &g_none;
 std::atomic<std::uint64_t> g_now = 1'000'000, g_step = 0;
 
+// Those of a driven clock are never destroyed: a thread may still run at exit.
 auto const &g_real = *new PlatformTestHooks{nullptr, [](DWORD) {}, nullptr};
 auto const &g_driven = *new PlatformTestHooks{[] { return g_now += g_step; }, [](DWORD ms) { g_now += ms; }, nullptr};
 /// The system's clock until a request is sent whole or the end of an upload's is; no probe does either.

@@ -57,9 +57,8 @@ Misuse const kMisuses[] = {
     MISUSE(1400, DestroyWindow(kNoWindow)),
     MISUSE(1400, SetWindowLongPtrW(kNoWindow, GWL_STYLE, 1)),
     MISUSE(1400, PostMessageW(kNoWindow, 1, 0, 0)),
-    MISUSE(6,
-           Duplicate(kNone) || GetFileSize(kNone, nullptr) != INVALID_FILE_SIZE || GetExitCodeThread(kNone, nullptr)),
-    MISUSE(6, ResumeThread(kNone) != 0xFFFFFFFF || WaitForSingleObject(kNone, 0) != WAIT_FAILED),
+    MISUSE(6, Duplicate(kNone) || GetExitCodeThread(kNone, nullptr) || ResumeThread(kNone) != 0xFFFFFFFF),
+    MISUSE(6, GetFileSize(kNone, nullptr) != INVALID_FILE_SIZE || WaitForSingleObject(kNone, 0) != WAIT_FAILED),
     MISUSE(6, OpenKey(nullptr))};
 
 TEST(Handles, MisuseFailsWithItsErrorNumber) {

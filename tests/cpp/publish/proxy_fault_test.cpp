@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
 TEST(ProgressProxy, RetriesOnlyTheCompletionWhenOutOfMemory) {
   int nFailures = 3, nSlept = 0, nYielded = 0;
   DWORD dwFailure = ERROR_NOT_ENOUGH_MEMORY;
@@ -30,5 +28,3 @@ TEST(ProgressProxy, RetriesOnlyTheCompletionWhenOutOfMemory) {
   PumpMessages(64);
   EXPECT_EQ(receiver.calls, L"upload complete 0; ");
 }
-
-} // namespace

@@ -6,9 +6,7 @@
 
 #include <thread>
 
-namespace {
-
-void MakeEveryCall(BackgroundUploadProgress &progress) {
+static void MakeEveryCall(BackgroundUploadProgress &progress) {
   WCHAR text[] = L"h";
   progress.OnResolvingName(text);
   text[0] = L'?'; // the caller may reuse its text as soon as the call returns
@@ -56,5 +54,3 @@ TEST(ProgressProxy, DropsAndFreesQueuedCommandsWhenDestroyed) { // LeakSanitizer
   PumpMessages(64);
   EXPECT_TRUE(receiver.calls.empty());
 }
-
-} // namespace

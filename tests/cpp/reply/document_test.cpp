@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
 TEST(ReplyDocument, KeepsAMissingElementApartFromAFailedQuery) {
   CComPtr<IXMLDOMDocument> const pDocument = LoadReply("<info><a/></info>");
   CString strText(L"old");
@@ -21,5 +19,3 @@ TEST(ReplyDocument, KeepsAMissingElementApartFromAFailedQuery) {
   EXPECT_EQ(ReadElement(pDocument, L"info/a", strText), ElementState::Found);
   EXPECT_STREQ(strText, L"") << "an empty element is an element";
 }
-
-} // namespace

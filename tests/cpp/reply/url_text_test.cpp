@@ -5,8 +5,6 @@
 
 #include <string>
 
-namespace {
-
 TEST(DecodeURLText, DecodesOneCharacterPerEscapeAndCutsLongText) {
   EXPECT_EQ(DecodeURLText(L"https%3a%2F%2fh/100%25%41+b"), L"https://h/100%A+b");
   EXPECT_EQ(DecodeURLText(L"%e4%C3%A4"), L"\u00e4\u00c3\u00a4") << "not combined";
@@ -19,5 +17,3 @@ TEST(DecodeURLText, DecodesOneCharacterPerEscapeAndCutsLongText) {
   EXPECT_EQ(decoded.find(L"ab"), 2045U) << "cut after the last character that fits";
   EXPECT_EQ(decoded.size(), 2047U);
 }
-
-} // namespace

@@ -4,17 +4,14 @@
 #include "tests/cpp/platform/TestHooks.h"
 #include "tests/cpp/platform/http/http_peer.h"
 
-#include <tuple>
-
-namespace {
-
 // Hooks that make the named call fail.
-PlatformTestHooks Fault(FaultPoint point, DWORD dwError) {
+static PlatformTestHooks Fault(FaultPoint point, DWORD dwError) {
   return {.fault = [=](FaultPoint call, DWORD *pdwError) { return *pdwError = dwError, call == point; }};
 }
 
 // The outcome as text: error number, whether the request was sent, and the reply.
-std::string Exchange(RequestKind kind, std::wstring const &object = L"/x", std::wstring const &host = L"good.test") {
+static std::string Exchange(RequestKind kind, std::wstring const &object = L"/x",
+                            std::wstring const &host = L"good.test") {
   std::string strReply = " 0 ";
   DWORD const dwError = RunExchange(kind, [&](ServiceExchange &exchange) {
     strReply = exchange.Send(host.c_str(), object.c_str(), "") ? " 1 " : " 0 ";
@@ -67,5 +64,3 @@ TEST(ReachabilityProbe, CountsAnyAnswerAsReachable) {
   }
   EXPECT_FALSE(bReachable);
 }
-
-} // namespace

@@ -5,8 +5,6 @@
 
 #include <string>
 
-namespace {
-
 TEST(WebAddress, IsAbsoluteWithAHostAndNothingHidden) {
   for (std::wstring const taken : {L"http://h", L"HTTPS://h?@", L"https://u@[::1]:80/a b", L"https://h/\u00E9\u200C"})
     EXPECT_TRUE(IsWebAddress(taken)) << testing::PrintToString(taken);
@@ -16,5 +14,3 @@ TEST(WebAddress, IsAbsoluteWithAHostAndNothingHidden) {
         L"https://h/\x7F", L"https://h/\u200E", L"https://h/\u202E"})
     EXPECT_FALSE(IsWebAddress(refused)) << testing::PrintToString(refused);
 }
-
-} // namespace

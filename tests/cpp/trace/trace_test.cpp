@@ -5,10 +5,7 @@
 
 #include <atomic>
 
-namespace {
-
-class TraceTest : public ::testing::Test {
-protected:
+struct TraceTest : ::testing::Test {
   ~TraceTest() override {
     Switches("0", "0");
     TraceInit(nullptr); // off again for the next test
@@ -67,13 +64,13 @@ TEST_F(TraceTest, KeepsSwitchesAndPrefixAndCutsOrEscapesTexts) {
 }
 
 // Lets a thread hold the trace's lock for some ms. It uses only what is static, since it may never end.
-std::atomic<int> s_nTime = 0;
+static std::atomic<int> s_nTime = 0;
 PlatformTestHooks const s_hooks{nullptr, nullptr, [](FaultPoint call, DWORD *) {
                                   if (call == FaultPoint::LoadLibraryA)
                                     std::this_thread::sleep_for(std::chrono::milliseconds(s_nTime.exchange(0)));
                                   return call == FaultPoint::LoadLibraryA;
                                 }};
-void HoldTheLock(int nTime) {
+static void HoldTheLock(int nTime) {
   s_nTime = nTime;
   SetPlatformTestHooks(&s_hooks);
   std::thread([] { TraceInit("T"); }).detach(); // a sanitizer would have a forked child join it
@@ -104,5 +101,3 @@ TEST_F(TraceTest, DoesNotMixTheLinesOfThreads) {
   for (std::size_t at = 0; at < lines.size(); at += 205)
     EXPECT_EQ(lines.substr(at, 205), "[T] " + std::string(200, lines[at + 4]) + "\n");
 }
-
-} // namespace

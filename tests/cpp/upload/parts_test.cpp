@@ -6,8 +6,6 @@
 
 #include <regex>
 
-namespace {
-
 TEST(UploadJob, AcceptsOnlyPlainHttpsAddressesOnPort443) {
   std::string const longest(259, 'h');
   UploadJob job;
@@ -36,7 +34,7 @@ TEST(MultipartBody, HasABoundaryOfItsOwnAndCountsAFileThatDoesNotOpenAsTheInvali
 }
 
 /// The report that is due at that time, with so many bytes more; all zeros for none.
-ProgressReport Due(ProgressMeter &meter, DWORD dwMilliseconds, DWORD dwSent = 0) {
+static ProgressReport Due(ProgressMeter &meter, DWORD dwMilliseconds, DWORD dwSent = 0) {
   ProgressReport report = {};
   meter.AddSent(dwSent);
   return meter.Periodic(dwMilliseconds, report) ? report : ProgressReport{};
@@ -67,5 +65,3 @@ TEST(ProgressMeter, MeetsShrunkFilesAZeroRateAndAClockThatWraps) {
   ProgressMeter wrapped(5600, 0xFFFFFFFF, 100, 100, dwAllSent[2]);
   EXPECT_TRUE(Due(wrapped, 0).dwFileTotal == 100 && Due(wrapped, 0xFFFFFFFF).dwFileTotal == 100) << "the start's tick";
 }
-
-} // namespace

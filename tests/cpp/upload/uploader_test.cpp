@@ -5,14 +5,9 @@
 #include "tests/cpp/upload/receiver.h"
 #include "upload/UploadThread2.h"
 
-#include <tuple>
+static constexpr HRESULT HResult(DWORD dwError) { return static_cast<HRESULT>(0x80070000U | dwError); }
 
-namespace {
-
-constexpr HRESULT HResult(DWORD dwError) { return static_cast<HRESULT>(0x80070000U | dwError); }
-
-class UploaderTest : public ::testing::Test {
-protected:
+struct UploaderTest : ::testing::Test {
   UploaderTest() { job.SetUrl("https://good.test/servlet/uploadTemplate"); }
 
   void AddFile(std::string const &name, std::string const &contents) {
@@ -69,11 +64,9 @@ TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheReply) {
 TEST_F(UploaderTest, AdaptsTheChunkSizeToTheDurationOfTheLastWrite) {
   Peer const peer("reply --tls good");
   // The duration of each chunk's write in ms and its size in units of 32 KiB; the first write is the file's head.
-  std::vector<std::pair<DWORD, DWORD>> chunks = {{0, 1},    {499, 2},  {500, 4},  {1250, 4}, {1251, 4},
-                                                 {1251, 2}, {9000, 1}, {1251, 1}, {0, 1}};
-  for (DWORD units = 2; units <= 512; units *= 2)
-    chunks.emplace_back(0, units);
-  chunks.insert(chunks.end(), {{0, 512}, {0, 512}}); // 16 MiB is the most
+  std::vector<std::pair<DWORD, DWORD>> const chunks = {
+      {0, 1}, {499, 2}, {500, 4}, {1250, 4}, {1251, 4}, {1251, 2}, {9000, 1}, {1251, 1}, {0, 1},   {0, 2},
+      {0, 4}, {0, 8},   {0, 16},  {0, 32},   {0, 64},   {0, 128},  {0, 256},  {0, 512},  {0, 512}, {0, 512}};
   std::size_t nWrite = 0;
   std::uint64_t now = 1000;
   m_hooks.now = [&now] { return now; };
@@ -147,5 +140,3 @@ TEST_F(UploaderTest, RunsOnAThreadThatCanBeAborted) {
   EXPECT_FALSE(none.Start() || none.m_uThreadId != 0);
   EXPECT_EQ(none.Wait(), 0xFFFFFFFF) << "without a handle";
 }
-
-} // namespace

@@ -96,8 +96,7 @@ TEST(UrlSplit, PartsAndRefusals) {
   EXPECT_EQ(Split("https://a@b@h#f"), "https|4|h|443|a@b|||#f");
   EXPECT_EQ(Split("ftp://[::1]/a b/../%20\x80@c"), "ftp|-1|[::1]|0|||/a b/../%20\x80@c|");
   EXPECT_EQ(Split("https://" + fits + ":81"), "https|4|" + fits + "|81||||");
-  EXPECT_EQ(Split("https://" + fits + "h"), "122");
-  EXPECT_EQ(Split("https://h/" + fits), "122");
+  EXPECT_EQ(Split("https://" + fits + "h") + Split("https://h/" + fits), "122122");
   for (char const *szUrl : {"h/p", "//h/p", " https://h", "4h://h"})
     EXPECT_EQ(Split(szUrl), "12006") << szUrl;
   for (char const *szUrl : {"https:/h", "https://", "https:///p", "https://u@/p", "https://[::1/p", "https://h:",
@@ -158,10 +157,10 @@ TEST(Http, BodyIsTheCallersAgainOnceAnEarlyReplyIsIn) {
 }
 
 TEST(Http, HostIsCheckedAsItGoesOut) {
-  HINTERNET const session = Client::Prepare();
+  Client const other(80);
   for (char const *szHost : {"", "a b", "a/b", "a%41", "a\u00A0b", "a\uFF0Fb", "a\uFF20b", "\u2028"})
-    EXPECT_EQ(12005u, Error(InternetConnectA(session, szHost, 80, nullptr, nullptr, 3, 0, 1) != nullptr)) << szHost;
-  InternetCloseHandle(session);
+    EXPECT_EQ(12005u, Error(InternetConnectA(other.session, szHost, 80, nullptr, nullptr, 3, 0, 1) != nullptr))
+        << szHost;
   Peer peer("reply");
   EXPECT_EQ(0u, Client(80, 0, "\uFF47ood.test").Send()) << "a full-width g is a g, in the C locale, too";
   EXPECT_NE(std::string::npos, peer.Received().find("Host: good.test\r\n"));

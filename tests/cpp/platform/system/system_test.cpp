@@ -8,8 +8,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-namespace {
-
 TEST(Files, OnlyRegularFilesOpenAndEachRefusalHasItsError) {
   std::string const folder = Folder() + "/files";
   std::filesystem::create_directory(folder);
@@ -58,7 +56,7 @@ TEST(DebugOutput, IsOneWriteALineAndCutBetweenCharacters) {
 }
 
 /// The number that a registry file gives "DumpMsg"; -1: it gives none, -2: it has no such key.
-int ReadSwitch(std::string const &content) {
+static int ReadSwitch(std::string const &content) {
   std::ofstream(Folder() + "/registry", std::ios::binary) << content;
   setenv("SKIFFPORT_REGISTRY", (Folder() + "/registry").c_str(), 1);
   HKEY hKey = nullptr;
@@ -92,5 +90,3 @@ TEST(Registry, ReadsTheFileInItsForms) {
   for (char const *data : {"\"1\"", "hex(4):02,\\\n  00,00,00", "dword:123456789", "dword:4x", "dword:"})
     EXPECT_EQ(ReadSwitch(key + name + data), -1) << data;
 }
-
-} // namespace

@@ -6,8 +6,6 @@
 
 #include <climits>
 
-namespace {
-
 TEST(CodePages, Utf8IsStrictBothWays) {
   std::pair<char const *, WCHAR const *> const texts[] = {
       {"a\xC3\xA4\xE4\xB8\xAD\xF0\x9F\x98\x80", L"a\u00E4\u4E2D\U0001F600"},
@@ -39,7 +37,7 @@ TEST(CodePages, TheThreadsLocaleGivesTheAnsiPage) {
   EXPECT_EQ(MultiByteToWideChar(CP_UTF8, 0, "\xE4\xB8\xAD", -1, wide, 3), 2);
 }
 
-template <class... Arguments> std::wstring Formatted(WCHAR const *format, Arguments... arguments) {
+template <class... Arguments> static std::wstring Formatted(WCHAR const *format, Arguments... arguments) {
   WCHAR buffer[16];
   int const length = _snwprintf_s(buffer, std::size(buffer), _TRUNCATE, format, arguments...);
   std::wstring const text = buffer;
@@ -62,5 +60,3 @@ TEST(Text, FormatsAndNumbersAtTheirExtremes) {
   for (auto const &[number, numerator, denominator, result] : products)
     EXPECT_EQ(MulDiv(number, numerator, denominator), result) << number << '*' << numerator << '/' << denominator;
 }
-
-} // namespace

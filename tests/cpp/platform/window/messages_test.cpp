@@ -3,8 +3,6 @@
 #include "platform/window/Messages.h"
 #include "tests/cpp/platform/helpers.h"
 
-namespace {
-
 constexpr int kAll = 1 << 30;
 
 /// A window whose messages go to a function.
@@ -102,5 +100,3 @@ TEST(Messages, ForkedChildLeavesTheParentsQueueAloneAndCanHaveItsOwn) {
   }));
   EXPECT_TRUE(PumpMessages(kAll) == 1 && ranCount == 1);
 }
-
-} // namespace

@@ -3,8 +3,6 @@
 
 #include <sstream>
 
-namespace {
-
 std::wstring const kNone = std::to_wstring(S_FALSE);
 
 TEST(XmlDom, RefusesWhatIsMalformed) {
@@ -42,5 +40,3 @@ TEST(XmlDom, TextAndChildrenLeaveOutWhatIsNoContent) {
   for (auto const &[xml, shown] : rows)
     EXPECT_EQ(Loaded(xml), shown) << testing::PrintToString(xml);
 }
-
-} // namespace

@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <ctime>
 
-namespace {
-
 TEST(XmlDom, OwnTextsAndPaths) {
   EXPECT_EQ(Loaded(L" \n\uFEFF<?xml version='1.1' encoding='GB2312' standalone='yes'?><r>\u4E2D</r> \n"),
             L"\u4E2D|#text|");
@@ -20,7 +18,7 @@ TEST(XmlDom, OwnTextsAndPaths) {
 }
 
 /// The two texts again and again, with a number between them if there is a second.
-std::wstring Repeat(int count, WCHAR const *text, WCHAR const *rest = L"") {
+static std::wstring Repeat(int count, WCHAR const *text, WCHAR const *rest = L"") {
   std::wstring all;
   for (int n = 0; n < count; ++n)
     all.append(text).append(*rest ? std::to_wstring(n) + rest : L"");
@@ -28,7 +26,7 @@ std::wstring Repeat(int count, WCHAR const *text, WCHAR const *rest = L"") {
 }
 
 /// The processor time that loading takes.
-std::clock_t Cost(HRESULT expected, std::wstring const &xml) {
+static std::clock_t Cost(HRESULT expected, std::wstring const &xml) {
   HRESULT hr = S_OK;
   std::clock_t const start = std::clock();
   Load(xml.c_str(), hr);
@@ -53,5 +51,3 @@ TEST(XmlDom, TimeAndMemoryKeepToTheLengthOfADocument) {
   for (auto const &make : makers)
     EXPECT_LT(best(make(16 * kSmall)), 60 * best(make(kSmall)) + CLOCKS_PER_SEC / 100) << &make - makers;
 }
-
-} // namespace

@@ -35,7 +35,8 @@ TEST(Threads, SuspendedThreadRunsOnceResumed) {
   EXPECT_TRUE(GetExitCodeThread(thread, &code) && code == STILL_ACTIVE);
   EXPECT_TRUE(ResumeThread(thread) == 1 && WaitForSingleObject(thread, INFINITE) == WAIT_OBJECT_0);
   EXPECT_TRUE(GetExitCodeThread(thread, &code) && code == 0x80040301U);
-  EXPECT_TRUE(CloseHandle(thread) && !CloseHandle(thread));
+  EXPECT_TRUE(CloseHandle(thread));
+  EXPECT_FALSE(CloseHandle(thread));
 }
 
 TEST(DebugOutput, IsOneWriteALineAndCutBetweenCharacters) {

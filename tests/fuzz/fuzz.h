@@ -13,8 +13,10 @@
 
 /// Ends the run, as a finding, if the invariant does not hold.
 inline void Require(bool isMet, char const *invariant, int line = __builtin_LINE()) {
-  if (!isMet && std::fprintf(stderr, "line %d: does not hold: %s\n", line, invariant))
-    std::abort();
+  if (isMet)
+    return;
+  std::fprintf(stderr, "line %d: does not hold: %s\n", line, invariant);
+  std::abort();
 }
 
 /// Takes arguments off the front of an input; one that is used up gives zeros.

@@ -58,7 +58,6 @@ static void CheckReply(std::string_view text, long status) {
 FUZZ_TARGET(input) {
   unsigned const choice = input.Byte();
   CheckRequest(input.rest);
-  bool const isStatusGiven = choice % 2 == 0; // else the input begins with the status line
-  CheckReply(isStatusGiven ? std::string("HTTP/1.1 000\r\n").append(input.rest) : std::string(input.rest),
-             static_cast<long>(choice) * 4 + 1);
+  char const *const statusLine = choice % 2 == 0 ? "HTTP/1.1 000\r\n" : ""; // if odd, it is of the input
+  CheckReply(statusLine + std::string(input.rest), static_cast<long>(choice) * 4 + 1);
 }

@@ -109,7 +109,7 @@ class CommandLineTest(common.StandinCase):
                     (3, failed, {"SSL_CERT_FILE": str(self.preset / "effect.bin")}),
                     (2, "SSL_CERT_FILE names no file that can be read: /\n", {"SSL_CERT_FILE": "/"})]:
                 self.check(["login", launch.USER, "--json", "--host", env.pop("host", DEFAULT)], code,
-                           f'"exit_code": {code}}}\n', "skiffhost: " + text, **env)
+                           f'"exit_code": {code}', "skiffhost: " + text, **env)
 
     def test_addresses_print_what_was_found(self):
         _, output, _ = self.run_cli("--uuid", "u-1", "addresses", "--json", "--version-name", "7")

@@ -1,7 +1,7 @@
 """Makes of the proxy's stub what else describes the modules: stubs.py Skiffport.pyi DOCS TREE.
 
-DOCS is Python code that gives the proxy the stub's docstrings and signatures instead of SWIG's: those name types of C++,
-and are fixed for the flat functions alone. TREE, the importable one, gets the stub and that of the native
+DOCS is Python code that gives the proxy the stub's docstrings and signatures instead of SWIG's: those name types of
+C++, and are fixed for the flat functions alone. TREE, the importable one, gets the stub and that of the native
 module, whose flat functions take what the proxy's methods and attributes take: beside the modules for what searches
 that folder, and as stub packages for what finds the folder as one of installed packages.
 """

@@ -2,7 +2,7 @@
 
 For hosts: ``log_in`` logs a member in (``member``), and ``in_background`` runs it on a thread of its own
 (``background``); ``find_files`` finds and checks a preset's files (``presetfiles``); ``Uploader`` publishes them, for a
-``with`` block (``uploads``); ``loop`` delivers its events through any event loop, and ``aio`` does all of it in asyncio.
+``with`` block (``uploads``); ``loop`` delivers its events through any event loop, ``aio`` does all of it in asyncio.
 ``Tracker`` and ``Completion`` put the events into everyday terms (``progress``, ``completion``); ``explain_login`` says
 why a login failed (``login``), ``record_causes`` makes failed uploads say why (``causes``), and ``errors`` has the
 error numbers. Everything else belongs to the command line and may change.

@@ -23,8 +23,8 @@ class Uploader:
     waits for its thread**, for 5 s before it closes the connection, without its completion event; so pump until that
     event before you leave the block, unless you give up.
 
-    It has the methods of PyPresetUploader, takes path objects too, and has ``start``, whose upload ``tracker`` follows. Everything but CancelUpload after
-    the end raises RuntimeError. It belongs to the thread that creates it.
+    It has the methods of PyPresetUploader, takes path objects too, and has ``start``, whose upload ``tracker`` follows.
+    Everything but CancelUpload after the end raises RuntimeError. It belongs to the thread that creates it.
     """
 
     def __init__(self, host: str, token: str, version: str, version_type: str, uuid: str) -> None:

@@ -1,5 +1,5 @@
-// Debug output (standard error here, or a file) and the event-trace library, found at run time. Thread: any, for every function
-// here and for those that GetProcAddress returns.
+// Debug output (standard error here, or a file) and the event-trace library, found at run time. Thread: any, for every
+// function here and for those that GetProcAddress returns.
 #pragma once
 
 #include "platform/base/Types.h"
@@ -9,8 +9,8 @@ using REGHANDLE = std::uint64_t;
 using FARPROC = void (*)();
 
 /// Writes the text to standard error, or appends it to the file that SKIFFPORT_DEBUG_OUTPUT names at the first call if
-/// that can be opened. One write, so that other threads' texts don't mix with it; a text of more than 4,096 bytes is cut
-/// for that. Blocks while standard error does. Cannot fail.
+/// that can be opened. One write, so that other threads' texts don't mix with it; a text of more than 4,096 bytes is
+/// cut for that. Blocks while standard error does. Cannot fail.
 SKIFFPORT_PLATFORM_API void OutputDebugStringA(char const *szText);
 SKIFFPORT_PLATFORM_API void OutputDebugStringW(WCHAR const *wszText);
 

@@ -71,8 +71,8 @@ def add_common_options(parser: argparse.ArgumentParser, takes_host: bool = True)
     group.add_argument("--uuid", help="installation UUID to report, e.g. 4d0f2c1e-6a55-4a0e-9d7e-0c5b8f6f7a10 "
                        "(default: derived from the host name)")
     group.add_argument("--json", action="store_true", help="print the result, or the failure, as one JSON object")
-    group.add_argument("--retries", metavar="N", type=_count, help="try again up to N times, after 1, 2, 4... s, if that "
-                       "can do nothing twice, e.g. --retries 5 (default: 0)")
+    group.add_argument("--retries", metavar="N", type=_count, help="try again up to N times, after 1, 2, 4... s, if "
+                       "that can do nothing twice, e.g. --retries 5 (default: 0)")
     group.add_argument("--quiet", action="store_true", help="print no progress on standard error, only failures")
 
 

@@ -61,8 +61,8 @@ def register(subparsers: Any) -> None:
     for name, (text, default) in FIELDS.items():
         fields.add_argument("--" + name, default=default, required=default is None, metavar="TEXT", help=text,
                             type=_not_empty if default is None else str)
-    parser.add_argument("--retry-sent", action="store_true", help="with --retries, also try again after files were sent, "
-                        "though the service may then have the preset twice")
+    parser.add_argument("--retry-sent", action="store_true", help="with --retries, also try again after files were "
+                        "sent, though the service may then have the preset twice")
     parser.add_argument("--progress", choices=("auto", "bar", "lines", "none"), default="auto",
                         help="progress on standard error, e.g. --progress lines (default: auto, a bar on a terminal; "
                         "elsewhere lines; none with --quiet, or with --json elsewhere)")

@@ -46,6 +46,9 @@ def log_in(user: str, password: str, *, version: str, version_type: str, uuid: s
     """
     import Skiffport
 
+    from .loop import initialize_thread
+
+    initialize_thread()
     session = Skiffport.KHLoginData(version, version_type, uuid)
     if host is not None:
         session.SetKHURLAsReg(host)

@@ -27,6 +27,9 @@ file(GLOB _modules CONFIGURE_DEPENDS ${_tests}/python/test_*.py)
 foreach(_tag IN LISTS SKIFFPORT_PYTHON_TAGS)
   foreach(_module IN LISTS _modules)
     cmake_path(GET _module STEM _name)
+    if(SKIFFPORT_SANITIZE AND _name MATCHES "^test_(cli|docs|outcomes|windows)")
+      continue() # Python code over calls that the other modules make too
+    endif()
     if(_name STREQUAL "test_memory" AND (SKIFFPORT_SANITIZE
         OR NOT SKIFFPORT_PYTHON_${_tag}_EXECUTABLE STREQUAL SKIFFPORT_BUILD_PYTHON))
       continue() # sanitizers have allocators, and other interpreters faults, of their own

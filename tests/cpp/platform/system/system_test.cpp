@@ -85,6 +85,7 @@ TEST(Registry, ReadsTheFileInItsForms) {
       {root + "\\Quillon\\Tintwright\\Below]\n" + tail, -1},
       {on + "\xFF", -2},
       {wide + "x", -2},
+      {wide + "\xD8\x01", -2},
       {on + std::string(1024 * 1024, ';'), -2}};
   for (auto const &[file, value] : rows)
     EXPECT_EQ(ReadSwitch(file), value) << file.substr(0, 400);

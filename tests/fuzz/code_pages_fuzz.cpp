@@ -19,6 +19,14 @@ static void UseCharset(std::size_t index) {
   uselocale(*made[index] ? static_cast<locale_t>(made[index]->get()) : LC_GLOBAL_LOCALE);
 }
 
+/// A unit for each byte, or for each two, so that many are no character or a surrogate.
+static std::wstring Wide(std::string_view bytes, bool isTwoBytes) {
+  std::wstring text;
+  while (!bytes.empty())
+    text += static_cast<WCHAR>(isTwoBytes ? TakeByte(bytes) << 8 | TakeByte(bytes) : TakeByte(bytes));
+  return text;
+}
+
 static int Convert(UINT codePage, std::string_view in, WCHAR *out, int room) {
   return MultiByteToWideChar(codePage, 0, in.data(), static_cast<int>(in.size()), out, room);
 }
@@ -39,12 +47,11 @@ template <class Unit, class Text> static std::basic_string<Unit> Converted(UINT 
   return empty.substr(0, 0).append(fitting.view);
 }
 
-FUZZ_TARGET(input) {
-  unsigned const choice = input.Byte();
-  std::string_view const bytes = input.rest;
+FUZZ_TARGET(bytes) {
+  unsigned const choice = TakeByte(bytes);
   if (bytes.empty())
     return;
-  std::wstring const wide = input.Wide((choice & 0x80) != 0);
+  std::wstring const wide = Wide(bytes, (choice & 0x80) != 0);
   bool isValid = false;
   std::wstring const decoded = WideFromUtf8(Exact<char>(bytes).view, &isValid);
   Require(decoded == Converted<WCHAR>(CP_UTF8, bytes), "both decoders agree");

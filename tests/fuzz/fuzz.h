@@ -19,36 +19,24 @@ inline void Require(bool isMet, char const *invariant, int line = __builtin_LINE
   std::abort();
 }
 
-/// Takes arguments off the front of an input; one that is used up gives zeros.
-struct Input {
-  unsigned Byte() {
-    unsigned char byte = 0;
-    rest.remove_prefix(rest.copy(reinterpret_cast<char *>(&byte), 1));
-    return byte;
-  }
-  /// Wide text of the rest: a unit for each byte, or for each two, so that many are no character or a surrogate.
-  std::wstring Wide(bool isTwoBytes) {
-    std::wstring text;
-    while (!rest.empty())
-      text += static_cast<WCHAR>(isTwoBytes ? Byte() << 8 | Byte() : Byte());
-    return text;
-  }
-
-  std::string_view rest;
-};
+/// Takes the first byte off an input; zero if that is used up.
+inline unsigned TakeByte(std::string_view &input) {
+  unsigned char byte = 0;
+  input.remove_prefix(input.copy(reinterpret_cast<char *>(&byte), 1));
+  return byte;
+}
 
 #define FUZZ_TARGET(input)                                                                                             \
-  static void Check(Input input);                                                                                      \
+  static void Check(std::string_view input);                                                                           \
   extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const *data, std::size_t size) {                                  \
-    Check({{reinterpret_cast<char const *>(data), size}});                                                             \
+    Check({reinterpret_cast<char const *>(data), size});                                                               \
     return 0;                                                                                                          \
   }                                                                                                                    \
-  void Check(Input input)
+  void Check(std::string_view input)
 
-/// A copy whose memory ends with it, after `zeros` more units: the address sanitizer sees each access beyond.
+/// A copy whose memory ends with it: the address sanitizer sees each access beyond.
 template <class Unit> struct Exact {
-  explicit Exact(std::basic_string_view<Unit> text, std::size_t zeros = 0)
-      : units(new Unit[text.size() + zeros]()), view(units.get(), text.size()) {
+  explicit Exact(std::basic_string_view<Unit> text) : units(new Unit[text.size()]), view(units.get(), text.size()) {
     std::copy(text.begin(), text.end(), units.get());
   }
   std::unique_ptr<Unit[]> units;

@@ -247,6 +247,12 @@ class CommandLineTest(common.StandinCase):
         self.assertIn("SKIFFPORT_PYTHONS", self.run_cli("addresses", program=NOT_BUILT)[2])
         self.assertEqual(self.standin.requests(), asked)
 
+    def test_only_what_can_do_nothing_twice_is_tried_again(self):
+        for words, retry in ((["categories"], "safe"), (["request", DEFAULT, "/"], "unsafe")):
+            code, output, errors = self.run_cli("--json", "--retries", "1", "--connect-to", "::127.0.0.1:1", *words)
+            found = (code, json.loads(output)["retry"], errors.count("trying again in 1 s"))
+            self.assertEqual(found, (3, retry, retry == "safe"), errors)
+
     def test_closed_and_failing_streams(self):
         publish = f"publish {launch.USER} {self.preset} --title T"
         reader, gone = os.pipe()

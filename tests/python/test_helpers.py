@@ -1,18 +1,36 @@
-"""The helpers for hosts: they interpret events, find files, and release uploaders."""
+"""The helpers for hosts: they interpret events and failures, find files, and release uploaders."""
 
+import asyncio
 import gc
 import io
 import os
 import pathlib
+import re
 import weakref
 
 import common
 
 import Skiffport
 import skiffhost
-from skiffhost import completion, loop, progress, views
+from skiffhost import aio, completion, errors, loop, progress, views
 
 NO_SERVICE = ("no-host:1", "", "10.5", "retail", "uuid-1")  # an invalid address: an upload fails with one event
+FAILING = """
+import asyncio, sys
+import skiffhost
+from skiffhost import aio
+assert skiffhost.record_causes()
+import Skiffport
+member = skiffhost.Member(Skiffport.KHLoginData("10.5", "retail", "uuid-1"), "10.5", "retail", "uuid-1")
+for host, number, retry in (("refused.test", 12029, "safe"), ("no-host.invalid", 12007, "safe"),
+                            ("detect.kestrelhub.example", 12045, "safe"), ("good.test", 12152, "unsafe")):
+    member.session.SetKHURLAsReg(host)
+    try:
+        asyncio.run(aio.publish(member, sys.argv[1:], title="Title"))
+    except skiffhost.NotPublished as failure:
+        assert (failure.outcome, failure.error_number, failure.retry) == ("failed", number, retry), vars(failure)
+        print(failure)
+"""
 
 
 class EventsTest(common.Case):
@@ -44,20 +62,20 @@ class EventsTest(common.Case):
     def test_completions_have_an_outcome(self):
         for accepted, address, error, cancelled, outcome, problem in (
                 (1, "a", "no", False, "published", ""), (1, "", "", True, "published", ""),
-                (1, "", "no", False, "refused", "no"), (0, "", "no", True, "refused", "no"),
-                (0, "", "", True, "cancelled", "cancelled"), (0, "", "", False, "failed", completion.NO_ANSWER)):
+                (0, "", "no", True, "refused", "no"), (0, "", "", False, "failed", completion.NO_ANSWER)):
             ended = skiffhost.Completion(100, accepted, address, error, 5, 7)
             self.assertEqual((ended.outcome(cancelled), ended.problem(cancelled)), (outcome, problem))
 
     def test_finding_files_takes_paths_and_lists_every_fault(self):
-        folder = pathlib.Path(self.preset()[0]).parent
+        preset = self.preset()
+        folder = pathlib.Path(preset[0]).parent
         paths = skiffhost.find_files(folder, {"curve_r": folder / "curve_b.bin"})
-        self.assertEqual((len(paths), paths[6]), (13, os.path.join(folder, "curve_b.bin")))
+        self.assertEqual(paths, [*preset[:6], os.path.join(folder, "curve_b.bin"), *preset[7:]])
         (folder / "large").touch()
         os.truncate(folder / "large", 2**32 - 2**20)
         (folder / "levels_r.old").touch()
         os.unlink(folder / "levels_g.bin")
-        incomplete = (f"several files could be levels_r: levels_r.bin, levels_r.old; no file levels_g in {folder}")
+        incomplete = f"several files could be levels_r: levels_r.bin, levels_r.old; no file levels_g in {folder}"
         whole = {"levels_r": paths[0], "levels_g": paths[0]}
         for given, faults in (
                 ({"effect": folder, "curve_g": "/gone", **whole}, f"not a file: {folder}; no such file: /gone"),
@@ -97,6 +115,45 @@ class UploaderTest(common.Case):
         del caught, host
         gc.collect()
         self.assertIsNone(gone())
+
+
+class FailureTest(common.NetworkCase):
+    def test_a_cancelled_task_waits_for_the_upload_while_the_loop_runs(self):
+        self.network.play("www.kestrelhub.example", "stall")
+        member = skiffhost.Member(Skiffport.KHLoginData(*NO_SERVICE[2:]), *NO_SERVICE[2:])
+        member.session.SetKHURLAsReg("www.kestrelhub.example")
+        phases = []
+
+        async def main():
+            task = asyncio.ensure_future(aio.publish(member, self.preset({"effect": 10**7}), title="Title",
+                                                     on_progress=lambda tracker: phases.append(tracker.phase)))
+            while not phases:
+                await asyncio.sleep(0.01)
+            for _ in range(2):  # the second changes nothing
+                task.cancel()
+                await asyncio.sleep(0)
+            await asyncio.wait([task])
+            return task.cancelled()
+
+        self.assertTrue(asyncio.run(main()))
+        self.assertEqual((phases[-1], loop.pump()), ("cancelled", 0))
+
+    def test_a_failure_says_why(self):
+        self.network.lead("refused.test:443:127.0.0.1:1")
+        self.network.play("detect.kestrelhub.example", "reply", tls="unknown-issuer")
+        self.network.play("good.test", "close")
+        status, printed = self.run_python(FAILING, *self.preset())
+        expected = [errors.explain_error(number) + "; none of the files was sent, so it is safe to try again"
+                    for number in (12029, 12007, 12045)] + [errors.explain_error(12152) + "; the service may have it"]
+        self.assertEqual((status, printed.splitlines()), (0, expected))
+
+    def test_each_error_has_one_sentence_and_a_row_in_the_reference(self):
+        source = (common.ROOT / "framework/InternetSession.cpp").read_text()
+        page = (common.ROOT / "docs/reference.md").read_text()
+        sentences = dict(re.findall(r'\{ERROR_(\w+), L"(.*)"\}', source))
+        self.assertEqual({name: errors.ErrorNumber[name].sentence for name in sentences}, sentences)
+        rows = re.findall(r"^\| ([0-9, ]+) \| `0x8007", page, re.MULTILINE)
+        self.assertEqual(sorted(map(int, ",".join(rows).split(","))), sorted(errors.ErrorNumber))
 
 
 class PackageTest(common.Case):

@@ -48,8 +48,7 @@ class CategoriesTest(RequestCase):
     def test_failures_keep_the_cache(self):
         good = "<categories><category categoryid='1'>one</category></categories>"
         other = good.replace("1", "2").replace("one", "two")
-        for scenario, body in (("reply", good), ("pieces", other), ("reply", ""), ("reply", "<categories><category"),
-                               ("close", ""), ("garbage", ""), ("reset-send", "")):
+        for scenario, body in (("reply", good), ("pieces", other), ("reply", ""), ("close", "")):
             with self.subTest(scenario + body):
                 self.plain(body, scenario=scenario)
                 self.assertEqual(self.data.GetPresetCategory("en"), {"1": "one"})
@@ -86,14 +85,12 @@ class LookUpTest(RequestCase):
         nulls = ((None, "", ""), ("", None, ""), ("", "", None))
         self.assertEqual([self.data.SetRelateVideo(*arguments) for arguments in nulls], [" "] * 3)
         self.assertEqual(peer.received(), b"")
-        for body, scenario, requests, answer in (
-                (self.ID, "reply", 2, "https://h/%41"), ("", "reply", 1, " "), ("<info/>", "reply", 1, " "),
-                ("<info><videoId/></info>", "reply", 1, " "), ("", "close", 1, " "),
-                (self.ID.replace("videoUrl", "other"), "reply", 2, " "),
-                ("<info><videoId>v</videoId><videoUrl/></info>", "reply", 2, "")):
-            peer = self.plain(body, scenario=scenario)
-            self.assertEqual(self.data.SetRelateVideo("", "", ""), answer, scenario + body)
-            self.assertEqual(peer.received().count(b"POST"), requests, scenario + body)
+        for body, requests, answer in (
+                ("", 1, " "), ("<info/>", 1, " "), ("<info><videoId/></info>", 1, " "),
+                (self.ID.replace("videoUrl", "other"), 2, " "), (self.ID.replace("https://h/%41", ""), 2, "")):
+            peer = self.plain(body)
+            self.assertEqual(self.data.SetRelateVideo("", "", ""), answer, body)
+            self.assertEqual(peer.received().count(b"POST"), requests, body)
         self.plain(self.ID, "--then", "")
         self.assertRaises(SystemError, self.data.SetRelateVideo, "", "", "")
 

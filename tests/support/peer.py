@@ -13,6 +13,7 @@ from __future__ import annotations
 import argparse
 import ast
 import contextlib
+import ctypes
 import datetime
 import ipaddress
 import os
@@ -130,6 +131,13 @@ class Exchange:
 
     def repeat(self, data: bytes, count: int) -> None:
         self.send(data * count)
+
+    def flood_messages(self, call: str, argument: int) -> None:
+        """Makes OpenSSL send a message after the handshake over and over: bytes flow, but no reply."""
+        library = ctypes.CDLL("libssl.so.3")  # the library under the ssl module, which does not expose it
+        session = ctypes.c_void_p.from_address(id(self.connection._sslobj) + 3 * ctypes.sizeof(ctypes.c_void_p))
+        while library.SSL_do_handshake(session) == 1 and not self.stop.wait(0.002):
+            getattr(library, call)(session, argument)
 
     def pause(self, seconds: float | None = None) -> None:
         self.stop.wait(self.options.pause if seconds is None else seconds)

@@ -1,6 +1,4 @@
-// See allocator.h.
-#include "tests/torture/allocator.h"
-
+// Fails one chosen allocation. Its malloc and operator new are preloaded into an interpreter. Thread: any.
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
@@ -12,6 +10,7 @@ extern "C" void __libc_free(void *block);
 
 namespace {
 
+enum : unsigned { kOnlyNew = 1, kNextThread = 2 }; // of the next thread that starts, not of the calling one
 struct Plan {
   int left; // allocations that still succeed; negative: all
   unsigned which;
@@ -43,16 +42,20 @@ void *Counted(void *block) {
 
 #pragma GCC visibility push(default)
 extern "C" {
+/// Makes the nth allocation from now on fail, counted from 0: of any, or of those of C++.
 void FailAllocation(int n, unsigned which) {
   g_hasFailed = false;
   ((which & kNextThread) ? g_next : t_plan) = {n, which};
   g_isNextPlanned = (which & kNextThread) != 0;
 }
+/// Makes no allocation of the calling thread fail any longer. Returns: 1 if one has failed since FailAllocation, else
+/// 0.
 int EndFailing() {
   t_plan.left = -1;
   g_isNextPlanned = false;
   return g_hasFailed;
 }
+/// How many blocks the process has.
 long LiveBlocks() { return g_live; }
 
 void *malloc(std::size_t size) { return Fails(false) ? nullptr : Counted(__libc_realloc(nullptr, size)); }

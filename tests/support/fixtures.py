@@ -15,8 +15,8 @@ REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 DEADLINE_SECONDS = 60.0
 
 
-def wait_until(condition: Any, what: str, seconds: float = DEADLINE_SECONDS) -> Any:
-    """Polls the condition and returns its first true value. Fails when the time is up."""
+def wait_until(condition: Any, what: str, seconds: float = DEADLINE_SECONDS, rest: Any = time.sleep) -> Any:
+    """Polls the condition, and rests in between. Returns its first true value. Fails when the time is up."""
     deadline = time.monotonic() + seconds
     while True:
         value = condition()
@@ -24,11 +24,10 @@ def wait_until(condition: Any, what: str, seconds: float = DEADLINE_SECONDS) -> 
             return value
         if time.monotonic() > deadline:
             raise AssertionError(f"{what}: not within {seconds:.0f} seconds")
-        time.sleep(0.01)
+        rest(0.01)
 
 
 def threads() -> Set[str]:
-    """Returns the identifiers of the process's threads."""
     return set(os.listdir("/proc/self/task"))
 
 

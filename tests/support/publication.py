@@ -1,9 +1,8 @@
 """One uploader under test that records its events. Needs the built tree on sys.path."""
 
-import time
 from typing import Any, List, Sequence, Tuple
 
-from fixtures import DEADLINE_SECONDS
+from fixtures import DEADLINE_SECONDS, wait_until
 
 import Skiffport
 from skiffhost import loop
@@ -20,7 +19,6 @@ class Publication:
         self.uploader.SetCallback(self.on_event)
 
     def on_event(self, *arguments: Any) -> None:
-        """The uploader's callable."""
         assert arguments[0] == "PROGRESS", arguments
         self.events.append(arguments[1:])
 
@@ -30,12 +28,7 @@ class Publication:
 
     def pump_until(self, condition: Any, seconds: float = DEADLINE_SECONDS) -> None:
         """Pumps events until the condition holds. Fails when the time is up."""
-        deadline = time.monotonic() + seconds
-        while not condition():
-            if time.monotonic() > deadline:
-                raise AssertionError(f"not within {seconds:.0f} seconds; events: {self.events[-3:]}")
-            loop.wait(0.05)
-            loop.pump()
+        wait_until(lambda: loop.pump() < 0 or condition(), "the events of the upload", seconds, loop.wait)
 
     def completion(self, seconds: float = DEADLINE_SECONDS) -> Tuple[Any, ...]:
         """Pumps until the upload ends. Returns the arguments that follow the completion's name."""

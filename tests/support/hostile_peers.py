@@ -4,6 +4,7 @@ A row names its outcomes by the letters of the calls. For all of them 1 stands f
 an empty answer leads to, and a number over 12000 for the error; a set says that timing decides.
 """
 
+from types import SimpleNamespace
 from typing import Any, Dict, List, NamedTuple, Tuple
 
 OK, END = b"HTTP/1.1 200 OK\r\n", b"\r\n\r\n"
@@ -32,20 +33,11 @@ class Late(NamedTuple):
     slack: float = 0
 
 
-class Row(NamedTuple):
-    what: str
-    script: Any  # a scenario or steps, those of peer.py
-    options: str
-    tls: str
-    role: str
-    memory: int  # the most MiB; 0 for the call's own limit
-    outcomes: Dict[str, Any]
-
-
 def row(what: str, script: Any, options: str = "", tls: str = "good", role: str = "service", memory: int = 0,
-        **outcomes: Any) -> Row:
+        **outcomes: Any) -> Any:
+    """The script is a scenario or steps of peer.py; the memory is the most MiB, or 0 for the call's own limit."""
     each = {call: outcome for calls, outcome in outcomes.items() for call in calls}
-    return Row(what, script, options, tls, role, memory, each)
+    return SimpleNamespace(what=what, script=script, options=options, tls=tls, role=role, memory=memory, outcomes=each)
 
 
 def early(seconds: float, outcome: Any = 12002, slack: float = 0) -> Late:
@@ -68,11 +60,11 @@ def chunks(data: bytes, *then: Any) -> Tuple[Any, ...]:
     return ("read", CHUNKED + data, *then)
 
 
-def proxy(what: str, script: Any, options: str = "", **outcomes: Any) -> Row:
+def proxy(what: str, script: Any, options: str = "", **outcomes: Any) -> Any:
     return row(what, script, options, role="proxy", **outcomes)
 
 
-GROUPS: Dict[str, List[Row]] = {
+GROUPS: Dict[str, List[Any]] = {
     "Connecting": [
         row("refuses the connection", "127.0.0.1:1", role="nobody", lru=12029, d=0),
         row("has a name that leads nowhere", "nowhere.invalid:443", role="nobody", lru=12007),
@@ -126,8 +118,7 @@ GROUPS: Dict[str, List[Row]] = {
         row("sends it without a length", lines(body=b"", then=(("repeat", b"xx", 1 + (4 << 20)),)), memory=60, v=12152),
         row("sends chunks", chunks(b"8;a\r\n<PIP><pi\r\n15\r\npURL>u</pipURL></PIP>\r\n0" + END), eu=1, r=0),
         row("sends trailers", chunks(b"1d\r\n" + PIP + b"\r\n0\r\n", ("flood", b"X: y\r\n" * 64)), eu=1, v=12152),
-        *(row(f"gives a chunk the size {size!r}", chunks(size + b"\r\n" + PIP), u=1, ev=12152) for size in (
-            b"zz", b"1000000000000001d")),
+        row("gives a chunk a huge size", chunks(b"1000000000000001d\r\n" + PIP), u=1, ev=12152),
         row("sends no last chunk", chunks(b"1d\r\n" + PIP + b"\r\n"), eu=1, v=" "),
         row("extends a chunk's size", chunks(b"1d;", ("flood", BLOCK)), u=Late(300, 1), e=Late(300)),
         row("stops halfway", "silent-body", REPLY, lv=Late(60), r=Late(60, (1, 12002)), u=Late(60, 1), e=0),
@@ -146,8 +137,7 @@ GROUPS: Dict[str, List[Row]] = {
         row("fails with an address all the same", "reply", ACCEPTED + " --status 500", u=(0, UPLOADED, "")),
         row("answers 200 early, and drains the body", "early-keep", REFUSED + "200", U=(1, "", REASON)),
         row("answers 413 early, and drains the body", "early-keep", REFUSED + "413", U=(0, "", REASON), f=(1, REFUSAL)),
-        *(row(f"answers {status} early, and reads no more", "early-hold", f"{REFUSED}{status} --window 4096",
-              U=(0, "", REASON)) for status in (302, 413)),
+        row("answers 413 early, and reads no more", "early-hold", REFUSED + "413 --window 4096", U=(0, "", REASON)),
         row("ends early", "early-keep", REFUSED + "200 --header Connection:close", U=(1, "", REASON), f=(1, REFUSAL)),
         row("answers 302 without an end", ("read-some", b"HTTP/1.1 302 No" + END, "hold"), U=Late(60, 0, slack=40)),
         row("answers 302 early, and says why when the data ends", ("read-some", b"HTTP/1.1 302 No" + END, "drain",

@@ -21,8 +21,7 @@ TOLERANCES = {"descriptors": 0.5, "heap KiB": 40, "blocks": 40, "tracked": 4}
 
 
 class Mallinfo(ctypes.Structure):
-    _fields_ = [(name, ctypes.c_size_t) for name in ("arena", "ordblks", "smblks", "hblks", "hblkhd", "usmblks",
-                                                     "fsmblks", "uordblks", "fordblks", "keepcost")]
+    _fields_ = [("numbers", ctypes.c_size_t * 10)]  # hblkhd, what is mapped, is number 4, and uordblks, in use, 7
 
 
 mallinfo = ctypes.CDLL(None).mallinfo2
@@ -34,8 +33,8 @@ while len(samples[0]) < ROUNDS or time.monotonic() < begin + 60 * float(sys.argv
         sys.exit(1)
     common.fixtures.wait_until(lambda: len(common.fixtures.threads()) == 1, "end of all threads")
     gc.collect()
-    heap = mallinfo()
-    for sample, figure in zip(samples, (len(os.listdir("/proc/self/fd")), (heap.uordblks + heap.hblkhd) // 1024,
+    heap = mallinfo().numbers
+    for sample, figure in zip(samples, (len(os.listdir("/proc/self/fd")), (heap[7] + heap[4]) // 1024,
                                         sys.getallocatedblocks(), len(gc.get_objects()))):
         sample.append(figure)
     print({name: sample[-1] for name, sample in zip(TOLERANCES, samples)}, flush=True)

@@ -15,8 +15,6 @@ SYN_SENT, ESTABLISHED = "02", "01"  # as in /proc/net/tcp
 
 
 class Place(NamedTuple):
-    """The peer of one phase."""
-
     host: str
     port: int
     process: int

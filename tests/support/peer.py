@@ -51,7 +51,6 @@ class Exchange:
         self.body, self.half = options.body, len(options.body) // 2
 
     def play(self) -> None:
-        """Plays the scenario and closes the connection."""
         with contextlib.suppress(OSError):  # the other side goes away, or refuses the certificate
             self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             if self.context and "tls" not in self.options.scenario:
@@ -62,7 +61,6 @@ class Exchange:
         self.connection.close()
 
     def head(self) -> bytes:
-        """Returns the reply's head."""
         length = LENGTHS[self.options.length].format(len(self.body), self.half)
         lines = ["HTTP/1.1 %d Scripted" % self.options.status, *self.options.header, length]
         return "\r\n".join(line for line in lines if line).encode() + b"\r\n\r\n"
@@ -80,7 +78,6 @@ class Exchange:
         self.connection = self.context.wrap_socket(self.connection, server_side=True)
 
     def end_tls(self) -> None:
-        """Announces the end of TLS."""
         with contextlib.suppress(OSError):
             self.connection.unwrap()
 
@@ -115,7 +112,6 @@ class Exchange:
         self.read(self.options.after)
 
     def reply(self) -> None:
-        """Sends the whole reply at once."""
         self.send(self.options.raw or self.head() + self.framed(self.body, b"0\r\n\r\n"))
 
     def half_reply(self) -> None:
@@ -125,7 +121,6 @@ class Exchange:
         self.send(self.framed(self.body[self.half:], b"0\r\n\r\n"))
 
     def flood(self, data: bytes, pause: float = 0) -> None:
-        """Sends the same bytes without end."""
         while not self.stop.wait(pause):
             self.send(data)
 
@@ -156,7 +151,6 @@ class Exchange:
         self.connection.shutdown(socket.SHUT_WR)
 
     def reset(self) -> None:
-        """Ends the connection with a reset."""
         self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         os.close(self.connection.detach())
 
@@ -260,7 +254,6 @@ def make_certificates(folder: str) -> None:
 
 
 def parse(arguments: Sequence[str] | None = None) -> argparse.Namespace:
-    """Parses the command line."""
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     add = parser.add_argument
     add("scenario", metavar="SCENARIO", help=f"steps, or certificates, or one of {', '.join(SCENARIOS)}")

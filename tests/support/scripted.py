@@ -35,7 +35,6 @@ class Peer(NamedTuple):
     record: pathlib.Path
 
     def received(self) -> bytes:
-        """Returns everything received so far."""
         return self.record.read_bytes()
 
 

@@ -154,8 +154,8 @@ GROUPS: Dict[str, List[Any]] = {
     ],
     "Proxies": [
         proxy("forwards plain requests", ("read", GOOD), r=1, e=0),
-        proxy("opens the tunnel", (*TUNNEL, "tls", "read", GOOD), "--tls good --certs CERTS", su=1),
-        proxy("opens it to a stranger", (*TUNNEL, "tls"), "--tls unknown-issuer --certs CERTS", su=12045),
+        proxy("opens the tunnel", (*TUNNEL, "tls", "read", GOOD), "--tls good", su=1),
+        proxy("opens it to a stranger", (*TUNNEL, "tls"), "--tls unknown-issuer", su=12045),
         proxy("wants a password", "reply", REPLY + " --status 407", r=1, su=12029),
         proxy("answers with garbage", "garbage", r=12152, su=LOST),
         proxy("never answers", "silent-reply", r=early(60), s=early(5), u=early(60)),

@@ -10,7 +10,6 @@ import os
 import pathlib
 import re
 import shlex
-import signal
 import sys
 import tempfile
 
@@ -28,7 +27,6 @@ os.environ["SKIFFPORT_REGISTRY"] = registry.name
 
 import fixtures  # noqa: E402
 import hostile_peers as table  # noqa: E402
-import peer  # noqa: E402
 import scripted  # noqa: E402
 from publication import Publication  # noqa: E402
 
@@ -99,29 +97,18 @@ def make_calls(folder):
 
 
 def direct(network, row, call):
-    """Leads the connections of a call to the row's peer, which it forks. Returns its process, 0 for none."""
+    """Leads the connections of a call to the row's peer."""
     host = scripted.DETECT if call == "d" else HOST
     if row.role == "nobody":
-        return network.lead(f"{host}::{row.script}") or 0
-    arguments = [row.script if isinstance(row.script, str) else repr(row.script),
-                 *shlex.split(row.options.replace("CERTS", network.certificates))]
+        return network.lead(f"{host}::{row.script}")
+    arguments = [row.script if isinstance(row.script, str) else repr(row.script), *shlex.split(row.options)]
     if call == "d":
         arguments = [each.replace(table.BODY.decode(), table.FOUND.decode()) for each in arguments]
-    if row.tls and call in HAS_TLS and row.role == "service":
-        arguments += ["--tls", row.tls, "--certs", network.certificates]
-    reader, writer = os.pipe()
-    process = os.fork()
-    if process == 0:
-        os.dup2(writer, sys.stdout.fileno())
-        peer.serve(peer.parse(arguments), signal.pause)
-    os.close(writer)
-    with open(reader) as answer:
-        port = int(answer.readline().split()[1])
+    port = network.play(host, *arguments, tls=row.tls if call in HAS_TLS and row.role == "service" else "").port
     network.lead(f"{host}:{80 if call == 'v' else ''}:127.0.0.1:{port}")
     if row.role == "proxy":
         network.lead(f"{host}::{host}:")
         os.environ["http_proxy"] = os.environ["https_proxy"] = f"http://127.0.0.1:{port}"
-    return process
 
 
 def fits(outcome, wanted):
@@ -137,7 +124,7 @@ def play(calls, rules, row, call):
     with scripted.Network() as network:
         for rule in rules:
             network.lead(rule)
-        process = direct(network, row, call)
+        direct(network, row, call)
         log.truncate(0)
         libc.malloc_trim(0)
         pathlib.Path("/proc/self/clear_refs").write_text("5")  # resets the most
@@ -147,9 +134,6 @@ def play(calls, rules, row, call):
         ticks = driven.DriveClock(int(limit.seconds * 1000 / LOOKS), waits)
         outcome = calls[call]()
         seconds, growth = (driven.DriveClock(0, False) - ticks) / 1000, resident("VmHWM") - before
-    if process:
-        os.kill(process, signal.SIGKILL)
-        os.waitpid(process, 0)
     log.seek(0)
     numbers = [int(code) if code else int(result, 16) for code, result in NUMBER.findall(log.read())]
     if call in IS_TRACED and numbers and numbers[-1]:

@@ -25,7 +25,7 @@ import struct
 import sys
 import threading
 from pathlib import Path
-from typing import Any, Callable, Sequence
+from typing import Any, Sequence
 
 NAMES = ("good.test", "*.kestrelhub.example", "127.0.0.1", "::1", "localhost")
 DAY = datetime.timedelta(days=1)
@@ -191,8 +191,8 @@ def accept(listener: socket.socket, options: argparse.Namespace, stop: threading
         threading.Thread(target=exchange.play, daemon=True).start()
 
 
-def serve(options: argparse.Namespace, wait: Callable[[], Any]) -> None:
-    """Listens, and plays until the wait ends."""
+def serve(options: argparse.Namespace) -> None:
+    """Listens, and plays until standard input closes."""
     signal.alarm(LONGEST_SECONDS)
     stop, listener = threading.Event(), socket.socket()
     if options.window:
@@ -206,7 +206,7 @@ def serve(options: argparse.Namespace, wait: Callable[[], Any]) -> None:
     if options.scenario:
         threading.Thread(target=accept, args=(listener, options, stop), daemon=True).start()
     print("port", listener.getsockname()[1], flush=True)
-    wait()
+    sys.stdin.buffer.read()
     stop.set()
     os._exit(0)
 
@@ -279,4 +279,4 @@ if __name__ == "__main__":
     if (chosen := parse()).scenario == "certificates":
         make_certificates(chosen.certs)
     else:
-        serve(chosen, sys.stdin.buffer.read)
+        serve(chosen)

@@ -15,7 +15,6 @@ import ast
 import contextlib
 import ctypes
 import datetime
-import ipaddress
 import os
 import re
 import signal
@@ -27,7 +26,7 @@ import threading
 from pathlib import Path
 from typing import Any, Sequence
 
-NAMES = ("good.test", "*.kestrelhub.example", "127.0.0.1", "::1", "localhost")
+NAMES = ("good.test", "*.kestrelhub.example")
 DAY = datetime.timedelta(days=1)
 PAST, FUTURE = datetime.datetime(2020, 1, 1), datetime.datetime.utcnow() + 3650 * DAY
 # What sets each kind of certificate apart; "issuer" names another kind, "self" or "stranger", not the authority.
@@ -225,14 +224,10 @@ def make_certificates(folder: str) -> None:
         key: Any = rsa.generate_private_key(65537, bits) if bits else ec.generate_private_key(ec.SECP256R1())
         subject = x509.Name([x509.NameAttribute(NameOID.COMMON_NAME, name)])
         chain, issuer_key = issuer or ([], key)
-        is_authority = name != "good.test"
-        extensions = [x509.BasicConstraints(is_authority, None)]
-        if not is_authority:
-            extensions.append(x509.ExtendedKeyUsage([getattr(ExtendedKeyUsageOID, purpose)]))
-            if names:
-                extensions.append(x509.SubjectAlternativeName([
-                    x509.DNSName(name) if name[-1].isalpha() else x509.IPAddress(ipaddress.ip_address(name))
-                    for name in names]))
+        extensions = [x509.BasicConstraints(name != "good.test", None),
+                      x509.ExtendedKeyUsage([getattr(ExtendedKeyUsageOID, purpose)])]
+        if names:
+            extensions.append(x509.SubjectAlternativeName(list(map(x509.DNSName, names))))
         builder = x509.CertificateBuilder(chain[0].subject if chain else subject, subject, key.public_key(),
                                           x509.random_serial_number(), min(since, until - DAY), until)
         for extension in extensions:

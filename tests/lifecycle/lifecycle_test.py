@@ -1,8 +1,7 @@
 """What a process may do at any moment: fork, exit, be signalled, pump on many threads, or lose its peer. Each case is a
 run of program.py, of which the exit status, the output and the time are checked.
 
-SKIFFPORT_TREE names the built tree, LIFECYCLE_SEED repeats a run, LIFECYCLE_PRELOAD names a sanitizer's libraries for
-the programs, and LIFECYCLE_ROUNDS says how many exits there are at random moments; with a sanitizer there are fewer.
+SKIFFPORT_TREE names the built tree, LIFECYCLE_SEED repeats a run, LIFECYCLE_PRELOAD names a sanitizer's libraries.
 """
 
 import json
@@ -21,7 +20,7 @@ import phases  # noqa: E402
 
 SEED = os.environ.get("LIFECYCLE_SEED") or str(random.SystemRandom().randrange(10**9))
 PRELOAD = os.environ.get("LIFECYCLE_PRELOAD", "")
-ROUNDS = int(os.environ.get("LIFECYCLE_ROUNDS") or (6 if PRELOAD else 24))
+EXITS = 6 if PRELOAD else 24  # at random moments
 PROGRAM = pathlib.Path(__file__).with_name("program.py")
 FIRST = ("sys", "ssl", "asyncio")  # what the programs import before the module: OpenSSL then has another first user
 WAYS = {"sys.exit": 3, "os._exit": 4, "raise": 1, "return": 0, "SIGTERM": -signal.SIGTERM}
@@ -49,7 +48,7 @@ class LifecycleTest(common.NetworkCase):
         runs = [("fork_and_kill", phase, "upload", 0) for phase in phases.PHASES]
         runs += [("fork_and_kill", phase, "login", 0) for phase in ("connect", "tls", "silent", "half")]
         deck = [("leave", phase, *way) for phase in phases.PHASES for way in WAYS.items()]
-        runs += dice.sample(deck, min(ROUNDS, len(deck)))
+        runs += dice.sample(deck, EXITS)
         runs += [("storm", "fast", "", 0), ("pump_on_threads", "fast", "", 0)]
         if not PRELOAD:  # the locks of a sanitizer do not survive a fork while other threads allocate
             runs += [("fork_often", "fast", "", 0)] * len(FIRST)

@@ -32,10 +32,7 @@ def threads() -> Set[str]:
 
 
 def wait_for_threads(before: Set[str], what: str) -> None:
-    """Waits until every thread has ended that is not among those of ``before``.
-
-    Their number would mislead: a thread of an earlier call may end in the meantime.
-    """
+    """Waits until every thread has ended but those of ``before``, of which any may end meanwhile, too."""
     wait_until(lambda: before.issuperset(threads()), what)
 
 

@@ -35,7 +35,6 @@ import Skiffport  # noqa: E402
 HOST = "good.test"
 LOOKS = 120  # at the clock, at least, before a limit passes
 NUMBER = re.compile(rb"Error code: (\d+)|hr\(0x(?:8007)?(\w+)\)")
-SANITIZED = "asan" in os.environ.get("LD_PRELOAD", "")
 curl = ctypes.CDLL("libcurl.so.4")
 curl.curl_version.restype = ctypes.c_char_p
 # Other versions tell some failures apart in another way, find some of them sooner, and take more memory.
@@ -142,7 +141,7 @@ def play(calls, rules, row, call):
     least, most = limit.seconds * (0.99 if IS_KNOWN else 0), limit.seconds * 1.4 + limit.slack * LEEWAY
     if limit.seconds and not least <= seconds <= most:
         fault += f" after {seconds:.2f} s"
-    if growth > (row.memory or MEMORY.get(call, 4)) * LEEWAY and not SANITIZED:
+    if growth > (row.memory or MEMORY.get(call, 4)) * LEEWAY and "asan" not in os.environ.get("LD_PRELOAD", ""):
         fault += f" with {growth:.1f} MiB"
     return fault
 

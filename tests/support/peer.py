@@ -36,7 +36,6 @@ KINDS = {
     "unknown-issuer": {"issuer": "stranger"}, "self-signed": {"issuer": "self"}, "no-issuer-right": {"issuer": "good"},
     "client-only": {"purpose": "CLIENT_AUTH"}, "weak-key": {"bits": 1024}, "common-name-only": {"names": ()},
 }
-LONGEST_SECONDS = 900  # for a peer that nobody ends
 LENGTHS = {"right": "Content-Length: {0}", "none": "", "short": "Content-Length: {1}", "long": "Content-Length: 999999",
            "negative": "Content-Length: -1", "garbage": "Content-Length: abc", "chunked": "Transfer-Encoding: chunked"}
 
@@ -146,7 +145,6 @@ class Exchange:
             self.pause(pause)
 
     def shut(self) -> None:
-        """Ends the sending, but keeps the connection."""
         self.connection.shutdown(socket.SHUT_WR)
 
     def reset(self) -> None:
@@ -176,7 +174,6 @@ SCENARIOS = {
 
 
 def accept(listener: socket.socket, options: argparse.Namespace, stop: threading.Event) -> None:
-    """Plays each connection on its own thread."""
     context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER) if options.tls else None
     if context:
         context.set_ciphers("DEFAULT:@SECLEVEL=0")  # for weak keys, too
@@ -192,7 +189,7 @@ def accept(listener: socket.socket, options: argparse.Namespace, stop: threading
 
 def serve(options: argparse.Namespace) -> None:
     """Listens, and plays until standard input closes."""
-    signal.alarm(LONGEST_SECONDS)
+    signal.alarm(900)  # in case nobody ends it
     stop, listener = threading.Event(), socket.socket()
     if options.window:
         listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, options.window)

@@ -23,7 +23,6 @@ class Publication:
         self.events.append(arguments[1:])
 
     def start(self, paths: Sequence[Any], texts: Sequence[Any] = TEXTS, number: int = 7) -> int:
-        """Starts an upload of thirteen paths. Returns StartUpload's result."""
         return self.uploader.StartUpload(*paths, *texts, number)
 
     def pump_until(self, condition: Any, seconds: float = DEADLINE_SECONDS) -> None:

@@ -73,8 +73,7 @@ class Network(contextlib.ExitStack):
 
 @contextlib.contextmanager
 def browser() -> Iterator[Any]:
-    """Installs a browser opener that records what it opens, unless it inherits a descriptor. Yields a function that
-    returns the record."""
+    """Installs a browser that records what it opens, unless it inherits a descriptor. Yields what reads the record."""
     with tempfile.TemporaryDirectory() as folder, open(os.devnull) as null:
         opened, opener = pathlib.Path(folder, "opened"), pathlib.Path(folder, "xdg-open")
         inheritable = fcntl.fcntl(null, fcntl.F_DUPFD, 100)

@@ -63,10 +63,8 @@ void *calloc(std::size_t count, std::size_t size) {
   return Fails(false) ? nullptr : Counted(__libc_calloc(count, size));
 }
 void *realloc(void *block, std::size_t size) {
-  if (!block)
-    return malloc(size);
   void *const changed = Fails(false) ? nullptr : __libc_realloc(block, size);
-  g_live -= !changed && size == 0; // which frees
+  g_live += block ? -(!changed && size == 0) : changed != nullptr; // a size of 0 frees
   return changed;
 }
 void free(void *block) {

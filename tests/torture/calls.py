@@ -99,8 +99,6 @@ def leave():
     sys.modules["running"], thread = start_upload(print)
 
 
-# What makes allocations fail.
-
 def run(call, n, which):
     """Returns the outcome, NO_MEMORY if memory ran out, and whether an allocation failed."""
     ALLOCATOR.FailAllocation(n, which)
@@ -180,8 +178,7 @@ def main():
               EACH)
     with open("/proc/self/fd/2", "rb") as trace:
         ends = {int(number, 16) for number in re.findall(rb"hr\(0x(?:8007)?(\w+)\)", trace.read())}
-    if not {0, 14} <= ends <= ENDS:
-        print("uploads end with", ends)
+    assert {0, 14} <= ends <= ENDS, ends
 
 
 main()

@@ -63,7 +63,6 @@ class UploadTest(common.StandinCase):
         texts = ("k-1", 'Ti"t\r\nle', "ca\U0001F600", "", "lone \ud800 pair \ud83d\ude00", None, "pi")
         publication = self.publication()
         thread_id = publication.start(paths, texts, -5)
-        self.assertEqual(publication.uploader.GetUploadedFileUrl(), "")
         completion, stored = publication.completion(), self.standin.presets()[-1]
         address = publication.uploader.GetUploadedFileUrl()
         self.assertEqual(completion, (100, 1, address, "", thread_id, -5))

@@ -13,8 +13,7 @@ from statistics import median
 sys.path.insert(0, str(pathlib.Path(__file__).with_name("python")))
 import common  # noqa: E402
 
-CASES = ("test_upload.UploadTest", "test_service", "test_requests", "test_loop.FunctionsTest", "test_loop.AsyncioTest",
-         "test_helpers.UploaderTest")
+CASES = ("test_upload.UploadTest", "test_service", "test_requests", "test_loop", "test_helpers.UploaderTest")
 ROUNDS = 4  # at least
 # Growth in a round that is no leak. The heap's is setenv's, which keeps every value: each peer has another port.
 TOLERANCES = {"descriptors": 0.5, "heap KiB": 40, "blocks": 40, "tracked": 4}

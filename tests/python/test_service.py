@@ -51,9 +51,11 @@ class DiscoveryTest(common.NetworkCase):
 
     def test_calls_that_block_release_the_gil(self):
         self.network.play(DETECT, '("read", ("pause", 0.5))')
+        self.network.reply(DEFAULT, "")
         self.network.play(HOST, '("read", ("pause", 0.5))')
-        data, util = session(), Skiffport.KHConnectUtil()
-        for call in data.InitKHServerURL, lambda: util.SyncSendHttpRequestParam(HOST, 443, "/", ""):
+        data, known, util = session(), session(host=HOST), Skiffport.KHConnectUtil()
+        for call in (data.InitKHServerURL, lambda: known.LoginKestrelhub("u", "p"),
+                     lambda: util.SyncSendHttpRequestParam(HOST, 443, "/", "")):
             thread, beats = threading.Thread(target=call), 0
             thread.start()
             while thread.is_alive():

@@ -98,8 +98,7 @@ class CommandLineTest(common.StandinCase):
         return (process.returncode, *streams)
 
     def check(self, arguments, code, output="", errors="", **how):
-        """Runs the command. Each text must be in its stream, in one line of errors, and no text means nothing. Returns
-        the output."""
+        """Runs the command. Each text must be in its stream, in one line of errors, and no text means nothing."""
         found = self.run_cli(*arguments, **how)
         self.assertEqual((found[0], bool(found[1]), found[2].count("\n")), (code, bool(output), bool(errors)),
                          (arguments, found))

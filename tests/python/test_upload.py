@@ -126,14 +126,15 @@ class UploadTest(common.StandinCase):
         self.assertLessEqual(atexit._ncallbacks(), hooks + 1, "the exit hook is registered once")
 
     def test_cancels_only_the_running_upload(self):
-        publication = self.publication(self.preset(SLOW))
+        publication = self.publication()
+        publication.uploader.CancelUpload()  # idle: no effect on the next
+        publication.start(self.preset())
+        self.assertEqual(publication.completion()[1], 1)
+        publication.events.clear()
+        publication.start(self.preset(SLOW))
         publication.pump_until(lambda: publication.events)
         publication.uploader.CancelUpload()
         self.assertEqual(publication.completion()[1:4], (0, "", ""))
-        publication.uploader.CancelUpload()  # idle: no effect on the next
-        publication.events.clear()
-        publication.start(self.preset())
-        self.assertEqual(publication.completion()[1], 1)
 
     def test_a_callable_may_raise_or_be_replaced_or_removed(self):
         def raising(*arguments):

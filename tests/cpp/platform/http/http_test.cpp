@@ -128,15 +128,6 @@ TEST(Http, SmallWritesWaitAndLargeOnesAreOutOnReturn) {
   }
 }
 
-TEST(Http, EarlyReplyEndsTheSendingIfItRefuses) {
-  Peer peer("early-hold --status 302 --body moved --length long --after 1000 --window 8192");
-  Client client(80);
-  ASSERT_EQ(0u, client.Begin(8 << 20));
-  for (int n = 0; n < 8; ++n)
-    ASSERT_EQ(0u, client.Write(kMegabyte));
-  EXPECT_EQ(0u, client.End());
-}
-
 TEST(Http, PartOfABrokenReplyIsReadFirst) {
   Peer peer(R"(reply --raw 'HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhello\r\nxyz\r\n')");
   Client client(80);

@@ -47,6 +47,7 @@ TEST_F(UploaderTest, SendsTheDeclaredBytesAndReadsTheReply) {
   EXPECT_EQ(m_dwSlept, 50U) << "one chunk";
   std::string const sent = peer.Received();
   std::string const boundary = sent.substr(sent.find("boundary=") + 9, 39);
+  EXPECT_EQ(boundary.find_last_not_of("0123456789ABCDEF"), 26U) << boundary;
   std::string const part = "--" + boundary + "\r\nContent-Disposition: form-data; name=\"";
   std::string const file = part + "f\"; filename=\"" + Folder();
   std::string const body = part + "empty\"\r\n\r\n\r\n" + part + "title\"\r\n\r\nabc\r\n" + file +
@@ -121,9 +122,6 @@ TEST_F(UploaderTest, EndsTheUploadAtTheFirstFailedCall) {
     EXPECT_EQ(Post(), UPLOAD_E_CANCELLED);
     EXPECT_EQ(receiver.files, nQuery < 2 ? failed : one + failed) << nQuery;
   }
-  job.ClearFiles();
-  receiver.nQueriesBeforeStop = 0;
-  EXPECT_EQ(Post(), S_OK) << "a job without files never asks";
 }
 
 TEST_F(UploaderTest, RunsOnAThreadThatCanBeAborted) {

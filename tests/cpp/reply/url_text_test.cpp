@@ -12,7 +12,6 @@ TEST(DecodeURLText, DecodesOneCharacterPerEscapeAndCutsLongText) {
   for (wchar_t const *wszEnded : {L"a%g4b", L"a%00b", L"a%+1b", L"a%0xb", L"a%", L"a%4"})
     EXPECT_EQ(DecodeURLText(wszEnded), L"a") << testing::PrintToString(wszEnded);
   EXPECT_EQ(DecodeURLText(L"") + DecodeURLText(nullptr), L"");
-  EXPECT_EQ(DecodeURLText(std::wstring(2047, L'a').c_str()).size(), 2047U);
   std::wstring const decoded = DecodeURLText(std::wstring(2046, L'a').append(L"%62%63").c_str());
   EXPECT_EQ(decoded.find(L"ab"), 2045U) << "cut after the last character that fits";
   EXPECT_EQ(decoded.size(), 2047U);

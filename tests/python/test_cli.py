@@ -44,7 +44,7 @@ LOGIN, VIDEO = ["--user", launch.USER], ["relate-video", "https://v.example/?a=1
 REQUEST = ["request", DEFAULT, "/servlet/getPresetCategory", "--port", "80", "--params", "ap=TWR&Locid=en"]
 # Imports everything, so that the standard library is there, and then once more as on Windows.
 AS_ON_WINDOWS = """
-import _signal, asyncio, importlib, os, pkgutil, signal, sys
+import _signal, asyncio, importlib, os, pkgutil, shutil, signal, sys
 import Skiffport, skiffhost
 names = [name for _, name, _ in pkgutil.walk_packages(skiffhost.__path__, "skiffhost.") if "_messageloop" not in name]
 for name in names:

@@ -27,6 +27,7 @@ ENVIRONMENT = {
     "SSLKEYLOGFILE": "File to which the keys of each TLS connection are appended; who reads it can decrypt them.",
     "SKIFFPORT_CONNECT_TO": "Redirections of connections; --connect-to replaces it.",
     "SKIFFPORT_REGISTRY": "The file that switches the module's trace on; --verbose replaces it.",
+    "SKIFFPORT_DEBUG_OUTPUT": "File that the trace is appended to instead of standard error.",
     "http_proxy, https_proxy, all_proxy, no_proxy": "Proxies for plain and TLS requests, and hosts that need none.",
     "TERM": "If it is dumb or unset, progress is printed as lines.",
 }

@@ -19,25 +19,36 @@ from skiffhost import loop  # noqa: E402
 
 PRESET = "evening-sky"
 SIZES = {"effect": 120_000_000, "cover_after": 9_000_000}  # large enough to catch the bar half full
-POLL_MILLISECONDS = 5
 DEADLINE_MILLISECONDS = 60000
 
 
-def run_until(condition, what):
-    """Runs the window's event loop until the condition holds."""
-    waiting, poll, deadline = QtCore.QEventLoop(), QtCore.QTimer(), QtCore.QTimer()
-    poll.timeout.connect(lambda: condition() and waiting.exit(0))
-    poll.start(POLL_MILLISECONDS)
+def run_until(window, *steps):
+    """Runs the window's event loop through steps of a name, a condition and an action, each taken at the moment when
+    its condition holds: the next event may end that."""
+    waiting, deadline, left, show = QtCore.QEventLoop(), QtCore.QTimer(), list(steps), window._show
+
+    def look():
+        while left and left[0][1]():
+            left.pop(0)[2]()
+        if not left:
+            window._show = show
+            waiting.exit(0)
+
+    def show_and_look(*arguments, **named):
+        show(*arguments, **named)
+        look()
+
+    window._show = show_and_look
+    QtCore.QTimer.singleShot(0, look)
     deadline.timeout.connect(lambda: waiting.exit(1))
     deadline.start(DEADLINE_MILLISECONDS)
     if (waiting.exec() if hasattr(waiting, "exec") else waiting.exec_()) != 0:
-        sys.exit(f"make_screenshots.py: the window did not reach: {what}")
+        sys.exit(f"make_screenshots.py: the window did not reach: {left[0][0]}")
 
 
 def take_all(window, target):
-    def take(name, condition):
-        run_until(condition, name)
-        window.grab().save(str(target / f"qt-{name}.png"))
+    def picture(name, condition):
+        return name, condition, lambda: window.grab().save(str(target / f"qt-{name}.png"))
 
     def says(start):
         return lambda: window.status.text().startswith(start)
@@ -46,20 +57,18 @@ def take_all(window, target):
         window.title.setText(title)
         window.publish_button.click()
 
-    take("idle", says("Ready"))
+    run_until(window, picture("idle", says("Ready")))
     publish("Evening sky")
-    take("uploading", lambda: window.bar.value() >= 55)
-    take("finishing", says("Finishing"))
-    take("published", says("Published"))
+    run_until(window, picture("uploading", lambda: window.bar.value() >= 55), picture("finishing", says("Finishing")),
+              picture("published", says("Published")))
     password = window.password.text()
     window.password.setText("wrong")
     publish("Evening sky")
-    take("refused", says("Not published: "))
+    run_until(window, picture("refused", says("Not published: ")))
     window.password.setText(password)
     publish("Evening sky")
-    run_until(lambda: window.bar.value() >= 40, "the upload to be cancelled")
-    window.cancel_button.click()
-    take("cancelled", says("Not published: cancelled"))
+    run_until(window, ("the upload to be cancelled", lambda: window.bar.value() >= 40, window.cancel_button.click),
+              picture("cancelled", says("Not published: cancelled")))
 
 
 def main(folder):

@@ -55,7 +55,9 @@ def take_cause() -> Optional[int]:
 
     Call it in the uploader's callable. Empties the record.
     """
-    if _record is None or sys.platform == "win32":
+    if sys.platform == "win32":
+        return None
+    if _record is None:
         return None
     size = os.fstat(_record).st_size
     found = END_OF_UPLOAD.findall(os.pread(_record, LONGEST_LINE, max(size - LONGEST_LINE, 0)))

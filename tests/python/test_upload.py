@@ -92,10 +92,13 @@ class UploadTest(common.StandinCase):
         self.assertEqual((loop.pump(), publication.events), (0, []))
 
     def test_fails_at_a_file_that_cannot_be_sent_or_changes(self):
+        os.mkfifo(self.scratch / "fifo")
         publication, paths = self.publication(), self.preset()
-        thread_id = publication.start(paths[:5] + [str(self.scratch)] + paths[6:], number=3)
-        self.assertEqual(publication.completion(), (100, 0, "", "", thread_id, 3))
-        self.assertEqual({event[7] for event in publication.events[:-1]}, set(paths[:5]))
+        for number, bad in enumerate([str(self.scratch), str(self.scratch / "fifo"), "/dev/null"]):
+            publication.events.clear()
+            thread_id = publication.start(paths[:5] + [bad] + paths[6:], number=number)
+            self.assertEqual(publication.completion(), (100, 0, "", "", thread_id, number))
+            self.assertEqual({event[7] for event in publication.events[:-1]}, set(paths[:5]))
         for change in (os.unlink, lambda path: os.truncate(path, 10), lambda path: os.truncate(path, 1000)):
             paths = self.preset(SLOW)
             publication = self.publication(paths)

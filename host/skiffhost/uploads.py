@@ -77,7 +77,7 @@ class Uploader:
         """Asks the upload to stop; its completion event still comes. Does nothing after the end of the block."""
         if self._native is not None:
             self._native.CancelUpload()
-            if self.tracker is not None:
+            if self.tracker is not None and self._future is not None:
                 self.tracker.cancel()
 
     def GetUploadedFileUrl(self) -> str:
@@ -103,7 +103,7 @@ class Uploader:
         self.close()
 
     def _on_event(self, *event: Any) -> None:
-        future, tracker = self._future, self.tracker
+        future, tracker, on_progress = self._future, self.tracker, self._on_progress
         if future is None or tracker is None or self._native is None:
             return
         tracker.feed(*event)
@@ -115,8 +115,8 @@ class Uploader:
                 self._callback(*event)
         finally:
             try:
-                if self._on_progress is not None:
-                    self._on_progress(tracker)
+                if on_progress is not None:
+                    on_progress(tracker)
             finally:
                 if tracker.completion is not None:
                     _complete(future, tracker)
